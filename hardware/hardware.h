@@ -1,0 +1,118 @@
+// Plain records of the emulated custom chips: the four Paula audio channels,
+// the mixer with its output filters, and the two 8520 CIAs. The engine record
+// holds one of each; the functions that work on them live beside this header
+// (custom.cpp, paula.cpp, mixer.cpp, cia.cpp).
+#pragma once
+
+#include <cstdint>
+
+struct kelva;
+
+// PAL clocks.
+constexpr int32_t kPaulaClock = 3546895;   // colour clock, one mixer tick
+constexpr uint32_t kCpuClock = 7093790;    // 68000 clock
+constexpr uint32_t kEClock = 709379;       // CIA E-clock
+
+// One Paula audio channel as the DMA engine runs it. `data` always points
+// into the engine's RAM array and every index below stays inside it.
+struct paula_channel {
+    const uint8_t *data;        // start of the current block
+    uint32_t end;               // one past the last byte of the current pass
+    uint32_t loop_start;        // where a repeat pass begins
+    uint32_t loop_len;          // bytes in a repeat pass; 0 = stop at the end
+    uint32_t pos;               // index of the sample being output
+    uint64_t step;              // period << 16 (ticks per sample, 16.16)
+    uint64_t phase;             // ticks since the last fetch, 16.16
+    const uint8_t *next_data;   // queued block, null when none
+    uint32_t next_start;
+    uint32_t next_len;
+    int8_t sample;              // current output sample
+    uint16_t volume;            // 0..64
+    uint8_t pwm;                // 6-bit pulse-width volume counter
+    uint8_t active;
+    uint8_t muted;
+    uint8_t queued;
+    uint8_t backward;
+    uint8_t block_done;         // a block was fetched to its end; raises AUDx
+};
+
+// The register latches of one channel as the player wrote them (AUDxLC,
+// AUDxLEN, AUDxPER, AUDxVOL), and whether its DMA is running.
+struct audio_latch {
+    uint32_t lc;
+    uint16_t len;
+    uint16_t per;
+    uint8_t vol;          // 7 bits kept
+    uint8_t dma_running;
+};
+
+// The mixer: runs the analogue output path at the Paula clock and averages
+// the ticks of each output frame. Stage order per side: one-pole model
+// filter -> LED biquad (when on) -> 1/128 scale -> four anti-alias biquads.
+struct paula_mixer {
+    int32_t rate;               // output frames per second
+    int32_t clock;              // Paula clock
+    int32_t frame_ticks;        // rate / 50, for the render loop
+    uint32_t model;             // 1 = A1200, anything else A500
+    uint64_t ticks_per_frame;   // (clock << 16) / rate
+    uint64_t tick_frac;         // fraction carried between frames
+    double rc_coef;
+    double rc_state[2];
+    uint32_t led_on;
+    double led_b0, led_b1, led_b2, led_a1, led_a2;
+    double led_state[2][2];     // [side][s1, s2]
+    struct biquad {
+        double b0, a1, a2;      // b1 = 2 b0, b2 = b0
+    } aa[4];
+    double aa_state[4][2][2];   // [section][side][s1, s2]
+};
+
+// One 8520 CIA as far as replay routines use it. Timers count in output
+// frames rather than E-clock ticks.
+struct cia_state {
+    uint16_t ta_latch;
+    uint8_t cra;
+    uint8_t ta_running;
+    uint8_t ta_oneshot;
+    double ta_period;
+    double ta_left;
+    uint16_t tb_latch;
+    uint8_t crb;
+    uint8_t tb_running;
+    uint8_t tb_oneshot;
+    double tb_period;
+    double tb_left;
+    uint8_t icr_mask;
+    uint8_t icr_data;
+    uint8_t pra, prb, ddra, ddrb;
+    uint32_t handlers[5];
+};
+
+// Chip functions the engine calls (custom.cpp, paula.cpp, mixer.cpp, cia.cpp).
+
+// Mixer and channels back to their reset state for k->rate and k->model:
+// clock, frames per video frame, model flag, coefficients, LED filter on,
+// channels and latches cleared.
+void paula_reset(kelva *k);
+// Recomputes every filter coefficient from rate, clock and model.
+void paula_recalc(paula_mixer *m);
+// Adds `frames` stereo frames of the four channels to `out` (cleared by the
+// caller). frames <= 0 does nothing.
+void paula_mix_frames(kelva *k, float *out, int32_t frames);
+// Channel DMA control, driven by DMACON and the audio latches.
+void paula_dma_start(kelva *k, int x);
+void paula_dma_stop(kelva *k, int x);
+void channel_queue(kelva *k, int x);
+// Output frames until channel x passes the end of its current block, at
+// least 1; 0 when the channel is not running (no event to schedule).
+int32_t paula_frames_to_block_end(const kelva *k, int x);
+
+// Both CIAs back to reset: handlers cleared, periods and counters 1.0.
+void cia_reset(kelva *k);
+// Frames until the earliest running timer underflows, as the render loop
+// cuts chunks: 1 if a countdown is at most 1, else countdown + 0.999999
+// truncated. 0 when no timer runs.
+int32_t cia_frames_to_event(const kelva *k);
+// Counts `frames` off every running timer; underflows set ICR flags and
+// append enabled handlers to k->pending (at most 8).
+void cia_advance(kelva *k, int32_t frames);
