@@ -14,6 +14,5 @@ bool shared_exists(const std::string &sub) {
 }
 
 engine_ptr make_engine(int32_t rate) {
-    kelva_global_init();
     return engine_ptr(kelva_create(rate));
 }

@@ -22,5 +22,6 @@ struct engine_deleter {
     void operator()(kelva *k) const { kelva_destroy(k); }
 };
 using engine_ptr = std::unique_ptr<kelva, engine_deleter>;
-// A fresh engine (opcode table built) at the given rate.
+// A fresh engine at the given rate (tests that run 68k code call
+// kelva_global_init() themselves).
 engine_ptr make_engine(int32_t rate = 48000);
