@@ -1,0 +1,1 @@
+target_link_libraries(kelva_tests PRIVATE kelva_store)
