@@ -99,6 +99,13 @@ void paula_recalc(paula_mixer *m);
 // Adds `frames` stereo frames of the four channels to `out` (cleared by the
 // caller). frames <= 0 does nothing.
 void paula_mix_frames(kelva *k, float *out, int32_t frames);
+// Stereo separation of finished frames: with s < 1 every frame (L, R)
+// becomes (m + d, m - d), m = (L + R) / 2, d = (L - R) / 2 * s; s >= 1 leaves
+// the hard Amiga panning untouched.
+void paula_apply_separation(float *out, int32_t frames, float s);
+// Ticks per sample (16.16) for an AUDxPER value: 0 stays 0 (the channel is
+// left out of mixing), 1..112 play at 113.
+uint64_t paula_step(uint16_t period);
 // Channel DMA control, driven by DMACON and the audio latches.
 void paula_dma_start(kelva *k, int x);
 void paula_dma_stop(kelva *k, int x);
