@@ -1,0 +1,19 @@
+# Test players: small hunk executables built from tests/players/ with the
+# cross toolchain, into <build>/tests/players/<Name>. The tests find them
+# through KELVA_TEST_PLAYERS.
+include(${CMAKE_SOURCE_DIR}/cmake/KelvaPlayer.cmake)
+
+set(KELVA_TEST_PLAYERS_DIR ${CMAKE_BINARY_DIR}/tests/players)
+set(KELVA_TEST_PLAYER_NAMES Tone CiaTimer VBlank AudioIrq Subsong Companion Dos DosSegment Misbehave)
+foreach(p ${KELVA_TEST_PLAYER_NAMES})
+  kelva_add_player(NAME ${p} SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/${p}.S OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
+endforeach()
+kelva_add_player(NAME SongEnd SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/SongEnd.c OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
+list(APPEND KELVA_TEST_PLAYER_NAMES SongEnd)
+
+target_compile_definitions(kelva_tests PRIVATE KELVA_TEST_PLAYERS="${KELVA_TEST_PLAYERS_DIR}")
+if(KELVA_M68K_CC)
+  foreach(p ${KELVA_TEST_PLAYER_NAMES})
+    add_dependencies(kelva_tests kelva_player_${p})
+  endforeach()
+endif()

@@ -1,0 +1,70 @@
+/* Dos: reads a file and loads code through dos.library.
+ *
+ * InitPlayer opens "data.bin", seeks to byte 4, reads 8 bytes, seeks to the
+ * end to learn the size, and closes it. Then it LoadSegs "DosSegment" (a
+ * small hunk executable), calls its first segment's code and keeps the
+ * result. Everything it found is left in `results` for a test to read. */
+#include "kelva_player.h"
+
+    PLAYER_HEADER tags
+
+tags:
+    TAG DTP_PlayerName, name
+    TAG DTP_InitPlayer, init_player
+    TAG_END
+
+init_player:
+    movem.l d2-d4/a2/a6,-(sp)
+    lea     results,a2
+    movea.l DTG_DOSBase(a5),a6
+    move.l  #file_name,d1
+    move.l  #MODE_OLDFILE,d2
+    jsr     _LVOOpen(a6)
+    move.l  d0,(a2)                 /* results+0: handle */
+    beq.s   .fail
+    move.l  d0,d4
+    move.l  d4,d1
+    moveq   #4,d2
+    moveq   #OFFSET_BEGINNING,d3
+    jsr     _LVOSeek(a6)
+    move.l  d4,d1
+    move.l  #buffer,d2
+    moveq   #8,d3
+    jsr     _LVORead(a6)
+    move.l  d0,4(a2)                /* results+4: bytes read */
+    move.l  d4,d1
+    moveq   #0,d2
+    moveq   #OFFSET_END,d3
+    jsr     _LVOSeek(a6)            /* returns the position before: 12 */
+    move.l  d4,d1
+    moveq   #0,d2
+    moveq   #OFFSET_CURRENT,d3
+    jsr     _LVOSeek(a6)            /* now returns the size */
+    move.l  d0,8(a2)                /* results+8: file size */
+    move.l  d4,d1
+    jsr     _LVOClose(a6)
+
+    move.l  #seg_name,d1
+    jsr     _LVOLoadSeg(a6)
+    move.l  d0,12(a2)               /* results+12: segment list (BCPL) */
+    beq.s   .fail
+    lsl.l   #2,d0                   /* BCPL -> address of the link long */
+    movea.l d0,a0
+    jsr     4(a0)                   /* the code follows the link long */
+    move.l  d0,16(a2)               /* results+16: what the segment returned */
+    moveq   #0,d0
+    bra.s   .done
+.fail:
+    moveq   #1,d0
+.done:
+    movem.l (sp)+,d2-d4/a2/a6
+    rts
+
+file_name: .asciz "data.bin"
+seg_name:  .asciz "DosSegment"
+name:      .asciz "Dos"
+    .even
+
+    .bss
+results: .space 20
+buffer:  .space 8
