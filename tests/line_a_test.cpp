@@ -7,6 +7,7 @@
 #include <string>
 
 #include "amigaos/amigaos.h"
+#include "engine/call.h"
 #include "engine/engine.h"
 #include "hardware/bus.h"
 #include "support/test_support.h"
@@ -365,6 +366,70 @@ TEST(AmigaReadString, BoundedAndWrapsAtTheEndOfTheAddressSpace) {
     k->ram[2] = 0;   // wraps past $FFFFFF to $000000
     amiga_read_string(k.get(), 0xFFFFFE, buf, sizeof buf);
     EXPECT_EQ(std::string(buf), "AAAA");
+}
+
+// ---- traps reached from 68k code ----
+// Small hand-assembled routines at the player base, run by the routine
+// caller: they call the library vectors the way player code does.
+
+void put_code(kelva *k, uint32_t addr, std::initializer_list<uint16_t> words) {
+    for (uint16_t w : words) {
+        ram_put16(k, addr, w);
+        addr += 2;
+    }
+}
+
+TEST(TrapsFromCode, AllocMemThroughTheExecVector) {
+    kelva_global_init();
+    auto k = make_engine();
+    put_code(k.get(), kPlayerBase, {
+        0x2C78, 0x0004,   // movea.l 4.w,a6
+        0x7005,           // moveq #5,d0
+        0x4EAE, 0xFF3A,   // jsr -198(a6)      AllocMem
+        0x6602,           // bne.s +2          condition codes from D0
+        0x7401,           // moveq #1,d2       (skipped)
+        0x4E75,           // rts
+    });
+    EXPECT_EQ(deli_call(k.get(), kPlayerBase), kSlabStart);
+    EXPECT_EQ(k->d[2], 0u);
+    EXPECT_EQ(k->alloc_ptr, kSlabStart + 8);
+}
+
+TEST(TrapsFromCode, FailedOpenLibraryBranchesOnZero) {
+    kelva_global_init();
+    auto k = make_engine();
+    put_string(k.get(), 0x300000, "mathffp.library");
+    put_code(k.get(), kPlayerBase, {
+        0x227C, 0x0030, 0x0000,   // movea.l #$300000,a1
+        0x7403,                   // moveq #3,d2
+        0x4EAE, 0xFDD8,           // jsr -552(a6)   OpenLibrary
+        0x6702,                   // beq.s +2
+        0x7400,                   // moveq #0,d2    (skipped)
+        0x4E75,                   // rts
+    });
+    EXPECT_EQ(deli_call(k.get(), kPlayerBase), 0u);
+    EXPECT_EQ(k->d[2], 3u);
+}
+
+TEST(TrapsFromCode, CauseRunsTheInterruptAndReturnsToTheCaller) {
+    kelva_global_init();
+    auto k = make_engine();
+    uint32_t is = 0x300000, code = kPlayerBase + 0x100;
+    ram_put32(k.get(), is + 14, 0x00ABCDEF);
+    ram_put32(k.get(), is + 18, code);
+    put_code(k.get(), code, {
+        0x2409,   // move.l a1,d2     the interrupt sees its data in A1
+        0x4E75,   // rts
+    });
+    put_code(k.get(), kPlayerBase, {
+        0x227C, 0x0030, 0x0000,   // movea.l #$300000,a1
+        0x4EAE, 0xFF4C,           // jsr -180(a6)   Cause
+        0x7207,                   // moveq #7,d1    runs after the interrupt
+        0x4E75,                   // rts
+    });
+    deli_call(k.get(), kPlayerBase);
+    EXPECT_EQ(k->d[2], 0x00ABCDEFu);
+    EXPECT_EQ(k->d[1], 7u);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "amigaos/amigaos.h"
+#include "engine/call.h"
 #include "engine/engine.h"
 #include "hardware/bus.h"
 #include "support/test_support.h"
@@ -501,6 +502,40 @@ TEST_F(patch_fixture, AreaAtTheTopOfTheAddressSpaceStaysInside) {
     EXPECT_EQ(ram_get16(k.get(), 0xFFFFFC), 0x1234u);
     EXPECT_EQ(ram_get16(k.get(), 0x000000), 0x0000u);
     EXPECT_EQ(k->fault, 0);
+}
+
+// ---- support functions reached from 68k code ----
+
+void put_code(kelva *k, uint32_t addr, std::initializer_list<uint16_t> words) {
+    for (uint16_t w : words) {
+        ram_put16(k, addr, w);
+        addr += 2;
+    }
+}
+
+TEST_F(support_fixture, SongEndThroughTheGlobalsTable) {
+    kelva_global_init();
+    put_code(k.get(), kPlayerBase, {
+        0x206D, 0x005C,   // movea.l 92(a5),a0   the SongEnd pointer (56 + 4 * 9)
+        0x4E90,           // jsr (a0)
+        0x4E75,           // rts
+    });
+    k->played_frames = 1000;
+    deli_call(k.get(), kPlayerBase);
+    EXPECT_EQ(k->song_end_frame, 1000u);
+}
+
+TEST_F(support_fixture, PokeVolThroughTheNegativeOffsetTable) {
+    kelva_global_init();
+    put_code(k.get(), kPlayerBase, {
+        0x7206,           // moveq #6,d1
+        0x7030,           // moveq #48,d0
+        0x4EAD, 0xFEF2,   // jsr -270(a5)   PokeVol
+        0x4E75,           // rts
+    });
+    EXPECT_EQ(deli_call(k.get(), kPlayerBase), 48u);
+    EXPECT_EQ(k->aud[2].vol, 48);
+    EXPECT_EQ(k->support_calls[45], 1u);
 }
 
 }  // namespace
