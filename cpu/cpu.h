@@ -7,6 +7,7 @@
 // its own extension words from PC, which already points past the opcode.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "engine/engine.h"
@@ -277,6 +278,10 @@ void op_moveq(kelva *k, uint16_t opcode);
 // Instruction trace (disasm.cpp): one line for the instruction at PC on
 // standard output; changes no processor state.
 void trace_print_step(kelva *k);
+// The same line into a buffer (at least 300 bytes for the whole line).
+void trace_format_step(kelva *k, char *out, size_t capacity);
+// Text of one instruction: "%s", "%-7s %s" or "%-7s %s,%s".
+void da_emit(char *out, const char *mnemonic, const char *op1, const char *op2);
 // Disassembles the instruction at `pc` into `out` (at least 96 bytes);
 // returns its length in bytes (2 when nothing beyond the opcode was used).
 uint32_t da_disassemble(kelva *k, uint32_t pc, char *out);
