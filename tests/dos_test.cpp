@@ -163,13 +163,6 @@ TEST_F(dos_fixture, ReadIntoTheCustomRangeGoesThroughTheBus) {
     EXPECT_EQ(k->ram[0xDFF0A9], 0);
 }
 
-TEST_F(dos_fixture, UnknownFunctionsReturnZero) {
-    k->d[0] = 7;
-    EXPECT_EQ(call(0xA105, 1), 0u);   // UnLock arrives as function 5
-    EXPECT_EQ(call(0xA120, 1), 0u);
-    EXPECT_TRUE(k->sr & kSrZ);
-}
-
 TEST(DosReset, ResetReleasesOpenFiles) {
     auto k = make_engine();
     memory_files mem;
