@@ -213,7 +213,11 @@ int hunk_read_contents(kelva *k, const uint8_t *data, uint32_t size, uint32_t of
     return 1;
 }
 
-void dos_load_seg(kelva *k) {
+namespace {
+
+// LoadSeg itself: the name at D1, the result in D0; uses the engine's hunk
+// table while it works.
+void load_seg(kelva *k) {
     char name[512];
     amiga_read_string(k, k->d[1], name, sizeof name);
     k->d[0] = 0;
@@ -249,4 +253,19 @@ void dos_load_seg(kelva *k) {
 
     if (hunk_read_contents(k, data, size, offset)) k->d[0] = (blocks[0] + 4) >> 2;
     free(data);
+}
+
+}  // namespace
+
+void dos_load_seg(kelva *k) {
+    // The hunk table describes the running player; a LoadSeg borrows it and
+    // gives it back unchanged.
+    uint32_t count = k->hunk_count;
+    uint32_t addr[kMaxHunks], size[kMaxHunks];
+    memcpy(addr, k->hunk_addr, sizeof addr);
+    memcpy(size, k->hunk_size, sizeof size);
+    load_seg(k);
+    k->hunk_count = count;
+    memcpy(k->hunk_addr, addr, sizeof addr);
+    memcpy(k->hunk_size, size, sizeof size);
 }

@@ -196,8 +196,9 @@
     jsr     \lvo(a6)
 .endm
 
-#else
-/* ---- C helpers ----------------------------------------------------------- */
+#elif defined(__m68k__)
+/* ---- C helpers (68k code only; host code may include this header for the
+ * constants alone) ------------------------------------------------------ */
 #include <stdint.h>
 
 typedef volatile uint8_t *kp_globals;

@@ -1,0 +1,344 @@
+// The test players from tests/players/, built by the cross toolchain: each
+// is loaded like the engine loads a player (hunks from 0x200000), its tag
+// list is read, and its routines run through the routine caller with the
+// effects they are written to have.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "amigaos/amigaos.h"
+#include "engine/call.h"
+#include "players/include/kelva_player.h"
+#include "support/test_support.h"
+
+namespace {
+
+std::vector<uint8_t> read_host_file(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), {}};
+}
+
+std::string player_path(const char *name) { return std::string(KELVA_TEST_PLAYERS) + "/" + name; }
+
+// Files the players ask for, by the name the engine hands to the loader.
+struct file_map {
+    std::map<std::string, std::vector<uint8_t>> files;
+};
+
+int map_loader(void *user, const char *path, uint8_t **out, uint32_t *len) {
+    auto *m = static_cast<file_map *>(user);
+    auto it = m->files.find(path);
+    if (it == m->files.end()) return 0;
+    *out = static_cast<uint8_t *>(malloc(it->second.size()));
+    memcpy(*out, it->second.data(), it->second.size());
+    *len = uint32_t(it->second.size());
+    return 1;
+}
+
+class Players : public testing::Test {
+protected:
+    void SetUp() override {
+        kelva_global_init();
+        eng = make_engine();
+        k = eng.get();
+    }
+
+    // Loads the player at 0x200000 and reads its tag list. False (with a
+    // test failure) when the player cannot be loaded.
+    bool load(const char *name) {
+        std::vector<uint8_t> file = read_host_file(player_path(name));
+        if (file.empty()) {
+            ADD_FAILURE() << "test player missing: " << player_path(name);
+            return false;
+        }
+        uint32_t offset = 0;
+        if (!hunk_parse_header(k, file.data(), uint32_t(file.size()), &offset)) return false;
+        uint32_t at = kPlayerBase;
+        for (uint32_t h = 0; h < k->hunk_count; h++) {
+            k->hunk_addr[h] = at;
+            at += k->hunk_size[h];
+        }
+        if (!hunk_read_contents(k, file.data(), uint32_t(file.size()), offset)) return false;
+        uint32_t list = ram_get32(k, kPlayerBase + 12);
+        for (int i = 0; i < 256 && ram_get32(k, list + 8 * i); i++)
+            tags[ram_get32(k, list + 8 * i)] = ram_get32(k, list + 8 * i + 4);
+        return true;
+    }
+    uint32_t tag(uint32_t t) {
+        EXPECT_TRUE(tags.count(t)) << std::hex << t;
+        return tags[t];
+    }
+    uint32_t call(uint32_t t) { return deli_call(k, tag(t)); }
+    std::string str(uint32_t a) {
+        std::string s;
+        while (k->ram[a & kAddrMask]) s += char(k->ram[a++ & kAddrMask]);
+        return s;
+    }
+    bool in_hunk(uint32_t a, uint32_t h) { return a >= k->hunk_addr[h] && a < k->hunk_addr[h] + k->hunk_size[h]; }
+
+    engine_ptr eng;
+    kelva *k = nullptr;
+    std::map<uint32_t, uint32_t> tags;
+};
+
+TEST_F(Players, EveryPlayerHasTheHeaderAndItsName) {
+    for (const char *name :
+         {"Tone", "CiaTimer", "VBlank", "AudioIrq", "SongEnd", "Subsong", "Companion", "Dos", "Misbehave"}) {
+        SCOPED_TRACE(name);
+        tags.clear();
+        kelva_reset(k, 48000);
+        ASSERT_TRUE(load(name));
+        EXPECT_EQ(ram_get32(k, 0x200000), 0x70FF4E75u);   // moveq #-1,d0; rts
+        EXPECT_EQ(memcmp(k->ram + 0x200004, "DELIRIUM", 8), 0);
+        EXPECT_EQ(str(tag(DTP_PlayerName)), name);
+        EXPECT_TRUE(tags.count(DTP_InitPlayer) || tags.count(DTP_Interrupt));
+        for (auto &[t, v] : tags) {
+            if (t != DTP_PlayerVersion) {
+                EXPECT_TRUE(in_hunk(v, 0) || in_hunk(v, 1)) << std::hex << t;
+            }
+        }
+    }
+}
+
+TEST_F(Players, ToneStartsALoopingSquareWave) {
+    ASSERT_TRUE(load("Tone"));
+    EXPECT_EQ(str(tag(DTP_Creator)), "kelva test players");
+    EXPECT_EQ(call(DTP_InitPlayer), 0u);
+    EXPECT_EQ(call(DTP_InitSound), 0u);
+    // The wave went to the first AllocMem block; the BSS hunk remembers it.
+    EXPECT_EQ(ram_get32(k, k->hunk_addr[1]), 0x400000u);
+    for (int i = 0; i < 16; i++) EXPECT_EQ(int8_t(k->ram[0x400000 + i]), i < 8 ? 100 : -100) << i;
+    EXPECT_EQ(k->aud[0].lc, 0x400000u);
+    EXPECT_EQ(k->aud[0].len, 8u);
+    EXPECT_EQ(k->aud[0].per, 254u);
+    EXPECT_EQ(k->aud[0].vol, 64u);
+    EXPECT_EQ(k->dmacon & 0x0201, 0x0201);
+    EXPECT_EQ(call(DTP_EndSound), 0u);
+    EXPECT_EQ(k->dmacon & 0x0001, 0);
+}
+
+TEST_F(Players, CiaTimerInstallsBothTimers) {
+    ASSERT_TRUE(load("CiaTimer"));
+    ASSERT_EQ(call(DTP_StartInt), 0u);
+    const cia_state &a = k->cia[0], &b = k->cia[1];
+    uint32_t is_a = b.handlers[0], is_b = a.handlers[1];
+    EXPECT_TRUE(in_hunk(is_a, 0));
+    EXPECT_TRUE(in_hunk(is_b, 0));
+    EXPECT_EQ(b.icr_mask & 1, 1);
+    EXPECT_EQ(a.icr_mask & 2, 2);
+    EXPECT_EQ(b.ta_latch, 14188u);
+    EXPECT_EQ(a.tb_latch, 14188u * 4);
+    EXPECT_TRUE(b.ta_running);
+    EXPECT_TRUE(a.tb_running);
+
+    // The interrupts count their calls in the data hunk.
+    uint32_t count_a = ram_get32(k, is_a + 14), count_b = ram_get32(k, is_b + 14);
+    EXPECT_EQ(count_a, k->hunk_addr[1]);
+    EXPECT_EQ(count_b, k->hunk_addr[1] + 4);
+    deli_run_handler(k, is_a);
+    deli_run_handler(k, is_a);
+    deli_run_handler(k, is_b);
+    EXPECT_EQ(ram_get32(k, count_a), 2u);
+    EXPECT_EQ(ram_get32(k, count_b), 1u);
+
+    EXPECT_EQ(call(DTP_StopInt), 0u);
+    EXPECT_EQ(k->cia[1].handlers[0], 0u);
+    EXPECT_EQ(k->cia[0].handlers[1], 0u);
+    EXPECT_FALSE(k->cia[1].ta_running);
+    EXPECT_FALSE(k->cia[0].tb_running);
+}
+
+TEST_F(Players, VBlankServerRampsTheVolume) {
+    ASSERT_TRUE(load("VBlank"));
+    ASSERT_EQ(call(DTP_InitPlayer), 0u);
+    uint32_t is = k->int_vectors[INTB_VERTB];
+    ASSERT_TRUE(in_hunk(is, 0));
+    for (int i = 0; i < 3; i++) EXPECT_EQ(deli_run_handler(k, is), 0u);
+    EXPECT_EQ(ram_get32(k, k->hunk_addr[1]), 3u);   // frames
+    EXPECT_EQ(k->aud[0].vol, 3u);
+}
+
+TEST_F(Players, AudioIrqQueuesDoubleBufferedBlocks) {
+    ASSERT_TRUE(load("AudioIrq"));
+    k->int_vectors[INTB_AUD0] = 0x1234;   // a previous vector, handed back
+    ASSERT_EQ(call(DTP_StartInt), 0u);
+    const uint32_t bss = k->hunk_addr[1];
+    const uint32_t buf_a = bss + 12, buf_b = bss + 12 + 128;
+    EXPECT_EQ(ram_get32(k, bss), 0x1234u);   // old vector kept
+    uint32_t is = k->int_vectors[INTB_AUD0];
+    ASSERT_TRUE(in_hunk(is, 0));
+    EXPECT_EQ(k->intena & 0x4080, 0x4080);
+    EXPECT_EQ(k->dmacon & 0x0201, 0x0201);
+    EXPECT_EQ(k->aud[0].lc, buf_b);   // B queued behind A
+    EXPECT_EQ(k->aud[0].len, 64u);
+    EXPECT_EQ(k->ram[buf_a + 3], 3);   // saw tooth, step 1
+    EXPECT_EQ(k->ram[buf_b + 3], 6);   // step 2
+
+    // Block A ends: the handler refills A (step 1 + 1) and queues it.
+    k->intreq |= 0x0080;
+    deli_run_handler(k, is);
+    EXPECT_EQ(k->intreq & 0x0080, 0);   // acknowledged
+    EXPECT_EQ(ram_get32(k, bss + 8), 1u);
+    EXPECT_EQ(k->aud[0].lc, buf_a);
+    EXPECT_EQ(k->ram[buf_a + 3], 6);
+    // Block B ends: B is refilled with step 3 and queued.
+    deli_run_handler(k, is);
+    EXPECT_EQ(k->aud[0].lc, buf_b);
+    EXPECT_EQ(k->ram[buf_b + 3], 9);
+
+    EXPECT_EQ(call(DTP_StopInt), 0u);
+    EXPECT_EQ(k->int_vectors[INTB_AUD0], 0x1234u);
+    EXPECT_EQ(k->dmacon & 0x0001, 0);
+}
+
+TEST_F(Players, SongEndAfterFourTicks) {
+    ASSERT_TRUE(load("SongEnd"));
+    EXPECT_EQ(call(DTP_InitPlayer), 0u);
+    for (uint32_t t = 1; t <= 3; t++) {
+        EXPECT_EQ(call(DTP_Interrupt), t);
+        EXPECT_EQ(k->song_end_frame, 0u);
+    }
+    k->played_frames = 4800;
+    EXPECT_EQ(call(DTP_Interrupt), 4u);
+    EXPECT_EQ(k->song_end_frame, 4800u);
+    EXPECT_EQ(k->aud[0].vol, 4u);
+    k->played_frames = 9600;
+    EXPECT_EQ(call(DTP_Interrupt), 5u);
+    EXPECT_EQ(k->song_end_frame, 4800u);
+    // InitPlayer starts the count again.
+    EXPECT_EQ(call(DTP_InitPlayer), 0u);
+    EXPECT_EQ(call(DTP_Interrupt), 1u);
+}
+
+TEST_F(Players, SubsongPitchFollowsTheGlobals) {
+    ASSERT_TRUE(load("Subsong"));
+    ASSERT_EQ(call(DTP_SubSongRange), 1u);
+    EXPECT_EQ(k->d[1] & 0xFFFF, 5u);
+    const uint16_t periods[] = {428, 381, 339, 320, 285};
+    for (uint16_t s = 1; s <= 5; s++) {
+        ram_put16(k, kGlobals + DTG_SndNum, s);
+        EXPECT_EQ(call(DTP_InitSound), 0u);
+        EXPECT_EQ(k->aud[0].per, periods[s - 1]) << s;
+    }
+    for (uint16_t s : {0, 6, 0xFFFF}) {
+        ram_put16(k, kGlobals + DTG_SndNum, s);
+        call(DTP_InitSound);
+        EXPECT_EQ(k->aud[0].per, 428u) << s;
+    }
+}
+
+class CompanionPlayer : public Players {
+protected:
+    void SetUp() override {
+        Players::SetUp();
+        kelva_set_file_loader(k, map_loader, &files);
+        // What opening "/mods/tune.x" leaves: paths, module as list entry 0.
+        const char *full = "/mods/tune.x", *dir = "/mods/";
+        memcpy(k->ram + kPathFull, full, strlen(full) + 1);
+        memcpy(k->ram + kPathDir, dir, strlen(dir) + 1);
+        ram_put32(k, kGlobals + DTG_DirArrayPtr, kPathDir);
+        ram_put32(k, kGlobals + DTG_PathArrayPtr, kPathFull);
+        k->comp_addr[0] = kModuleAddr;
+        k->comp_size[0] = 99;
+        k->comp_count = 1;
+        k->comp_next = kModuleAddr + 100;
+    }
+    file_map files;
+};
+
+TEST_F(CompanionPlayer, LoadsTheSampleFileBesideTheModule) {
+    std::vector<uint8_t> samples(10);
+    for (int i = 0; i < 10; i++) samples[i] = uint8_t(0xA0 + i);
+    files.files["/mods/smp.set"] = samples;
+    ASSERT_TRUE(load("Companion"));
+    EXPECT_EQ(call(DTP_ExtLoad), 0u);
+    EXPECT_EQ(str(kPathFull), "/mods/smp.set");
+    EXPECT_EQ(k->comp_count, 2u);
+    EXPECT_EQ(call(DTP_InitPlayer), 0u);
+    uint32_t data = k->hunk_addr[1];
+    EXPECT_EQ(ram_get32(k, data), kModuleAddr + 100);   // sample_addr
+    EXPECT_EQ(ram_get32(k, data + 4), 10u);             // sample_size
+    EXPECT_EQ(memcmp(k->ram + kModuleAddr + 100, samples.data(), 10), 0);
+}
+
+TEST_F(CompanionPlayer, MissingSampleFileFailsBothRoutines) {
+    ASSERT_TRUE(load("Companion"));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(call(DTP_ExtLoad), 1u);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "deli_load_companion: cannot open '/mods/smp.set'\n");
+    EXPECT_EQ(call(DTP_InitPlayer), 0xFFFFFFFFu);
+}
+
+TEST_F(Players, DosReadsAFileAndRunsALoadedSegment) {
+    file_map files;
+    std::vector<uint8_t> data(16);
+    for (int i = 0; i < 16; i++) data[i] = uint8_t(i * 3);
+    files.files["data.bin"] = data;
+    files.files["DosSegment"] = read_host_file(player_path("DosSegment"));
+    ASSERT_FALSE(files.files["DosSegment"].empty());
+    kelva_set_file_loader(k, map_loader, &files);
+    ASSERT_TRUE(load("Dos"));
+    ASSERT_EQ(call(DTP_InitPlayer), 0u);
+    uint32_t results = k->hunk_addr[1];
+    EXPECT_EQ(ram_get32(k, results), 1u);        // the first handle
+    EXPECT_EQ(ram_get32(k, results + 4), 8u);    // bytes read
+    EXPECT_EQ(ram_get32(k, results + 8), 16u);   // size found by seeking
+    EXPECT_EQ(ram_get32(k, results + 12), (0x400000u + 4) >> 2);   // segment list at the slab start
+    EXPECT_EQ(ram_get32(k, results + 16), 0x4B454C56u);           // the segment's answer
+    EXPECT_EQ(memcmp(k->ram + results + 20, data.data() + 4, 8), 0);
+    EXPECT_EQ(k->files[0].data, nullptr);   // closed
+}
+
+TEST_F(Players, DosFailsWithoutItsFile) {
+    file_map files;
+    kelva_set_file_loader(k, map_loader, &files);
+    ASSERT_TRUE(load("Dos"));
+    EXPECT_EQ(call(DTP_InitPlayer), 1u);
+}
+
+TEST_F(Players, MisbehavingRoutinesEndCleanly) {
+    ASSERT_TRUE(load("Misbehave"));
+    char want[128];
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(call(DTP_InitPlayer), kCallOutOfRange);
+    std::string err = testing::internal::GetCapturedStderr();
+    snprintf(want, sizeof want, "deli_call: PC=00300000 out of range (routine=%08x i=3)\n", tag(DTP_InitPlayer));
+    EXPECT_EQ(err.substr(0, strlen(want)), want);
+    EXPECT_EQ(k->d[1], 1u);
+    EXPECT_EQ(k->d[2], 2u);
+
+    // Line-F and division by zero take their exceptions; the vectors are 0,
+    // so the PC lands at 0 and the caller reports it.
+    const struct {
+        uint32_t tag;
+        uint16_t vector;
+        uint32_t pushed_pc;   // after the opcode word / after the divide
+    } traps[] = {{DTP_InitSound, 11, tag(DTP_InitSound) + 2}, {DTP_StartInt, 5, tag(DTP_StartInt) + 4}};
+    for (const auto &t : traps) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(call(t.tag), kCallOutOfRange);
+        err = testing::internal::GetCapturedStderr();
+        snprintf(want, sizeof want, "deli_call: PC=00000000 out of range (routine=%08x i=", tag(t.tag));
+        EXPECT_EQ(err.substr(0, strlen(want)), want);
+        EXPECT_EQ(k->a[7], kStackTop - 8);
+        EXPECT_EQ(ram_get16(k, k->a[7]), t.vector * 4u);
+        EXPECT_EQ(ram_get32(k, k->a[7] + 4), t.pushed_pc);
+    }
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(call(DTP_Interrupt), kCallFault);
+    snprintf(want, sizeof want, "deli_call: cycle budget exhausted (routine=%08x last PC=%08x)\n",
+             tag(DTP_Interrupt), tag(DTP_Interrupt));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), want);
+
+    EXPECT_EQ(call(DTP_EndSound), 7u);
+}
+
+}  // namespace
