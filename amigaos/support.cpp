@@ -60,6 +60,11 @@
 // and the count of patches is stored at 298. For 39 and 40 only the result
 // code is stored and D0 is left as it was.
 //
+// Bounds: the area is cut at the end of the 24-bit space, at most 4096 table
+// entries are read, and one call makes at most 2^28 word compares; a search
+// that runs out prints "deli_patch: search budget exhausted ..." and ends
+// like a worked-through table (result 0, the patches made so far stay).
+//
 // Trace: k->support_trace (0 unless a debugging session sets it) prints the
 // first 8 calls of every negative-offset entry.
 #include <cmath>
