@@ -17,3 +17,20 @@ if(KELVA_M68K_CC)
     add_dependencies(kelva_tests kelva_player_${p})
   endforeach()
 endif()
+
+# elf2hunk refuses what a hunk file cannot express.
+if(KELVA_M68K_CC)
+  foreach(bad CrossHunkPcrel AbsWord)
+    if(bad STREQUAL CrossHunkPcrel)
+      set(expect "R_68K_PC16 at 00000002 refers to .data in another hunk")
+    else()
+      set(expect "R_68K_16 at 00000002 refers to relocatable symbol .text; a hunk file can only relocate")
+    endif()
+    add_test(NAME elf2hunk_refuses_${bad}
+      COMMAND ${CMAKE_COMMAND} -DCC=${KELVA_M68K_CC} "-DFLAGS=${KELVA_PLAYER_FLAGS}"
+        "-DLDFLAGS=${KELVA_PLAYER_LDFLAGS}" -DELF2HUNK=$<TARGET_FILE:elf2hunk>
+        -DSRC=${CMAKE_CURRENT_LIST_DIR}/players/bad/${bad}.S -DWORK=${CMAKE_CURRENT_BINARY_DIR}/elf2hunk_${bad}
+        "-DEXPECT=${expect}" -P ${CMAKE_CURRENT_LIST_DIR}/players/expect_elf2hunk_error.cmake)
+    set_tests_properties(elf2hunk_refuses_${bad} PROPERTIES LABELS unit)
+  endforeach()
+endif()
