@@ -13,32 +13,72 @@ __attribute__((always_inline)) inline v2d vfma(v2d a, v2d b, v2d c) {
 #endif
 }
 
-// One listed channel for one tick: fetch, then Paula's pulse-width volume.
-// The 6-bit counter runs every tick; the sample is on while the counter is
-// below the volume, so 64 is always on and 32 is on half of every 64 ticks.
-__attribute__((always_inline)) inline int32_t channel_tick(paula_channel &c) {
-    if (!c.active) return 0;
-    paula_fetch_tick(c);
-    if (!c.active) return 0;   // ran out of a non-looping block this tick
-    c.pwm = uint8_t((c.pwm + 1) & 63);
-    return c.pwm < c.volume ? int32_t(c.sample) : 0;
+// One listed channel as the tick loop sees it. Between fetches a tick only
+// adds 0x10000 to the phase, so the loop counts the ticks down to the next
+// fetch instead and adds them to the channel's phase when it fetches.
+struct voice {
+    paula_channel *c;
+    uint32_t left;     // ticks until the next fetch, >= 1
+    uint32_t since;    // ticks counted since phase was last brought up to date
+    uint32_t pwm;
+    uint32_t volume;
+    int32_t sample;
+    bool active;
+};
+
+// Ticks until a channel whose phase is below its step fetches again.
+__attribute__((always_inline)) inline uint32_t ticks_to_fetch(const paula_channel &c) {
+    if (c.phase >= c.step) return 1;
+    return uint32_t((c.step - c.phase + 0xFFFF) >> 16);
+}
+
+// One tick of a listed channel: the fetch when one is due (the sample fetch
+// of paula_fetch_tick, with the counted ticks added at once), then Paula's
+// pulse-width volume: the 6-bit counter runs every tick and the sample is
+// on while the counter is below the volume, so 64 is always on and 32 is on
+// half of every 64 ticks. A channel that stops is silent from then on.
+__attribute__((always_inline)) inline int32_t voice_tick(voice &v) {
+    if (!v.active) return 0;
+    if (--v.left == 0) {
+        paula_channel &c = *v.c;
+        c.phase += uint64_t(v.since) << 16;
+        while (c.phase >= c.step) {
+            c.phase -= c.step;
+            if (!paula_advance(c)) break;
+        }
+        if (!c.active) {
+            v.active = false;
+            return 0;
+        }
+        v.sample = c.sample;
+        v.left = v.since = ticks_to_fetch(c);
+    }
+    v.pwm = (v.pwm + 1) & 63;
+    return v.pwm < v.volume ? v.sample : 0;
 }
 
 template <bool kLed>
 void mix_kernel(kelva *k, float *out, int32_t frames) {
     paula_mixer &m = k->mix;
 
-    // The channel lists, built once: a channel that stops during the call
-    // contributes 0 from then on.
+    // The channel lists, built once: left AUD0 and AUD3, right AUD1 and
+    // AUD2. A channel that stops during the call contributes 0 from then on.
     paula_channel ch[4];
     memcpy(ch, k->ch, sizeof ch);
-    int list[4];
+    voice vs[4];
     int nl = 0, nr = 0;
-    static constexpr int kLeft[2] = {0, 3}, kRight[2] = {1, 2};
-    for (int x : kLeft)
-        if (ch[x].active && !ch[x].muted && ch[x].data && ch[x].step) list[nl++] = x;
-    for (int x : kRight)
-        if (ch[x].active && !ch[x].muted && ch[x].data && ch[x].step) list[nl + nr++] = x;
+    static constexpr int kOrder[4] = {0, 3, 1, 2};
+    for (int j = 0; j < 4; j++) {
+        paula_channel &c = ch[kOrder[j]];
+        if (!(c.active && !c.muted && c.data && c.step)) continue;
+        // A fresh phase may already hold a whole step: fetch on the first tick.
+        uint32_t left = ticks_to_fetch(c);
+        vs[nl + nr] = voice{&c, left, left, c.pwm, c.volume, c.sample, true};
+        if (j < 2)
+            nl++;
+        else
+            nr++;
+    }
 
     const uint64_t tpf = m.ticks_per_frame;
     uint64_t frac = m.tick_frac;
@@ -76,8 +116,8 @@ void mix_kernel(kelva *k, float *out, int32_t frames) {
         v2d sum = splat(0.0);
         for (uint32_t t = 0; t < n; t++) {
             int32_t xl = 0, xr = 0;
-            for (int i = 0; i < nl; i++) xl += channel_tick(ch[list[i]]);
-            for (int i = nl; i < nl + nr; i++) xr += channel_tick(ch[list[i]]);
+            for (int i = 0; i < nl; i++) xl += voice_tick(vs[i]);
+            for (int i = nl; i < nl + nr; i++) xr += voice_tick(vs[i]);
             v2d x = {double(xl), double(xr)};
 
             // One-pole model filter: y += (x/2 - y) k.
@@ -123,7 +163,14 @@ void mix_kernel(kelva *k, float *out, int32_t frames) {
         m.aa_state[i][0][1] = aa_s2[i][0];
         m.aa_state[i][1][1] = aa_s2[i][1];
     }
-    for (int i = 0; i < nl + nr; i++) k->ch[list[i]] = ch[list[i]];
+    for (int i = 0; i < nl + nr; i++) {
+        voice &v = vs[i];
+        // Bring the phase up to date with the ticks counted since the last
+        // fetch (a stopped channel's phase is already where it stopped).
+        if (v.active) v.c->phase += uint64_t(v.since - v.left) << 16;
+        v.c->pwm = uint8_t(v.pwm);
+        k->ch[v.c - ch] = *v.c;
+    }
 }
 
 void mix(kelva *k, float *out, int32_t frames) {

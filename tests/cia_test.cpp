@@ -135,6 +135,10 @@ TEST(Cia, ContinuousTimerQueuesAtMostEightHandlers) {
     k->cia[0].handlers[0] = 0x3000;
     wr(k, CIAA, ICR, 0x81);
     EXPECT_EQ(cia_frames_to_event(k), 1);
+    cia_advance(k, 1);    // reaching exactly 0 is an underflow
+    EXPECT_EQ(k->pending_count, 1u);
+    EXPECT_EQ(k->cia[0].ta_left, 1.0);
+    k->pending_count = 0;
     cia_advance(k, 10);   // ten underflows, eight queued
     EXPECT_EQ(k->pending_count, 8u);
     for (uint32_t p : k->pending) EXPECT_EQ(p, 0x3000u);
