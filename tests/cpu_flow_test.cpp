@@ -9,7 +9,8 @@ using CpuException = cpu_test;
 using CpuSystem = cpu_test;
 
 TEST(CpuConditions, TestCcTable) {
-    kelva k{};
+    engine_ptr e = make_engine();
+    kelva &k = *e;
     struct row {
         int cc;
         uint16_t ccr;
