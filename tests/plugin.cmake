@@ -1,0 +1,14 @@
+# The plugin's host-free parts (file loader, scanner) are unit-tested inside
+# kelva_tests; the plugin itself is tested against the real Audacious.
+target_link_libraries(kelva_tests PRIVATE kelva_plugin_core)
+
+# Integration test: plays through a headless Audacious with a private
+# configuration. Exit code 77 means Audacious (or a test player) is missing.
+if(KELVA_BUILD_PLUGIN AND TARGET kelva_aud)
+  add_test(NAME plugin_audacious
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/integration/aud_test.sh
+      --plugin $<TARGET_FILE:kelva_aud>
+      --players ${CMAKE_BINARY_DIR}/tests/players)
+  set_tests_properties(plugin_audacious PROPERTIES
+    LABELS integration SKIP_RETURN_CODE 77 TIMEOUT 600 RUN_SERIAL TRUE)
+endif()
