@@ -14,7 +14,9 @@ constexpr uint32_t kCpuClock = 7093790;    // 68000 clock
 constexpr uint32_t kEClock = 709379;       // CIA E-clock
 
 // One Paula audio channel as the DMA engine runs it. `data` always points
-// into the engine's RAM array and every index below stays inside it.
+// into the engine's RAM array and every index below stays inside it: a block
+// that would reach past the top of the 16 MiB is cut short there.
+// The per-tick fetch is in hardware/paula_fetch.h.
 struct paula_channel {
     const uint8_t *data;        // start of the current block
     uint32_t end;               // one past the last byte of the current pass
@@ -111,7 +113,8 @@ void paula_dma_start(kelva *k, int x);
 void paula_dma_stop(kelva *k, int x);
 void channel_queue(kelva *k, int x);
 // Output frames until channel x passes the end of its current block, at
-// least 1; 0 when the channel is not running (no event to schedule).
+// least 1: the block end falls inside the last of those frames. 0 when the
+// channel is not fetching (stopped, muted, no period): no event to schedule.
 int32_t paula_frames_to_block_end(const kelva *k, int x);
 
 // Both CIAs back to reset: handlers cleared, periods and counters 1.0.
