@@ -107,6 +107,25 @@ TEST(Paula, QueuedBlockStartsExactlyWhenTheOldOneIsExhausted) {
     EXPECT_EQ(c.sample, 100);
 }
 
+TEST(Paula, PeriodChangeMidBlockActsOnTheNextTick) {
+    auto e = make_engine();
+    kelva *k = e.get();
+    k->ram[0x30000] = 1;
+    k->ram[0x30001] = 2;
+    set_latches(k, 0, 0x30000, 4, 400, 64);
+    start(k, 0);
+    paula_channel &c = k->ch[0];
+    run_ticks(c, 100);
+    custom_write_word(k, 0xDFF0A6, 113);   // AUD0PER: 100 of 113 ticks have passed
+    EXPECT_EQ(c.phase, uint64_t(100) << 16);
+    run_ticks(c, 12);
+    EXPECT_EQ(c.sample, 1);
+    run_ticks(c, 1);
+    EXPECT_EQ(c.sample, 2);
+    custom_write_word(k, 0xDFF0A8, 12);    // AUD0VOL
+    EXPECT_EQ(c.volume, 12);
+}
+
 TEST(Paula, StopAndStartRestartsFromTheLatches) {
     auto e = make_engine();
     kelva *k = e.get();
