@@ -44,6 +44,8 @@ int map_loader(void *user, const char *path, uint8_t **out, uint32_t *len) {
 class Players : public testing::Test {
 protected:
     void SetUp() override {
+        if (read_host_file(player_path("Tone")).empty())
+            GTEST_SKIP() << "test players not built (" << KELVA_TEST_PLAYERS << "); the m68k cross toolchain is needed";
         kelva_global_init();
         eng = make_engine();
         k = eng.get();
@@ -237,6 +239,7 @@ class CompanionPlayer : public Players {
 protected:
     void SetUp() override {
         Players::SetUp();
+        if (IsSkipped()) return;
         kelva_set_file_loader(k, map_loader, &files);
         // What opening "/mods/tune.x" leaves: paths, module as list entry 0.
         const char *full = "/mods/tune.x", *dir = "/mods/";
