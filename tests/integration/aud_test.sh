@@ -346,6 +346,17 @@ elif [ $VERBOSE = 1 ]; then
 fi
 
 stop_all
+# What Audacious recorded about the plugin when it shut down (its registry
+# lists file-name extensions under the word "scheme").
+REG=$T/config/audacious/plugin-registry
+block=$(awk -v p="input $PDIR/Input/kelva.so" '$0 == p { on = 1; next } on && /^(input|output|effect|general|vis|playlist|transport|iface) / { on = 0 } on' "$REG" 2>/dev/null)
+expect_eq "registry name" "$(sed -n 's/^name //p' <<< "$block")" "kelva Amiga Music"
+expect_eq "registry priority" "$(sed -n 's/^priority //p' <<< "$block")" "1"
+expect_eq "registry subtune support" "$(sed -n 's/^subtunes //p' <<< "$block")" "2"
+expect_eq "registry extensions" "$(sed -n 's/^scheme //p' <<< "$block" | tr '\n' ' ')" \
+    "mod med mmd0 mmd1 mmd2 ahx thx hvl fc fc13 fc14 smod sng dw bd okt dmu mug ptm tfmx mdat aon st digi gmc sfx ml vss ims "
+expect_eq "registry settings page" "$(sed -n 's/^config //p' <<< "$block")" "1"
+
 if [ $VERBOSE = 1 ] || [ $FAILS -gt 0 ]; then
     echo "---- Audacious log (without INFO/DEBUG)"
     grep -v -E '^(INFO|DEBUG) ' "$T/aud.log" | tail -40
