@@ -175,10 +175,11 @@ int hunk_read_contents(kelva *k, const uint8_t *data, uint32_t size, uint32_t of
                 fprintf(stderr, "hunk: short hunk %u\n", h);
                 return 0;
             }
-            // The zeroed area is what the header reserved; a BSS count
-            // beyond it (hostile) is limited to the address space.
+            // A BSS count beyond what the header reserved for the hunk is
+            // not honoured: it would only clear the hunks that follow (and a
+            // hostile count would keep the loader busy for seconds).
             uint64_t bytes = uint64_t(n) * 4;
-            if (bytes > kRamSize) bytes = kRamSize;
+            if (bytes > k->hunk_size[h]) bytes = k->hunk_size[h];
             for (uint64_t i = 0; i < bytes; i++) write8(k, at + uint32_t(i), 0);
         } else {
             fprintf(stderr, "hunk: unexpected tag %08x at hunk %u\n", tag, h);

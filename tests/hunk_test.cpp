@@ -211,6 +211,13 @@ TEST(HunkLoader, EmptyCodeHunkAndBssClearing) {
     ASSERT_EQ(load(k.get(), bytes(v), &err), 1) << err;
     for (uint32_t i = 0; i < 16; i++) EXPECT_EQ(k->ram[0x200000 + i], 0) << i;
     EXPECT_EQ(k->ram[0x200010], 0xAA);
+
+    // A BSS count larger than the header's size clears only the hunk.
+    memset(k->ram + 0x200000, 0xAA, 64);
+    v[11] = 0x3FFFFFFF;
+    ASSERT_EQ(load(k.get(), bytes(v), &err), 1) << err;
+    EXPECT_EQ(k->ram[0x20000F], 0);
+    EXPECT_EQ(k->ram[0x200010], 0xAA);
 }
 
 // Every truncation of the valid file fails with one "hunk:" line or (when
