@@ -1,0 +1,137 @@
+// kelva info: player, format, subsongs and lengths of module files, as text
+// or as JSON. Lengths the database does not know are measured and stored.
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "cli/cli.h"
+#include "cli/json.h"
+#include "engine/kelva.h"
+
+namespace {
+
+const char kInfoHelp[] =
+    "usage: kelva info FILE... [--json]\n"
+    "\n"
+    "Shows for every FILE the player that replays it, the module format, the\n"
+    "number of subsongs and each subsong's length with how it was found:\n"
+    "database, song end, silence, repetition, limit (600 s) or failed. Lengths\n"
+    "the song-length database does not know are measured now and stored.\n"
+    "\n"
+    "  --json        one JSON array, one object per file\n"
+    "  --data DIR    data tree with eagleplayer.conf and players/\n";
+
+struct file_report {
+    std::string file;
+    std::string player;        // the player file's name
+    std::string player_title;  // the name the player gives itself
+    std::string format;
+    int32_t count = 0;
+    std::vector<subsong_length> subsongs;
+    std::string error;         // set when the file cannot be played
+};
+
+// Fills the report; false (with `error` set) when the file cannot be played.
+bool inspect(const char *path, file_report *r) {
+    r->file = path;
+    module_file m;
+    if (!module_load(path, &m, &r->error)) return false;
+    r->player = module_player_name(m);
+
+    bool from_db = false;
+    r->count = module_subsong_count(m, &from_db);
+    kelva *k = module_open(m, 48000, 0, &r->error);
+    if (k) {
+        r->format = kelva_get_format_name(k);
+        char title[256];
+        kelva_get_player_name(k, title, sizeof title);
+        r->player_title = title;
+        kelva_close(k);
+        kelva_destroy(k);
+    }
+    // A module that does not start still gets its records, as the plugin
+    // stores them, so that nobody measures it again.
+    for (int32_t s : subsong_numbers(r->count)) {
+        if (cli_interrupted.load()) break;
+        r->subsongs.push_back(module_length(m, s));
+    }
+    module_free(&m);
+    if (cli_interrupted.load() && r->error.empty()) r->error = "interrupted while measuring " + r->file;
+    return r->error.empty();
+}
+
+void print_text(const file_report &r) {
+    printf("%s\n", r.file.c_str());
+    printf("  player:   %s", r.player.c_str());
+    if (!r.player_title.empty() && r.player_title != r.player) printf(" (%s)", r.player_title.c_str());
+    printf("\n");
+    if (!r.format.empty()) printf("  format:   %s\n", r.format.c_str());
+    printf("  subsongs: %d\n", r.count);
+    for (const subsong_length &s : r.subsongs) {
+        if (r.subsongs.size() == 1)
+            printf("  length:   %s (%s)\n", format_ms(s.ms).c_str(), length_reason_text(s.reason));
+        else
+            printf("  subsong %d: %s (%s)\n", s.subsong, format_ms(s.ms).c_str(), length_reason_text(s.reason));
+    }
+}
+
+void append_json(std::string *out, const file_report &r) {
+    json_object o(out);
+    o.key("file").string(r.file);
+    if (!r.error.empty()) {
+        if (!r.player.empty()) o.key("player").string(r.player);
+        o.key("error").string(r.error);
+        return;
+    }
+    o.key("player").string(r.player);
+    o.key("format").string(r.format);
+    o.key("subsongs");
+    json_array list(out);
+    for (const subsong_length &s : r.subsongs) {
+        list.next();
+        json_object so(out);
+        so.key("subsong").number(s.subsong);
+        so.key("length_ms");
+        if (s.ms > 0)
+            so.number(s.ms);
+        else
+            so.null();
+        so.key("reason").string(length_reason_name(s.reason));
+    }
+}
+
+}  // namespace
+
+int cmd_info(int argc, char **argv, int first) {
+    option_spec spec;
+    spec.switches.push_back("json");
+    cli_args args;
+    if (!parse_args("info", argc, argv, first, spec, &args)) return kExitUsage;
+    if (args.help) {
+        fputs(kInfoHelp, stdout);
+        return kExitOk;
+    }
+    if (args.positional.empty()) return cli_usage_error("info", "no module file given");
+    bool json = arg_switch(args, "json");
+
+    int rc = kExitOk;
+    std::string out;
+    json_array files(&out);
+    for (const std::string &path : args.positional) {
+        file_report r;
+        if (!inspect(path.c_str(), &r)) {
+            cli_error("%s", r.error.c_str());
+            rc = kExitFailure;
+        }
+        if (json) {
+            files.next();
+            append_json(&out, r);
+        } else if (r.error.empty()) {
+            print_text(r);
+        }
+        if (cli_interrupted.load()) break;
+    }
+    files.close();
+    if (json) printf("%s\n", out.c_str());
+    return rc;
+}
