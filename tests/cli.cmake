@@ -1,0 +1,18 @@
+# The command-line tool's tests run the built kelva as a subprocess; they
+# read the audio it writes with libsndfile. The demo-tune test uses the
+# module built by tools/demotune.cmake.
+if(TARGET kelva)
+  find_package(PkgConfig REQUIRED)
+  pkg_check_modules(KELVA_TEST_SNDFILE REQUIRED IMPORTED_TARGET sndfile)
+  target_link_libraries(kelva_tests PRIVATE PkgConfig::KELVA_TEST_SNDFILE)
+  target_compile_definitions(kelva_tests PRIVATE
+    KELVA_CLI="$<TARGET_FILE:kelva>"
+    KELVA_DEMO_MOD="${CMAKE_BINARY_DIR}/demo/demo.mod")
+  add_dependencies(kelva_tests kelva)
+  if(TARGET kelva_demo_tune)
+    add_dependencies(kelva_tests kelva_demo_tune)
+  endif()
+else()
+  # Without the tool the test file must still compile.
+  target_compile_definitions(kelva_tests PRIVATE KELVA_CLI="kelva" KELVA_DEMO_MOD="demo.mod")
+endif()
