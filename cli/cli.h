@@ -104,6 +104,18 @@ struct subsong_length {
     length_reason reason = length_reason::failed;
 };
 
+// What opening the module for subsong 0 tells: the subsong count (from the
+// database when it knows it, else from the player, and then stored), the
+// format name and the player's own name.
+struct module_facts {
+    int32_t count = 1;
+    std::string format;
+    std::string player_title;
+};
+// Opens the module once at 48 kHz. False (with `error` set) when it does
+// not start; the records the plugin would keep for it are stored then.
+bool module_probe(const module_file &m, module_facts *facts, std::string *error);
+
 // The subsong count, from the database or found by opening the module and
 // stored, as the plugin does (a module that does not start counts as one).
 int32_t module_subsong_count(const module_file &m, bool *from_database);

@@ -238,6 +238,10 @@ bool module_load(const char *path, module_file *m, std::string *error) {
         *error = std::string(path) + " is a directory";
         return false;
     }
+    if (!S_ISREG(st.st_mode)) {
+        *error = std::string(path) + " is not a regular file";
+        return false;
+    }
     char absolute[PATH_MAX];
     m->path = realpath(path, absolute) ? absolute : path;
     if (m->path.size() >= kNameCap) {
@@ -259,6 +263,14 @@ bool module_load(const char *path, module_file *m, std::string *error) {
         return false;
     }
     m->player = player;
+    // The emulated machine has room for this much module in chip memory.
+    constexpr uint32_t kMaxModule = 0xF0000;
+    if (m->size > kMaxModule) {
+        *error = std::string(path) + " is too large for the emulated Amiga (" + std::to_string(m->size) +
+                 " bytes; a module may have at most " + std::to_string(kMaxModule) + ")";
+        module_free(m);
+        return false;
+    }
     return true;
 }
 
@@ -321,6 +333,35 @@ const char *length_reason_text(length_reason r) {
     case length_reason::cancelled: return "interrupted";
     }
     return "could not be measured";
+}
+
+bool module_probe(const module_file &m, module_facts *facts, std::string *error) {
+    cache_key count_key = cache_make_key(m.data, m.size, kSubsongCountSeed);
+    int32_t count = 0;
+    bool known = cache_lookup(count_key, &count);
+    kelva *k = module_open(m, 48000, 0, error);
+    if (!k) {
+        // What the plugin ends up storing for a module that does not start:
+        // one subsong without a length, so nobody measures it again.
+        if (!known) cache_store(count_key, 1, m.path.c_str());
+        int32_t ignored = 0;
+        cache_key length_key = cache_make_key(m.data, m.size, 0);
+        if (!cache_lookup(length_key, &ignored)) cache_store(length_key, -1, m.path.c_str());
+        facts->count = known ? count : 1;
+        return false;
+    }
+    if (!known) {
+        count = int32_t(kelva_get_subsong_count(k));
+        cache_store(count_key, count, m.path.c_str());
+    }
+    facts->count = count;
+    facts->format = kelva_get_format_name(k);
+    char title[256];
+    kelva_get_player_name(k, title, sizeof title);
+    facts->player_title = title;
+    kelva_close(k);
+    kelva_destroy(k);
+    return true;
 }
 
 int32_t module_subsong_count(const module_file &m, bool *from_database) {

@@ -6,7 +6,6 @@
 
 #include "cli/cli.h"
 #include "cli/json.h"
-#include "engine/kelva.h"
 
 namespace {
 
@@ -38,19 +37,15 @@ bool inspect(const char *path, file_report *r) {
     if (!module_load(path, &m, &r->error)) return false;
     r->player = module_player_name(m);
 
-    bool from_db = false;
-    r->count = module_subsong_count(m, &from_db);
-    kelva *k = module_open(m, 48000, 0, &r->error);
-    if (k) {
-        r->format = kelva_get_format_name(k);
-        char title[256];
-        kelva_get_player_name(k, title, sizeof title);
-        r->player_title = title;
-        kelva_close(k);
-        kelva_destroy(k);
+    module_facts facts;
+    if (!module_probe(m, &facts, &r->error)) {
+        r->count = facts.count;
+        module_free(&m);
+        return false;
     }
-    // A module that does not start still gets its records, as the plugin
-    // stores them, so that nobody measures it again.
+    r->count = facts.count;
+    r->format = facts.format;
+    r->player_title = facts.player_title;
     for (int32_t s : subsong_numbers(r->count)) {
         if (cli_interrupted.load()) break;
         r->subsongs.push_back(module_length(m, s));

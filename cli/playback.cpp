@@ -39,8 +39,12 @@ int playback_start(const char *file, const play_settings &s, playback *p) {
         cli_error("%s", error.c_str());
         return kExitFailure;
     }
-    bool from_db = false;
-    p->count = module_subsong_count(p->module, &from_db);
+    module_facts facts;
+    if (!module_probe(p->module, &facts, &error)) {
+        cli_error("%s", error.c_str());
+        return kExitFailure;
+    }
+    p->count = facts.count;
     if (!choose_subsong(s, p)) return kExitFailure;
 
     p->length = module_length(p->module, p->subsong);
