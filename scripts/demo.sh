@@ -10,10 +10,12 @@ build=${KELVA_BUILD_DIR:-$root/build}
 scripts/setup.sh
 echo "== build ($build)"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-# Only what the demo needs: the tool, the demo tune, the data tree and the
-# players (scripts/test.sh builds everything).
-players=$(cmake --build "$build" --target help | sed -n 's/^\.\.\. \(kelva_player_[^ ]*\).*/\1/p')
-cmake --build "$build" -j "$(nproc)" --target kelva kelva_demo_tune kelva_build_data $players
+# Only what the demo needs: the tool, the demo tune, the data tree and
+# kelva's players (scripts/test.sh builds everything).
+cmake --build "$build" -j "$(nproc)" --target kelva kelva_demo_tune kelva_build_data
+if [ -d "$build/players" ]; then
+  cmake --build "$build/players" -j "$(nproc)" || cmake --build "$build" -j "$(nproc)"
+fi
 
 kelva="$build/cli/kelva"
 demo="$build/demo/demo.mod"
