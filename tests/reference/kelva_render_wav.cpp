@@ -109,6 +109,20 @@ int main(int argc, char **argv) {
     uint64_t length_ms = kelva_measure_length(m, 0, 0, &reason, nullptr, nullptr);
     kelva_destroy(m);
 
+    // When the measurement stopped at a repetition of the loudness envelope
+    // (a song whose parts repeat for a long time), play on to the player's
+    // own end signal as well, so its song end can be checked too.
+    uint64_t player_end_ms = reason == 1 ? length_ms : 0;
+    if (reason != 1) {
+        kelva *e = open_engine(player, mod, player_path, argv[1]);
+        if (!e) return 1;
+        std::vector<float> scratch(480 * 2);   // 10 ms steps: the end to 10 ms
+        for (uint64_t f = 0; f < 600ull * 48000 && !kelva_song_ended(e); f += 480)
+            kelva_render(e, scratch.data(), 480);
+        if (kelva_song_ended(e)) player_end_ms = uint64_t(kelva_played_ms(e));
+        kelva_destroy(e);
+    }
+
     kelva *k = open_engine(player, mod, player_path, argv[1]);
     if (!k) return 1;
     uint64_t want = uint64_t(seconds * 48000);
@@ -130,8 +144,8 @@ int main(int argc, char **argv) {
         return 1;
     }
     const char *slash = strrchr(player_path, '/');
-    printf("player=%s name=%s format=\"%s\" length_ms=%llu reason=%d rendered_s=%.3f\n",
+    printf("player=%s name=%s format=\"%s\" length_ms=%llu reason=%d player_end_ms=%llu rendered_s=%.3f\n",
            slash ? slash + 1 : player_path, name, option.c_str(), (unsigned long long)length_ms, reason,
-           double(done) / 48000.0);
+           (unsigned long long)player_end_ms, double(done) / 48000.0);
     return 0;
 }
