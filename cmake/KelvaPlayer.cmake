@@ -6,7 +6,7 @@
 #
 # produces <dir>/<name> and a target kelva_player_<name> (built by ALL).
 # Every player gets players/include on its include path (kelva_player.h).
-include_guard(GLOBAL)
+include_guard(DIRECTORY)   # the variables below are directory-scoped: set them in every including folder
 
 find_program(KELVA_M68K_CC m68k-linux-gnu-gcc)
 set(KELVA_PLAYER_INCLUDE ${CMAKE_CURRENT_LIST_DIR}/../players/include)

@@ -1,0 +1,58 @@
+// Helpers for the tests of kelva's ProTracker-family players: open a built
+// player on a module image and step it tick by tick.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "engine/engine.h"
+#include "support/test_support.h"
+
+namespace ptk_test {
+
+inline std::string player_path(const char *name) { return std::string(KELVA_BUILD_DATA) + "/players/" + name; }
+
+inline std::vector<uint8_t> read_bytes(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), {}};
+}
+
+// Points KELVA_DATA at the build tree's data tree for the test's lifetime.
+struct data_tree_env {
+    std::string old;
+    bool had = false;
+    data_tree_env() {
+        if (const char *v = getenv("KELVA_DATA")) {
+            old = v;
+            had = true;
+        }
+        setenv("KELVA_DATA", KELVA_BUILD_DATA, 1);
+    }
+    ~data_tree_env() {
+        if (had) setenv("KELVA_DATA", old.c_str(), 1);
+        else unsetenv("KELVA_DATA");
+    }
+};
+
+// Frames of one 50 Hz tick at 48 kHz.
+constexpr int32_t kTick = 960;
+
+// Renders `n` ticks: afterwards the player's tick routine has run n times
+// more (the first call of a fresh engine runs it at once).
+inline void run_ticks(kelva *k, int n) {
+    std::vector<float> buf(size_t(kTick) * 2);
+    for (int i = 0; i < n; i++) kelva_render(k, buf.data(), kTick);
+}
+
+}  // namespace ptk_test
+
+// Skips the current test when the player was not built.
+#define PTK_REQUIRE_PLAYER(name)                                                                  \
+    do {                                                                                          \
+        if (ptk_test::read_bytes(ptk_test::player_path(name)).empty())                            \
+            GTEST_SKIP() << "player " << name << " not built (no m68k cross compiler?)";        \
+    } while (0)
