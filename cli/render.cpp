@@ -130,10 +130,11 @@ bool render_to(playback *p, SNDFILE *f, const std::string &path) {
 
 // Why rendering stopped where it did.
 std::string stop_text(const playback &p, const play_settings &s) {
-    if (p.ended) return "the song's end";
-    if (s.seconds > 0 && (p.length.ms <= 0 || s.seconds * 1000.0 < double(p.length.ms))) return "--seconds";
-    if (p.length.ms <= 0) return "the measurement limit";
-    return std::string("its length (") + length_reason_text(p.length.reason) + ")";
+    if (p.ended) return "stopped at the song's end";
+    if (s.seconds > 0 && (p.length.ms <= 0 || s.seconds * 1000.0 < double(p.length.ms))) return "stopped after --seconds";
+    if (p.length.ms <= 0) return "stopped at the measurement limit";
+    if (p.length.reason == length_reason::database) return "stopped at the length from the database";
+    return std::string("stopped at the length found by ") + length_reason_text(p.length.reason);
 }
 
 }  // namespace
@@ -177,8 +178,8 @@ int cmd_render(int argc, char **argv, int first) {
     }
     if (ok) {
         std::string sub = playback_subsong_text(p);
-        printf("%s: %s of %s%s%s (stopped at %s), %d Hz\n", out.path.c_str(), format_ms(p.done_frames * 1000 / p.rate).c_str(),
-               p.module.shown.c_str(), sub.empty() ? "" : ", ", sub.c_str(), stop_text(p, settings).c_str(), settings.rate);
+        printf("%s: %s of %s%s%s, %d Hz; %s\n", out.path.c_str(), format_ms(p.done_frames * 1000 / p.rate).c_str(),
+               p.module.shown.c_str(), sub.empty() ? "" : ", ", sub.c_str(), settings.rate, stop_text(p, settings).c_str());
     }
     playback_end(&p);
     return ok ? kExitOk : kExitFailure;
