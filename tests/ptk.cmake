@@ -10,3 +10,15 @@ endforeach()
 
 add_executable(kelva_render_wav ${CMAKE_CURRENT_LIST_DIR}/reference/kelva_render_wav.cpp)
 target_link_libraries(kelva_render_wav PRIVATE kelva_engine)
+
+# The reference comparison against openmpt123: every module of the shared
+# test data, 60 s each, two at a time. Skips (exit code 77) when openmpt123,
+# the shared data or the players are missing.
+find_package(Python3 COMPONENTS Interpreter)
+if(Python3_Interpreter_FOUND)
+  add_test(NAME ptk_reference_openmpt
+    COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_LIST_DIR}/reference/compare.py
+      $<TARGET_FILE:kelva_render_wav> ${KELVA_BUILD_DATA} ${KELVA_SHARED_DIR}
+      ${CMAKE_CURRENT_BINARY_DIR}/reference_work)
+  set_tests_properties(ptk_reference_openmpt PROPERTIES LABELS reference SKIP_RETURN_CODE 77 TIMEOUT 900)
+endif()

@@ -30,7 +30,22 @@ SECONDS = 60
 
 # Understood differences: module -> (what is exempt, why). "corr" exempts the
 # envelope correlation, "length" the length.
-KNOWN = {}
+KNOWN = {
+    # Six channels; Paula has four and PTK-Prowiz plays the first four, so
+    # channels 5 and 6 are missing from kelva's render (openmpt plays all).
+    "debian/starpaws.mod": (("corr",), "6 channels, kelva plays the first 4"),
+    # Steady tones only: both envelopes are flat (kelva's and openmpt's block
+    # levels agree within 2 %), so the correlation measures the last 0.1 %
+    # of ripple, i.e. noise.
+    "effects/AmigaLimitsFinetune.mod": (("corr",), "flat envelope, levels agree within 2 %"),
+    "effects/ArpWraparound.mod": (("corr",), "flat envelope, levels agree within 3 %"),
+    # Under the replay routine's rules this module never ends: B00+D04 on
+    # position 1 re-enters position 0 at row 4, whose E61 loops to row 0
+    # again and again. kelva reports the end when a row outside a running
+    # pattern loop comes round a second time (after 11 rows, 1.32 s);
+    # openmpt's own loop detection stops after 43 rows (5.16 s).
+    "effects/PatLoop-Break.mod": (("length",), "endless under the replay rules; loop detection differs"),
+}
 
 
 def run(cmd, env=None, timeout=300):
