@@ -1,0 +1,249 @@
+#!/usr/bin/env python3
+"""Writes the synthetic seeds of the fuzz corpora (fuzz/corpus/<target>/seed-*).
+
+Usage: make_seeds.py [--modules DIR]
+
+Seeds are small files made here: hunk executables exercising every hunk and
+sub-tag kind, ProTracker-layout modules of each tag and classification
+branch (31 and 15 instruments, with notes, samples and effects so that the
+players do real work), TFMX headers, configurations and database files. With
+--modules, the small modules of DIR (.mod files under 10 KB) are added to the
+engine and classification seeds as well. Reproducers of findings are named
+crash-*/timeout-*/slow-* and are not touched.
+"""
+import os
+import struct
+import sys
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+CORPUS = os.path.join(HERE, "corpus")
+
+
+def be32(*values):
+    return b"".join(struct.pack(">I", v & 0xFFFFFFFF) for v in values)
+
+
+# ---- hunk executables ----------------------------------------------------
+
+HEADER, CODE, DATA, BSS, RELOC32, NAME, SYMBOL, DEBUG, END = (
+    0x3F3, 0x3E9, 0x3EA, 0x3EB, 0x3EC, 0x3E8, 0x3F0, 0x3F1, 0x3F2)
+
+
+def hunk_file(sizes, bodies, resident=b""):
+    out = be32(HEADER) + resident + be32(0, len(sizes), 0, len(sizes) - 1)
+    out += b"".join(be32(s) for s in sizes)
+    return out + b"".join(bodies)
+
+
+def hunk_seeds():
+    seeds = {}
+    # One code hunk of two longs, a rts in it.
+    seeds["minimal"] = hunk_file([2], [be32(CODE, 2) + b"\x4e\x75\x00\x00" + be32(0) + be32(END)])
+    # Code + data + bss, relocations between them, a name, symbols, debug.
+    code = be32(CODE, 4) + be32(0, 4, 8, 0x4E754E75)
+    code += be32(NAME, 1) + b"code"
+    code += be32(RELOC32, 2, 1, 0, 4, 1, 2, 8, 0)
+    code += be32(SYMBOL, 1) + b"sym\0" + be32(0) + be32(0)
+    code += be32(DEBUG, 2, 0, 0) + be32(END)
+    data = be32(DATA, 2, 0x11111111, 0x22222222) + be32(RELOC32, 1, 0, 4, 0) + be32(END)
+    bss = be32(BSS, 3) + be32(END)
+    seeds["three-hunks"] = hunk_file([4, 2, 3], [code, data, bss])
+    # Extended memory attributes and chip/fast flags on the size longs.
+    seeds["mem-flags"] = hunk_file([0xC0000002, 0x40000001], [
+        be32(0x40000000 | CODE, 2, 1, 2) + be32(END), be32(0x80000000 | DATA, 1, 3)])
+    # Resident-library names before the table; the last hunk without END.
+    seeds["resident-no-end"] = hunk_file([1, 1], [be32(CODE, 1, 7) + be32(END), be32(BSS, 1)],
+                                         resident=be32(1) + b"lib\0")
+    # A relocation aimed at a hunk that does not exist, and one outside its hunk.
+    seeds["bad-reloc"] = hunk_file([1], [be32(CODE, 1, 0) + be32(RELOC32, 1, 5, 0, 0) + be32(END)])
+    seeds["reloc-outside"] = hunk_file([1], [be32(CODE, 1, 0) + be32(RELOC32, 1, 0, 64, 0) + be32(END)])
+    # A large BSS behind a small header size.
+    seeds["bss-count"] = hunk_file([16], [be32(BSS, 0x100000) + be32(END)])
+    return seeds
+
+
+# ---- modules ---------------------------------------------------------------
+
+SQUARE = bytes([0x60] * 16 + [0xA0] * 16) * 4   # 128 bytes, 64 words
+
+
+def sample_header(name, length, volume, rstart, rlen, finetune=0):
+    return (name.encode()[:22].ljust(22, b"\0") +
+            struct.pack(">HBBHH", length, finetune, volume, rstart, rlen))
+
+
+def cell(period, sample, command, param):
+    return bytes([(sample & 0xF0) | (period >> 8), period & 0xFF, ((sample & 0x0F) << 4) | command, param])
+
+
+PERIODS = [428, 381, 339, 320, 285, 254, 226, 214]
+
+
+def pattern(effects, sample_count=4, step=4, channels=4):
+    rows = []
+    for r in range(64):
+        for c in range(channels):
+            if r % step == 0 and c < 4:
+                period, sample = PERIODS[(r // step + c) % 8], 1 + (r // step + c) % sample_count
+            else:
+                period, sample = 0, 0
+            command, param = effects.get((r, c), (0, 0))
+            rows.append(cell(period, sample, command, param))
+    return b"".join(rows)
+
+
+def mod31(tag, patterns, samples, song_len=None, restart=0, orders=None, channels=4):
+    header = b"fuzz seed".ljust(20, b"\0")
+    for i in range(31):
+        header += samples[i] if i < len(samples) else sample_header("", 0, 0, 0, 1)
+    orders = orders if orders is not None else list(range(len(patterns)))
+    header += bytes([song_len if song_len is not None else len(orders), restart])
+    header += bytes(orders).ljust(128, b"\0") + tag
+    body = b"".join(patterns)
+    return header + body + SQUARE * len(samples)
+
+
+def mod15(patterns, samples, orders=None, restart=120):
+    header = b"st seed".ljust(20, b"\0")
+    for i in range(15):
+        header += samples[i] if i < len(samples) else sample_header("", 0, 0, 0, 0)
+    orders = orders if orders is not None else list(range(len(patterns)))
+    header += bytes([len(orders), restart]) + bytes(orders).ljust(128, b"\0")
+    # The pattern count comes from the highest order entry (at least 1), so
+    # there are max(orders)+1 patterns before the samples.
+    need = max(max(orders), 1) + 1
+    pats = list(patterns) + [bytes(1024)] * (need - len(patterns))
+    return header + b"".join(pats) + SQUARE * len(samples)
+
+
+def looped(i, volume=48):
+    return sample_header("smp%d" % i, 64, volume, 0, 64)
+
+
+def module_seeds():
+    s = [looped(i) for i in range(4)]
+    fx_all = {(1, 0): (0x0, 0x37), (2, 1): (0x1, 0x04), (3, 2): (0x2, 0x04), (5, 3): (0x3, 0x08),
+              (6, 0): (0x4, 0x44), (7, 1): (0x5, 0x02), (9, 2): (0x6, 0x20), (10, 3): (0x7, 0x33),
+              (11, 0): (0x9, 0x02), (13, 1): (0xA, 0x0F), (14, 2): (0xC, 0x30), (15, 3): (0xE, 0x01),
+              (17, 0): (0xE, 0x93), (18, 1): (0xE, 0xC2), (19, 2): (0xE, 0xD1), (21, 3): (0xE, 0x62),
+              (22, 0): (0xE, 0x60), (25, 1): (0xF, 0x04), (26, 2): (0xF, 0x7D), (30, 3): (0xE, 0xE2),
+              (33, 0): (0xB, 0x01), (40, 1): (0xD, 0x10)}
+    seeds = {}
+    seeds["mk-effects"] = mod31(b"M.K.", [pattern(fx_all), pattern({(63, 0): (0xB, 0x00)})], s)
+    seeds["mk-plain"] = mod31(b"M.K.", [pattern({(0, 0): (0xF, 0x03)})], s)
+    seeds["mk-st24"] = mod31(b"M.K.", [pattern({})], [sample_header("x", 32, 64, 60, 10)] + s[1:])
+    seeds["mk-nt"] = mod31(b"M.K.", [pattern({(0, 0): (0xE, 0x00)})],
+                           [sample_header("a", 64, 64, 0, 0), looped(1)], restart=0)
+    seeds["mk-finetune"] = mod31(b"M.K.", [pattern({})], [sample_header("f", 64, 64, 0, 64, 7)] + s[1:])
+    seeds["mk-restart127"] = mod31(b"M.K.", [pattern({})], s, restart=127)
+    seeds["nt"] = mod31(b"N.T.", [pattern({})], s)
+    seeds["mk-noise"] = mod31(b"M&K!", [pattern({})], s)
+    seeds["flt4"] = mod31(b"FLT4", [pattern({(0, 0): (0xF, 0x06)})], s)
+    seeds["flt4-marks"] = mod31(b"FLT4", [pattern({})], s + [sample_header("mark", 0, 64, 0, 1)])
+    seeds["6chn"] = mod31(b"6CHN", [pattern({}, channels=6)], s, channels=6)
+    seeds["8chn"] = mod31(b"8CHN", [bytes(2048)], s)
+    seeds["octa"] = mod31(b"OCTA", [pattern({})], s)
+    seeds["mk-song-jump"] = mod31(b"M.K.", [pattern({(8, 0): (0xB, 0x01)}), pattern({(8, 0): (0xB, 0x00)})], s,
+                                  orders=[0, 1, 0, 1])
+    s15 = [looped(i) for i in range(4)]
+    seeds["st15-ust"] = mod15([pattern({(0, 0): (0x0, 0x37), (4, 1): (0x0, 0x47), (8, 2): (0x0, 0x25)})], s15)
+    seeds["st15-porta-ust"] = mod15([pattern({(0, 0): (0x1, 0x40), (4, 1): (0x2, 0x50)})], s15)
+    seeds["st15-st4"] = mod15([pattern({(0, 0): (0x5, 0x02), (8, 1): (0xD, 0x01)})], s15)
+    seeds["st15-ptk"] = mod15([pattern({(0, 0): (0xC, 0x20), (4, 1): (0xF, 0x06)})], s15)
+    seeds["st15-disk"] = mod15([pattern({})], [sample_header("st-01:drum", 64, 64, 200, 64)] + s15[1:])
+    # TFMX headers.
+    t = bytearray(2600)
+    t[0:10] = b"TFMX-SONG "
+    t[464:476] = be32(600, 1200, 1800)
+    t[608:612] = b"\xef\xfe\x00\x03"
+    seeds["tfmx-7v"] = bytes(t)
+    t = bytearray(600)
+    t[0:10] = b"TFMX-SONG "
+    t[10:12] = b"by"
+    t[14:16] = b"\x0e\x60"
+    seeds["tfmx-by"] = bytes(t)
+    for variant in (1, 2, 3):
+        t = bytearray(600)
+        t[0:4] = b"TFHD"
+        t[8] = variant
+        seeds["tfhd-%d" % variant] = bytes(t)
+    return seeds
+
+
+# ---- eagleplayer.conf and songlengths.db --------------------------------------
+
+def conf_seeds():
+    shipped = os.path.join(HERE, "..", "data", "kelva_data", "eagleplayer.conf")
+    seeds = {}
+    with open(shipped, "rb") as f:
+        seeds["shipped"] = f.read()
+    seeds["items"] = (b"A prefixes=mod,x,,y,mod.song epopt=type:pt30 epopt=type:st20\n"
+                      b"B prefixes= prefixes=mod epopt=\n"
+                      b"#comment\n\n\tA prefixes=tfx\n"
+                      b"TFMX prefixes=mdat,tfx,TFX\r\n"
+                      b"PTK-Prowiz\tprefixes=mod\tepopt=type:pt30\r\n")
+    seeds["long-line"] = b"A prefixes=" + b"x," * 3000 + b"mod\nB prefixes=" + b"y" * 70 + b",mod\n"
+    seeds["long-name"] = b"N" * 300 + b" prefixes=mod\nPTK-Prowiz prefixes=mod epopt=" + b"o" * 300 + b"\n"
+    return seeds
+
+
+def db_seeds():
+    k = "0123456789abcdef" * 2
+    return {
+        "records": ("%s 183000 tune.mod\n%s -1 broken.mod\n%s 5 count\n" % (k, "f" * 32, "0" * 32)).encode(),
+        "bad-lines": ("%s 1 short key\n%sg 1 bad digit\n%s\n%s 99999999999 overflow\n%s 7" %
+                      (k[:31], k[:31], k, k, k)).encode(),
+        "no-newline": (k + " 42 x\n" + k + " 43").encode(),
+    }
+
+
+def write(target, name, data):
+    folder = os.path.join(CORPUS, target)
+    os.makedirs(folder, exist_ok=True)
+    with open(os.path.join(folder, "seed-" + name), "wb") as f:
+        f.write(data)
+
+
+def main():
+    modules_dir = None
+    if len(sys.argv) == 3 and sys.argv[1] == "--modules":
+        modules_dir = sys.argv[2]
+    elif len(sys.argv) != 1:
+        sys.exit(__doc__)
+    for name, data in hunk_seeds().items():
+        write("hunk", name, data)
+    modules = module_seeds()
+    real = {}
+    if modules_dir:
+        for root, _, files in os.walk(modules_dir):
+            for fn in sorted(files):
+                path = os.path.join(root, fn)
+                if os.path.getsize(path) < 10240 and fn.lower().endswith(".mod"):
+                    with open(path, "rb") as f:
+                        real["real-" + fn.replace(" ", "_")] = f.read()
+    for name, data in modules.items():
+        write("classify", name, data)
+        write("identify", name, bytes([0]) + data)   # as x.mod
+    for name in ("mk-effects", "st15-ust", "tfmx-7v", "tfhd-2"):
+        write("identify", name + "-prefix", bytes([1]) + modules[name])   # as mod.x
+        write("identify", name + "-tfx", bytes([5]) + modules[name])      # as song.tfx
+    # Engine: players in name order are PTK-Prowiz (0), Soundtracker-IV (1),
+    # UltimateSoundtracker (2); 3 lets identification choose.
+    for name, data in list(modules.items()) + list(real.items()):
+        if name.startswith("tf"):
+            continue
+        write("engine", name, bytes([3, 0]) + data)
+    for name, data in real.items():
+        write("classify", name, data)
+    write("engine", "mk-effects-ptk", bytes([0, 1]) + modules["mk-effects"])
+    write("engine", "mk-effects-st4", bytes([1, 0]) + modules["mk-effects"])
+    write("engine", "st15-st4-ust", bytes([2, 2]) + modules["st15-st4"])
+    write("engine", "flt4-st4", bytes([1, 3]) + modules["flt4"])
+    for name, data in conf_seeds().items():
+        write("epconf", name, data)
+    for name, data in db_seeds().items():
+        write("songdb", name, data)
+
+
+if __name__ == "__main__":
+    main()
