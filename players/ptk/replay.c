@@ -12,8 +12,8 @@
  * act; on the other ticks the running effects (slides, vibrato, arpeggio,
  * ...) advance. The order of operations on each tick follows the Amiga
  * replay routines, quirks included, because modules were written against
- * them: the period table with its trailing zero per finetune row that
- * arpeggio can read into, the sample offset that is applied twice, the
+ * them: arpeggio that reads past B-3 into the next finetune's periods,
+ * the sample offset that is applied twice, the
  * tremolo ramp that looks at the vibrato position, the loop pointers that
  * are re-queued for every channel on every row (so that an instrument
  * given without a note takes over at the end of the running loop).
