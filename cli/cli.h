@@ -31,16 +31,16 @@ struct cli_args {
 
 // Describes the options a subcommand accepts: names that take a value and
 // names that are plain switches.
-struct option_spec {
+struct option_set {
     std::vector<std::string> with_value;
     std::vector<std::string> switches;
 };
 
-// Parses argv[first..argc) against `spec` ("--name value", "--name=value",
+// Parses argv[first..argc) against `opts` ("--name value", "--name=value",
 // "-o value" for the short forms listed as "o"; "--help"/"-h" sets help;
 // "--" ends the options). On a usage error prints one line naming the
 // command and returns false.
-bool parse_args(const char *command, int argc, char **argv, int first, const option_spec &spec, cli_args *out);
+bool parse_args(const char *command, int argc, char **argv, int first, const option_set &opts, cli_args *out);
 // The last value given for an option, or null.
 const char *arg_value(const cli_args &args, const char *name);
 bool arg_switch(const cli_args &args, const char *name);
@@ -66,7 +66,7 @@ struct play_settings {
 bool read_play_settings(const char *command, const cli_args &args, play_settings *out);
 void apply_settings(kelva *k, const play_settings &s);
 // The options read_play_settings understands.
-void add_play_options(option_spec *spec);
+void add_play_options(option_set *opts);
 
 // ---- modules -------------------------------------------------------------
 

@@ -47,7 +47,7 @@ bool use_data_dir(const char *command, const char *dir) {
 
 }  // namespace
 
-bool parse_args(const char *command, int argc, char **argv, int first, const option_spec &spec, cli_args *out) {
+bool parse_args(const char *command, int argc, char **argv, int first, const option_set &opts, cli_args *out) {
     bool options_done = false;
     for (int i = first; i < argc; i++) {
         std::string a = argv[i];
@@ -76,8 +76,8 @@ bool parse_args(const char *command, int argc, char **argv, int first, const opt
         } else {
             name = a.substr(1);
         }
-        bool takes_value = name == "data" || listed(spec.with_value, name);
-        if (!takes_value && !listed(spec.switches, name)) {
+        bool takes_value = name == "data" || listed(opts.with_value, name);
+        if (!takes_value && !listed(opts.switches, name)) {
             cli_usage_error(command, "unknown option %s", a.c_str());
             return false;
         }
@@ -157,8 +157,8 @@ bool parse_double(const char *text, double lo, double hi, double *out) {
 
 }  // namespace
 
-void add_play_options(option_spec *spec) {
-    for (const char *o : {"subsong", "seconds", "rate", "model", "separation", "led"}) spec->with_value.push_back(o);
+void add_play_options(option_set *opts) {
+    for (const char *o : {"subsong", "seconds", "rate", "model", "separation", "led"}) opts->with_value.push_back(o);
 }
 
 bool read_play_settings(const char *command, const cli_args &args, play_settings *out) {

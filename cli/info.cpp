@@ -98,10 +98,10 @@ void append_json(std::string *out, const file_report &r) {
 }  // namespace
 
 int cmd_info(int argc, char **argv, int first) {
-    option_spec spec;
-    spec.switches.push_back("json");
+    option_set opts;
+    opts.switches.push_back("json");
     cli_args args;
-    if (!parse_args("info", argc, argv, first, spec, &args)) return kExitUsage;
+    if (!parse_args("info", argc, argv, first, opts, &args)) return kExitUsage;
     if (args.help) {
         fputs(kInfoHelp, stdout);
         return kExitOk;

@@ -64,7 +64,7 @@ const command kCommands[] = {
 int main(int argc, char **argv) {
     // Global options come before the command; --data is also understood
     // after it (every command's parser accepts it).
-    option_spec global;
+    option_set global;
     global.switches.push_back("version");
     int i = 1;
     cli_args args;

@@ -118,10 +118,10 @@ bool play_to(playback *p, ao_device *dev) {
 }  // namespace
 
 int cmd_play(int argc, char **argv, int first) {
-    option_spec spec;
-    add_play_options(&spec);
+    option_set opts;
+    add_play_options(&opts);
     cli_args args;
-    if (!parse_args("play", argc, argv, first, spec, &args)) return kExitUsage;
+    if (!parse_args("play", argc, argv, first, opts, &args)) return kExitUsage;
     if (args.help) {
         fputs(kPlayHelp, stdout);
         return kExitOk;

@@ -140,11 +140,11 @@ std::string stop_text(const playback &p, const play_settings &s) {
 }  // namespace
 
 int cmd_render(int argc, char **argv, int first) {
-    option_spec spec;
-    add_play_options(&spec);
-    for (const char *o : {"o", "output", "format", "bits"}) spec.with_value.push_back(o);
+    option_set opts;
+    add_play_options(&opts);
+    for (const char *o : {"o", "output", "format", "bits"}) opts.with_value.push_back(o);
     cli_args args;
-    if (!parse_args("render", argc, argv, first, spec, &args)) return kExitUsage;
+    if (!parse_args("render", argc, argv, first, opts, &args)) return kExitUsage;
     if (args.help) {
         fputs(kRenderHelp, stdout);
         return kExitOk;

@@ -196,11 +196,11 @@ bool parse_jobs(const char *text, int *jobs) {
 }  // namespace
 
 int cmd_scan(int argc, char **argv, int first) {
-    option_spec spec;
-    spec.with_value.push_back("jobs");
-    spec.with_value.push_back("j");
+    option_set opts;
+    opts.with_value.push_back("jobs");
+    opts.with_value.push_back("j");
     cli_args args;
-    if (!parse_args("scan", argc, argv, first, spec, &args)) return kExitUsage;
+    if (!parse_args("scan", argc, argv, first, opts, &args)) return kExitUsage;
     if (args.help) {
         fputs(kScanHelp, stdout);
         return kExitOk;
