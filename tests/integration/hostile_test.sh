@@ -1,0 +1,303 @@
+#!/usr/bin/env bash
+# hostile_test.sh -- kelva inside the real Audacious, headless, fed a
+# playlist of hostile files.
+#
+#   hostile_test.sh --plugin kelva.so --players DIR --real-players DIR
+#                   [--modules DIR] [--keep] [--verbose]
+#
+# Starts "audacious -H" the way aud_test.sh does (private HOME, XDG folders,
+# D-Bus session and plugin folder; the file writer as output; the other
+# tracker plugins disabled) with a data tree holding kelva's real players
+# (--real-players, the build tree's kelva_data/players) and the Misbehave
+# test player (from --players). The playlist:
+#
+#   rand1.mod rand2.mod  random bytes under the ProTracker player's extension
+#   rand3.fc rand4.okt   random bytes under other listed extensions
+#   cut1.mod cut2.mod    a real module (from --modules, else a made-up one)
+#                        cut after its header and in its patterns
+#   forever.kvloop       the Misbehave player, whose tick routine loops
+#                        forever (each tick costs the whole step budget)
+#   empty.mod            an empty file
+#   x.mod                a folder
+#
+# Every entry is played; an entry must stop by itself (it ended, or it was
+# refused) within a few seconds, or it is stopped, and Audacious must answer
+# after each. The log must hold the plugin's "kelva: " messages for the
+# entries it refuses. Each process started here is stopped by its PID.
+#
+# Exit: 0 pass, 1 fail, 77 skipped (Audacious, the file writer or the
+# players are missing).
+
+set -u
+export LC_ALL=C
+
+PLUGIN=""
+PLAYERS=""
+REAL=""
+MODULES=""
+KEEP=0
+VERBOSE=0
+while [ $# -gt 0 ]; do
+    case "$1" in
+        --plugin) PLUGIN=${2:-}; shift 2 ;;
+        --players) PLAYERS=${2:-}; shift 2 ;;
+        --real-players) REAL=${2:-}; shift 2 ;;
+        --modules) MODULES=${2:-}; shift 2 ;;
+        --keep) KEEP=1; shift ;;
+        --verbose) VERBOSE=1; shift ;;
+        *) echo "usage: $0 --plugin kelva.so --players DIR --real-players DIR [--modules DIR] [--keep] [--verbose]" >&2
+           exit 1 ;;
+    esac
+done
+
+skip() { echo "SKIP: $*"; exit 77; }
+FAILS=0
+pass() { echo "ok   $*"; }
+fail() { echo "FAIL $*"; FAILS=$((FAILS + 1)); }
+
+[ -n "$PLUGIN" ] && [ -f "$PLUGIN" ] || { echo "hostile_test: plugin not found: '$PLUGIN'" >&2; exit 1; }
+PLUGIN=$(readlink -f "$PLUGIN")
+AUDBIN=$(command -v audacious) || skip "audacious is not installed (Debian packages audacious, audacious-plugins)"
+command -v audtool >/dev/null || skip "audtool is not installed (package audacious)"
+command -v dbus-daemon >/dev/null || skip "dbus-daemon is not installed (package dbus)"
+command -v python3 >/dev/null || skip "python3 is needed to make the test module"
+AUDBIN=$(readlink -f "$AUDBIN")
+SYS_PLUGIN_DIR=$(pkg-config --variable=plugin_dir audacious 2>/dev/null || true)
+if [ -z "$SYS_PLUGIN_DIR" ] || [ ! -d "$SYS_PLUGIN_DIR/Output" ]; then
+    for d in /usr/lib/*/audacious /usr/lib/audacious; do [ -d "$d/Output" ] && SYS_PLUGIN_DIR=$d && break; done
+fi
+[ -d "$SYS_PLUGIN_DIR/Output" ] || skip "cannot find Audacious' plugin folder"
+[ -f "$SYS_PLUGIN_DIR/Output/filewriter.so" ] || skip "the file writer output plugin is missing (package audacious-plugins)"
+[ -n "$PLAYERS" ] && [ -f "$PLAYERS/Misbehave" ] || skip "test player Misbehave not found in '$PLAYERS' (built with the m68k toolchain)"
+[ -n "$REAL" ] && [ -f "$REAL/PTK-Prowiz" ] || skip "player PTK-Prowiz not found in '$REAL' (built with the m68k toolchain)"
+
+T=$(mktemp -d /tmp/kelva-hostile-XXXXXX) || exit 1
+APID=""
+DPID=""
+alive() { [ -n "$1" ] && kill -0 "$1" 2>/dev/null; }
+wait_gone() { # pid seconds
+    local n=$(($2 * 20))
+    while alive "$1" && [ $n -gt 0 ]; do sleep 0.05; n=$((n - 1)); done
+    ! alive "$1"
+}
+at() { DBUS_SESSION_BUS_ADDRESS=$BUS timeout 10 audtool "$@" 2>/dev/null; }
+stop_all() {
+    if alive "$APID"; then
+        at shutdown >/dev/null
+        wait_gone "$APID" 10 || { kill -TERM "$APID" 2>/dev/null; wait_gone "$APID" 5 || kill -KILL "$APID" 2>/dev/null; }
+    fi
+    [ -n "$APID" ] && wait "$APID" 2>/dev/null
+    APID=""
+    if alive "$DPID"; then
+        kill -TERM "$DPID" 2>/dev/null
+        wait_gone "$DPID" 5 || kill -KILL "$DPID" 2>/dev/null
+    fi
+    [ -n "$DPID" ] && wait "$DPID" 2>/dev/null
+    DPID=""
+}
+finish() {
+    stop_all
+    if [ $KEEP = 1 ]; then echo "kept: $T"; else rm -rf "$T"; fi
+}
+trap finish EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+BUS="unix:path=$T/bus"
+now_ms() { date +%s%3N; }
+# wait_for SECONDS COMMAND...: polls until the command succeeds.
+wait_for() {
+    local end=$(($(now_ms) + $1 * 1000))
+    shift
+    until "$@"; do
+        [ "$(now_ms)" -lt $end ] || return 1
+        alive "$APID" || return 1
+        sleep 0.1
+    done
+}
+
+# ---- private prefix: a copy of the binary and a plugin folder with kelva.so
+prefix_root=$(dirname "$(dirname "$AUDBIN")")
+case "$SYS_PLUGIN_DIR" in "$prefix_root"/*) ;; *) skip "plugin folder $SYS_PLUGIN_DIR is not under $prefix_root" ;; esac
+P=$T/prefix
+PDIR=$P/${SYS_PLUGIN_DIR#"$prefix_root"/}
+mkdir -p "$P/bin"
+cp "$AUDBIN" "$P/bin/audacious"           # a copy: the plugin folder is found from /proc/self/exe
+ln -s "$prefix_root/share" "$P/share"
+for d in "$SYS_PLUGIN_DIR"/*/; do
+    sub=$(basename "$d")
+    mkdir -p "$PDIR/$sub"
+    for so in "$d"*.so; do
+        [ -e "$so" ] || continue
+        [ "$sub/$(basename "$so")" = Input/kelva.so ] && continue   # an installed kelva is replaced by ours
+        ln -s "$so" "$PDIR/$sub/"
+    done
+done
+mkdir -p "$PDIR/Input"
+ln -s "$PLUGIN" "$PDIR/Input/kelva.so"
+
+# ---- data tree and the hostile files
+DATA=$T/kelva_data
+MUS=$T/music
+mkdir -p "$DATA/players/ENV" "$MUS" "$T/home" "$T/config/audacious" "$T/xdg" "$T/cache" "$T/run" "$T/out"
+chmod 700 "$T/run"
+for p in "$REAL"/*; do [ -f "$p" ] && cp "$p" "$DATA/players/"; done
+cp "$PLAYERS/Misbehave" "$DATA/players/Misbehave"
+cat > "$DATA/eagleplayer.conf" <<'CONF'
+# made by hostile_test.sh
+PTK-Prowiz prefixes=mod,mod15,m15,st,nst,stk,ptk epopt=type:pt30
+UltimateSoundtracker prefixes=ust,fc
+Soundtracker-IV prefixes=st4,okt
+Misbehave prefixes=kvloop
+CONF
+
+rand_file() { head -c "$2" /dev/urandom > "$1"; }
+rand_file "$MUS/rand1.mod" 1500
+rand_file "$MUS/rand2.mod" 70000
+rand_file "$MUS/rand3.fc" 3000
+rand_file "$MUS/rand4.okt" 3000
+# A real module if one is at hand, else a made-up 31-instrument one.
+SRC=""
+if [ -n "$MODULES" ] && [ -d "$MODULES" ]; then
+    SRC=$(find "$MODULES" -type f -iname '*.mod' -size +30k -size -400k 2>/dev/null | sort | head -n1)
+fi
+if [ -z "$SRC" ]; then
+    SRC=$T/made.mod
+    python3 - "$SRC" <<'PY'
+import struct, sys
+h = b"made up".ljust(20, b"\0")
+for i in range(31):
+    h += b"".ljust(22, b"\0") + struct.pack(">HBBHH", 2000 if i < 4 else 0, 0, 64, 0, 1)
+h += bytes([2, 0, 0, 1]) + bytes(126) + b"M.K."
+pat = bytearray(1024)
+for r in range(0, 64, 2):
+    pat[r * 16:r * 16 + 4] = bytes([0x10, 0xAC, 0x10, 0x00])
+open(sys.argv[1], "wb").write(h + bytes(pat) * 2 + bytes(range(256)) * 63)
+PY
+fi
+head -c 1500 "$SRC" > "$MUS/cut1.mod"     # the header and part of the first pattern
+head -c 9000 "$SRC" > "$MUS/cut2.mod"     # some patterns, no samples
+printf 'the tick routine of this player never returns\n' > "$MUS/forever.kvloop"
+: > "$MUS/empty.mod"
+mkdir "$MUS/x.mod"
+uri() { printf 'file://%s' "$1"; }   # the paths made here need no escapes
+ENTRIES="rand1.mod rand2.mod rand3.fc rand4.okt cut1.mod cut2.mod forever.kvloop empty.mod x.mod"
+
+# ---- configuration
+cat > "$T/config/audacious/config" <<EOF
+[audacious]
+resume_playback_on_startup=FALSE
+slow_probe=TRUE
+output_bit_depth=-1
+metadata_fallbacks=FALSE
+stop_after_current_song=FALSE
+
+[filewriter]
+fileext=0
+file_path=$(uri "$T/out")
+save_original=FALSE
+filenamefromtags=FALSE
+use_suffix=FALSE
+prependnumber=FALSE
+EOF
+{
+    echo "format 10"
+    echo "output $SYS_PLUGIN_DIR/Output/filewriter.so"
+    echo "enabled 1"
+    for n in openmpt modplug ffaudio; do
+        [ -e "$PDIR/Input/$n.so" ] || continue
+        echo "input $PDIR/Input/$n.so"
+        echo "enabled 0"
+    done
+} > "$T/config/audacious/plugin-registry"
+
+# ---- start D-Bus and Audacious
+dbus-daemon --session --nofork --nopidfile --address="$BUS" > "$T/dbus.log" 2>&1 &
+DPID=$!
+n=100; while [ ! -S "$T/bus" ] && [ $n -gt 0 ] && alive "$DPID"; do sleep 0.05; n=$((n - 1)); done
+[ -S "$T/bus" ] || { cat "$T/dbus.log"; echo "hostile_test: private dbus-daemon did not start"; exit 1; }
+
+HOME=$T/home XDG_CONFIG_HOME=$T/config XDG_DATA_HOME=$T/xdg XDG_CACHE_HOME=$T/cache XDG_RUNTIME_DIR=$T/run \
+DBUS_SESSION_BUS_ADDRESS=$BUS KELVA_DATA=$DATA \
+    env -u DISPLAY -u WAYLAND_DISPLAY -u SESSION_MANAGER "$P/bin/audacious" -H -V \
+    > "$T/aud.out" 2> "$T/aud.log" < /dev/null &
+APID=$!
+wait_for 20 eval 'at version >/dev/null' || { tail -20 "$T/aud.log"; echo "hostile_test: audacious did not come up"; exit 1; }
+echo "audacious $(at version), pid $APID, plugin folder $PDIR"
+
+# ---- the playlist
+nentries() { at playlist-length; }
+at playlist-clear
+for f in $ENTRIES; do at playlist-addurl "$(uri "$MUS/$f")"; done
+# Audacious drops what it cannot read when adding (the folder has no
+# files, an empty file may be refused): wait until the list settles.
+wait_for 30 eval '[ "$(nentries)" -ge 7 ]' || fail "the playlist holds only $(nentries) entries"
+sleep 2
+N=$(nentries)
+echo "playlist: $N entries"
+for e in $(seq 1 "$N"); do
+    echo "  $e: $(at playlist-song-filename "$e") format '$(at playlist-tuple-data codec "$e")'"
+done
+alive "$APID" && [ -n "$(at version)" ] && pass "Audacious reads the hostile playlist" || fail "Audacious died reading the playlist"
+# The folder x.mod holds no files: Audacious adds nothing for it.
+for e in $(seq 1 "$N"); do
+    [ "$(at playlist-song-filename "$e")" = "$MUS/x.mod" ] && fail "the folder x.mod became a playlist entry"
+done
+
+# ---- play every entry: it ends or is refused by itself, or it is stopped
+# after LIMIT seconds (a module may legitimately play on; the endless
+# player never ends), and Audacious must answer afterwards.
+LIMIT=6
+for e in $(seq 1 "$N"); do
+    alive "$APID" || break
+    name=$(at playlist-song-filename "$e")
+    codec=$(at playlist-tuple-data codec "$e")
+    at playlist-jump "$e"
+    [ "$(at playlist-stop-after-status)" = on ] || at playlist-stop-after-toggle
+    t0=$(now_ms)
+    at playback-play
+    seen=0 how=""
+    while alive "$APID"; do
+        st=$(at playback-status)
+        el=$(( $(now_ms) - t0 ))
+        if [ "$st" = playing ] || [ "$st" = paused ]; then seen=1; fi
+        if [ "$st" = stopped ] && { [ $seen = 1 ] || [ $el -ge 2000 ]; }; then how="ended or refused"; break; fi
+        if [ $el -ge $((LIMIT * 1000)) ]; then
+            at playback-stop
+            wait_for 20 eval '[ "$(at playback-status)" = stopped ]' && how="stopped after ${LIMIT} s" || how="did not stop"
+            break
+        fi
+        sleep 0.1
+    done
+    el=$(( $(now_ms) - t0 ))
+    if alive "$APID" && [ -n "$(at version)" ] && [ "$how" != "did not stop" ]; then
+        pass "$(basename "$name") (${codec:-no decoder claimed it}): $how in $el ms; Audacious answers"
+    else
+        fail "$(basename "$name"): ${how:-Audacious died} after $el ms"
+    fi
+done
+
+# ---- what the plugin said
+stop_all
+grep -q -F "Loading plugin: $PDIR/Input/kelva.so" "$T/aud.log" && pass "kelva.so loaded" || fail "kelva.so was not loaded"
+nk=$(grep -c -F 'kelva: ' "$T/aud.log")
+[ "$nk" -gt 0 ] && pass "the log holds $nk \"kelva: \" messages" || fail "no \"kelva: \" message in the log"
+if grep -q -E "kelva: .*(rand1|rand3|rand4|cut1|cut2|empty)\." "$T/aud.log"; then
+    pass "refused files are named in kelva's messages"
+else
+    fail "no kelva message names a refused hostile file"
+fi
+if grep -q -E 'AddressSanitizer|runtime error:|Segmentation fault|Aborted' "$T/aud.log" "$T/aud.out"; then
+    fail "a crash or sanitizer report is in Audacious' output"
+else
+    pass "no crash or sanitizer report in Audacious' output"
+fi
+
+if [ $VERBOSE = 1 ] || [ $FAILS -gt 0 ]; then
+    echo "---- kelva's messages"
+    grep -F 'kelva: ' "$T/aud.log" | sort | uniq -c | head -40
+    echo "---- Audacious log (without INFO/DEBUG)"
+    grep -v -E '^(INFO|DEBUG) ' "$T/aud.log" | tail -40
+fi
+[ $FAILS -eq 0 ] && { echo "PASS"; exit 0; }
+echo "$FAILS check(s) failed"
+exit 1
