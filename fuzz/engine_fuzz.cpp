@@ -24,7 +24,7 @@ namespace {
 
 constexpr int32_t kRate = 48000;
 constexpr int32_t kBlock = 4096;
-constexpr int32_t kMeasureMs = 2000;
+constexpr int32_t kMeasureMs = 1000;
 constexpr int32_t kSilenceMs = 500;
 constexpr char kModulePath[] = "/fuzz/fuzz.mod";
 

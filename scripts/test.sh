@@ -18,8 +18,8 @@ echo "== tests"
 echo "== build (ASan+UBSan)"
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKELVA_SANITIZE=ON -DKELVA_WERROR=ON \
   -DKELVA_BUILD_PLUGIN=OFF -DKELVA_BUILD_BENCH=OFF -DKELVA_SHARED_DIR="$shared" >/dev/null
-cmake --build build-asan -j "$jobs" --target kelva_tests
-echo "== unit tests under ASan+UBSan"
+cmake --build build-asan -j "$jobs" --target kelva_tests kelva_fuzzers   # fuzzers: corpus replays
+echo "== unit tests and fuzz corpus replays under ASan+UBSan"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 (cd build-asan && ctest --output-on-failure -j "$jobs" -L unit)
