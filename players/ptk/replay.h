@@ -4,8 +4,9 @@
  * (ProTracker, NoiseTracker, Startrekker, His Master's Noise, modules from
  * PC trackers with any channel count) and the 15-instrument Soundtracker
  * modules. A variant record says what differs between the trackers; the
- * front-ends (PTK-Prowiz.c, UltimateSoundtracker.c, Soundtracker-IV.c)
- * choose the variant and wire the core into the player interface. */
+ * players (PTK-Prowiz.c, UltimateSoundtracker.c, Soundtracker-IV.c) name
+ * themselves and choose the variant; frontend.c wires the core into the
+ * player interface for all three. */
 #ifndef KELVA_PTK_REPLAY_H
 #define KELVA_PTK_REPLAY_H
 
@@ -67,5 +68,12 @@ int ptk_variant_from_option(const volatile uint8_t *mod, uint32_t size);
 /* Channels the module's tag announces (4 for the four-channel tags, 0 for
  * a tag that is not one of the family's). */
 uint32_t ptk_tag_channels(const volatile uint8_t *tag);
+
+/* Supplied by each player's own file. */
+extern const char ptk_player_name[];
+extern const char ptk_player_creator[];
+
+/* The variant that plays the module in memory; Check2 asks it. */
+int ptk_player_variant(const volatile uint8_t *mod, uint32_t size);
 
 #endif
