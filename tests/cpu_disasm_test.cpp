@@ -140,14 +140,4 @@ TEST_F(CpuDisasm, TraceLineLayout) {
     EXPECT_EQ(k->pc, 0x1000u);   // the trace changes no state
 }
 
-TEST_F(CpuDisasm, DaEmitFormats) {
-    char out[96];
-    da_emit(out, "rts", "", "");
-    EXPECT_STREQ(out, "rts");
-    da_emit(out, "swap", "d0", "");
-    EXPECT_STREQ(out, "swap    d0");
-    da_emit(out, "move.l", "d0", "d1");
-    EXPECT_STREQ(out, "move.l  d0,d1");
-}
-
 }  // namespace
