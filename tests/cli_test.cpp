@@ -36,11 +36,6 @@ struct run_result {
     std::string err;
 };
 
-std::string read_all(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), {}};
-}
-
 // Runs the built kelva with `args` in `cwd`, with HOME set to `home`,
 // XDG_DATA_HOME removed and KELVA_DATA set to `data` (when not empty).
 run_result run_kelva(const std::vector<std::string> &args, const std::string &home, const std::string &data,
@@ -82,8 +77,8 @@ run_result run_kelva(const std::vector<std::string> &args, const std::string &ho
     int status = 0;
     waitpid(pid, &status, 0);
     r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.out = read_all(out_path);
-    r.err = read_all(err_path);
+    r.out = read_file_text(out_path);
+    r.err = read_file_text(err_path);
     return r;
 }
 
@@ -224,19 +219,6 @@ json parse_json(const std::string &text) {
 
 // ---- fixtures ----------------------------------------------------------------------
 
-void put32(std::string *m, uint32_t v) {
-    for (int s = 24; s >= 0; s -= 8) m->push_back(char(v >> s));
-}
-
-// A module for the Envelope test player (tests/players/Envelope.c): a tone
-// whose loudness repeats after `pattern` ticks (0: never), stops at `stop`
-// and reports the song end at `end` (0: never). Ticks are 50 Hz.
-std::string envelope_module(uint32_t pattern, uint32_t stop, uint32_t end, uint32_t seed = 0x1234) {
-    std::string m;
-    for (uint32_t v : {0x454E564Cu, pattern, stop, end, seed, 0u}) put32(&m, v);
-    return m;
-}
-
 std::string test_player(const char *name) { return std::string(KELVA_TEST_PLAYERS) + "/" + name; }
 
 struct audio_file {
@@ -280,7 +262,7 @@ protected:
         std::filesystem::create_directories(work);
         ASSERT_TRUE(write_file(data + "/eagleplayer.conf", "# test tree\nEnvelope prefixes=envl\nSubsong prefixes=sub\n"));
         for (const char *p : {"Envelope", "Subsong"})
-            ASSERT_TRUE(write_file(data + "/players/" + p, read_all(test_player(p))));
+            ASSERT_TRUE(write_file(data + "/players/" + p, read_file_text(test_player(p))));
         ASSERT_TRUE(write_file(work + "/end.envl", envelope_module(0, 0, 150)));       // song end at 3 s
         ASSERT_TRUE(write_file(work + "/quiet.envl", envelope_module(0, 100, 0)));     // silent after 2 s
         ASSERT_TRUE(write_file(work + "/loop.envl", envelope_module(600, 0, 0)));      // repeats every 12 s
@@ -289,7 +271,7 @@ protected:
     }
 
     run_result kelva(const std::vector<std::string> &args) { return run_kelva(args, home, data, work); }
-    std::string db() { return read_all(home + "/.local/share/kelva/songlengths.db"); }
+    std::string db() { return read_file_text(home + "/.local/share/kelva/songlengths.db"); }
 };
 
 // Checks a failure: exit status 1 and exactly one line on stderr, which
@@ -438,8 +420,8 @@ TEST_F(CliTest, InfoJsonGivesUnplayableFilesAnErrorAndEscapesNames) {
 TEST_F(CliTest, ScanMeasuresATreeAndASecondScanFindsEverythingKnown) {
     std::string tree = tmp / "tree";
     for (const char *f : {"end.envl", "quiet.envl", "five.sub"})
-        ASSERT_TRUE(write_file(tree + "/deep/er/" + f, read_all(work + "/" + f)));
-    ASSERT_TRUE(write_file(tree + "/loop.envl", read_all(work + "/loop.envl")));
+        ASSERT_TRUE(write_file(tree + "/deep/er/" + f, read_file_text(work + "/" + f)));
+    ASSERT_TRUE(write_file(tree + "/loop.envl", read_file_text(work + "/loop.envl")));
     ASSERT_TRUE(write_file(tree + "/notes.txt", "not a module\n"));
     ASSERT_TRUE(write_file(tree + "/empty.envl", ""));
 
@@ -484,7 +466,7 @@ TEST_F(CliTest, BadInputsGiveOneLineNamingTheFile) {
     ASSERT_TRUE(write_file(work + "/noise.bin", noise));
     ASSERT_TRUE(write_file(work + "/noise.xyz", noise));
     ASSERT_TRUE(write_file(work + "/empty.envl", ""));
-    ASSERT_TRUE(write_file(work + "/huge.envl", envelope_module(0, 0, 50) + std::string(983040, '\0')));
+    ASSERT_TRUE(write_file(work + "/huge.envl", read_file_text(work + "/end.envl") + std::string(983040, '\0')));
     std::filesystem::create_directories(work + "/folder.envl");
     struct case_t {
         const char *file;

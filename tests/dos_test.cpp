@@ -12,28 +12,12 @@
 #include "amigaos/amigaos.h"
 #include "engine/engine.h"
 #include "hardware/bus.h"
+#include "cpu/cpu.h"
 #include "support/test_support.h"
 
 namespace {
 
-struct memory_files {
-    std::map<std::string, std::vector<uint8_t>> files;
-    std::vector<std::string> requests;
-};
-
-int memory_loader(void *user, const char *path, uint8_t **out, uint32_t *len) {
-    auto *m = static_cast<memory_files *>(user);
-    m->requests.push_back(path);
-    auto it = m->files.find(path);
-    if (it == m->files.end()) return 0;
-    *out = static_cast<uint8_t *>(malloc(it->second.size()));
-    memcpy(*out, it->second.data(), it->second.size());
-    *len = uint32_t(it->second.size());
-    return 1;
-}
-
 constexpr uint16_t kOpen = 0xA100, kClose = 0xA101, kRead = 0xA102, kSeek = 0xA103, kLock = 0xA104;
-constexpr uint16_t kSrN = 0x08, kSrZ = 0x04;
 constexpr uint32_t kName = 0x300000;
 constexpr uint32_t kBuf = 0x310000;
 

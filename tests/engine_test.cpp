@@ -17,20 +17,7 @@
 namespace {
 
 std::vector<uint8_t> read_player(const char *name) {
-    std::ifstream f(std::string(KELVA_TEST_PLAYERS) + "/" + name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), {}};
-}
-
-void put32(std::vector<uint8_t> &v, uint32_t x) {
-    for (int s = 24; s >= 0; s -= 8) v.push_back(uint8_t(x >> s));
-}
-
-// The module the Envelope test player reads (see tests/players/Envelope.c).
-std::vector<uint8_t> envelope_module(uint32_t pattern_ticks, uint32_t stop_tick, uint32_t end_tick,
-                                     uint32_t seed = 0x1234) {
-    std::vector<uint8_t> m;
-    for (uint32_t v : {0x454E564Cu, pattern_ticks, stop_tick, end_tick, seed, 0u}) put32(m, v);
-    return m;
+    return read_file_bytes(std::string(KELVA_TEST_PLAYERS) + "/" + name);
 }
 
 // A one-hunk player made by hand: the player header, a few routines and a
@@ -55,28 +42,28 @@ struct handmade_player {
 
     std::vector<uint8_t> build() const {
         std::vector<uint8_t> code = {0x70, 0xFF, 0x4E, 0x75, 'D', 'E', 'L', 'I', 'R', 'I', 'U', 'M'};
-        put32(code, kTags);
+        put_be32(code, kTags);
         code.insert(code.end(), {0x70, 0x00, 0x4E, 0x75, 0x70, 0x01, 0x4E, 0x75, 0x70, 0x00, 0x72, 0x04,
                                  0x4E, 0x75, 0x52, 0x78, 0x01, 0x00, 0x4E, 0x75});
-        put32(code, 0);   // kData
+        put_be32(code, 0);   // kData
         std::vector<uint32_t> relocs = {12};
         for (size_t i = 0; i < tags.size(); i++) {
-            put32(code, tags[i].first);
+            put_be32(code, tags[i].first);
             if (relocate[i]) relocs.push_back(uint32_t(code.size()));
-            put32(code, tags[i].second);
+            put_be32(code, tags[i].second);
         }
-        put32(code, 0);
+        put_be32(code, 0);
         std::vector<uint8_t> f;
-        for (uint32_t v : {0x3F3u, 0u, 1u, 0u, 0u, uint32_t(code.size() / 4)}) put32(f, v);
-        put32(f, 0x3E9);
-        put32(f, uint32_t(code.size() / 4));
+        for (uint32_t v : {0x3F3u, 0u, 1u, 0u, 0u, uint32_t(code.size() / 4)}) put_be32(f, v);
+        put_be32(f, 0x3E9);
+        put_be32(f, uint32_t(code.size() / 4));
         f.insert(f.end(), code.begin(), code.end());
-        put32(f, 0x3EC);
-        put32(f, uint32_t(relocs.size()));
-        put32(f, 0);
-        for (uint32_t r : relocs) put32(f, r);
-        put32(f, 0);
-        put32(f, 0x3F2);
+        put_be32(f, 0x3EC);
+        put_be32(f, uint32_t(relocs.size()));
+        put_be32(f, 0);
+        for (uint32_t r : relocs) put_be32(f, r);
+        put_be32(f, 0);
+        put_be32(f, 0x3F2);
         return f;
     }
 };

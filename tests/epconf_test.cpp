@@ -666,11 +666,6 @@ const real_module kRealModules[] = {
     {"variants/s0d.mod", "PTK-Prowiz", "type:flt4"},
 };
 
-std::vector<uint8_t> read_all(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-}
-
 }   // namespace
 
 TEST(RealModules, IdentifiedAndClassified) {
@@ -684,7 +679,7 @@ TEST(RealModules, IdentifiedAndClassified) {
     size_t checked = 0;
     for (const real_module &m : kRealModules) {
         std::string path = root + m.file;
-        auto data = read_all(path);
+        auto data = read_file_bytes(path);
         ASSERT_GT(data.size(), 0u) << path;
         char out[4096];
         ASSERT_EQ(kelva_identify(path.c_str(), data.data(), uint32_t(data.size()), out, sizeof out), 1) << m.file;
@@ -706,9 +701,7 @@ TEST(RealModules, IdentifiedAndClassified) {
 TEST(RealModules, BundledConfigurationMapsTheFamily) {
     std::string conf = std::string(KELVA_BUILD_DATA) + "/eagleplayer.conf";
     if (!std::filesystem::exists(conf)) GTEST_SKIP() << conf << " is not built";
-    std::ifstream f(conf, std::ios::binary);
-    std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-    conf_tree t(text, {"PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV"});
+    conf_tree t(read_file_text(conf), {"PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV"});
     EXPECT_EQ(identify("Song.MOD"), "PTK-Prowiz");
     EXPECT_EQ(identify("mod.Song"), "PTK-Prowiz");
     EXPECT_EQ(identify("song.mod15"), "PTK-Prowiz");

@@ -241,36 +241,11 @@ TEST(HunkLoader, EveryTruncationFailsCleanly) {
 
 // ---- LoadSeg ------------------------------------------------------------
 
-struct file_map {
-    std::map<std::string, std::vector<uint8_t>> files;
-    std::vector<std::string> asked;
-};
-
-int map_loader(void *user, const char *path, uint8_t **out, uint32_t *len) {
-    auto *m = static_cast<file_map *>(user);
-    m->asked.push_back(path);
-    auto it = m->files.find(path);
-    if (it == m->files.end()) return 0;
-    *out = static_cast<uint8_t *>(malloc(it->second.size()));
-    memcpy(*out, it->second.data(), it->second.size());
-    *len = uint32_t(it->second.size());
-    return 1;
-}
-
-std::vector<uint8_t> read_host_file(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), {}};
-}
-
-void put_string(kelva *k, uint32_t at, const char *s) {
-    for (size_t i = 0; i <= strlen(s); i++) k->ram[at + i] = uint8_t(s[i]);
-}
-
 TEST(LoadSeg, BuildsSegmentListsInTheSlab) {
     auto k = make_engine();
-    file_map m;
+    memory_files m;
     m.files["seg"] = bytes(valid_longs());
-    kelva_set_file_loader(k.get(), map_loader, &m);
+    kelva_set_file_loader(k.get(), memory_loader, &m);
     put_string(k.get(), 0x1000, "seg");
 
     k->d[1] = 0x1000;
@@ -296,9 +271,9 @@ TEST(LoadSeg, BuildsSegmentListsInTheSlab) {
 
 TEST(LoadSeg, LeavesThePlayersHunkTableAlone) {
     auto k = make_engine();
-    file_map m;
+    memory_files m;
     m.files["seg"] = bytes(valid_longs());
-    kelva_set_file_loader(k.get(), map_loader, &m);
+    kelva_set_file_loader(k.get(), memory_loader, &m);
     put_string(k.get(), 0x1000, "seg");
     k->hunk_count = 3;
     k->hunk_addr[1] = 0x200040;
@@ -313,12 +288,12 @@ TEST(LoadSeg, LeavesThePlayersHunkTableAlone) {
 
 TEST(LoadSeg, Failures) {
     auto k = make_engine();
-    file_map m;
+    memory_files m;
     m.files["seg"] = bytes(valid_longs());
     auto bad = valid_longs();
     bad[14] = 3;
     m.files["bad"] = bytes(bad);
-    kelva_set_file_loader(k.get(), map_loader, &m);
+    kelva_set_file_loader(k.get(), memory_loader, &m);
 
     // Missing file: D0 = 0, nothing printed.
     put_string(k.get(), 0x1000, "nothing");
@@ -359,23 +334,23 @@ TEST(LoadSeg, Failures) {
 
 TEST(LoadSeg, NameWithoutNulIsCutAt511Characters) {
     auto k = make_engine();
-    file_map m;
-    kelva_set_file_loader(k.get(), map_loader, &m);
+    memory_files m;
+    kelva_set_file_loader(k.get(), memory_loader, &m);
     memset(k->ram + 0x1000, 'x', 2000);
     k->d[1] = 0x1000;
     dos_load_seg(k.get());
-    ASSERT_EQ(m.asked.size(), 1u);
-    EXPECT_EQ(m.asked[0], std::string(511, 'x'));
+    ASSERT_EQ(m.requests.size(), 1u);
+    EXPECT_EQ(m.requests[0], std::string(511, 'x'));
     EXPECT_EQ(k->d[0], 0u);
 }
 
 TEST(LoadSeg, ToolchainSegmentRelocatesAcrossHunks) {
-    auto file = read_host_file(std::string(KELVA_TEST_PLAYERS) + "/DosSegment");
+    auto file = read_file_bytes(std::string(KELVA_TEST_PLAYERS) + "/DosSegment");
     if (file.empty()) GTEST_SKIP() << "test players not built (" << KELVA_TEST_PLAYERS << ")";
     auto k = make_engine();
-    file_map m;
+    memory_files m;
     m.files["DosSegment"] = file;
-    kelva_set_file_loader(k.get(), map_loader, &m);
+    kelva_set_file_loader(k.get(), memory_loader, &m);
     put_string(k.get(), 0x1000, "DosSegment");
     k->d[1] = 0x1000;
     dos_load_seg(k.get());

@@ -7,24 +7,13 @@
 #include <string>
 
 #include "amigaos/amigaos.h"
+#include "cpu/cpu.h"
 #include "engine/call.h"
 #include "engine/engine.h"
 #include "hardware/bus.h"
 #include "support/test_support.h"
 
 namespace {
-
-constexpr uint16_t kSrX = 0x10, kSrN = 0x08, kSrZ = 0x04, kSrV = 0x02, kSrC = 0x01;
-
-void put_string(kelva *k, uint32_t addr, const char *s) {
-    for (size_t i = 0; i <= strlen(s); i++) k->ram[(addr + i) & kAddrMask] = uint8_t(s[i]);
-}
-
-std::string get_string(kelva *k, uint32_t addr) {
-    char buf[512];
-    amiga_read_string(k, addr, buf, sizeof buf);
-    return buf;
-}
 
 uint32_t trap(kelva *k, uint16_t word) {
     op_line_a(k, word);

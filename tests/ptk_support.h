@@ -16,10 +16,7 @@ namespace ptk_test {
 
 inline std::string player_path(const char *name) { return std::string(KELVA_BUILD_DATA) + "/players/" + name; }
 
-inline std::vector<uint8_t> read_bytes(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), {}};
-}
+inline std::vector<uint8_t> read_bytes(const std::string &path) { return read_file_bytes(path); }
 
 // Points KELVA_DATA at the build tree's data tree for the test's lifetime.
 struct data_tree_env {

@@ -9,38 +9,13 @@
 #include <vector>
 
 #include "amigaos/amigaos.h"
+#include "cpu/cpu.h"
 #include "engine/call.h"
 #include "engine/engine.h"
 #include "hardware/bus.h"
 #include "support/test_support.h"
 
 namespace {
-
-struct memory_files {
-    std::map<std::string, std::vector<uint8_t>> files;
-};
-
-int memory_loader(void *user, const char *path, uint8_t **out, uint32_t *len) {
-    auto *m = static_cast<memory_files *>(user);
-    auto it = m->files.find(path);
-    if (it == m->files.end() || it->second.empty()) return 0;
-    *out = static_cast<uint8_t *>(malloc(it->second.size()));
-    memcpy(*out, it->second.data(), it->second.size());
-    *len = uint32_t(it->second.size());
-    return 1;
-}
-
-constexpr uint16_t kSrX = 0x10, kSrN = 0x08, kSrZ = 0x04, kSrV = 0x02, kSrC = 0x01;
-
-void put_string(kelva *k, uint32_t addr, const char *s) {
-    for (size_t i = 0; i <= strlen(s); i++) k->ram[(addr + i) & kAddrMask] = uint8_t(s[i]);
-}
-
-std::string get_string(kelva *k, uint32_t addr) {
-    char buf[1024];
-    amiga_read_string(k, addr, buf, sizeof buf);
-    return buf;
-}
 
 struct support_fixture : testing::Test {
     engine_ptr k = make_engine();

@@ -2,6 +2,13 @@
 
 #include <sys/stat.h>
 
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "amigaos/amigaos.h"
+
 std::string shared_dir() {
     struct stat st;
     if (stat(KELVA_SHARED_DIR, &st) != 0 || !S_ISDIR(st.st_mode)) return {};
@@ -15,4 +22,45 @@ bool shared_exists(const std::string &sub) {
 
 engine_ptr make_engine(int32_t rate) {
     return engine_ptr(kelva_create(rate));
+}
+
+std::vector<uint8_t> read_file_bytes(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), {}};
+}
+
+std::string read_file_text(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), {}};
+}
+
+int memory_loader(void *user, const char *path, uint8_t **out, uint32_t *len) {
+    auto *m = static_cast<memory_files *>(user);
+    m->requests.push_back(path);
+    auto it = m->files.find(path);
+    if (it == m->files.end()) return 0;
+    *out = static_cast<uint8_t *>(malloc(it->second.size() ? it->second.size() : 1));
+    memcpy(*out, it->second.data(), it->second.size());
+    *len = uint32_t(it->second.size());
+    return 1;
+}
+
+void put_be32(std::vector<uint8_t> &v, uint32_t x) {
+    for (int s = 24; s >= 0; s -= 8) v.push_back(uint8_t(x >> s));
+}
+
+void put_string(kelva *k, uint32_t addr, const char *s) {
+    for (size_t i = 0; i <= strlen(s); i++) k->ram[(addr + i) & kAddrMask] = uint8_t(s[i]);
+}
+
+std::string get_string(kelva *k, uint32_t addr) {
+    char buf[1024];
+    amiga_read_string(k, addr, buf, sizeof buf);
+    return buf;
+}
+
+std::vector<uint8_t> envelope_module(uint32_t pattern_ticks, uint32_t stop_tick, uint32_t end_tick, uint32_t seed) {
+    std::vector<uint8_t> m;
+    for (uint32_t v : {0x454E564Cu, pattern_ticks, stop_tick, end_tick, seed, 0u}) put_be32(m, v);
+    return m;
 }

@@ -1,8 +1,10 @@
 // Helpers shared by the unit tests.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "engine/engine.h"
 
@@ -25,3 +27,28 @@ using engine_ptr = std::unique_ptr<kelva, engine_deleter>;
 // A fresh engine at the given rate (tests that run 68k code call
 // kelva_global_init() themselves).
 engine_ptr make_engine(int32_t rate = 48000);
+
+// The whole contents of a host file; empty when it cannot be read.
+std::vector<uint8_t> read_file_bytes(const std::string &path);
+std::string read_file_text(const std::string &path);
+
+// Files served from memory to kelva_set_file_loader(k, memory_loader, &m),
+// by the exact name the engine asks for; every request is recorded.
+struct memory_files {
+    std::map<std::string, std::vector<uint8_t>> files;
+    std::vector<std::string> requests;
+};
+int memory_loader(void *user, const char *path, uint8_t **out, uint32_t *len);
+
+// Appends a big-endian long.
+void put_be32(std::vector<uint8_t> &v, uint32_t x);
+
+// A NUL-terminated string in emulated memory (addresses wrap at 16 MiB).
+void put_string(kelva *k, uint32_t addr, const char *s);
+std::string get_string(kelva *k, uint32_t addr);
+
+// The module the Envelope test player reads (tests/players/Envelope.c): a
+// tone whose loudness repeats after `pattern_ticks` 50 Hz ticks (0: never),
+// stops at `stop_tick` and reports the song end at `end_tick` (0: never).
+std::vector<uint8_t> envelope_module(uint32_t pattern_ticks, uint32_t stop_tick, uint32_t end_tick,
+                                     uint32_t seed = 0x1234);
