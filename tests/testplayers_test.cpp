@@ -1,7 +1,9 @@
 // The test players from tests/players/, built by the cross toolchain: each
 // is loaded like the engine loads a player (hunks from 0x200000), its tag
-// list is read, and its routines run through the routine caller with the
-// effects they are written to have.
+// list is read, and the routines that reach the host's file services
+// (companion files, dos.library, LoadSeg) and the misbehaving ones run
+// through the routine caller. The timing players (Tone, CiaTimer, VBlank,
+// AudioIrq, SongEnd) are run end to end by engine_test.cpp.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -19,32 +21,12 @@
 
 namespace {
 
-std::vector<uint8_t> read_host_file(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), {}};
-}
-
 std::string player_path(const char *name) { return std::string(KELVA_TEST_PLAYERS) + "/" + name; }
-
-// Files the players ask for, by the name the engine hands to the loader.
-struct file_map {
-    std::map<std::string, std::vector<uint8_t>> files;
-};
-
-int map_loader(void *user, const char *path, uint8_t **out, uint32_t *len) {
-    auto *m = static_cast<file_map *>(user);
-    auto it = m->files.find(path);
-    if (it == m->files.end()) return 0;
-    *out = static_cast<uint8_t *>(malloc(it->second.size()));
-    memcpy(*out, it->second.data(), it->second.size());
-    *len = uint32_t(it->second.size());
-    return 1;
-}
 
 class Players : public testing::Test {
 protected:
     void SetUp() override {
-        if (read_host_file(player_path("Tone")).empty())
+        if (read_file_bytes(player_path("Tone")).empty())
             GTEST_SKIP() << "test players not built (" << KELVA_TEST_PLAYERS << "); the m68k cross toolchain is needed";
         kelva_global_init();
         eng = make_engine();
@@ -54,7 +36,7 @@ protected:
     // Loads the player at 0x200000 and reads its tag list. False (with a
     // test failure) when the player cannot be loaded.
     bool load(const char *name) {
-        std::vector<uint8_t> file = read_host_file(player_path(name));
+        std::vector<uint8_t> file = read_file_bytes(player_path(name));
         if (file.empty()) {
             ADD_FAILURE() << "test player missing: " << player_path(name);
             return false;
@@ -108,139 +90,12 @@ TEST_F(Players, EveryPlayerHasTheHeaderAndItsName) {
     }
 }
 
-TEST_F(Players, ToneStartsALoopingSquareWave) {
-    ASSERT_TRUE(load("Tone"));
-    EXPECT_EQ(str(tag(DTP_Creator)), "kelva test players");
-    EXPECT_EQ(call(DTP_InitPlayer), 0u);
-    EXPECT_EQ(call(DTP_InitSound), 0u);
-    // The wave went to the first AllocMem block; the BSS hunk remembers it.
-    EXPECT_EQ(ram_get32(k, k->hunk_addr[1]), 0x400000u);
-    for (int i = 0; i < 16; i++) EXPECT_EQ(int8_t(k->ram[0x400000 + i]), i < 8 ? 100 : -100) << i;
-    EXPECT_EQ(k->aud[0].lc, 0x400000u);
-    EXPECT_EQ(k->aud[0].len, 8u);
-    EXPECT_EQ(k->aud[0].per, 254u);
-    EXPECT_EQ(k->aud[0].vol, 64u);
-    EXPECT_EQ(k->dmacon & 0x0201, 0x0201);
-    EXPECT_EQ(call(DTP_EndSound), 0u);
-    EXPECT_EQ(k->dmacon & 0x0001, 0);
-}
-
-TEST_F(Players, CiaTimerInstallsBothTimers) {
-    ASSERT_TRUE(load("CiaTimer"));
-    ASSERT_EQ(call(DTP_StartInt), 0u);
-    const cia_state &a = k->cia[0], &b = k->cia[1];
-    uint32_t is_a = b.handlers[0], is_b = a.handlers[1];
-    EXPECT_TRUE(in_hunk(is_a, 0));
-    EXPECT_TRUE(in_hunk(is_b, 0));
-    EXPECT_EQ(b.icr_mask & 1, 1);
-    EXPECT_EQ(a.icr_mask & 2, 2);
-    EXPECT_EQ(b.ta_latch, 14188u);
-    EXPECT_EQ(a.tb_latch, 14188u * 4);
-    EXPECT_TRUE(b.ta_running);
-    EXPECT_TRUE(a.tb_running);
-
-    // The interrupts count their calls in the data hunk.
-    uint32_t count_a = ram_get32(k, is_a + 14), count_b = ram_get32(k, is_b + 14);
-    EXPECT_EQ(count_a, k->hunk_addr[1]);
-    EXPECT_EQ(count_b, k->hunk_addr[1] + 4);
-    deli_run_handler(k, is_a);
-    deli_run_handler(k, is_a);
-    deli_run_handler(k, is_b);
-    EXPECT_EQ(ram_get32(k, count_a), 2u);
-    EXPECT_EQ(ram_get32(k, count_b), 1u);
-
-    EXPECT_EQ(call(DTP_StopInt), 0u);
-    EXPECT_EQ(k->cia[1].handlers[0], 0u);
-    EXPECT_EQ(k->cia[0].handlers[1], 0u);
-    EXPECT_FALSE(k->cia[1].ta_running);
-    EXPECT_FALSE(k->cia[0].tb_running);
-}
-
-TEST_F(Players, VBlankServerRampsTheVolume) {
-    ASSERT_TRUE(load("VBlank"));
-    ASSERT_EQ(call(DTP_InitPlayer), 0u);
-    uint32_t is = k->int_vectors[INTB_VERTB];
-    ASSERT_TRUE(in_hunk(is, 0));
-    for (int i = 0; i < 3; i++) EXPECT_EQ(deli_run_handler(k, is), 0u);
-    EXPECT_EQ(ram_get32(k, k->hunk_addr[1]), 3u);   // frames
-    EXPECT_EQ(k->aud[0].vol, 3u);
-}
-
-TEST_F(Players, AudioIrqQueuesDoubleBufferedBlocks) {
-    ASSERT_TRUE(load("AudioIrq"));
-    k->int_vectors[INTB_AUD0] = 0x1234;   // a previous vector, handed back
-    ASSERT_EQ(call(DTP_StartInt), 0u);
-    const uint32_t bss = k->hunk_addr[1];
-    const uint32_t buf_a = bss + 12, buf_b = bss + 12 + 128;
-    EXPECT_EQ(ram_get32(k, bss), 0x1234u);   // old vector kept
-    uint32_t is = k->int_vectors[INTB_AUD0];
-    ASSERT_TRUE(in_hunk(is, 0));
-    EXPECT_EQ(k->intena & 0x4080, 0x4080);
-    EXPECT_EQ(k->dmacon & 0x0201, 0x0201);
-    EXPECT_EQ(k->aud[0].lc, buf_b);   // B queued behind A
-    EXPECT_EQ(k->aud[0].len, 64u);
-    EXPECT_EQ(k->ram[buf_a + 3], 3);   // saw tooth, step 1
-    EXPECT_EQ(k->ram[buf_b + 3], 6);   // step 2
-
-    // Block A ends: the handler refills A (step 1 + 1) and queues it.
-    k->intreq |= 0x0080;
-    deli_run_handler(k, is);
-    EXPECT_EQ(k->intreq & 0x0080, 0);   // acknowledged
-    EXPECT_EQ(ram_get32(k, bss + 8), 1u);
-    EXPECT_EQ(k->aud[0].lc, buf_a);
-    EXPECT_EQ(k->ram[buf_a + 3], 6);
-    // Block B ends: B is refilled with step 3 and queued.
-    deli_run_handler(k, is);
-    EXPECT_EQ(k->aud[0].lc, buf_b);
-    EXPECT_EQ(k->ram[buf_b + 3], 9);
-
-    EXPECT_EQ(call(DTP_StopInt), 0u);
-    EXPECT_EQ(k->int_vectors[INTB_AUD0], 0x1234u);
-    EXPECT_EQ(k->dmacon & 0x0001, 0);
-}
-
-TEST_F(Players, SongEndAfterFourTicks) {
-    ASSERT_TRUE(load("SongEnd"));
-    EXPECT_EQ(call(DTP_InitPlayer), 0u);
-    for (uint32_t t = 1; t <= 3; t++) {
-        EXPECT_EQ(call(DTP_Interrupt), t);
-        EXPECT_EQ(k->song_end_frame, 0u);
-    }
-    k->played_frames = 4800;
-    EXPECT_EQ(call(DTP_Interrupt), 4u);
-    EXPECT_EQ(k->song_end_frame, 4800u);
-    EXPECT_EQ(k->aud[0].vol, 4u);
-    k->played_frames = 9600;
-    EXPECT_EQ(call(DTP_Interrupt), 5u);
-    EXPECT_EQ(k->song_end_frame, 4800u);
-    // InitPlayer starts the count again.
-    EXPECT_EQ(call(DTP_InitPlayer), 0u);
-    EXPECT_EQ(call(DTP_Interrupt), 1u);
-}
-
-TEST_F(Players, SubsongPitchFollowsTheGlobals) {
-    ASSERT_TRUE(load("Subsong"));
-    ASSERT_EQ(call(DTP_SubSongRange), 1u);
-    EXPECT_EQ(k->d[1] & 0xFFFF, 5u);
-    const uint16_t periods[] = {428, 381, 339, 320, 285};
-    for (uint16_t s = 1; s <= 5; s++) {
-        ram_put16(k, kGlobals + DTG_SndNum, s);
-        EXPECT_EQ(call(DTP_InitSound), 0u);
-        EXPECT_EQ(k->aud[0].per, periods[s - 1]) << s;
-    }
-    for (uint16_t s : {0, 6, 0xFFFF}) {
-        ram_put16(k, kGlobals + DTG_SndNum, s);
-        call(DTP_InitSound);
-        EXPECT_EQ(k->aud[0].per, 428u) << s;
-    }
-}
-
 class CompanionPlayer : public Players {
 protected:
     void SetUp() override {
         Players::SetUp();
         if (IsSkipped()) return;
-        kelva_set_file_loader(k, map_loader, &files);
+        kelva_set_file_loader(k, memory_loader, &files);
         // What opening "/mods/tune.x" leaves: paths, module as list entry 0.
         const char *full = "/mods/tune.x", *dir = "/mods/";
         memcpy(k->ram + kPathFull, full, strlen(full) + 1);
@@ -252,7 +107,7 @@ protected:
         k->comp_count = 1;
         k->comp_next = kModuleAddr + 100;
     }
-    file_map files;
+    memory_files files;
 };
 
 TEST_F(CompanionPlayer, LoadsTheSampleFileBesideTheModule) {
@@ -279,13 +134,13 @@ TEST_F(CompanionPlayer, MissingSampleFileFailsBothRoutines) {
 }
 
 TEST_F(Players, DosReadsAFileAndRunsALoadedSegment) {
-    file_map files;
+    memory_files files;
     std::vector<uint8_t> data(16);
     for (int i = 0; i < 16; i++) data[i] = uint8_t(i * 3);
     files.files["data.bin"] = data;
-    files.files["DosSegment"] = read_host_file(player_path("DosSegment"));
+    files.files["DosSegment"] = read_file_bytes(player_path("DosSegment"));
     ASSERT_FALSE(files.files["DosSegment"].empty());
-    kelva_set_file_loader(k, map_loader, &files);
+    kelva_set_file_loader(k, memory_loader, &files);
     ASSERT_TRUE(load("Dos"));
     ASSERT_EQ(call(DTP_InitPlayer), 0u);
     uint32_t results = k->hunk_addr[1];
@@ -299,8 +154,8 @@ TEST_F(Players, DosReadsAFileAndRunsALoadedSegment) {
 }
 
 TEST_F(Players, DosFailsWithoutItsFile) {
-    file_map files;
-    kelva_set_file_loader(k, map_loader, &files);
+    memory_files files;
+    kelva_set_file_loader(k, memory_loader, &files);
     ASSERT_TRUE(load("Dos"));
     EXPECT_EQ(call(DTP_InitPlayer), 1u);
 }
