@@ -16,14 +16,6 @@ namespace {
 
 constexpr uint32_t DMACON = 0xDFF096;
 
-void set_latches(kelva *k, int x, uint32_t lc, uint16_t len, uint16_t per, uint16_t vol) {
-    uint32_t base = 0xDFF0A0 + 16 * uint32_t(x);
-    write32(k, base, lc);
-    custom_write_word(k, base + 4, len);
-    custom_write_word(k, base + 6, per);
-    custom_write_word(k, base + 8, vol);
-}
-
 void fill(kelva *k, uint32_t addr, uint32_t len, int8_t v) {
     for (uint32_t i = 0; i < len; i++) k->ram[addr + i] = uint8_t(v);
 }
@@ -100,10 +92,10 @@ void busy_song(kelva *k) {
         k->ram[0x20000 + i] = uint8_t(int8_t(std::lround(100 * std::sin(i * 0.1))));
         k->ram[0x21000 + i] = uint8_t(i * 7);
     }
-    set_latches(k, 0, 0x20000, 128, 254, 64);
-    set_latches(k, 1, 0x21000, 100, 428, 37);
-    set_latches(k, 2, 0x20010, 3, 113, 20);
-    set_latches(k, 3, 0x21080, 60, 1000, 50);
+    set_audio_latches(k, 0, 0x20000, 128, 254, 64);
+    set_audio_latches(k, 1, 0x21000, 100, 428, 37);
+    set_audio_latches(k, 2, 0x20010, 3, 113, 20);
+    set_audio_latches(k, 3, 0x21080, 60, 1000, 50);
     custom_write_word(k, DMACON, 0x820F);
 }
 
@@ -159,8 +151,8 @@ TEST(Mixer, ConstantSampleSettlesAtHalfScalePerChannel) {
     auto e = make_engine(48000);
     kelva *k = e.get();
     fill(k, 0x30000, 64, 127);
-    set_latches(k, 0, 0x30000, 32, 300, 64);
-    set_latches(k, 3, 0x30000, 32, 300, 64);
+    set_audio_latches(k, 0, 0x30000, 32, 300, 64);
+    set_audio_latches(k, 3, 0x30000, 32, 300, 64);
     custom_write_word(k, DMACON, 0x8209);
     auto out = mix(k, 4800);
     EXPECT_NEAR(out[2 * 4799], 127.0 * 2 * 0.5 / 128, 1e-4);
@@ -177,7 +169,7 @@ TEST(Mixer, PulseWidthVolumeScalesTheSettledLevel) {
         auto e = make_engine(48000);
         kelva *k = e.get();
         fill(k, 0x30000, 64, 100);
-        set_latches(k, 1, 0x30000, 32, 300, vol);
+        set_audio_latches(k, 1, 0x30000, 32, 300, vol);
         custom_write_word(k, DMACON, 0x8202);
         auto out = mix(k, 4800);
         double want = 100.0 * 0.5 / 128 * vol / 64;
@@ -196,7 +188,7 @@ TEST(Mixer, ModelAndLedFilterShapeATone) {
         kelva *k = e.get();
         fill(k, 0x30000, 4, 100);
         fill(k, 0x30004, 4, -100);
-        set_latches(k, 2, 0x30000, 4, 113, 64);
+        set_audio_latches(k, 2, 0x30000, 4, 113, 64);
         custom_write_word(k, DMACON, 0x8204);
         kelva_set_model(k, model);
         kelva_set_led_filter(k, led_mode);
@@ -216,7 +208,7 @@ TEST(Mixer, ModelChangeKeepsFilterState) {
     auto e = make_engine(48000);
     kelva *k = e.get();
     fill(k, 0x30000, 64, 90);
-    set_latches(k, 0, 0x30000, 32, 300, 64);
+    set_audio_latches(k, 0, 0x30000, 32, 300, 64);
     custom_write_word(k, DMACON, 0x8201);
     mix(k, 100);
     paula_mixer before = k->mix;
@@ -237,7 +229,7 @@ TEST(Mixer, TicksAlternate73And74At48kHz) {
     EXPECT_EQ(k->mix.ticks_per_frame, (uint64_t(3546895) << 16) / 48000);
     // A channel with the longest period fetches once per 65535 ticks, so its
     // phase counts the ticks of each frame.
-    set_latches(k, 0, 0x30000, 1, 65535, 64);
+    set_audio_latches(k, 0, 0x30000, 1, 65535, 64);
     custom_write_word(k, DMACON, 0x8201);
     int count73 = 0, count74 = 0, run74 = 0, longest74 = 0;
     uint64_t total = 0;
@@ -271,7 +263,7 @@ TEST(Mixer, OutputIsClampedToFullScale) {
     // at every edge.
     fill(k, 0x30000, 256, -128);
     fill(k, 0x30100, 256, 127);
-    for (int x = 0; x < 4; x++) set_latches(k, x, 0x30000, 256, 200, 64);
+    for (int x = 0; x < 4; x++) set_audio_latches(k, x, 0x30000, 256, 200, 64);
     custom_write_word(k, DMACON, 0x820F);
     auto out = mix(k, 9600);
     float lo = 0, hi = 0;
@@ -303,7 +295,7 @@ TEST(Mixer, MutedChannelIsLeftOutAndDoesNotAdvance) {
     auto e = make_engine(48000);
     kelva *k = e.get();
     fill(k, 0x30000, 64, 127);
-    set_latches(k, 0, 0x30000, 32, 300, 64);
+    set_audio_latches(k, 0, 0x30000, 32, 300, 64);
     custom_write_word(k, DMACON, 0x8201);
     k->ch[0].muted = 1;
     auto out = mix(k, 100);
@@ -317,7 +309,7 @@ TEST(Mixer, UnusableRatesAreSilentNotUnstable) {
         auto e = make_engine(rate);
         kelva *k = e.get();
         fill(k, 0x30000, 64, 127);
-        set_latches(k, 0, 0x30000, 32, 300, 64);
+        set_audio_latches(k, 0, 0x30000, 32, 300, 64);
         custom_write_word(k, DMACON, 0x8201);
         auto out = mix(k, 500);
         for (float v : out) ASSERT_EQ(v, 0.0f) << rate;

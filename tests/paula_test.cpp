@@ -13,15 +13,12 @@ namespace {
 
 constexpr uint32_t DMACON = 0xDFF096;
 
-void set_latches(kelva *k, int x, uint32_t lc, uint16_t len, uint16_t per, uint16_t vol) {
-    uint32_t base = 0xDFF0A0 + 16 * uint32_t(x);
-    write32(k, base, lc);   // AUDxLCH + AUDxLCL
-    custom_write_word(k, base + 4, len);   // AUDxLEN
-    custom_write_word(k, base + 6, per);   // AUDxPER
-    custom_write_word(k, base + 8, vol);   // AUDxVOL
-}
-
 void start(kelva *k, int x) { custom_write_word(k, DMACON, 0x8200 | (1u << x)); }
+
+struct Paula : testing::Test {
+    engine_ptr e = make_engine();
+    kelva *k = e.get();
+};
 
 // Runs `ticks` Paula ticks on one channel; returns how many set block_done.
 int run_ticks(paula_channel &c, uint64_t ticks) {
@@ -37,10 +34,8 @@ int run_ticks(paula_channel &c, uint64_t ticks) {
     return done;
 }
 
-TEST(Paula, LengthZeroMeans65536Words) {
-    auto e = make_engine();
-    kelva *k = e.get();
-    set_latches(k, 0, 0x100000, 0, 124, 64);
+TEST_F(Paula, LengthZeroMeans65536Words) {
+    set_audio_latches(k, 0, 0x100000, 0, 124, 64);
     start(k, 0);
     paula_channel &c = k->ch[0];
     EXPECT_EQ(c.end, 0x20000u);
@@ -53,12 +48,10 @@ TEST(Paula, LengthZeroMeans65536Words) {
     EXPECT_EQ(c.pos, 0u);   // repeats from the start
 }
 
-TEST(Paula, ShortPeriodsPlayAtTheFastestFetchRate) {
-    auto e = make_engine();
-    kelva *k = e.get();
+TEST_F(Paula, ShortPeriodsPlayAtTheFastestFetchRate) {
     k->ram[0x30000] = 1;
     k->ram[0x30001] = 2;
-    set_latches(k, 0, 0x30000, 1, 50, 64);
+    set_audio_latches(k, 0, 0x30000, 1, 50, 64);
     start(k, 0);
     paula_channel &c = k->ch[0];
     run_ticks(c, 112);
@@ -67,12 +60,10 @@ TEST(Paula, ShortPeriodsPlayAtTheFastestFetchRate) {
     EXPECT_EQ(c.sample, 2);
 }
 
-TEST(Paula, TwoByteBlockEndsEvery226TicksAndRepeats) {
-    auto e = make_engine();
-    kelva *k = e.get();
+TEST_F(Paula, TwoByteBlockEndsEvery226TicksAndRepeats) {
     k->ram[0x30000] = 5;
     k->ram[0x30001] = 0xFB;   // -5
-    set_latches(k, 0, 0x30000, 1, 113, 64);
+    set_audio_latches(k, 0, 0x30000, 1, 113, 64);
     start(k, 0);
     paula_channel &c = k->ch[0];
     EXPECT_EQ(run_ticks(c, 225), 0);
@@ -83,16 +74,14 @@ TEST(Paula, TwoByteBlockEndsEvery226TicksAndRepeats) {
     EXPECT_TRUE(c.active);
 }
 
-TEST(Paula, QueuedBlockStartsExactlyWhenTheOldOneIsExhausted) {
-    auto e = make_engine();
-    kelva *k = e.get();
+TEST_F(Paula, QueuedBlockStartsExactlyWhenTheOldOneIsExhausted) {
     for (int i = 0; i < 8; i++) k->ram[0x30000 + i] = uint8_t(i);
     for (int i = 0; i < 4; i++) k->ram[0x40000 + i] = uint8_t(100 + i);
-    set_latches(k, 0, 0x30000, 4, 200, 64);
+    set_audio_latches(k, 0, 0x30000, 4, 200, 64);
     start(k, 0);
     paula_channel &c = k->ch[0];
     run_ticks(c, 200 * 3);   // at byte 3 of 8
-    set_latches(k, 0, 0x40000, 2, 200, 64);
+    set_audio_latches(k, 0, 0x40000, 2, 200, 64);
     EXPECT_TRUE(c.queued);
     EXPECT_EQ(c.data, k->ram + 0x30000);
     EXPECT_EQ(c.sample, 3);
@@ -107,12 +96,10 @@ TEST(Paula, QueuedBlockStartsExactlyWhenTheOldOneIsExhausted) {
     EXPECT_EQ(c.sample, 100);
 }
 
-TEST(Paula, PeriodChangeMidBlockActsOnTheNextTick) {
-    auto e = make_engine();
-    kelva *k = e.get();
+TEST_F(Paula, PeriodChangeMidBlockActsOnTheNextTick) {
     k->ram[0x30000] = 1;
     k->ram[0x30001] = 2;
-    set_latches(k, 0, 0x30000, 4, 400, 64);
+    set_audio_latches(k, 0, 0x30000, 4, 400, 64);
     start(k, 0);
     paula_channel &c = k->ch[0];
     run_ticks(c, 100);
@@ -126,11 +113,9 @@ TEST(Paula, PeriodChangeMidBlockActsOnTheNextTick) {
     EXPECT_EQ(c.volume, 12);
 }
 
-TEST(Paula, StopAndStartRestartsFromTheLatches) {
-    auto e = make_engine();
-    kelva *k = e.get();
+TEST_F(Paula, StopAndStartRestartsFromTheLatches) {
     for (int i = 0; i < 16; i++) k->ram[0x30000 + i] = uint8_t(i + 1);
-    set_latches(k, 0, 0x30000, 8, 150, 64);
+    set_audio_latches(k, 0, 0x30000, 8, 150, 64);
     start(k, 0);
     paula_channel &c = k->ch[0];
     run_ticks(c, 150 * 5 + 20);
@@ -144,12 +129,10 @@ TEST(Paula, StopAndStartRestartsFromTheLatches) {
     EXPECT_EQ(c.sample, 1);
 }
 
-TEST(Paula, NonLoopingBlockStopsAndALocationWriteRestartsIt) {
-    auto e = make_engine();
-    kelva *k = e.get();
+TEST_F(Paula, NonLoopingBlockStopsAndALocationWriteRestartsIt) {
     k->ram[0x30000] = 9;
     k->ram[0x50000] = 77;
-    set_latches(k, 0, 0x30000, 1, 120, 64);
+    set_audio_latches(k, 0, 0x30000, 1, 120, 64);
     start(k, 0);
     paula_channel &c = k->ch[0];
     c.loop_len = 0;   // the stop-at-end rule, not reachable through registers
@@ -157,18 +140,16 @@ TEST(Paula, NonLoopingBlockStopsAndALocationWriteRestartsIt) {
     EXPECT_FALSE(c.active);
     EXPECT_EQ(k->aud[0].dma_running, 1);
     // DMA is still on: the next block starts at once.
-    set_latches(k, 0, 0x50000, 1, 120, 64);
+    set_audio_latches(k, 0, 0x50000, 1, 120, 64);
     EXPECT_TRUE(c.active);
     EXPECT_EQ(c.sample, 77);
     EXPECT_EQ(c.loop_len, 2u);
 }
 
-TEST(Paula, BackwardFetchRunsFromTheEnd) {
-    auto e = make_engine();
-    kelva *k = e.get();
+TEST_F(Paula, BackwardFetchRunsFromTheEnd) {
     for (int i = 0; i < 4; i++) k->ram[0x30000 + i] = uint8_t(10 + i);
     for (int i = 0; i < 2; i++) k->ram[0x40000 + i] = uint8_t(50 + i);
-    set_latches(k, 0, 0x30000, 2, 113, 64);
+    set_audio_latches(k, 0, 0x30000, 2, 113, 64);
     k->ch[0].backward = 1;
     start(k, 0);
     paula_channel &c = k->ch[0];
@@ -182,7 +163,7 @@ TEST(Paula, BackwardFetchRunsFromTheEnd) {
     EXPECT_TRUE(c.block_done);   // set by the wrap at the start
     c.block_done = 0;
     // A queued block is entered at its last byte when the current one ends.
-    set_latches(k, 0, 0x40000, 1, 113, 64);
+    set_audio_latches(k, 0, 0x40000, 1, 113, 64);
     paula_advance(c);
     paula_advance(c);
     EXPECT_FALSE(c.block_done);
@@ -193,13 +174,11 @@ TEST(Paula, BackwardFetchRunsFromTheEnd) {
     EXPECT_EQ(c.sample, 50);
 }
 
-TEST(Paula, BlocksNearTheTopOfMemoryStopAtTheEndOfRam) {
-    auto e = make_engine();
-    kelva *k = e.get();
+TEST_F(Paula, BlocksNearTheTopOfMemoryStopAtTheEndOfRam) {
     k->ram[0xFFFFF0] = 0x11;
     k->ram[0xFFFFFF] = 0x22;
     // A long block 16 bytes below the top is cut to those 16 bytes.
-    set_latches(k, 0, 0xFFFFF0, 0, 113, 64);
+    set_audio_latches(k, 0, 0xFFFFF0, 0, 113, 64);
     start(k, 0);
     paula_channel &c = k->ch[0];
     EXPECT_EQ(c.end, 16u);
@@ -209,16 +188,16 @@ TEST(Paula, BlocksNearTheTopOfMemoryStopAtTheEndOfRam) {
         ASSERT_LT(c.pos, 16u);
     }
     // The very last byte: a one-byte block; the top 8 address bits are ignored.
-    set_latches(k, 1, 0xFFFFFFFF, 0x8000, 113, 64);
+    set_audio_latches(k, 1, 0xFFFFFFFF, 0x8000, 113, 64);
     start(k, 1);
     EXPECT_EQ(k->ch[1].data, k->ram + 0xFFFFFF);
     EXPECT_EQ(k->ch[1].end, 1u);
     EXPECT_EQ(k->ch[1].sample, 0x22);
     // Queued near the top, in both directions, while playing.
-    set_latches(k, 0, 0xFFFF00, 0, 113, 64);
+    set_audio_latches(k, 0, 0xFFFF00, 0, 113, 64);
     EXPECT_EQ(c.next_len, 0x100u);
     k->ch[2].backward = 1;
-    set_latches(k, 2, 0xFFFFFE, 0, 113, 64);
+    set_audio_latches(k, 2, 0xFFFFFE, 0, 113, 64);
     start(k, 2);
     EXPECT_EQ(k->ch[2].pos, 1u);
     for (int i = 0; i < 10; i++) {
@@ -237,17 +216,15 @@ TEST(Paula, BlocksNearTheTopOfMemoryStopAtTheEndOfRam) {
     }
 }
 
-TEST(Paula, PredictedBlockEndMatchesTheMixer) {
+TEST_F(Paula, PredictedBlockEndMatchesTheMixer) {
     // The render loop cuts its chunks with paula_frames_to_block_end: the
     // block end must fall in exactly the predicted frame, for several
     // periods, lengths, phases and tick carries.
-    auto e = make_engine(48000);
-    kelva *k = e.get();
     std::vector<float> out(2 * 20000);
     int checked = 0;
     for (uint16_t per : {113, 124, 214, 428, 1017}) {
         for (uint16_t len : {1, 3, 64, 300}) {
-            set_latches(k, 0, 0x30000, len, per, 64);
+            set_audio_latches(k, 0, 0x30000, len, per, 64);
             start(k, 0);
             for (int round = 0; round < 3; round++) {
                 int32_t f = paula_frames_to_block_end(k, 0);
@@ -266,16 +243,14 @@ TEST(Paula, PredictedBlockEndMatchesTheMixer) {
     EXPECT_EQ(checked, 60);
     // Not running, or without a period: no event.
     EXPECT_EQ(paula_frames_to_block_end(k, 0), 0);
-    set_latches(k, 1, 0x30000, 4, 0, 64);
+    set_audio_latches(k, 1, 0x30000, 4, 0, 64);
     start(k, 1);
     EXPECT_EQ(paula_frames_to_block_end(k, 1), 0);
 }
 
-TEST(Paula, ZeroPeriodNeverSoundsNorEndsABlock) {
-    auto e = make_engine(48000);
-    kelva *k = e.get();
+TEST_F(Paula, ZeroPeriodNeverSoundsNorEndsABlock) {
     for (int i = 0; i < 4; i++) k->ram[0x30000 + i] = 127;
-    set_latches(k, 0, 0x30000, 2, 0, 64);
+    set_audio_latches(k, 0, 0x30000, 2, 0, 64);
     start(k, 0);
     std::vector<float> out(2 * 2000, 0.0f);
     paula_mix_frames(k, out.data(), 2000);

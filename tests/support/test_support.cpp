@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "amigaos/amigaos.h"
+#include "hardware/bus.h"
 
 std::string shared_dir() {
     struct stat st;
@@ -63,4 +64,12 @@ std::vector<uint8_t> envelope_module(uint32_t pattern_ticks, uint32_t stop_tick,
     std::vector<uint8_t> m;
     for (uint32_t v : {0x454E564Cu, pattern_ticks, stop_tick, end_tick, seed, 0u}) put_be32(m, v);
     return m;
+}
+
+void set_audio_latches(kelva *k, int x, uint32_t lc, uint16_t len, uint16_t per, uint16_t vol) {
+    uint32_t base = 0xDFF0A0 + 16 * uint32_t(x);
+    write32(k, base, lc);                  // AUDxLCH + AUDxLCL
+    custom_write_word(k, base + 4, len);   // AUDxLEN
+    custom_write_word(k, base + 6, per);   // AUDxPER
+    custom_write_word(k, base + 8, vol);   // AUDxVOL
 }

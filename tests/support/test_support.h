@@ -52,3 +52,7 @@ std::string get_string(kelva *k, uint32_t addr);
 // stops at `stop_tick` and reports the song end at `end_tick` (0: never).
 std::vector<uint8_t> envelope_module(uint32_t pattern_ticks, uint32_t stop_tick, uint32_t end_tick,
                                      uint32_t seed = 0x1234);
+
+// Writes channel x's AUDxLC, AUDxLEN, AUDxPER and AUDxVOL through the bus,
+// as a player does.
+void set_audio_latches(kelva *k, int x, uint32_t lc, uint16_t len, uint16_t per, uint16_t vol);
