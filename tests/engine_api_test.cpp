@@ -1,5 +1,5 @@
 // The exported setters and getters: clamping, the model flag, the LED
-// modes, played time, and what a reset puts back.
+// modes and played time (what a reset puts back: reset_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -7,17 +7,6 @@
 #include "support/test_support.h"
 
 namespace {
-
-TEST(EngineApi, CreateAndDestroy) {
-    kelva *k = kelva_create(44100);
-    ASSERT_NE(k, nullptr);
-    EXPECT_EQ(kelva_get_mixrate(k), 44100);
-    EXPECT_EQ(kelva_get_subsong_count(k), 1u);
-    EXPECT_EQ(kelva_song_ended(k), 0);
-    EXPECT_EQ(k->mix.frame_ticks, 882);
-    kelva_destroy(k);
-    kelva_destroy(nullptr);   // ignored
-}
 
 TEST(EngineApi, SeparationIsClampedToZeroOne) {
     auto e = make_engine();
@@ -31,6 +20,7 @@ TEST(EngineApi, SeparationIsClampedToZeroOne) {
     EXPECT_EQ(k->separation, 0.25f);
     kelva_set_separation(k, std::nanf(""));
     EXPECT_EQ(k->separation, 0.0f);
+    kelva_destroy(nullptr);   // ignored
 }
 
 TEST(EngineApi, OnlyModelOneSelectsTheA1200Path) {
@@ -80,27 +70,6 @@ TEST(EngineApi, PlayedMilliseconds) {
     auto n = make_engine(-5);
     n->played_frames = 1000;
     EXPECT_EQ(kelva_played_ms(n.get()), 0);
-}
-
-TEST(EngineApi, ResetRestoresDefaultSettings) {
-    auto e = make_engine(48000);
-    kelva *k = e.get();
-    kelva_set_separation(k, 0.3f);
-    kelva_set_model(k, 1);
-    kelva_set_led_filter(k, 1);
-    k->mix.rc_state[0] = 0.5;
-    kelva_reset(k, 44100);
-    EXPECT_EQ(k->separation, 1.0f);
-    EXPECT_EQ(k->model, 0u);
-    EXPECT_EQ(k->mix.model, 0u);
-    EXPECT_EQ(k->led_mode, 0u);
-    EXPECT_EQ(k->mix.led_on, 1u);
-    EXPECT_EQ(k->mix.rate, 44100);
-    EXPECT_EQ(k->mix.frame_ticks, 882);
-    EXPECT_EQ(k->mix.rc_state[0], 0.0);
-    EXPECT_EQ(k->mix.ticks_per_frame, (uint64_t(3546895) << 16) / 44100);
-    EXPECT_EQ(kelva_get_mixrate(k), 44100);
-    EXPECT_EQ(k->dmacon, 0x0200);
 }
 
 }  // namespace
