@@ -33,12 +33,6 @@ engine_ptr engine_with_latches() {
     return e;
 }
 
-TEST(Custom, ResetLeavesDmaEnabledAndNoChannelRunning) {
-    auto e = make_engine();
-    EXPECT_EQ(custom_read_word(e.get(), DMACONR), 0x0200u);
-    for (int x = 0; x < 4; x++) EXPECT_FALSE(e->ch[x].active);
-}
-
 TEST(Custom, SetClearRegistersNeverStoreBit15) {
     auto e = make_engine();
     kelva *k = e.get();

@@ -6,9 +6,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -48,12 +45,7 @@ std::vector<uint32_t> valid_longs() {
 
 std::vector<uint8_t> bytes(const std::vector<uint32_t> &longs) {
     std::vector<uint8_t> out;
-    for (uint32_t v : longs) {
-        out.push_back(uint8_t(v >> 24));
-        out.push_back(uint8_t(v >> 16));
-        out.push_back(uint8_t(v >> 8));
-        out.push_back(uint8_t(v));
-    }
+    for (uint32_t v : longs) put_be32(out, v);
     return out;
 }
 
@@ -61,16 +53,7 @@ std::vector<uint8_t> bytes(const std::vector<uint32_t> &longs) {
 // another from 0x200000. Returns 1 on success; `err` gets stderr.
 int load(kelva *k, const std::vector<uint8_t> &file, std::string *err = nullptr) {
     testing::internal::CaptureStderr();
-    uint32_t offset = 0;
-    int ok = hunk_parse_header(k, file.data(), uint32_t(file.size()), &offset);
-    if (ok) {
-        uint32_t at = kPlayerBase;
-        for (uint32_t h = 0; h < k->hunk_count; h++) {
-            k->hunk_addr[h] = at;
-            at += k->hunk_size[h];
-        }
-        ok = hunk_read_contents(k, file.data(), uint32_t(file.size()), offset);
-    }
+    int ok = load_player_hunks(k, file);
     std::string e = testing::internal::GetCapturedStderr();
     if (err) *err = e;
     return ok;

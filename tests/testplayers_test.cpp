@@ -8,8 +8,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -41,14 +39,7 @@ protected:
             ADD_FAILURE() << "test player missing: " << player_path(name);
             return false;
         }
-        uint32_t offset = 0;
-        if (!hunk_parse_header(k, file.data(), uint32_t(file.size()), &offset)) return false;
-        uint32_t at = kPlayerBase;
-        for (uint32_t h = 0; h < k->hunk_count; h++) {
-            k->hunk_addr[h] = at;
-            at += k->hunk_size[h];
-        }
-        if (!hunk_read_contents(k, file.data(), uint32_t(file.size()), offset)) return false;
+        if (!load_player_hunks(k, file)) return false;
         uint32_t list = ram_get32(k, kPlayerBase + 12);
         for (int i = 0; i < 256 && ram_get32(k, list + 8 * i); i++)
             tags[ram_get32(k, list + 8 * i)] = ram_get32(k, list + 8 * i + 4);

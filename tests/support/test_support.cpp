@@ -73,3 +73,14 @@ void set_audio_latches(kelva *k, int x, uint32_t lc, uint16_t len, uint16_t per,
     custom_write_word(k, base + 6, per);   // AUDxPER
     custom_write_word(k, base + 8, vol);   // AUDxVOL
 }
+
+int load_player_hunks(kelva *k, const std::vector<uint8_t> &file) {
+    uint32_t offset = 0;
+    if (!hunk_parse_header(k, file.data(), uint32_t(file.size()), &offset)) return 0;
+    uint32_t at = kPlayerBase;
+    for (uint32_t h = 0; h < k->hunk_count; h++) {
+        k->hunk_addr[h] = at;
+        at += k->hunk_size[h];
+    }
+    return hunk_read_contents(k, file.data(), uint32_t(file.size()), offset);
+}

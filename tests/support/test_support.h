@@ -56,3 +56,7 @@ std::vector<uint8_t> envelope_module(uint32_t pattern_ticks, uint32_t stop_tick,
 // Writes channel x's AUDxLC, AUDxLEN, AUDxPER and AUDxVOL through the bus,
 // as a player does.
 void set_audio_latches(kelva *k, int x, uint32_t lc, uint16_t len, uint16_t per, uint16_t vol);
+
+// Parses a hunk file and loads its hunks one after another from kPlayerBase,
+// as the engine loads a player. Returns 1 on success.
+int load_player_hunks(kelva *k, const std::vector<uint8_t> &file);
