@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# Runs every libFuzzer target of a build for a fixed time each, one after
+# the other, starting from the committed corpus (plus the shared test
+# modules for the classification target when they exist).
+#
+#   fuzz/run.sh BUILD_DIR SECONDS_PER_TARGET [WORK_DIR] [TARGET...]
+#
+# New inputs go to WORK_DIR/<target> (never into the repository); a crash,
+# sanitizer report, timeout or out-of-memory is written to
+# WORK_DIR/artifacts/<target>-* and makes the script fail after the other
+# targets have run. Exits 77 when the build holds no libFuzzer programs.
+set -uo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+build=${1:?usage: run.sh BUILD_DIR SECONDS [WORK_DIR] [TARGET...]}
+seconds=${2:?usage: run.sh BUILD_DIR SECONDS [WORK_DIR] [TARGET...]}
+work=${3:-$build/fuzz-work}
+shift $(( $# < 3 ? $# : 3 ))
+targets=("$@")
+if [ ${#targets[@]} -eq 0 ]; then
+  targets=(hunk classify identify epconf songdb engine)
+fi
+shared=${KELVA_SHARED_DIR:-$here/../../shared}
+
+mkdir -p "$work/artifacts"
+failed=()
+for t in "${targets[@]}"; do
+  bin=$build/fuzz/kelva_fuzz_$t
+  usage=""
+  [ -x "$bin" ] && usage=$("$bin" -help=1 2>&1)
+  if ! grep -q libFuzzer <<< "$usage"; then
+    echo "fuzz: $bin is not a libFuzzer program (configure with clang and -DKELVA_LIBFUZZER=ON); skipped"
+    exit 77
+  fi
+  mkdir -p "$work/$t"
+  extra=()
+  if [ "$t" = classify ] && [ -d "$shared/testdata/modules" ]; then
+    extra+=("$shared/testdata/modules/debian" "$shared/testdata/modules/st15"
+            "$shared/testdata/modules/variants" "$shared/testdata/modules/effects")
+  fi
+  timeout=10
+  [ "$t" = engine ] && timeout=120
+  echo "== fuzz $t for ${seconds}s"
+  "$bin" -max_total_time="$seconds" -timeout="$timeout" -rss_limit_mb=2048 -close_fd_mask=3 \
+    -dict="$here/kelva.dict" -artifact_prefix="$work/artifacts/$t-" -print_final_stats=1 \
+    "$work/$t" "$here/corpus/$t" "${extra[@]}" > "$work/$t.log" 2>&1
+  rc=$?
+  grep -E '^#[0-9]+ +(INITED|DONE)|^stat::(number_of_executed_units|average_exec_per_sec|peak_rss_mb)' "$work/$t.log"
+  if [ $rc -ne 0 ]; then
+    echo "fuzz $t: FINDING (exit $rc); log $work/$t.log; reproducer in $work/artifacts/"
+    grep -m20 -E 'ERROR|SUMMARY|fuzz check failed|Test unit written' "$work/$t.log"
+    failed+=("$t")
+  fi
+done
+if [ ${#failed[@]} -gt 0 ]; then
+  echo "fuzz: findings in ${failed[*]}"
+  exit 1
+fi
+echo "fuzz: no findings"
