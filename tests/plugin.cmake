@@ -3,12 +3,17 @@
 target_link_libraries(kelva_tests PRIVATE kelva_plugin_core)
 
 # Integration test: plays through a headless Audacious with a private
-# configuration. Exit code 77 means Audacious (or a test player) is missing.
+# configuration: the test players, then the build tree's data tree with the
+# demo tune and real modules (those parts skip with a message when absent).
+# Exit code 77 means Audacious (or a test player) is missing.
 if(KELVA_BUILD_PLUGIN AND TARGET kelva_aud)
   add_test(NAME plugin_audacious
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/integration/aud_test.sh
       --plugin $<TARGET_FILE:kelva_aud>
-      --players ${CMAKE_BINARY_DIR}/tests/players)
+      --players ${CMAKE_BINARY_DIR}/tests/players
+      --data ${KELVA_BUILD_DATA}
+      --demo ${CMAKE_BINARY_DIR}/demo/demo.mod
+      --modules ${KELVA_SHARED_DIR}/testdata/modules)
   set_tests_properties(plugin_audacious PROPERTIES
     LABELS integration SKIP_RETURN_CODE 77 TIMEOUT 600 RUN_SERIAL TRUE)
 endif()
