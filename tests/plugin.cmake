@@ -17,3 +17,16 @@ if(KELVA_BUILD_PLUGIN AND TARGET kelva_aud)
   set_tests_properties(plugin_audacious PROPERTIES
     LABELS integration SKIP_RETURN_CODE 77 TIMEOUT 600 RUN_SERIAL TRUE)
 endif()
+
+# Installed as a user would: `cmake --install` staged under a temporary
+# DESTDIR, the layout checked, then the installed tool and the installed
+# plugin (in a headless Audacious) used with the installed data tree.
+if(KELVA_BUILD_PLUGIN AND TARGET kelva_aud)
+  add_test(NAME plugin_install
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/integration/install_test.sh
+      --build ${CMAKE_BINARY_DIR}
+      --cmake ${CMAKE_COMMAND}
+      --demo ${CMAKE_BINARY_DIR}/demo/demo.mod)
+  set_tests_properties(plugin_install PROPERTIES
+    LABELS integration SKIP_RETURN_CODE 77 TIMEOUT 300 RUN_SERIAL TRUE)
+endif()

@@ -293,16 +293,23 @@ pat = full[s * F:(s + 4800) * F]       # 100 ms of the song at the target
 a = array.array('f'); a.frombytes(pat)
 if len(pat) < 4800 * F or max(map(abs, a)) < 1e-3:
     print('error: the song is silent or over at the target'); sys.exit()
-pos = seek.find(pat)
-while pos >= 0 and pos % F: pos = seek.find(pat, pos + 1)
-if pos < 0:
+# Where the WAV holds those 100 ms: the same music may also occur earlier
+# (a repeated passage), so every frame-aligned place is tried, and the first
+# one after which everything equals the song from the target wins.
+best, pos = None, seek.find(pat)
+while pos >= 0:
+    if pos % F == 0:
+        n = min(len(seek) - pos, len(full) - s * F)
+        equal = seek[pos:pos + n] == full[s * F:s * F + n]
+        if best is None or (equal and not best[2]): best = (pos, n, equal)
+        if equal: break
+    pos = seek.find(pat, pos + 1)
+if best is None:
     print('error: the audio at the target is not in the WAV'); sys.exit()
-pre = pos // F
-n = min(len(seek) - pos, len(full) - s * F)
-equal = seek[pos:pos + n] == full[s * F:s * F + n]
+pos, n, equal = best
 prefix_ok = seek[:pos] == full[:pos]
 end_diff = (len(seek) - pos) // F - (len(full) // F - s)
-print(pre, n // F, int(equal), int(prefix_ok), end_diff)
+print(pos // F, n // F, int(equal), int(prefix_ok), end_diff)
 EOF
 }
 SEEK_S=30
