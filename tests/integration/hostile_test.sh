@@ -5,7 +5,7 @@
 #   hostile_test.sh --plugin kelva.so --players DIR --real-players DIR
 #                   [--modules DIR] [--keep] [--verbose]
 #
-# Starts "audacious -H" the way aud_test.sh does (private HOME, XDG folders,
+# Starts "audacious -H" through the harness in lib.sh (private HOME, XDG folders,
 # D-Bus session and plugin folder; the file writer as output; the other
 # tracker plugins disabled) with a data tree holding kelva's real players
 # (--real-players, the build tree's kelva_data/players) and the Misbehave
@@ -50,96 +50,23 @@ while [ $# -gt 0 ]; do
     esac
 done
 
-skip() { echo "SKIP: $*"; exit 77; }
-FAILS=0
-pass() { echo "ok   $*"; }
-fail() { echo "FAIL $*"; FAILS=$((FAILS + 1)); }
+TEST_NAME=hostile
+. "$(dirname "$0")/lib.sh"
 
 [ -n "$PLUGIN" ] && [ -f "$PLUGIN" ] || { echo "hostile_test: plugin not found: '$PLUGIN'" >&2; exit 1; }
 PLUGIN=$(readlink -f "$PLUGIN")
-AUDBIN=$(command -v audacious) || skip "audacious is not installed (Debian packages audacious, audacious-plugins)"
-command -v audtool >/dev/null || skip "audtool is not installed (package audacious)"
-command -v dbus-daemon >/dev/null || skip "dbus-daemon is not installed (package dbus)"
-command -v python3 >/dev/null || skip "python3 is needed to make the test module"
-AUDBIN=$(readlink -f "$AUDBIN")
-SYS_PLUGIN_DIR=$(pkg-config --variable=plugin_dir audacious 2>/dev/null || true)
-if [ -z "$SYS_PLUGIN_DIR" ] || [ ! -d "$SYS_PLUGIN_DIR/Output" ]; then
-    for d in /usr/lib/*/audacious /usr/lib/audacious; do [ -d "$d/Output" ] && SYS_PLUGIN_DIR=$d && break; done
-fi
-[ -d "$SYS_PLUGIN_DIR/Output" ] || skip "cannot find Audacious' plugin folder"
-[ -f "$SYS_PLUGIN_DIR/Output/filewriter.so" ] || skip "the file writer output plugin is missing (package audacious-plugins)"
+aud_require_host
 [ -n "$PLAYERS" ] && [ -f "$PLAYERS/Misbehave" ] || skip "test player Misbehave not found in '$PLAYERS' (built with the m68k toolchain)"
 [ -n "$REAL" ] && [ -f "$REAL/PTK-Prowiz" ] || skip "player PTK-Prowiz not found in '$REAL' (built with the m68k toolchain)"
 
-T=$(mktemp -d /tmp/kelva-hostile-XXXXXX) || exit 1
-APID=""
-DPID=""
-alive() { [ -n "$1" ] && kill -0 "$1" 2>/dev/null; }
-wait_gone() { # pid seconds
-    local n=$(($2 * 20))
-    while alive "$1" && [ $n -gt 0 ]; do sleep 0.05; n=$((n - 1)); done
-    ! alive "$1"
-}
-at() { DBUS_SESSION_BUS_ADDRESS=$BUS timeout 10 audtool "$@" 2>/dev/null; }
-stop_all() {
-    if alive "$APID"; then
-        at shutdown >/dev/null
-        wait_gone "$APID" 10 || { kill -TERM "$APID" 2>/dev/null; wait_gone "$APID" 5 || kill -KILL "$APID" 2>/dev/null; }
-    fi
-    [ -n "$APID" ] && wait "$APID" 2>/dev/null
-    APID=""
-    if alive "$DPID"; then
-        kill -TERM "$DPID" 2>/dev/null
-        wait_gone "$DPID" 5 || kill -KILL "$DPID" 2>/dev/null
-    fi
-    [ -n "$DPID" ] && wait "$DPID" 2>/dev/null
-    DPID=""
-}
-finish() {
-    stop_all
-    if [ $KEEP = 1 ]; then echo "kept: $T"; else rm -rf "$T"; fi
-}
-trap finish EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
-BUS="unix:path=$T/bus"
-now_ms() { date +%s%3N; }
-# wait_for SECONDS COMMAND...: polls until the command succeeds.
-wait_for() {
-    local end=$(($(now_ms) + $1 * 1000))
-    shift
-    until "$@"; do
-        [ "$(now_ms)" -lt $end ] || return 1
-        alive "$APID" || return 1
-        sleep 0.1
-    done
-}
-
-# ---- private prefix: a copy of the binary and a plugin folder with kelva.so
-prefix_root=$(dirname "$(dirname "$AUDBIN")")
-case "$SYS_PLUGIN_DIR" in "$prefix_root"/*) ;; *) skip "plugin folder $SYS_PLUGIN_DIR is not under $prefix_root" ;; esac
-P=$T/prefix
-PDIR=$P/${SYS_PLUGIN_DIR#"$prefix_root"/}
-mkdir -p "$P/bin"
-cp "$AUDBIN" "$P/bin/audacious"           # a copy: the plugin folder is found from /proc/self/exe
-ln -s "$prefix_root/share" "$P/share"
-for d in "$SYS_PLUGIN_DIR"/*/; do
-    sub=$(basename "$d")
-    mkdir -p "$PDIR/$sub"
-    for so in "$d"*.so; do
-        [ -e "$so" ] || continue
-        [ "$sub/$(basename "$so")" = Input/kelva.so ] && continue   # an installed kelva is replaced by ours
-        ln -s "$so" "$PDIR/$sub/"
-    done
-done
-mkdir -p "$PDIR/Input"
-ln -s "$PLUGIN" "$PDIR/Input/kelva.so"
+aud_begin
+aud_make_prefix "$PLUGIN"
+aud_write_config
 
 # ---- data tree and the hostile files
 DATA=$T/kelva_data
 MUS=$T/music
-mkdir -p "$DATA/players/ENV" "$MUS" "$T/home" "$T/config/audacious" "$T/xdg" "$T/cache" "$T/run" "$T/out"
-chmod 700 "$T/run"
+mkdir -p "$DATA/players/ENV" "$MUS"
 for p in "$REAL"/*; do [ -f "$p" ] && cp "$p" "$DATA/players/"; done
 cp "$PLAYERS/Misbehave" "$DATA/players/Misbehave"
 cat > "$DATA/eagleplayer.conf" <<'CONF'
@@ -179,53 +106,11 @@ head -c 9000 "$SRC" > "$MUS/cut2.mod"     # some patterns, no samples
 printf 'the tick routine of this player never returns\n' > "$MUS/forever.kvloop"
 : > "$MUS/empty.mod"
 mkdir "$MUS/x.mod"
-uri() { printf 'file://%s' "$1"; }   # the paths made here need no escapes
 ENTRIES="rand1.mod rand2.mod rand3.fc rand4.okt cut1.mod cut2.mod forever.kvloop empty.mod x.mod"
 
-# ---- configuration
-cat > "$T/config/audacious/config" <<EOF
-[audacious]
-resume_playback_on_startup=FALSE
-slow_probe=TRUE
-output_bit_depth=-1
-metadata_fallbacks=FALSE
-stop_after_current_song=FALSE
-
-[filewriter]
-fileext=0
-file_path=$(uri "$T/out")
-save_original=FALSE
-filenamefromtags=FALSE
-use_suffix=FALSE
-prependnumber=FALSE
-EOF
-{
-    echo "format 10"
-    echo "output $SYS_PLUGIN_DIR/Output/filewriter.so"
-    echo "enabled 1"
-    for n in openmpt modplug ffaudio; do
-        [ -e "$PDIR/Input/$n.so" ] || continue
-        echo "input $PDIR/Input/$n.so"
-        echo "enabled 0"
-    done
-} > "$T/config/audacious/plugin-registry"
-
-# ---- start D-Bus and Audacious
-dbus-daemon --session --nofork --nopidfile --address="$BUS" > "$T/dbus.log" 2>&1 &
-DPID=$!
-n=100; while [ ! -S "$T/bus" ] && [ $n -gt 0 ] && alive "$DPID"; do sleep 0.05; n=$((n - 1)); done
-[ -S "$T/bus" ] || { cat "$T/dbus.log"; echo "hostile_test: private dbus-daemon did not start"; exit 1; }
-
-HOME=$T/home XDG_CONFIG_HOME=$T/config XDG_DATA_HOME=$T/xdg XDG_CACHE_HOME=$T/cache XDG_RUNTIME_DIR=$T/run \
-DBUS_SESSION_BUS_ADDRESS=$BUS KELVA_DATA=$DATA \
-    env -u DISPLAY -u WAYLAND_DISPLAY -u SESSION_MANAGER "$P/bin/audacious" -H -V \
-    > "$T/aud.out" 2> "$T/aud.log" < /dev/null &
-APID=$!
-wait_for 20 eval 'at version >/dev/null' || { tail -20 "$T/aud.log"; echo "hostile_test: audacious did not come up"; exit 1; }
-echo "audacious $(at version), pid $APID, plugin folder $PDIR"
+aud_start KELVA_DATA="$DATA"
 
 # ---- the playlist
-nentries() { at playlist-length; }
 at playlist-clear
 for f in $ENTRIES; do at playlist-addurl "$(uri "$MUS/$f")"; done
 # Audacious drops what it cannot read when adding (the folder has no
@@ -278,26 +163,18 @@ done
 
 # ---- what the plugin said
 stop_all
-grep -q -F "Loading plugin: $PDIR/Input/kelva.so" "$T/aud.log" && pass "kelva.so loaded" || fail "kelva.so was not loaded"
-nk=$(grep -c -F 'kelva: ' "$T/aud.log")
+grep -q -F "Loading plugin: $PDIR/Input/kelva.so" "$ALOG" && pass "kelva.so loaded" || fail "kelva.so was not loaded"
+nk=$(grep -c -F 'kelva: ' "$ALOG")
 [ "$nk" -gt 0 ] && pass "the log holds $nk \"kelva: \" messages" || fail "no \"kelva: \" message in the log"
-if grep -q -E "kelva: .*(rand1|rand3|rand4|cut1|cut2|empty)\." "$T/aud.log"; then
+if grep -q -E "kelva: .*(rand1|rand3|rand4|cut1|cut2|empty)\." "$ALOG"; then
     pass "refused files are named in kelva's messages"
 else
     fail "no kelva message names a refused hostile file"
 fi
-if grep -q -E 'AddressSanitizer|runtime error:|Segmentation fault|Aborted' "$T/aud.log" "$T/aud.out"; then
+if grep -q -E 'AddressSanitizer|runtime error:|Segmentation fault|Aborted' "$ALOG" "$AOUT"; then
     fail "a crash or sanitizer report is in Audacious' output"
 else
     pass "no crash or sanitizer report in Audacious' output"
 fi
 
-if [ $VERBOSE = 1 ] || [ $FAILS -gt 0 ]; then
-    echo "---- kelva's messages"
-    grep -F 'kelva: ' "$T/aud.log" | sort | uniq -c | head -40
-    echo "---- Audacious log (without INFO/DEBUG)"
-    grep -v -E '^(INFO|DEBUG) ' "$T/aud.log" | tail -40
-fi
-[ $FAILS -eq 0 ] && { echo "PASS"; exit 0; }
-echo "$FAILS check(s) failed"
-exit 1
+aud_finish_report

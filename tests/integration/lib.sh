@@ -66,6 +66,7 @@ DPID=""
 T=""
 AUD_RUN=0
 ALOG=""      # Audacious' log (stderr with -V) of the latest run
+AOUT=""      # and its standard output
 alive() { [ -n "$1" ] && kill -0 "$1" 2>/dev/null; }
 wait_gone() { # pid seconds
     local n=$(($2 * 20))
@@ -174,6 +175,7 @@ aud_start() {
     local n
     AUD_RUN=$((AUD_RUN + 1))
     ALOG=$T/aud-$AUD_RUN.log
+    AOUT=$T/aud-$AUD_RUN.out
     rm -f "$T/bus"
     dbus-daemon --session --nofork --nopidfile --address="$BUS" > "$T/dbus.log" 2>&1 &
     DPID=$!
@@ -183,7 +185,7 @@ aud_start() {
     env -u DISPLAY -u WAYLAND_DISPLAY -u SESSION_MANAGER -u KELVA_DATA \
         HOME="$T/home" XDG_CONFIG_HOME="$T/config" XDG_DATA_HOME="$T/xdg" XDG_CACHE_HOME="$T/cache" \
         XDG_RUNTIME_DIR="$T/run" DBUS_SESSION_BUS_ADDRESS="$BUS" "$@" \
-        "$P/bin/audacious" -H -V > "$T/aud-$AUD_RUN.out" 2> "$ALOG" < /dev/null &
+        "$P/bin/audacious" -H -V > "$AOUT" 2> "$ALOG" < /dev/null &
     APID=$!
     wait_for 20 eval 'at version >/dev/null' || { tail -20 "$ALOG"; echo "$TEST_NAME: audacious did not come up"; exit 1; }
     echo "audacious $(at version), pid $APID, plugin folder $PDIR"
