@@ -17,7 +17,8 @@
 #     Amiga Music" with its settings page, shows the demo tune's length and
 #     plays it.
 #
-# Exit: 0 pass, 1 fail, 77 skipped (cmake, Audacious or the demo tune missing).
+# Exit: 0 pass, 1 fail, 77 skipped (cmake, Audacious, the demo tune or the
+# ProTracker player missing).
 
 BUILD=""
 CMAKE=cmake
@@ -41,6 +42,7 @@ TEST_NAME=install
 [ -n "$BUILD" ] && [ -f "$BUILD/cmake_install.cmake" ] || { echo "install_test: no build folder: '$BUILD'" >&2; exit 1; }
 command -v "$CMAKE" >/dev/null || skip "cmake not found: '$CMAKE'"
 [ -n "$DEMO" ] && [ -f "$DEMO" ] || skip "the demo tune '$DEMO' is not built"
+[ -f "$BUILD/kelva_data/players/PTK-Prowiz" ] || skip "the build has no PTK-Prowiz player (built with the m68k toolchain)"
 aud_require_host
 
 aud_begin
