@@ -206,9 +206,10 @@ if [ -z "$REAL_DATA" ] || [ ! -f "$REAL_DATA/eagleplayer.conf" ] || [ ! -f "$REA
 fi
 mkdir -p "$T/xdg/kelva_data"
 cp -R "$REAL_DATA/." "$T/xdg/kelva_data/"
-# name|file|lowest length ms|highest length ms (the measured length, set by
-# the song's end: the demo tune 46.08 s, the modules as two independent
-# players measure them; one 20 ms tick either way)
+# Each song as name|lowest|highest length in ms: the length measured from
+# the song's end, for the demo tune 46.08 s (up to one 4096-frame block
+# more), for the modules what two independent players measure, one 20 ms
+# tick either way.
 SONGS=""
 if [ -n "$DEMO" ] && [ -f "$DEMO" ]; then
     cp "$DEMO" "$MUS/demo.mod"
