@@ -9,6 +9,8 @@
 # sanitizer report, timeout or out-of-memory is written to
 # WORK_DIR/artifacts/<target>-* and makes the script fail after the other
 # targets have run. Exits 77 when the build holds no libFuzzer programs.
+# KELVA_FUZZ_RUNS=N also stops a target after N executions, whichever of
+# the two limits comes first.
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 build=${1:?usage: run.sh BUILD_DIR SECONDS [WORK_DIR] [TARGET...]}
@@ -39,8 +41,10 @@ for t in "${targets[@]}"; do
   fi
   timeout=10
   [ "$t" = engine ] && timeout=120
-  echo "== fuzz $t for ${seconds}s"
-  "$bin" -max_total_time="$seconds" -timeout="$timeout" -rss_limit_mb=2048 -close_fd_mask=3 \
+  runs=()
+  [ -n "${KELVA_FUZZ_RUNS:-}" ] && runs=(-runs="$KELVA_FUZZ_RUNS")
+  echo "== fuzz $t for ${seconds}s${KELVA_FUZZ_RUNS:+ or $KELVA_FUZZ_RUNS executions}"
+  "$bin" -max_total_time="$seconds" "${runs[@]}" -timeout="$timeout" -rss_limit_mb=2048 -close_fd_mask=3 \
     -dict="$here/kelva.dict" -artifact_prefix="$work/artifacts/$t-" -print_final_stats=1 \
     "$work/$t" "$here/corpus/$t" "${extra[@]}" > "$work/$t.log" 2>&1
   rc=$?
