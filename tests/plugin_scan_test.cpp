@@ -17,6 +17,7 @@
 #include "plugin/hostio.h"
 #include "plugin/scan.h"
 #include "plugin/songdb.h"
+#include "support/scan_state.h"
 
 namespace {
 
@@ -59,12 +60,7 @@ protected:
         reset();
     }
     static void reset() {
-        {
-            std::lock_guard<std::mutex> lock(scan_mtx);
-            scan_queue.clear();
-            scan_seen.clear();
-        }
-        scan_quit.store(false);
+        scan_reset_state();
         db_close();
         {
             std::lock_guard<std::mutex> lock(cache_mtx);
@@ -73,7 +69,6 @@ protected:
         std::lock_guard<std::mutex> lock(log_mtx);
         reads.clear();
         rescans.clear();
-        host = host_ops_local();
     }
 };
 

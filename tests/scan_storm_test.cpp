@@ -15,6 +15,7 @@
 #include "plugin/hostio.h"
 #include "plugin/scan.h"
 #include "plugin/songdb.h"
+#include "support/scan_state.h"
 
 namespace {
 
@@ -42,17 +43,11 @@ protected:
         reset();
     }
     static void reset() {
-        {
-            std::lock_guard<std::mutex> lock(scan_mtx);
-            scan_queue.clear();
-            scan_seen.clear();
-        }
-        scan_quit.store(false);
+        scan_reset_state();
         {
             std::lock_guard<std::mutex> lock(storm_mtx);
             storm_reads.clear();
         }
-        host = host_ops_local();
         host.read_uri = storm_read;
     }
     static bool wait_for_reads(size_t n) {
