@@ -4,8 +4,9 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "cli/cli.h"
-#include "cli/json.h"
 
 namespace {
 
@@ -70,29 +71,27 @@ void print_text(const file_report &r) {
     }
 }
 
-void append_json(std::string *out, const file_report &r) {
-    json_object o(out);
-    o.key("file").string(r.file);
+// One file's report as a JSON object, members in the order they are listed.
+nlohmann::ordered_json report_json(const file_report &r) {
+    nlohmann::ordered_json o;
+    o["file"] = r.file;
     if (!r.error.empty()) {
-        if (!r.player.empty()) o.key("player").string(r.player);
-        o.key("error").string(r.error);
-        return;
+        if (!r.player.empty()) o["player"] = r.player;
+        o["error"] = r.error;
+        return o;
     }
-    o.key("player").string(r.player);
-    o.key("format").string(r.format);
-    o.key("subsongs");
-    json_array list(out);
+    o["player"] = r.player;
+    o["format"] = r.format;
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
     for (const subsong_length &s : r.subsongs) {
-        list.next();
-        json_object so(out);
-        so.key("subsong").number(s.subsong);
-        so.key("length_ms");
-        if (s.ms > 0)
-            so.number(s.ms);
-        else
-            so.null();
-        so.key("reason").string(length_reason_name(s.reason));
+        nlohmann::ordered_json so;
+        so["subsong"] = s.subsong;
+        so["length_ms"] = s.ms > 0 ? nlohmann::ordered_json(s.ms) : nlohmann::ordered_json(nullptr);
+        so["reason"] = length_reason_name(s.reason);
+        list.push_back(std::move(so));
     }
+    o["subsongs"] = std::move(list);
+    return o;
 }
 
 }  // namespace
@@ -110,23 +109,20 @@ int cmd_info(int argc, char **argv, int first) {
     bool json = arg_switch(args, "json");
 
     int rc = kExitOk;
-    std::string out;
-    json_array files(&out);
+    nlohmann::ordered_json files = nlohmann::ordered_json::array();
     for (const std::string &path : args.positional) {
         file_report r;
         if (!inspect(path.c_str(), &r)) {
             cli_error("%s", r.error.c_str());
             rc = kExitFailure;
         }
-        if (json) {
-            files.next();
-            append_json(&out, r);
-        } else if (r.error.empty()) {
+        if (json)
+            files.push_back(report_json(r));
+        else if (r.error.empty())
             print_text(r);
-        }
         if (cli_interrupted.load()) break;
     }
-    files.close();
-    if (json) printf("%s\n", out.c_str());
+    // File names need not be UTF-8: bytes that are not become U+FFFD.
+    if (json) printf("%s\n", files.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
     return rc;
 }

@@ -7,7 +7,7 @@ packages=(
   # build
   build-essential cmake pkg-config python3
   # libraries
-  libgtest-dev libgmock-dev libbenchmark-dev libxxhash-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libxxhash-dev nlohmann-json3-dev
   audacious audacious-dev audacious-plugins libsndfile1-dev libao-dev
   # 68k cross toolchain for kelva's own players
   gcc-m68k-linux-gnu binutils-m68k-linux-gnu

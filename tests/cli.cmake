@@ -1,6 +1,9 @@
 # The command-line tool's tests run the built kelva as a subprocess; they
 # read the audio it writes with libsndfile. The demo-tune test uses the
-# module built by tools/demotune.cmake.
+# module built by tools/demotune.cmake. Its JSON output is read with
+# nlohmann/json.
+find_package(nlohmann_json 3 REQUIRED)
+target_link_libraries(kelva_tests PRIVATE nlohmann_json::nlohmann_json)
 if(TARGET kelva)
   find_package(PkgConfig REQUIRED)
   pkg_check_modules(KELVA_TEST_SNDFILE REQUIRED IMPORTED_TARGET sndfile)

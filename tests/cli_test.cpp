@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "support/temptree.h"
 #include "support/test_support.h"
 
@@ -87,131 +89,14 @@ std::vector<std::string> lines_of(const std::string &text) {
     return lines;
 }
 
-// ---- a small JSON reader for the --json output ---------------------------------
+// ---- the --json output -------------------------------------------------------------
 
-struct json {
-    enum kind_t { null_v, bool_v, number_v, string_v, array_v, object_v } kind = null_v;
-    double number = 0;
-    std::string text;
-    std::vector<json> items;
-    std::map<std::string, json> members;
-    const json &operator[](const char *k) const {
-        static const json missing;
-        auto it = members.find(k);
-        return it == members.end() ? missing : it->second;
-    }
-    bool has(const char *k) const { return members.count(k) != 0; }
-};
-
-struct json_reader {
-    const std::string &s;
-    size_t i = 0;
-    bool ok = true;
-
-    void space() {
-        while (i < s.size() && strchr(" \t\r\n", s[i])) i++;
-    }
-    bool eat(char c) {
-        space();
-        if (i < s.size() && s[i] == c) {
-            i++;
-            return true;
-        }
-        return false;
-    }
-    void append_utf8(std::string *out, uint32_t cp) {
-        if (cp < 0x80) {
-            out->push_back(char(cp));
-        } else if (cp < 0x800) {
-            out->push_back(char(0xC0 | cp >> 6));
-            out->push_back(char(0x80 | (cp & 63)));
-        } else {
-            out->push_back(char(0xE0 | cp >> 12));
-            out->push_back(char(0x80 | (cp >> 6 & 63)));
-            out->push_back(char(0x80 | (cp & 63)));
-        }
-    }
-    std::string string() {
-        std::string out;
-        if (!eat('"')) return ok = false, out;
-        while (i < s.size() && s[i] != '"') {
-            unsigned char c = uint8_t(s[i++]);
-            if (c < 0x20) return ok = false, out;   // raw control characters are not allowed
-            if (c != '\\') {
-                out.push_back(char(c));
-                continue;
-            }
-            if (i >= s.size()) return ok = false, out;
-            char e = s[i++];
-            switch (e) {
-            case '"': out += '"'; break;
-            case '\\': out += '\\'; break;
-            case '/': out += '/'; break;
-            case 'n': out += '\n'; break;
-            case 'r': out += '\r'; break;
-            case 't': out += '\t'; break;
-            case 'b': out += '\b'; break;
-            case 'f': out += '\f'; break;
-            case 'u': {
-                if (i + 4 > s.size()) return ok = false, out;
-                append_utf8(&out, uint32_t(strtoul(s.substr(i, 4).c_str(), nullptr, 16)));
-                i += 4;
-                break;
-            }
-            default: return ok = false, out;
-            }
-        }
-        if (i >= s.size()) ok = false;
-        i++;
-        return out;
-    }
-    json value() {
-        json v;
-        space();
-        if (i >= s.size()) return ok = false, v;
-        char c = s[i];
-        if (c == '{') {
-            i++;
-            v.kind = json::object_v;
-            if (eat('}')) return v;
-            do {
-                std::string k = string();
-                if (!eat(':')) return ok = false, v;
-                v.members[k] = value();
-            } while (ok && eat(','));
-            if (!eat('}')) ok = false;
-        } else if (c == '[') {
-            i++;
-            v.kind = json::array_v;
-            if (eat(']')) return v;
-            do v.items.push_back(value());
-            while (ok && eat(','));
-            if (!eat(']')) ok = false;
-        } else if (c == '"') {
-            v.kind = json::string_v;
-            v.text = string();
-        } else if (s.compare(i, 4, "null") == 0) {
-            i += 4;
-        } else if (s.compare(i, 4, "true") == 0 || s.compare(i, 5, "false") == 0) {
-            v.kind = json::bool_v;
-            i += s[i] == 't' ? 4 : 5;
-        } else {
-            char *end = nullptr;
-            v.kind = json::number_v;
-            v.number = strtod(s.c_str() + i, &end);
-            if (end == s.c_str() + i) ok = false;
-            i = size_t(end - s.c_str());
-        }
-        return v;
-    }
-};
+using json = nlohmann::json;
 
 // Parses the whole text; fails the test when it is not one JSON value.
 json parse_json(const std::string &text) {
-    json_reader r{text};
-    json v = r.value();
-    r.space();
-    EXPECT_TRUE(r.ok && r.i == text.size()) << "not valid JSON:\n" << text;
+    json v = json::parse(text, nullptr, false);
+    EXPECT_FALSE(v.is_discarded()) << "not valid JSON:\n" << text;
     return v;
 }
 
@@ -337,8 +222,8 @@ TEST_F(CliTest, InfoJsonReportsEveryWayALengthIsFound) {
     run_result r = kelva({"info", "--json", "end.envl", "quiet.envl", "loop.envl", "endless.envl"});
     ASSERT_EQ(r.code, 0) << r.err;
     json files = parse_json(r.out);
-    ASSERT_EQ(files.kind, json::array_v);
-    ASSERT_EQ(files.items.size(), 4u);
+    ASSERT_TRUE(files.is_array());
+    ASSERT_EQ(files.size(), 4u);
     struct expect_t {
         const char *file;
         const char *reason;
@@ -350,26 +235,26 @@ TEST_F(CliTest, InfoJsonReportsEveryWayALengthIsFound) {
         {"endless.envl", "limit", 600000},
     };
     for (size_t i = 0; i < 4; i++) {
-        const json &f = files.items[i];
+        const json &f = files[i];
         SCOPED_TRACE(expected[i].file);
-        EXPECT_EQ(f["file"].text, expected[i].file);
-        EXPECT_EQ(f["player"].text, "Envelope");
-        EXPECT_EQ(f["format"].kind, json::string_v);
-        EXPECT_FALSE(f.has("error"));
-        ASSERT_EQ(f["subsongs"].items.size(), 1u);
-        const json &s = f["subsongs"].items[0];
-        EXPECT_EQ(s["subsong"].number, 0);
-        EXPECT_EQ(s["reason"].text, expected[i].reason);
-        EXPECT_NEAR(s["length_ms"].number, expected[i].ms, 40);
+        EXPECT_EQ(f.at("file"), expected[i].file);
+        EXPECT_EQ(f.at("player"), "Envelope");
+        EXPECT_TRUE(f.at("format").is_string());
+        EXPECT_FALSE(f.contains("error"));
+        ASSERT_EQ(f.at("subsongs").size(), 1u);
+        const json &s = f.at("subsongs").at(0);
+        EXPECT_EQ(s.at("subsong").get<double>(), 0);
+        EXPECT_EQ(s.at("reason"), expected[i].reason);
+        EXPECT_NEAR(s.at("length_ms").get<double>(), expected[i].ms, 40);
     }
 
     // The second time every length comes from the database, unchanged.
     json again = parse_json(kelva({"info", "--json", "end.envl", "quiet.envl"}).out);
-    ASSERT_EQ(again.items.size(), 2u);
+    ASSERT_EQ(again.size(), 2u);
     for (size_t i = 0; i < 2; i++) {
-        EXPECT_EQ(again.items[i]["subsongs"].items[0]["reason"].text, "database");
-        EXPECT_EQ(again.items[i]["subsongs"].items[0]["length_ms"].number,
-                  files.items[i]["subsongs"].items[0]["length_ms"].number);
+        EXPECT_EQ(again[i].at("subsongs").at(0).at("reason"), "database");
+        EXPECT_EQ(again[i].at("subsongs").at(0).at("length_ms").get<double>(),
+                  files[i].at("subsongs").at(0).at("length_ms").get<double>());
     }
 }
 
@@ -377,10 +262,10 @@ TEST_F(CliTest, InfoListsSubsongsAndStoresTheCountUnderItsOwnKey) {
     run_result r = kelva({"info", "--json", "five.sub"});
     ASSERT_EQ(r.code, 0) << r.err;
     json files = parse_json(r.out);
-    ASSERT_EQ(files.items.size(), 1u);
-    const json &subs = files.items[0]["subsongs"];
-    ASSERT_EQ(subs.items.size(), 5u);
-    for (size_t i = 0; i < 5; i++) EXPECT_EQ(subs.items[i]["subsong"].number, double(i + 1));
+    ASSERT_EQ(files.size(), 1u);
+    const json &subs = files[0].at("subsongs");
+    ASSERT_EQ(subs.size(), 5u);
+    for (size_t i = 0; i < 5; i++) EXPECT_EQ(subs[i].at("subsong").get<double>(), double(i + 1));
     // One record for the count (value 5) and one per subsong.
     std::vector<std::string> lines = lines_of(db());
     ASSERT_EQ(lines.size(), 6u) << db();
@@ -402,14 +287,14 @@ TEST_F(CliTest, InfoJsonGivesUnplayableFilesAnErrorAndEscapesNames) {
     run_result r = kelva({"info", "--json", odd, "missing.envl", "end.envl"});
     EXPECT_EQ(r.code, 1);
     json files = parse_json(r.out);
-    ASSERT_EQ(files.items.size(), 3u);
+    ASSERT_EQ(files.size(), 3u);
     // The invalid UTF-8 byte becomes U+FFFD; everything else comes back as it was.
-    EXPECT_EQ(files.items[0]["file"].text, "we\"ird\\name\t\x01\xEF\xBF\xBD.envl");
-    EXPECT_EQ(files.items[0]["subsongs"].items.size(), 1u);
-    EXPECT_TRUE(files.items[1].has("error"));
-    EXPECT_FALSE(files.items[1].has("subsongs"));
-    EXPECT_NE(files.items[1]["error"].text.find("missing.envl"), std::string::npos);
-    EXPECT_EQ(files.items[2]["subsongs"].items.size(), 1u);
+    EXPECT_EQ(files[0].at("file"), "we\"ird\\name\t\x01\xEF\xBF\xBD.envl");
+    EXPECT_EQ(files[0].at("subsongs").size(), 1u);
+    EXPECT_TRUE(files[1].contains("error"));
+    EXPECT_FALSE(files[1].contains("subsongs"));
+    EXPECT_NE(files[1].at("error").get<std::string>().find("missing.envl"), std::string::npos);
+    EXPECT_EQ(files[2].at("subsongs").size(), 1u);
     expect_one_line_failure(r, "missing.envl");
 }
 
@@ -441,9 +326,9 @@ TEST_F(CliTest, ScanMeasuresATreeAndASecondScanFindsEverythingKnown) {
 
     // What the scan stored is what info then reads.
     json files = parse_json(kelva({"info", "--json", tree + "/loop.envl"}).out);
-    ASSERT_EQ(files.items.size(), 1u);
-    EXPECT_EQ(files.items[0]["subsongs"].items[0]["reason"].text, "database");
-    EXPECT_EQ(files.items[0]["subsongs"].items[0]["length_ms"].number, 12000);
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(files[0].at("subsongs").at(0).at("reason"), "database");
+    EXPECT_EQ(files[0].at("subsongs").at(0).at("length_ms").get<double>(), 12000);
 }
 
 TEST_F(CliTest, ScanOfAMissingFolderFails) {
@@ -544,15 +429,15 @@ TEST_F(CliModuleTest, DemoTuneEndsBySongEndAndRendersAudibly) {
     run_result r = kelva({"info", "--json", KELVA_DEMO_MOD});
     ASSERT_EQ(r.code, 0) << r.err;
     json files = parse_json(r.out);
-    ASSERT_EQ(files.items.size(), 1u);
-    const json &f = files.items[0];
-    EXPECT_EQ(f["player"].text, "PTK-Prowiz");
-    EXPECT_EQ(f["format"].text, "ProTracker (31-instrument M.K.)");
-    ASSERT_EQ(f["subsongs"].items.size(), 1u);
-    const json &s = f["subsongs"].items[0];
-    EXPECT_EQ(s["reason"].text, "song_end");
+    ASSERT_EQ(files.size(), 1u);
+    const json &f = files[0];
+    EXPECT_EQ(f.at("player"), "PTK-Prowiz");
+    EXPECT_EQ(f.at("format"), "ProTracker (31-instrument M.K.)");
+    ASSERT_EQ(f.at("subsongs").size(), 1u);
+    const json &s = f.at("subsongs").at(0);
+    EXPECT_EQ(s.at("reason"), "song_end");
     // Six positions of 64 rows at speed 6, tempo 125: 46.08 s.
-    EXPECT_NEAR(s["length_ms"].number, 46080, 200);
+    EXPECT_NEAR(s.at("length_ms").get<double>(), 46080, 200);
 
     r = kelva({"render", KELVA_DEMO_MOD, "-o", "demo.wav"});
     ASSERT_EQ(r.code, 0) << r.err;
@@ -577,8 +462,8 @@ TEST_F(CliModuleTest, ARandomModThatDoesNotStartIsOneLineAndStoredAsFailed) {
     EXPECT_NE(lines[0].find(" 1 "), std::string::npos) << lines[0];
     EXPECT_NE(lines[1].find(" -1 "), std::string::npos) << lines[1];
     json files = parse_json(kelva({"info", "--json", "noise.mod"}).out);
-    ASSERT_EQ(files.items.size(), 1u);
-    EXPECT_NE(files.items[0]["error"].text.find("failed to start"), std::string::npos);
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_NE(files[0].at("error").get<std::string>().find("failed to start"), std::string::npos);
 }
 
 TEST_F(CliModuleTest, RealModulesHaveTheirLengths) {
@@ -593,13 +478,13 @@ TEST_F(CliModuleTest, RealModulesHaveTheirLengths) {
     run_result r = kelva(args);
     ASSERT_EQ(r.code, 0) << r.err;
     json files = parse_json(r.out);
-    ASSERT_EQ(files.items.size(), 2u);
+    ASSERT_EQ(files.size(), 2u);
     for (size_t i = 0; i < 2; i++) {
         SCOPED_TRACE(tunes[i].file);
-        const json &s = files.items[i]["subsongs"].items.at(0);
-        EXPECT_EQ(files.items[i]["format"].text, "ProTracker (31-instrument M.K.)");
-        EXPECT_EQ(s["reason"].text, "song_end");
-        EXPECT_NEAR(s["length_ms"].number / 1000.0, tunes[i].seconds, 1.5);
+        const json &s = files[i].at("subsongs").at(0);
+        EXPECT_EQ(files[i].at("format"), "ProTracker (31-instrument M.K.)");
+        EXPECT_EQ(s.at("reason"), "song_end");
+        EXPECT_NEAR(s.at("length_ms").get<double>() / 1000.0, tunes[i].seconds, 1.5);
     }
     r = kelva({"render", args[2], "--seconds", "5", "-o", "corpses.flac"});
     ASSERT_EQ(r.code, 0) << r.err;
