@@ -57,9 +57,7 @@ done
 TEST_NAME=aud
 . "$(dirname "$0")/lib.sh"
 
-[ -n "$PLUGIN" ] && [ -f "$PLUGIN" ] || { echo "aud_test: plugin not found: '$PLUGIN'" >&2; exit 1; }
-PLUGIN=$(readlink -f "$PLUGIN")
-aud_require_host
+aud_require_plugin
 for p in Tone SongEnd Subsong; do
     [ -n "$PLAYERS" ] && [ -f "$PLAYERS/$p" ] || skip "test player $p not found in '$PLAYERS' (built with the m68k toolchain)"
 done

@@ -53,9 +53,7 @@ done
 TEST_NAME=hostile
 . "$(dirname "$0")/lib.sh"
 
-[ -n "$PLUGIN" ] && [ -f "$PLUGIN" ] || { echo "hostile_test: plugin not found: '$PLUGIN'" >&2; exit 1; }
-PLUGIN=$(readlink -f "$PLUGIN")
-aud_require_host
+aud_require_plugin
 [ -n "$PLAYERS" ] && [ -f "$PLAYERS/Misbehave" ] || skip "test player Misbehave not found in '$PLAYERS' (built with the m68k toolchain)"
 [ -n "$REAL" ] && [ -f "$REAL/PTK-Prowiz" ] || skip "player PTK-Prowiz not found in '$REAL' (built with the m68k toolchain)"
 

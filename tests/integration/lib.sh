@@ -61,6 +61,14 @@ aud_require_host() {
     [ -f "$SYS_PLUGIN_DIR/Output/filewriter.so" ] || skip "the file writer output plugin is missing (package audacious-plugins)"
 }
 
+# The plugin given with --plugin must exist (a build fault, not a skip);
+# PLUGIN becomes its absolute path. Then the host is checked.
+aud_require_plugin() {
+    [ -n "$PLUGIN" ] && [ -f "$PLUGIN" ] || { echo "${TEST_NAME}_test: plugin not found: '$PLUGIN'" >&2; exit 1; }
+    PLUGIN=$(readlink -f "$PLUGIN")
+    aud_require_host
+}
+
 APID=""
 DPID=""
 T=""
