@@ -111,6 +111,7 @@ struct module_facts {
     int32_t count = 1;
     std::string format;
     std::string player_title;
+    bool signals_end = false;   // the player's song-end flag: lengths come from its SongEnd
 };
 // Opens the module once at 48 kHz. False (with `error` set) when it does
 // not start; the records the plugin would keep for it are stored then.

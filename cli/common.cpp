@@ -359,6 +359,7 @@ bool module_probe(const module_file &m, module_facts *facts, std::string *error)
     char title[256];
     kelva_get_player_name(k, title, sizeof title);
     facts->player_title = title;
+    facts->signals_end = (kelva_get_player_flags(k) & KELVA_PLAYER_SONGEND) != 0;
     kelva_close(k);
     kelva_destroy(k);
     return true;

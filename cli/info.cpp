@@ -26,6 +26,7 @@ struct file_report {
     std::string player;        // the player file's name
     std::string player_title;  // the name the player gives itself
     std::string format;
+    bool signals_end = false;  // the player's song-end flag
     int32_t count = 0;
     std::vector<subsong_length> subsongs;
     std::string error;         // set when the file cannot be played
@@ -47,6 +48,7 @@ bool inspect(const char *path, file_report *r) {
     r->count = facts.count;
     r->format = facts.format;
     r->player_title = facts.player_title;
+    r->signals_end = facts.signals_end;
     for (int32_t s : subsong_numbers(r->count)) {
         if (cli_interrupted.load()) break;
         r->subsongs.push_back(module_length(m, s));
@@ -82,6 +84,9 @@ nlohmann::ordered_json report_json(const file_report &r) {
     }
     o["player"] = r.player;
     o["format"] = r.format;
+    // Whether the player signals the song's end itself: its lengths then
+    // come from that signal, never from a repetition of the loudness.
+    o["player_signals_end"] = r.signals_end;
     nlohmann::ordered_json list = nlohmann::ordered_json::array();
     for (const subsong_length &s : r.subsongs) {
         nlohmann::ordered_json so;

@@ -50,7 +50,6 @@ enum deli_routine : uint32_t {
     DELI_VOLUME,
     DELI_BALANCE,
     DELI_VOICES,
-    DELI_EP_5E,
     DELI_INITHOOK,
     DELI_ROUTINE_COUNT
 };
@@ -107,6 +106,14 @@ struct kelva {
     uint32_t creator_addr;
     uint16_t player_version;
     uint16_t request_version;
+    // The player's flags tag (KELVA_PLAYER_* bits) and the addresses of the
+    // longs through which it names the module, its author and its format
+    // (each long holds the address of a NUL-terminated string, or 0).
+    uint32_t player_flags;
+    uint32_t module_name_ref;
+    uint32_t author_name_ref;
+    uint32_t format_name_ref;
+    char format_name[128];   // the player's format name, copied when opened
 
     // 8. Subsongs.
     int32_t requested_subsong;
@@ -179,6 +186,10 @@ struct kelva {
 // Puts the machine into the state every player starts in (fixed layout,
 // library tables, globals, default settings).
 void kelva_reset(kelva *k, int32_t rate);
+
+// Copies a NUL-terminated string out of emulated memory through the bus,
+// at most capacity - 1 bytes; an address of 0 gives the empty string.
+void copy_emulated_string(const kelva *k, uint32_t addr, char *out, uint32_t capacity);
 
 // Big-endian helpers for engine code that writes plain RAM directly.
 inline void ram_put16(kelva *k, uint32_t a, uint32_t v) {

@@ -43,6 +43,15 @@ KELVA_API int32_t kelva_get_mixrate(const kelva *k);
 KELVA_API uint32_t kelva_get_subsong_count(const kelva *k);
 KELVA_API int64_t kelva_played_ms(const kelva *k);
 KELVA_API int kelva_song_ended(const kelva *k);
+/* Bits of the player's flags tag. KELVA_PLAYER_SONGEND: the player signals
+ * the end of the song itself, so length measurement trusts it and does not
+ * look for repetitions of the loudness. */
+#define KELVA_PLAYER_SONGEND 0x1u
+KELVA_API uint32_t kelva_get_player_flags(const kelva *k);
+/* The module's name and author as the opened player reports them (raw
+ * bytes, Amiga ISO-8859-1, NUL-terminated); empty when it does not. */
+KELVA_API void kelva_get_module_name(const kelva *k, char *out, uint32_t capacity);
+KELVA_API void kelva_get_author_name(const kelva *k, char *out, uint32_t capacity);
 KELVA_API void kelva_set_file_loader(kelva *k, kelva_file_loader loader, void *user);
 
 /* Opens a module with a player: 0 = playing, 1 = failed. `subsong` counts

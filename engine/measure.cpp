@@ -115,6 +115,10 @@ extern "C" uint64_t kelva_measure_length(kelva *k, int32_t max_ms, int32_t silen
     uint64_t min_silence = silence_ms > 0 ? uint64_t(silence_ms) * rate / 1000 : 0;
     uint32_t block = uint32_t(rate * 100 / 1000);
     uint32_t capacity = block >= 1 ? uint32_t(limit / block + 2) : 0;
+    // A player that signals the song's end itself is trusted with it: songs
+    // often repeat a section for minutes before they end, which the
+    // loudness-repetition test would take for the whole song.
+    if (k->player_flags & KELVA_PLAYER_SONGEND) capacity = 0;
     float *env = capacity ? static_cast<float *>(calloc(capacity, sizeof(float))) : nullptr;
 
     float buf[2 * kChunk];

@@ -33,7 +33,10 @@ constexpr uint32_t TAG_VOLUME = 0x80004469;
 constexpr uint32_t TAG_BALANCE = 0x8000446A;
 constexpr uint32_t TAG_GLOBALS_POINTER = 0x80004473;
 constexpr uint32_t TAG_VOICES = 0x80004552;
-constexpr uint32_t TAG_EP_5E = 0x8000455E;
+constexpr uint32_t TAG_MODULE_NAME = 0x80004483;
+constexpr uint32_t TAG_FORMAT_NAME = 0x80004484;
+constexpr uint32_t TAG_AUTHOR_NAME = 0x80004485;
+constexpr uint32_t TAG_EP_FLAGS = 0x8000455E;
 constexpr uint32_t TAG_INITHOOK = 0x80004573;
 constexpr uint32_t TAG_EAGLE_GLOBALS_POINTER = 0x8000457A;
 
@@ -76,7 +79,10 @@ int scan_tags(kelva *k) {
         case TAG_VOLUME: k->routines[DELI_VOLUME] = v; break;
         case TAG_BALANCE: k->routines[DELI_BALANCE] = v; break;
         case TAG_VOICES: k->routines[DELI_VOICES] = v; break;
-        case TAG_EP_5E: k->routines[DELI_EP_5E] = v; break;
+        case TAG_EP_FLAGS: k->player_flags = v; break;
+        case TAG_MODULE_NAME: k->module_name_ref = v; break;
+        case TAG_AUTHOR_NAME: k->author_name_ref = v; break;
+        case TAG_FORMAT_NAME: k->format_name_ref = v; break;
         case TAG_INITHOOK: k->routines[DELI_INITHOOK] = v; break;
         case TAG_GLOBALS_POINTER:
         case TAG_EAGLE_GLOBALS_POINTER:
@@ -185,6 +191,11 @@ extern "C" int kelva_open(kelva *k, const uint8_t *player, uint32_t player_len, 
         k->d[0] = ram_get16(k, kGlobals + 0x146);
         deli_call(k, k->routines[DELI_VOICES]);
     }
+
+    // The player's format name is fixed once the module is set up; the
+    // module name and author are read whenever they are asked for.
+    if (k->format_name_ref)
+        copy_emulated_string(k, read32(k, k->format_name_ref), k->format_name, sizeof k->format_name);
 
     k->frames_to_tick = 0;
     k->tick_routine = k->routines[DELI_INTERRUPT];

@@ -116,6 +116,8 @@ void kelva_reset(kelva *k, int32_t rate) {
 
     memset(k->routines, 0, sizeof k->routines);
     k->player_name_addr = k->creator_addr = 0;
+    k->player_flags = k->module_name_ref = k->author_name_ref = k->format_name_ref = 0;
+    k->format_name[0] = '\0';
     k->player_version = k->request_version = 0;
     memset(k->epopt, 0, sizeof k->epopt);
     k->comp_count = 0;

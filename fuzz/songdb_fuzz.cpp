@@ -51,7 +51,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // The first open creates the folder; afterwards the file is replaced.
     db_open();
     db_close();
-    if (!fuzz::write_file(db_file, data, size)) abort();
+    // Written under the current version line, so db_open loads it.
+    std::string text = std::string(kDbHeader) + "\n" + std::string(reinterpret_cast<const char *>(data), size);
+    if (!fuzz::write_file(db_file, reinterpret_cast<const uint8_t *>(text.data()), text.size())) abort();
     db_open();
     db_close();
     check_and_clear();

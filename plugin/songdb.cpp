@@ -91,15 +91,31 @@ void db_open() {
     bool torn = false;
     FILE *f = fopen(path.c_str(), "r");
     if (f) {
-        db_load(f);
-        // Does the file end in the middle of a line?
-        if (fseek(f, -1, SEEK_END) == 0) torn = fgetc(f) != '\n';
-        fclose(f);
+        char first[256];
+        std::string header = std::string(kDbHeader) + "\n";
+        bool current = fgets(first, sizeof first, f) && header == first;
+        if (current) {
+            db_load(f);
+            // Does the file end in the middle of a line?
+            if (fseek(f, -1, SEEK_END) == 0) torn = fgetc(f) != '\n';
+            fclose(f);
+        } else {
+            // Lengths measured under other rules: keep them aside, unread.
+            fclose(f);
+            rename(path.c_str(), (path + ".old").c_str());
+        }
     }
     if (db_file) fclose(db_file);
     db_file = fopen(path.c_str(), "a");
-    // Start appending on a fresh line so a torn record cannot swallow the next one.
-    if (db_file && torn) fputc('\n', db_file);
+    if (!db_file) return;
+    struct stat st;
+    if (fstat(fileno(db_file), &st) == 0 && st.st_size == 0) {
+        fprintf(db_file, "%s\n", kDbHeader);
+        fflush(db_file);
+    } else if (torn) {
+        // Start appending on a fresh line so a torn record cannot swallow the next one.
+        fputc('\n', db_file);
+    }
 }
 
 void db_close() {

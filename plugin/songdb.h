@@ -28,6 +28,13 @@ void cache_key_hex(const cache_key &key, char out[33]);
 extern std::map<cache_key, int32_t> cache_val;
 extern std::mutex cache_mtx;
 
+// The first line of a database file. Its number is the measurement
+// version: a file written under another version (or an older file without
+// the line) holds lengths measured by other rules, so db_open moves it aside
+// to songlengths.db.old and starts afresh. Version 2: songs of players that
+// signal their end are no longer cut at a repetition of the loudness.
+constexpr const char *kDbHeader = "# kelva song lengths, measurement version 2";
+
 // Opens (creating if needed) the database under XDG_DATA_HOME or HOME and
 // loads every parsable line; a later line for the same key wins. Called once
 // before any other thread uses the store.

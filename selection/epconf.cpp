@@ -367,18 +367,7 @@ int kelva_identify(const char *path, const uint8_t *data, uint32_t size, char *o
 }
 
 void kelva_get_player_name(const kelva *k, char *out, uint32_t capacity) {
-    if (!out || capacity == 0) return;
-    uint32_t n = 0;
-    if (k && k->player_name_addr) {
-        // The name is read through the bus like any access of the player's.
-        kelva *m = const_cast<kelva *>(k);
-        for (; n + 1 < capacity; ++n) {
-            uint32_t c = read8(m, k->player_name_addr + n);
-            if (c == 0) break;
-            out[n] = char(c);
-        }
-    }
-    out[n] = '\0';
+    copy_emulated_string(k, k ? k->player_name_addr : 0, out, capacity);
 }
 
 const char *kelva_get_format_name(const kelva *k) {
@@ -398,7 +387,8 @@ const char *kelva_get_format_name(const kelva *k) {
     if (!k) return "";
     for (const auto &e : kNames)
         if (strcmp(k->epopt, e.option) == 0) return e.name;
-    return "";
+    // Players outside the ProTracker family name their format themselves.
+    return k->format_name;
 }
 
 }   // extern "C"

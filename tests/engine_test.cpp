@@ -327,6 +327,36 @@ TEST_F(Engine, MeasureFindsARepetitionOf45Seconds) {
     EXPECT_LE(k->played_frames, uint64_t(120 * 48000 + 2048));
 }
 
+// A song that repeats one 45 s section for three minutes and then ends: a
+// player that signals its end (flags tag) is measured by its SongEnd, one
+// that does not by the repetition.
+TEST_F(Engine, MeasureTrustsTheSongEndOfAPlayerThatSignalsIt) {
+    std::vector<uint8_t> plain = read_player("Envelope");
+    std::vector<uint8_t> flagged = read_player("EnvelopeSongEnd");
+    ASSERT_FALSE(plain.empty());
+    ASSERT_FALSE(flagged.empty());
+    std::vector<uint8_t> module = envelope_module(2250, 0, 9001);   // SongEnd at 180 s
+    int32_t reason = 0;
+
+    ASSERT_EQ(open(flagged, module), 0);
+    EXPECT_EQ(kelva_get_player_flags(k), KELVA_PLAYER_SONGEND);
+    EXPECT_EQ(kelva_measure_length(k, 0, 30000, &reason, nullptr, nullptr), 180000u);
+    EXPECT_EQ(reason, 1);
+
+    ASSERT_EQ(open(plain, module), 0);
+    EXPECT_EQ(kelva_get_player_flags(k), 0u);
+    EXPECT_EQ(kelva_measure_length(k, 0, 30000, &reason, nullptr, nullptr), 45000u);
+    EXPECT_EQ(reason, 4);
+
+    // Silence and the limit still end a flagged player's measurement.
+    ASSERT_EQ(open(flagged, envelope_module(2250, 501, 0), 44100), 0);
+    EXPECT_EQ(kelva_measure_length(k, 0, 3000, &reason, nullptr, nullptr), 11000u);
+    EXPECT_EQ(reason, 2);
+    ASSERT_EQ(open(flagged, module), 0);
+    EXPECT_EQ(kelva_measure_length(k, 150000, 3000, &reason, nullptr, nullptr), 150000u);
+    EXPECT_EQ(reason, 3);
+}
+
 TEST_F(Engine, MeasureStopsAtTheLimitOrWhenCancelled) {
     std::vector<uint8_t> player = read_player("Envelope");
     ASSERT_FALSE(player.empty());

@@ -49,9 +49,11 @@ protected:
         ss << f.rdbuf();
         return ss.str();
     }
-    void write_db(const std::string &text) const {
+    // Writes a database of the current version holding `text`.
+    void write_db(const std::string &text, const std::string &header = kDbHeader) const {
         (void)system(("mkdir -p '" + dir_ + "/kelva'").c_str());
         std::ofstream f(db_path(), std::ios::binary);
+        if (!header.empty()) f << header << "\n";
         f << text;
     }
 
@@ -135,10 +137,40 @@ TEST_F(SongDb, TornLastLineIsNotTrustedAndDoesNotSwallowTheNextRecord) {
     EXPECT_EQ(v, 777);
 }
 
+// A file written under other measurement rules (no version line, or another
+// version) is not loaded: it is kept as songlengths.db.old and a new file
+// starts with the version line.
+TEST_F(SongDb, FileOfAnotherMeasurementVersionIsSetAside) {
+    const std::string record = "00000000000000010000000000000002 12800 android-commando_hiscore.mod\n";
+    for (const std::string header : {"", "# kelva song lengths, measurement version 1"}) {
+        cache_val.clear();
+        write_db(record, header);
+        db_open();
+        int32_t v = 0;
+        EXPECT_FALSE(cache_lookup(cache_key{1, 2}, &v)) << "header '" << header << "'";
+        EXPECT_EQ(read_db(), std::string(kDbHeader) + "\n");
+        std::ifstream old(db_path() + ".old");
+        std::stringstream ss;
+        ss << old.rdbuf();
+        EXPECT_EQ(ss.str(), header.empty() ? record : header + "\n" + record);
+        db_close();
+    }
+    // The new file is of the current version: reopening loads its records.
+    cache_val.clear();
+    db_open();
+    EXPECT_TRUE(cache_store(cache_key{3, 4}, 61439, "android-commando_hiscore.mod"));
+    db_close();
+    cache_val.clear();
+    db_open();
+    int32_t v = 0;
+    ASSERT_TRUE(cache_lookup(cache_key{3, 4}, &v));
+    EXPECT_EQ(v, 61439);
+}
+
 TEST_F(SongDb, CreatesTheDirectoryAndFallsBackToHome) {
     db_open();
     EXPECT_TRUE(cache_store(cache_key{9, 9}, 1000, "x.mod"));
-    EXPECT_NE(read_db().find("00000000000000090000000000000009 1000 x.mod"), std::string::npos);
+    EXPECT_EQ(read_db(), std::string(kDbHeader) + "\n00000000000000090000000000000009 1000 x.mod\n");
     db_close();
 
     // An empty XDG_DATA_HOME counts as unset: HOME is used.
@@ -175,7 +207,7 @@ TEST_F(SongDb, ConcurrentStoresAndLookupsKeepOneLinePerKey) {
     std::string text = read_db();
     int lines = 0;
     for (char c : text) lines += c == '\n';
-    EXPECT_EQ(lines, kKeys);
+    EXPECT_EQ(lines, 1 + kKeys);   // the version line and one line per key
     cache_val.clear();
     db_open();
     for (int i = 0; i < kKeys; i++) {

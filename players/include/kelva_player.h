@@ -37,12 +37,22 @@
 #define DTP_Volume          (DTP_TagBase + 21)
 #define DTP_Balance         (DTP_TagBase + 22)  /* kept, never called */
 #define DTP_GlobalsPointer  (DTP_TagBase + 31)  /* value: a long the engine fills with the globals address */
+/* Names the player reports for the module it plays. The value is the
+ * address of a long that holds the address of a NUL-terminated string (or 0
+ * for none), so the player can fill it in InitPlayer. Text is ISO-8859-1. */
+#define DTP_ModuleName      (DTP_TagBase + 47)  /* the module's title */
+#define DTP_FormatName      (DTP_TagBase + 48)  /* read once after start-up; for players without an epopt format */
+#define DTP_AuthorName      (DTP_TagBase + 49)  /* the composer */
 
 #define EP_TagBase              0x80004550
 #define EP_Voices               (EP_TagBase + 2)    /* D0 = voice-enable mask */
-#define EP_Get_ModuleInfo       (EP_TagBase + 14)   /* kept, never called */
+#define EP_Flags                (EP_TagBase + 14)   /* value: EPF_* bits */
 #define EP_InitHook             (EP_TagBase + 35)
 #define EP_EagleGlobalsPointer  (EP_TagBase + 42)
+
+/* EP_Flags bits. EPF_Songend: the player calls DTG_SongEnd where the song
+ * ends or loops, so the host measures lengths by it alone. */
+#define EPF_Songend             0x00000001
 
 /* ---- Player globals (A5), offsets ---------------------------------------- */
 #define DTG_DOSBase     4    /* long: dos.library base */

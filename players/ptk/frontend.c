@@ -17,9 +17,19 @@ KELVA_ROUTINE(check2) {
     return ptk_check(mod, size, variant);
 }
 
+/* The module's title (the first 20 bytes) as a C string for the host, and
+ * the long the DTP_ModuleName tag points at. */
+static char title[21];
+static const char *title_ref;
+
 /* InitPlayer: reads the layout and sets the song to its start. */
 KELVA_ROUTINE(init_player) {
     (void)d0;
+    const volatile uint8_t *mod = (const volatile uint8_t *)kp_g32(g, DTG_ChkData);
+    uint32_t size = kp_g32(g, DTG_ChkSize);
+    for (int i = 0; i < 20; i++) title[i] = (uint32_t)i < size ? (char)mod[i] : 0;
+    title[20] = 0;
+    title_ref = title;
     return ptk_init(g, variant);
 }
 
@@ -46,6 +56,8 @@ const uint32_t tags[] = {
     DTP_InitPlayer, (uint32_t)init_player_entry,
     DTP_EndSound, (uint32_t)end_sound_entry,
     DTP_Interrupt, (uint32_t)tick_entry,
+    DTP_ModuleName, (uint32_t)&title_ref,
+    EP_Flags, EPF_Songend,
     0,
 };
 

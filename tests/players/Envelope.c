@@ -10,6 +10,9 @@
  *   +16  seed of the volume pattern
  *   +20  the player writes its tick count here
  *
+ * Built twice: as Envelope, and as EnvelopeSongEnd (ENVELOPE_SIGNALS_END),
+ * whose flags tag says that it signals the song's end.
+ *
  * Volumes come from a 16-bit xorshift sequence (shifts and xors only, so no
  * multiply or divide helpers are needed on the plain 68000). */
 #include "kelva_player.h"
@@ -77,9 +80,16 @@ KELVA_ROUTINE(tick) {
     return t;
 }
 
+#ifdef ENVELOPE_SIGNALS_END
+static const char name[] = "EnvelopeSongEnd";
+#else
 static const char name[] = "Envelope";
+#endif
 
 const uint32_t tags[] = {
+#ifdef ENVELOPE_SIGNALS_END
+    EP_Flags, EPF_Songend,
+#endif
     DTP_PlayerName, (uint32_t)name,
     DTP_InitPlayer, (uint32_t)init_player_entry,
     DTP_InitSound,  (uint32_t)init_sound_entry,

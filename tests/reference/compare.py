@@ -1,23 +1,36 @@
 #!/usr/bin/env python3
-"""compare.py - kelva's players against openmpt123 on the shared test modules.
+"""compare.py - kelva's players against independent renderers on the shared
+test modules.
 
-Usage: compare.py RENDER_TOOL DATA_TREE SHARED_DIR WORK_DIR [MODULE...]
+Usage: compare.py RENDER_TOOL DATA_TREE SHARED_DIR WORK_DIR [--folders=A,B] [MODULE...]
 
-For every module under SHARED_DIR/testdata/modules/*/ (or the named ones):
+For every module of the folders listed in FOLDERS under
+SHARED_DIR/testdata/modules/ (or of the folders named by --folders, or the
+named modules, given as folder/file):
   - renders the first 60 s with kelva (tests/reference/kelva_render_wav: 48 kHz,
     A500 filter, separation 1.0) and measures kelva's song length;
-  - renders the first 60 s with openmpt123 (Amiga resampler, A500, hard
-    panning) and reads openmpt123's duration;
-  - compares the two renders with SHARED_DIR/tools/audiocmp.py.
-Prints one line per module with every figure, then a summary. A module
-fails when its length differs by more than 1 s or its envelope correlation
-is below 0.95, unless the difference is listed in KNOWN with its reason.
-Exits 0 when nothing fails, 1 otherwise, 77 when a tool or the data is
-missing (ctest's skip code).
+  - takes the reference the module's folder (or REFERENCE) names:
+      openmpt   renders 60 s with openmpt123 (Amiga resampler, A500, hard
+                panning) and reads openmpt123's duration;
+      xmp       renders the whole song with xmp (Paula mixer, full
+                separation); its length is the duration;
+      envelope  the folder's REFERENCE-ENVELOPES.tsv (the 100 ms RMS envelope
+                of the first 60 s by the format's own replayer) and the
+                duration SOURCES.md gives for that replayer;
+  - compares the renders with SHARED_DIR/tools/audiocmp.py (envelope
+    correlation at the best alignment), or kelva's 100 ms RMS envelope with
+    the stored one.
+Prints one line per module with every figure, then a summary. A module fails
+when its length differs by more than 1 s or its envelope correlation is
+below 0.95, unless the difference is listed in KNOWN with its reason. Exits 0
+when nothing fails, 1 otherwise, 77 when a tool or the data is missing
+(ctest's skip code).
 """
 
+import array
 import concurrent.futures
 import json
+import math
 import os
 import re
 import shutil
@@ -28,12 +41,33 @@ LENGTH_TOLERANCE_S = 1.0
 CORR_THRESHOLD = 0.95
 SECONDS = 60
 
+# The folders whose formats kelva plays, and the reference for each.
+FOLDERS = {
+    "debian": "openmpt",
+    "st15": "openmpt",
+    "variants": "openmpt",
+    "effects": "openmpt",
+    "multichannel": "openmpt",
+}
+
+# Modules whose reference differs from their folder's: module -> reference.
+REFERENCE = {
+}
+
+# Files in the folders that are not modules of their own (companion files).
+COMPANION_SUFFIXES = (".nt", ".NT", ".md", ".tsv")
+
 # Understood differences: module -> (what is exempt, why). "corr" exempts the
-# envelope correlation, "length" the length.
+# envelope correlation, "length" the length, "error" a module kelva does not
+# open.
 KNOWN = {
-    # Six channels; Paula has four and PTK-Prowiz plays the first four, so
-    # channels 5 and 6 are missing from kelva's render (openmpt plays all).
+    # More than four channels: PTK-Prowiz plays the first four, so the other
+    # channels are missing from kelva's render (openmpt plays all).
     "debian/starpaws.mod": (("corr",), "6 channels, kelva plays the first 4"),
+    "multichannel/bluesy.mod": (("corr",), "8 channels, kelva plays the first 4"),
+    "multichannel/desecret.mod": (("corr",), "8 channels, kelva plays the first 4"),
+    "multichannel/misimprm.mod": (("corr",), "multichannel, kelva plays the first 4"),
+    "multichannel/TDZ1.MOD": (("error",), "TakeTracker's TDZ1 tag is not accepted yet"),
     # Steady tones only: both envelopes are flat (kelva's and openmpt's block
     # levels agree within 2 %), so the correlation measures the last 0.1 %
     # of ripple, i.e. noise.
@@ -48,8 +82,105 @@ KNOWN = {
 }
 
 
-def run(cmd, env=None, timeout=300):
+def run(cmd, env=None, timeout=600):
     return subprocess.run(cmd, capture_output=True, text=True, env=env, timeout=timeout)
+
+
+def wav_float_stereo(path):
+    """The samples of a 32-bit float stereo WAV as written by kelva_render_wav."""
+    with open(path, "rb") as f:
+        data = f.read()
+    pos = data.find(b"data")
+    samples = array.array("f")
+    samples.frombytes(data[pos + 8:pos + 8 + ((len(data) - pos - 8) // 4) * 4])
+    if sys.byteorder != "little":
+        samples.byteswap()
+    return samples
+
+
+def wav_frames(path):
+    """Frames in a PCM WAV file (from its header)."""
+    with open(path, "rb") as f:
+        head = f.read(4096)
+    channels = int.from_bytes(head[22:24], "little")
+    bits = int.from_bytes(head[34:36], "little")
+    pos = head.find(b"data")
+    size = os.path.getsize(path) - (pos + 8)
+    return size // (channels * bits // 8)
+
+
+def rms_envelope(samples, rate=48000, block_ms=100):
+    """RMS of each 100 ms block over its left and right samples together."""
+    n = rate * block_ms // 1000 * 2
+    env = []
+    for start in range(0, len(samples) - n + 1, n):
+        block = samples[start:start + n]
+        env.append(math.sqrt(math.fsum(v * v for v in block) / n))
+    return env
+
+
+def pearson(x, y):
+    n = min(len(x), len(y))
+    if n < 2:
+        return 0.0
+    x, y = x[:n], y[:n]
+    mx, my = math.fsum(x) / n, math.fsum(y) / n
+    vx = math.fsum((a - mx) ** 2 for a in x)
+    vy = math.fsum((b - my) ** 2 for b in y)
+    if vx <= 0 or vy <= 0:
+        return 0.0
+    return math.fsum((a - mx) * (b - my) for a, b in zip(x, y)) / math.sqrt(vx * vy)
+
+
+def parse_duration(text):
+    """'1:12.120', '00:04.121', '6min15s' -> seconds, else None."""
+    text = text.strip()
+    m = re.fullmatch(r"(?:(\d+):)?(\d+):(\d+(?:\.\d+)?)", text)
+    if m:
+        return int(m.group(1) or 0) * 3600 + int(m.group(2)) * 60 + float(m.group(3))
+    m = re.fullmatch(r"(\d+)min(\d+)s", text)
+    if m:
+        return int(m.group(1)) * 60 + int(m.group(2))
+    return None
+
+
+def sources_durations(folder_dir, column):
+    """file -> duration from the folder's SOURCES.md table column (a header
+    containing `column`)."""
+    out = {}
+    path = os.path.join(folder_dir, "SOURCES.md")
+    if not os.path.exists(path):
+        return out
+    header = None
+    with open(path, encoding="utf-8") as f:
+        for line in f:
+            if not line.startswith("|"):
+                continue
+            cells = [c.strip() for c in line.strip().strip("|").split("|")]
+            if header is None:
+                header = cells
+                continue
+            if set("".join(cells)) <= set("-: "):
+                continue
+            for i, h in enumerate(header):
+                if column in h and i < len(cells):
+                    d = parse_duration(cells[i])
+                    if d is not None:
+                        out[cells[0]] = d
+    return out
+
+
+def reference_envelopes(folder_dir):
+    out = {}
+    path = os.path.join(folder_dir, "REFERENCE-ENVELOPES.tsv")
+    if os.path.exists(path):
+        with open(path, encoding="utf-8") as f:
+            for line in f:
+                if line.startswith("#") or "\t" not in line:
+                    continue
+                name, values = line.rstrip("\n").split("\t", 1)
+                out[name] = [float(v) for v in values.split()]
+    return out
 
 
 def openmpt_duration(path):
@@ -61,13 +192,38 @@ def openmpt_duration(path):
     return h * 3600 + int(m.group(2)) * 60 + float(m.group(3))
 
 
+def reference_openmpt(path, out, res):
+    r = run(["openmpt123", "--batch", "--quiet", "--samplerate", "48000", "--channels", "2", "--float",
+             "--subsong", "0", "--stereo", "200", "--ctl", "render.resampler.emulate_amiga=1",
+             "--ctl", "render.resampler.emulate_amiga_type=a500", "--end-time", str(SECONDS),
+             "--force", "-o", out, path])
+    if r.returncode != 0 or not os.path.exists(out):
+        return "openmpt123 failed: " + r.stderr.strip()[-200:]
+    res["ref_s"] = openmpt_duration(path)
+    return None
+
+
+def reference_xmp(path, out, res):
+    # xmp stops at the song's end (no looping); the whole render's length is
+    # its duration. Capped at 20 minutes.
+    r = run(["xmp", "--nocmd", "--norc", "-q", "-d", "wav", "-o", out, "-f", "48000", "-A", "-P", "100",
+             "-t", "1200", path], timeout=900)
+    if r.returncode != 0 or not os.path.exists(out):
+        return "xmp failed: " + (r.stderr.strip() or r.stdout.strip())[-200:]
+    res["ref_s"] = wav_frames(out) / 48000.0
+    return None
+
+
 def compare_one(path, tool, tree, shared, work):
-    name = os.path.relpath(path, os.path.join(shared, "testdata", "modules"))
+    root = os.path.join(shared, "testdata", "modules")
+    name = os.path.relpath(path, root)
+    folder = name.split("/")[0]
+    kind = REFERENCE.get(name, FOLDERS.get(folder, "openmpt"))
     stem = name.replace("/", "_").replace(" ", "_")
     a = os.path.join(work, stem + ".kelva.wav")
-    b = os.path.join(work, stem + ".openmpt.wav")
+    b = os.path.join(work, stem + "." + kind + ".wav")
     env = dict(os.environ, KELVA_DATA=tree)
-    res = {"module": name}
+    res = {"module": name, "ref": kind}
     r = run([tool, path, a, str(SECONDS)], env=env)
     if r.returncode != 0:
         res["error"] = "kelva: " + (r.stderr.strip().splitlines() or ["failed"])[-1]
@@ -75,27 +231,60 @@ def compare_one(path, tool, tree, shared, work):
     m = re.search(r"player=(\S+).*length_ms=(\d+) reason=(\d+) player_end_ms=(\d+)", r.stdout)
     res["player"], res["kelva_s"], res["reason"] = m.group(1), int(m.group(2)) / 1000.0, int(m.group(3))
     res["end_s"] = int(m.group(4)) / 1000.0
-    r = run(["openmpt123", "--batch", "--quiet", "--samplerate", "48000", "--channels", "2", "--float",
-             "--subsong", "0", "--stereo", "200", "--ctl", "render.resampler.emulate_amiga=1",
-             "--ctl", "render.resampler.emulate_amiga_type=a500", "--end-time", str(SECONDS),
-             "--force", "-o", b, path])
-    if r.returncode != 0 or not os.path.exists(b):
-        res["error"] = "openmpt123 failed: " + r.stderr.strip()[-200:]
-        return res
-    res["openmpt_s"] = openmpt_duration(path)
-    r = run([sys.executable, os.path.join(shared, "tools", "audiocmp.py"), a, b])
     try:
-        d = json.loads(r.stdout)
-        res["corr"] = d["env_corr"]
-        res["offset_ms"] = d["offset_ms"]
-        res["rms_db"] = d.get("rms_ratio_db")
-        res["worst"] = d.get("worst_5s")
-    except (ValueError, KeyError):
-        res["error"] = "audiocmp failed: " + r.stderr.strip()[-200:]
-    for f in (a, b):
-        if os.path.exists(f):
-            os.remove(f)
+        if kind == "envelope":
+            folder_dir = os.path.join(root, folder)
+            ref_env = reference_envelopes(folder_dir).get(os.path.basename(path))
+            if ref_env is None:
+                res["error"] = "no reference envelope"
+                return res
+            res["ref_s"] = sources_durations(folder_dir, "hvl2wav").get(os.path.basename(path))
+            ours = rms_envelope(wav_float_stereo(a))
+            res["corr"] = pearson(ours, ref_env)
+            res["offset_ms"] = 0
+            n = min(len(ours), len(ref_env))
+            mean_ours, mean_ref = sum(ours[:n]) / max(n, 1), sum(ref_env[:n]) / max(n, 1)
+            res["rms_db"] = 20 * math.log10(mean_ours / mean_ref) if mean_ours > 0 and mean_ref > 0 else None
+        else:
+            err = (reference_openmpt if kind == "openmpt" else reference_xmp)(path, b, res)
+            if err:
+                res["error"] = err
+                return res
+            r = run([sys.executable, os.path.join(shared, "tools", "audiocmp.py"), a, b])
+            d = json.loads(r.stdout)
+            res["corr"] = d["env_corr"]
+            res["offset_ms"] = d["offset_ms"]
+            res["rms_db"] = d.get("rms_ratio_db")
+            res["worst"] = d.get("worst_5s")
+    except (ValueError, KeyError, OSError) as e:
+        res["error"] = "comparison failed: %s" % e
+    finally:
+        for f in (a, b):
+            if os.path.exists(f):
+                os.remove(f)
     return res
+
+
+def list_modules(root, args):
+    folders = sorted(FOLDERS)
+    names = []
+    for a in args:
+        if a.startswith("--folders="):
+            folders = [f for f in a[len("--folders="):].split(",") if f]
+        else:
+            names.append(a)
+    if names:
+        return [os.path.join(root, m) for m in names]
+    out = []
+    for d in folders:
+        folder = os.path.join(root, d)
+        if not os.path.isdir(folder):
+            continue
+        for f in sorted(os.listdir(folder)):
+            if f == "SOURCES.md" or f.endswith(COMPANION_SUFFIXES):
+                continue
+            out.append(os.path.join(folder, f))
+    return out
 
 
 def main():
@@ -104,51 +293,50 @@ def main():
         return 2
     tool, tree, shared, work = sys.argv[1:5]
     root = os.path.join(shared, "testdata", "modules")
-    if not shutil.which("openmpt123"):
-        print("SKIP: openmpt123 is not installed")
-        return 77
     if not os.path.isdir(root) or not os.path.exists(os.path.join(shared, "tools", "audiocmp.py")):
         print("SKIP: shared test data not found in " + shared)
         return 77
     if not os.path.exists(os.path.join(tree, "players", "PTK-Prowiz")):
         print("SKIP: the players were not built (no cross toolchain?)")
         return 77
+    modules = list_modules(root, sys.argv[5:])
+    kinds = {REFERENCE.get(os.path.relpath(p, root), FOLDERS.get(os.path.relpath(p, root).split("/")[0],
+                                                                  "openmpt")) for p in modules}
+    for kind, program in (("openmpt", "openmpt123"), ("xmp", "xmp")):
+        if kind in kinds and not shutil.which(program):
+            print("SKIP: %s is not installed" % program)
+            return 77
     os.makedirs(work, exist_ok=True)
-    if len(sys.argv) > 5:
-        modules = [os.path.join(root, m) for m in sys.argv[5:]]
-    else:
-        modules = sorted(os.path.join(root, d, f) for d in os.listdir(root) if os.path.isdir(os.path.join(root, d))
-                         for f in os.listdir(os.path.join(root, d)))
     with concurrent.futures.ThreadPoolExecutor(max_workers=2) as ex:
         results = list(ex.map(lambda p: compare_one(p, tool, tree, shared, work), modules))
     failed = []
-    print("%-38s %-20s %9s %6s %9s %9s %7s %8s %s" % ("module", "player", "measured", "reason", "end_s",
-                                                      "openmpt_s", "diff_s", "env_corr", "verdict"))
+    print("%-40s %-20s %-8s %9s %6s %9s %9s %7s %8s %s" % (
+        "module", "player", "ref", "measured", "reason", "end_s", "ref_s", "diff_s", "env_corr", "verdict"))
     for r in results:
         if "error" in r:
-            print("%-38s ERROR %s" % (r["module"], r["error"]))
-            failed.append(r["module"])
+            known = KNOWN.get(r["module"])
+            if known and "error" in known[0]:
+                print("%-40s known: %s (%s)" % (r["module"], known[1], r["error"]))
+            else:
+                print("%-40s ERROR %s" % (r["module"], r["error"]))
+                failed.append(r["module"])
             continue
-        # The song's length as the player reports it; the measurement may
-        # stop earlier when a song repeats a part for a long time (reason 4),
-        # which is the measurement's rule, not the player's.
-        diff = r["end_s"] - r["openmpt_s"] if r["openmpt_s"] is not None and r["end_s"] else float("nan")
+        # The measured length is what listeners get: the player's song end
+        # for players that signal it, else the first of silence, repetition
+        # or the limit.
+        diff = r["kelva_s"] - r["ref_s"] if r.get("ref_s") is not None else float("nan")
         problems = []
         if not abs(diff) <= LENGTH_TOLERANCE_S:
             problems.append("length")
-        if r["reason"] not in (1, 4):
-            problems.append("reason")
         if not r["corr"] >= CORR_THRESHOLD:
             problems.append("corr")
         known = KNOWN.get(r["module"])
         open_problems = [p for p in problems if not (known and p in known[0])]
         verdict = "ok" if not problems else ("known: " + known[1] if not open_problems else
                                              "BELOW THRESHOLD (" + ",".join(open_problems) + ")")
-        if r["reason"] == 4 and not open_problems:
-            verdict += " (measurement stopped at a repetition)"
-        print("%-38s %-20s %9.3f %6d %9.3f %9.3f %+7.3f %8.4f %s" % (
-            r["module"], r["player"], r["kelva_s"], r["reason"], r["end_s"], r["openmpt_s"] or 0, diff,
-            r["corr"], verdict))
+        print("%-40s %-20s %-8s %9.3f %6d %9.3f %9.3f %+7.3f %8.4f %s" % (
+            r["module"], r["player"], r["ref"], r["kelva_s"], r["reason"], r["end_s"], r.get("ref_s") or 0,
+            diff, r["corr"], verdict))
         if problems and r.get("worst"):
             print("    worst 5 s at %.1f s: %.4f; offset %d ms; level %+.2f dB" % (
                 r["worst"]["start_s"], r["worst"]["env_corr"], r["offset_ms"], r["rms_db"] or 0))

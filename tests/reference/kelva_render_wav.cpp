@@ -106,7 +106,8 @@ int main(int argc, char **argv) {
     kelva_get_player_name(m, name, sizeof name);
     std::string option = kelva_get_format_name(m);
     int32_t reason = 0;
-    uint64_t length_ms = kelva_measure_length(m, 0, 0, &reason, nullptr, nullptr);
+    // Measured as the plugin and the command-line tool measure it.
+    uint64_t length_ms = kelva_measure_length(m, 600000, 30000, &reason, nullptr, nullptr);
     kelva_destroy(m);
 
     // When the measurement stopped at a repetition of the loudness envelope

@@ -1,0 +1,3 @@
+/* EnvelopeSongEnd: the Envelope test player with the song-end flag set. */
+#define ENVELOPE_SIGNALS_END
+#include "Envelope.c"
