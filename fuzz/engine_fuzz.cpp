@@ -2,7 +2,11 @@
 // players folder (the build tree's kelva_data/players, or the folder named by
 // KELVA_FUZZ_PLAYERS) is loaded once. Input byte 0 picks the player (one
 // value more than there are players lets identification choose), byte 1 the
-// subsong; the rest is the module. The module is opened, one second is
+// subsong; the rest is the module. A byte 0 of 0xFF names the module
+// instead: the bytes after the subsong, up to a NUL (at most 63), are its
+// file name, and identification chooses the player by that name and the
+// module that follows, whatever players exist (seeds for one format keep
+// their player as players are added). The module is opened, one second is
 // rendered in the plugin's block size, it is closed, opened again and its
 // length measured with a small limit. Output must stay finite and the
 // measurement within its limit.
@@ -27,6 +31,7 @@ constexpr int32_t kBlock = 4096;
 constexpr int32_t kMeasureMs = 1000;
 constexpr int32_t kSilenceMs = 500;
 constexpr char kModulePath[] = "/fuzz/fuzz.mod";
+constexpr uint8_t kNamedInput = 0xFF;
 
 struct player_file {
     std::string path;
@@ -98,8 +103,20 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > (1u << 20)) return 0;
     fuzz::input in{data, size};
-    uint32_t choice = in.byte() % uint32_t(players.size() + 1);
+    uint8_t first = in.byte();
+    uint32_t choice = first % uint32_t(players.size() + 1);
     int32_t subsong = in.byte() % 4;
+    std::string module_path = kModulePath;
+    if (first == kNamedInput) {
+        std::string name;
+        while (in.size > 0 && name.size() < 63) {
+            uint8_t c = in.byte();
+            if (c == 0) break;
+            name.push_back(c == '/' ? '_' : char(c));
+        }
+        module_path = "/fuzz/" + name;
+        choice = uint32_t(players.size());
+    }
     const uint8_t *module = in.data;
     uint32_t len = uint32_t(in.size);
 
@@ -108,7 +125,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         player = &players[choice];
     } else {
         char path[4096];
-        if (!kelva_identify(kModulePath, module, len, path, sizeof path)) return 0;
+        if (!kelva_identify(module_path.c_str(), module, len, path, sizeof path)) return 0;
         for (const player_file &p : players)
             if (p.path == path) player = &p;
         if (!player) return 0;   // a configured player outside the fuzzed set
@@ -116,16 +133,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const uint8_t *code = player->bytes.data();
     uint32_t code_len = uint32_t(player->bytes.size());
 
-    if (kelva_open(k, code, code_len, module, len, player->path.c_str(), kModulePath, subsong) == 0) {
+    if (kelva_open(k, code, code_len, module, len, player->path.c_str(), module_path.c_str(), subsong) == 0) {
         char name[64];
         kelva_get_player_name(k, name, sizeof name);
+        FUZZ_CHECK(memchr(name, '\0', sizeof name) != nullptr);
+        kelva_get_module_name(k, name, sizeof name);
+        FUZZ_CHECK(memchr(name, '\0', sizeof name) != nullptr);
+        kelva_get_author_name(k, name, sizeof name);
         FUZZ_CHECK(memchr(name, '\0', sizeof name) != nullptr);
         FUZZ_CHECK(kelva_get_format_name(k) != nullptr);
         FUZZ_CHECK(kelva_get_subsong_count(k) >= 1);
         render_one_second();
         kelva_close(k);
     }
-    if (kelva_open(k, code, code_len, module, len, player->path.c_str(), kModulePath, subsong) == 0) {
+    if (kelva_open(k, code, code_len, module, len, player->path.c_str(), module_path.c_str(), subsong) == 0) {
         int32_t reason = 0;
         uint64_t ms = kelva_measure_length(k, kMeasureMs, kSilenceMs, &reason, nullptr, nullptr);
         FUZZ_CHECK(reason >= 1 && reason <= 4);

@@ -197,6 +197,12 @@ def db_seeds():
     }
 
 
+def named_engine_input(file_name, subsong, module):
+    """An engine input that names its module: identification picks the
+    player by the name, whatever players the tree holds."""
+    return bytes([0xFF, subsong]) + file_name.encode("latin-1") + b"\0" + module
+
+
 def write(target, name, data):
     folder = os.path.join(CORPUS, target)
     os.makedirs(folder, exist_ok=True)
