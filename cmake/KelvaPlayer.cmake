@@ -5,17 +5,21 @@
 #   kelva_add_player(NAME <name> SOURCES <files...> OUTPUT_DIR <dir>)
 #
 # produces <dir>/<name> and a target kelva_player_<name> (built by ALL).
-# Every player gets players/include on its include path (kelva_player.h).
+# Every player gets players/include (kelva_player.h) and players/lib (shared
+# code: list its .c files among the SOURCES) on its include path.
 include_guard(DIRECTORY)   # the variables below are directory-scoped: set them in every including folder
 
 find_program(KELVA_M68K_CC m68k-linux-gnu-gcc)
 set(KELVA_PLAYER_INCLUDE ${CMAKE_CURRENT_LIST_DIR}/../players/include)
 get_filename_component(KELVA_PLAYER_INCLUDE ${KELVA_PLAYER_INCLUDE} ABSOLUTE)
 set(KELVA_PLAYER_LDSCRIPT ${KELVA_PLAYER_INCLUDE}/player.ld)
+# Code shared by several players (software mixing, 68000 arithmetic).
+set(KELVA_PLAYER_LIB ${CMAKE_CURRENT_LIST_DIR}/../players/lib)
+get_filename_component(KELVA_PLAYER_LIB ${KELVA_PLAYER_LIB} ABSOLUTE)
 
 # The plain 68000; no C library, no libgcc (its m68k build assumes a 68020).
 set(KELVA_PLAYER_FLAGS -m68000 -nostdlib -ffreestanding -fno-pic -fomit-frame-pointer
-    -fno-tree-loop-distribute-patterns -Wa,--register-prefix-optional -I${KELVA_PLAYER_INCLUDE})
+    -fno-tree-loop-distribute-patterns -Wa,--register-prefix-optional -I${KELVA_PLAYER_INCLUDE} -I${KELVA_PLAYER_LIB})
 set(KELVA_PLAYER_CFLAGS -O2 -Wall -Wextra -Werror)
 set(KELVA_PLAYER_LDFLAGS -m68000 -nostdlib -Wl,-q -Wl,-T,${KELVA_PLAYER_LDSCRIPT}
     -Wl,--build-id=none -Wl,--no-warn-rwx-segments -Wl,-e,0)

@@ -9,7 +9,9 @@ foreach(p ${KELVA_TEST_PLAYER_NAMES})
   kelva_add_player(NAME ${p} SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/${p}.S OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
 endforeach()
 kelva_add_player(NAME SongEnd SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/SongEnd.c OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
-list(APPEND KELVA_TEST_PLAYER_NAMES SongEnd)
+kelva_add_player(NAME SwMix SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/SwMix.c ${KELVA_PLAYER_LIB}/swmix.c
+                 OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
+list(APPEND KELVA_TEST_PLAYER_NAMES SongEnd SwMix)
 
 target_compile_definitions(kelva_tests PRIVATE KELVA_TEST_PLAYERS="${KELVA_TEST_PLAYERS_DIR}")
 if(KELVA_M68K_CC)

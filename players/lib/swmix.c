@@ -1,0 +1,196 @@
+/* swmix.c - software mixing into Paula channels (see swmix.h). */
+#include "swmix.h"
+
+#include "kp_math.h"
+
+uint16_t swmix_period;
+
+/* Two buffers for each Paula channel. They lie in the player's own hunk,
+ * which the engine's Paula reads like any chip memory. */
+static int8_t buffers[4][2][SWMIX_MAX_BLOCK] __attribute__((aligned(2)));
+
+/* The sum of one block, before it is scaled down to 8 bits. */
+static int32_t mix_sum[SWMIX_MAX_BLOCK];
+
+/* ---- Voices ------------------------------------------------------------ */
+
+void swmix_voice_play(swmix_voice *v, const int8_t *sample, uint32_t length, uint32_t loop_start,
+                      uint32_t loop_len, uint32_t offset) {
+    v->frac = 0;
+    if (!sample || length == 0 || offset >= length) {
+        v->data = 0;
+        return;
+    }
+    if (loop_start >= length) loop_len = 0;
+    if (loop_len > length - loop_start) loop_len = length - loop_start;
+    v->data = sample;
+    v->pos = offset;
+    if (loop_len >= 2) {
+        v->end = loop_start + loop_len;
+        v->loop_len = loop_len;
+        /* An offset into or past the loop's end starts inside the loop. */
+        while (v->pos >= v->end) v->pos -= loop_len;
+    } else {
+        v->end = length;
+        v->loop_len = 0;
+    }
+}
+
+void swmix_voice_stop(swmix_voice *v) { v->data = 0; }
+
+void swmix_voice_step(swmix_voice *v, uint32_t step) {
+    v->step_int = (uint16_t)(step >> 16);
+    v->step_frac = (uint16_t)step;
+}
+
+void swmix_voice_period(swmix_voice *v, uint16_t period) {
+    /* Paula plays 3546895 / period samples a second and the mix runs at
+     * 3546895 / swmix_period, so a voice advances swmix_period / period
+     * bytes per mixed sample: (swmix_period << 16) / period in 16.16. */
+    if (period == 0 || swmix_period == 0) {
+        swmix_voice_step(v, 0);
+        return;
+    }
+    swmix_voice_step(v, kp_divu32((uint32_t)swmix_period << 16, period));
+}
+
+/* Adds one voice's next n samples x volume to the sum and advances it. */
+static void add_voice(int32_t *sum, uint16_t n, swmix_voice *v) {
+    const int8_t *d = v->data;
+    if (!d) return;
+    uint32_t pos = v->pos, end = v->end, loop_len = v->loop_len;
+    uint16_t frac = v->frac, step_int = v->step_int, step_frac = v->step_frac;
+    int16_t vol = (int16_t)(v->volume > 64 ? 64 : v->volume);
+    for (uint16_t i = 0; i < n; i++) {
+        sum[i] += kp_muls16(d[pos], vol);
+        uint32_t f = (uint32_t)frac + step_frac;
+        frac = (uint16_t)f;
+        pos += step_int + (f >> 16);
+        if (pos >= end) {
+            if (loop_len == 0) {
+                v->data = 0;   /* a one-shot sample has ended */
+                return;
+            }
+            do pos -= loop_len;
+            while (pos >= end);
+        }
+    }
+    v->pos = pos;
+    v->frac = frac;
+}
+
+/* ---- Mixed channels ----------------------------------------------------- */
+
+void swmix_channel_init(swmix_channel *c, uint16_t paula, swmix_voice *const *voices, uint16_t count) {
+    if (count > SWMIX_MAX_VOICES) count = SWMIX_MAX_VOICES;
+    c->voices = count;
+    for (uint16_t i = 0; i < count; i++) c->voice[i] = voices[i];
+    /* 6 bits undo the volume (64 = full); one more per doubling of voices. */
+    c->shift = 6;
+    for (uint16_t n = 1; n < count; n = (uint16_t)(n << 1)) c->shift++;
+    c->paula = (uint16_t)(paula & 3);
+    c->running = 0;
+}
+
+void swmix_mix(swmix_channel *c, int8_t *out, uint16_t bytes) {
+    if (bytes > SWMIX_MAX_BLOCK) bytes = SWMIX_MAX_BLOCK;
+    for (uint16_t i = 0; i < bytes; i++) mix_sum[i] = 0;
+    for (uint16_t k = 0; k < c->voices; k++) add_voice(mix_sum, bytes, c->voice[k]);
+    uint16_t shift = c->shift;
+    for (uint16_t i = 0; i < bytes; i++) {
+        int32_t s = mix_sum[i] >> shift;
+        if (s > 127) s = 127;
+        if (s < -128) s = -128;
+        out[i] = (int8_t)s;
+    }
+}
+
+/* ---- Interrupt-driven playback ----------------------------------------- */
+
+#define AUD_REG(x, reg) (AUD0##reg + AUDSTRIDE * (x))
+
+/* exec SetIntVector(intNumber D0, interrupt A1) -> old interrupt in D0.
+ * A6 is saved by hand: the compiler may use it as a frame pointer. */
+static uint32_t set_int_vector(uint32_t number, void *irq) {
+    register uint32_t d0 __asm__("d0") = number;
+    register void *a1 __asm__("a1") = irq;
+    __asm__ volatile("move.l %%a6,-(%%sp)\n\tmove.l 4.w,%%a6\n\tjsr -162(%%a6)\n\tmove.l (%%sp)+,%%a6"
+                     : "+d"(d0), "+a"(a1)
+                     :
+                     : "d1", "a0", "memory", "cc");
+    return d0;
+}
+
+/* The audio interrupt: called with A1 = IS_DATA (the channel). The buffer
+ * that was playing has ended and Paula has started the other one: mix the
+ * next block into the finished buffer and queue it behind the playing one. */
+void swmix_irq(swmix_channel *c);
+__asm__("\t.text\n\t.globl swmix_irq_entry\nswmix_irq_entry:\n\tmove.l %a1,-(%sp)\n"
+        "\tjsr swmix_irq\n\taddq.l #4,%sp\n\tmoveq #0,%d0\n\trts\n");
+void swmix_irq_entry(void);
+
+void swmix_irq(swmix_channel *c) {
+    uint16_t x = c->paula;
+    KP_CUSTOM16(INTREQ) = (uint16_t)(INTF_AUD0 << x);
+    if (!c->running) return;
+    int8_t *b = c->buf[c->refill];
+    swmix_mix(c, b, c->block);
+    KP_CUSTOM32(AUD_REG(x, LC)) = (uint32_t)b;
+    KP_CUSTOM16(AUD_REG(x, LEN)) = (uint16_t)(c->block >> 1);
+    c->refill ^= 1;
+}
+
+void swmix_start(swmix_channel *const *chs, uint16_t count, uint16_t period, uint16_t block) {
+    if (period < 124) period = 124;
+    block &= (uint16_t)~1u;
+    if (block < 2) block = 2;
+    if (block > SWMIX_MAX_BLOCK) block = SWMIX_MAX_BLOCK;
+    swmix_period = period;
+    uint16_t dma = 0, ints = 0;
+    for (uint16_t i = 0; i < count; i++) {
+        swmix_channel *c = chs[i];
+        uint16_t x = c->paula;
+        c->block = block;
+        c->buf[0] = buffers[x][0];
+        c->buf[1] = buffers[x][1];
+        /* Interrupt structure: node (14 bytes) cleared, then data and code. */
+        uint32_t data = (uint32_t)c, code = (uint32_t)swmix_irq_entry;
+        for (int w = 0; w < 7; w++) c->irq[w] = 0;
+        c->irq[7] = (uint16_t)(data >> 16);
+        c->irq[8] = (uint16_t)data;
+        c->irq[9] = (uint16_t)(code >> 16);
+        c->irq[10] = (uint16_t)code;
+        c->old_vector = set_int_vector(INTB_AUD0 + x, c->irq);
+        swmix_mix(c, c->buf[0], block);
+        swmix_mix(c, c->buf[1], block);
+        c->refill = 0;   /* buffer 0 plays first; it is mixed again when it has played */
+        c->running = 1;
+        KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_AUD0 << x);   /* from the start of buffer 0 */
+        KP_CUSTOM32(AUD_REG(x, LC)) = (uint32_t)c->buf[0];
+        KP_CUSTOM16(AUD_REG(x, LEN)) = (uint16_t)(block >> 1);
+        KP_CUSTOM16(AUD_REG(x, PER)) = period;
+        KP_CUSTOM16(AUD_REG(x, VOL)) = 64;
+        dma |= (uint16_t)(DMAF_AUD0 << x);
+        ints |= (uint16_t)(INTF_AUD0 << x);
+    }
+    KP_CUSTOM16(INTREQ) = ints;
+    KP_CUSTOM16(INTENA) = (uint16_t)(INTF_SETCLR | INTF_INTEN | ints);
+    KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_SETCLR | DMAF_MASTER | dma);
+    /* Paula has latched buffer 0; buffer 1 is queued to follow it. */
+    for (uint16_t i = 0; i < count; i++) {
+        swmix_channel *c = chs[i];
+        KP_CUSTOM32(AUD_REG(c->paula, LC)) = (uint32_t)c->buf[1];
+        KP_CUSTOM16(AUD_REG(c->paula, LEN)) = (uint16_t)(block >> 1);
+    }
+}
+
+void swmix_stop(swmix_channel *const *chs, uint16_t count) {
+    for (uint16_t i = 0; i < count; i++) {
+        swmix_channel *c = chs[i];
+        if (!c->running) continue;
+        c->running = 0;
+        KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_AUD0 << c->paula);
+        KP_CUSTOM16(INTENA) = (uint16_t)(INTF_AUD0 << c->paula);
+        set_int_vector(INTB_AUD0 + c->paula, (void *)c->old_vector);
+    }
+}
