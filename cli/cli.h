@@ -106,11 +106,13 @@ struct subsong_length {
 
 // What opening the module for subsong 0 tells: the subsong count (from the
 // database when it knows it, else from the player, and then stored), the
-// format name and the player's own name.
+// format name, the player's own name, and the module's title and author.
 struct module_facts {
     int32_t count = 1;
     std::string format;
     std::string player_title;
+    std::string title;          // the module's title as a playlist shows it (file name when none)
+    std::string author;         // empty when the module names none
     bool signals_end = false;   // the player's song-end flag: lengths come from its SongEnd
 };
 // Opens the module once at 48 kHz. False (with `error` set) when it does

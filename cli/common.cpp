@@ -15,6 +15,7 @@
 
 #include "engine/kelva.h"
 #include "plugin/hostio.h"
+#include "plugin/modinfo.h"
 #include "plugin/scan.h"
 #include "plugin/songdb.h"
 
@@ -355,11 +356,15 @@ bool module_probe(const module_file &m, module_facts *facts, std::string *error)
         cache_store(count_key, count, m.path.c_str());
     }
     facts->count = count;
-    facts->format = kelva_get_format_name(k);
+    module_info info;
+    module_info_read(k, &info);
+    facts->format = info.format;
     char title[256];
     kelva_get_player_name(k, title, sizeof title);
     facts->player_title = title;
-    facts->signals_end = (kelva_get_player_flags(k) & KELVA_PLAYER_SONGEND) != 0;
+    facts->title = module_entry_title(info, last_component(m.path.c_str()), -1);
+    facts->author = info.author;
+    facts->signals_end = info.signals_end;
     kelva_close(k);
     kelva_destroy(k);
     return true;

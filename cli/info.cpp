@@ -13,8 +13,9 @@ namespace {
 const char kInfoHelp[] =
     "usage: kelva info FILE... [--json]\n"
     "\n"
-    "Shows for every FILE the player that replays it, the module format, the\n"
-    "number of subsongs and each subsong's length with how it was found:\n"
+    "Shows for every FILE its title and author (as the module names them), the\n"
+    "player that replays it, the module format, the number of subsongs and\n"
+    "each subsong's length with how it was found:\n"
     "database, song end, silence, repetition, limit (600 s) or failed. Lengths\n"
     "the song-length database does not know are measured now and stored.\n"
     "\n"
@@ -26,6 +27,8 @@ struct file_report {
     std::string player;        // the player file's name
     std::string player_title;  // the name the player gives itself
     std::string format;
+    std::string title;         // the module's title (the file name when it has none)
+    std::string author;        // empty when the module names none
     bool signals_end = false;  // the player's song-end flag
     int32_t count = 0;
     std::vector<subsong_length> subsongs;
@@ -49,6 +52,8 @@ bool inspect(const char *path, file_report *r) {
     r->format = facts.format;
     r->player_title = facts.player_title;
     r->signals_end = facts.signals_end;
+    r->title = facts.title;
+    r->author = facts.author;
     for (int32_t s : subsong_numbers(r->count)) {
         if (cli_interrupted.load()) break;
         r->subsongs.push_back(module_length(m, s));
@@ -60,6 +65,8 @@ bool inspect(const char *path, file_report *r) {
 
 void print_text(const file_report &r) {
     printf("%s\n", r.file.c_str());
+    printf("  title:    %s\n", r.title.c_str());
+    if (!r.author.empty()) printf("  author:   %s\n", r.author.c_str());
     printf("  player:   %s", r.player.c_str());
     if (!r.player_title.empty() && r.player_title != r.player) printf(" (%s)", r.player_title.c_str());
     printf("\n");
@@ -82,6 +89,8 @@ nlohmann::ordered_json report_json(const file_report &r) {
         o["error"] = r.error;
         return o;
     }
+    o["title"] = r.title;
+    o["author"] = r.author.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(r.author);
     o["player"] = r.player;
     o["format"] = r.format;
     // Whether the player signals the song's end itself: its lengths then

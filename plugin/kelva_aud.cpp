@@ -15,6 +15,7 @@
 
 #include "engine/kelva.h"
 #include "plugin/hostio.h"
+#include "plugin/modinfo.h"
 #include "plugin/scan.h"
 #include "plugin/songdb.h"
 
@@ -267,29 +268,19 @@ bool KelvaPlugin::read_tag(const char *filename, VFSFile &file, Tuple &tuple, In
     char player_path[kPlayerPathCap];
     if (!kelva_identify(name, mod, mod_len, player_path, sizeof player_path)) return false;
 
-    tuple.set_str(Tuple::Title, last_component(name));
-    tuple.set_format(last_component(player_path), 2, kRate, 0);
+    // One start of the module (once per process; cached) gives its
+    // subsongs, the title and author its player reports, and its format.
+    module_info info = module_info_get(player_path, name, mod, mod_len);
+    tuple.set_str(Tuple::Title, module_entry_title(info, last_component(name), subtune).c_str());
+    if (!info.author.empty()) tuple.set_str(Tuple::Artist, info.author.c_str());
+    tuple.set_format(module_format_label(info, player_path).c_str(), 2, kRate, 0);
 
-    if (subtune < 0) {
-        cache_key count_key = cache_make_key(mod, mod_len, kSubsongCountSeed);
-        int32_t count = 0;
-        if (!cache_lookup(count_key, &count)) {
-            if (!image) {
-                scan_enqueue(filename);
-                return true;
-            }
-            kelva *k = open_for_scan(player_path, name, mod, mod_len, 0);
-            count = k ? int32_t(kelva_get_subsong_count(k)) : 1;
-            kelva_destroy(k);
-            cache_store(count_key, count, name);
-        }
-        if (count > 1) {
-            short subs[kMaxSubtunes];
-            int n = count < kMaxSubtunes ? count : kMaxSubtunes;
-            for (int i = 0; i < n; i++) subs[i] = short(i + 1);
-            tuple.set_subtunes(short(n), subs);
-            return true;
-        }
+    if (subtune < 0 && info.count > 1) {
+        short subs[kMaxSubtunes];
+        int n = info.count < kMaxSubtunes ? info.count : kMaxSubtunes;
+        for (int i = 0; i < n; i++) subs[i] = short(i + 1);
+        tuple.set_subtunes(short(n), subs);
+        return true;
     }
 
     int32_t song = subtune < 0 ? 0 : subtune;

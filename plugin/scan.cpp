@@ -7,6 +7,7 @@
 
 #include "engine/kelva.h"
 #include "plugin/hostio.h"
+#include "plugin/modinfo.h"
 #include "plugin/songdb.h"
 
 std::deque<std::string> scan_queue;
@@ -127,14 +128,13 @@ void scan_one(const char *uri) {
         cache_key count_key = cache_make_key(data, size, kSubsongCountSeed);
         int32_t count = 0;
         if (!cache_lookup(count_key, &count)) {
-            kelva *k = open_for_scan(player, name, data, size, 0);
-            count = k ? int32_t(kelva_get_subsong_count(k)) : 1;
-            kelva_destroy(k);
+            // Starting the module once gives its count (stored) and the
+            // names the tags show.
+            count = module_info_get(player, name, data, size).count;
             if (scan_quit.load()) {
                 free(data);
                 return;
             }
-            cache_store(count_key, count, name);
         }
         if (count < 2) {
             scan_subsong(player, name, data, size, 0);

@@ -479,7 +479,8 @@ TEST_F(CliModuleTest, RealModulesHaveTheirLengths) {
     struct tune {
         const char *file;
         double seconds;
-    } tunes[] = {{"corpses.mod", 55.08}, {"android-commando_hiscore.mod", 61.439}};
+        const char *title;   // the module's first 20 bytes
+    } tunes[] = {{"corpses.mod", 55.08, "corpses_in_rain"}, {"android-commando_hiscore.mod", 61.439, "Commando Hiscore"}};
     std::vector<std::string> args = {"info", "--json"};
     for (const tune &t : tunes) args.push_back(shared_dir() + "/testdata/modules/debian/" + t.file);
     run_result r = kelva(args);
@@ -491,6 +492,8 @@ TEST_F(CliModuleTest, RealModulesHaveTheirLengths) {
         const json &s = files[i].at("subsongs").at(0);
         EXPECT_EQ(files[i].at("format"), "ProTracker (31-instrument M.K.)");
         EXPECT_EQ(files[i].at("player_signals_end"), true);
+        EXPECT_EQ(files[i].at("title"), tunes[i].title);
+        EXPECT_TRUE(files[i].at("author").is_null());
         EXPECT_EQ(s.at("reason"), "song_end");
         EXPECT_NEAR(s.at("length_ms").get<double>() / 1000.0, tunes[i].seconds, 1.5);
     }

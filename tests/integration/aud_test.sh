@@ -142,6 +142,8 @@ done
 expect_eq "five.kvsub entries" "$(nentries)" "5"
 if [ "$(nentries)" = 5 ]; then
     expect_eq "five.kvsub entry 3" "$(at playlist-song-filename 3)" "$MUS/five.kvsub?3"
+    # The Subsong player names no title: the file name, with the subtune.
+    expect_eq "five.kvsub entry 3 title" "$(field title 3)" "five.kvsub (3/5)"
     all_len() { local e; for e in 1 2 3 4 5; do [ -n "$(field length $e)" ] || return 1; done; }
     if wait_for 120 all_len; then pass "five.kvsub: every subtune has a length ($(field length 1) ms ...)"
     else fail "five.kvsub: subtune lengths missing"; fi
@@ -198,6 +200,17 @@ expect_eq "registry settings page" "$(sed -n 's/^config //p' <<< "$block")" "1"
 
 
 # ---- second run: the real data tree where a user installs it
+# mod_title FILE: the title a ProTracker module's bytes give: its first 20
+# bytes (up to a NUL) as ISO-8859-1 without control bytes and padding, or
+# the file name when no letter or digit is left.
+mod_title() {
+    python3 - "$1" <<'EOF'
+import os, sys
+raw = open(sys.argv[1], 'rb').read()[:20].split(b'\0')[0]
+text = ''.join(chr(b) for b in raw if 0x20 <= b < 0x7F or b >= 0xA0).replace('\xa0', ' ').strip()
+print(text if any(c.isalnum() for c in text) else os.path.basename(sys.argv[1]))
+EOF
+}
 if [ -z "$REAL_DATA" ] || [ ! -f "$REAL_DATA/eagleplayer.conf" ] || [ ! -f "$REAL_DATA/players/PTK-Prowiz" ]; then
     echo "skip the real players: no data tree with eagleplayer.conf and players/PTK-Prowiz in '$REAL_DATA'"
     aud_finish_report
@@ -237,8 +250,9 @@ mkdir -p "$T/full"
 play_song() {
     local name=$1 lo=$2 hi=$3 len kind frames rate ch peak quiet
     add_file "$MUS/$name" || { fail "$name: no playlist entry"; return; }
-    expect_eq "$name title" "$(field title 1)" "$name"
-    expect_eq "$name format" "$(field codec 1)" "PTK-Prowiz"
+    expect_eq "$name title (from the module's name)" "$(field title 1)" "$(mod_title "$MUS/$name")"
+    expect_eq "$name artist (a ProTracker module names none)" "$(field artist 1)" ""
+    expect_eq "$name format" "$(field codec 1)" "ProTracker (31-instrument M.K.), PTK-Prowiz"
     # The add-time read only queued the file: the scanner measures it.
     if wait_for 60 eval '[ -n "$(field length 1)" ]'; then
         len=$(field length 1)
@@ -264,6 +278,14 @@ for s in $SONGS; do
     IFS='|' read -r name lo hi <<< "$s"
     play_song "$name" "$lo" "$hi"
 done
+# A module whose name is only control bytes is listed under its file name.
+if [ -f "$MUS/corpses.mod" ]; then
+    python3 -c "import sys; d = bytearray(open(sys.argv[1], 'rb').read()); d[0:20] = bytes(range(1, 21)); open(sys.argv[2], 'wb').write(d)" \
+        "$MUS/corpses.mod" "$MUS/garbled.mod"
+    add_file "$MUS/garbled.mod" || fail "garbled.mod: no playlist entry"
+    expect_eq "garbled.mod title (a garbage name gives the file name)" "$(field title 1)" "garbled.mod"
+    expect_eq "garbled.mod format" "$(field codec 1)" "ProTracker (31-instrument M.K.), PTK-Prowiz"
+fi
 
 # ---- a seek lands where it should
 # The file writer takes audio as fast as the plugin renders it (hundreds of

@@ -116,7 +116,8 @@ mkdir -p "$T/music"
 cp "$DEMO" "$T/music/demo.mod"
 aud_start
 add_file "$T/music/demo.mod" || fail "demo.mod: no playlist entry"
-expect_eq "demo.mod format" "$(field codec 1)" "PTK-Prowiz"
+expect_eq "demo.mod title" "$(field title 1)" "kelva demo"
+expect_eq "demo.mod format" "$(field codec 1)" "ProTracker (31-instrument M.K.), PTK-Prowiz"
 if wait_for 60 eval '[ -n "$(field length 1)" ]'; then
     LEN=$(field length 1)
     expect_in "demo.mod length in the playlist (ms)" "$LEN" 46080 46200
