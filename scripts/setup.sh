@@ -14,7 +14,7 @@ packages=(
   # fuzzing and sanitizers
   clang libclang-rt-14-dev
   # real-host integration test and reference renders
-  dbus dbus-x11 openmpt123 sox
+  dbus dbus-x11 openmpt123 xmp sox
 )
 
 missing=()
