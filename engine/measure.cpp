@@ -51,22 +51,6 @@ int64_t advance_summing(paula_channel &c, uint32_t ticks) {
     return sum;
 }
 
-// Does the repetition test after block n - 1 was stored; returns the lag
-// found or 0.
-uint32_t repetition_lag(const float *env, uint32_t n) {
-    if (n % kTestEvery != 0 || n < kMinBlocks) return 0;
-    double energy = 0;
-    for (uint32_t i = n - kSpan; i < n; i++) energy += double(env[i]) * double(env[i]);
-    if (energy == 0) return 0;
-    uint32_t largest = n - kSpan < kMaxLag ? n - kSpan : kMaxLag;
-    for (uint32_t lag = kMinLag; lag <= largest && n >= 2 * lag + kSpan; lag++) {
-        if (measure_corr_at(env, n, lag, energy) >= kThreshold &&
-            measure_corr_at(env, n, 2 * lag, energy) >= kThreshold)
-            return lag;
-    }
-    return 0;
-}
-
 }  // namespace
 
 void measure_level_frames(kelva *k, float *out, int32_t frames) {
@@ -87,6 +71,20 @@ void measure_level_frames(kelva *k, float *out, int32_t frames) {
         out[2 * f] += side[0];
         out[2 * f + 1] += side[1];
     }
+}
+
+uint32_t measure_repetition_lag(const float *env, uint32_t n) {
+    if (n % kTestEvery != 0 || n < kMinBlocks) return 0;
+    double energy = 0;
+    for (uint32_t i = n - kSpan; i < n; i++) energy += double(env[i]) * double(env[i]);
+    if (energy == 0) return 0;
+    uint32_t largest = n - kSpan < kMaxLag ? n - kSpan : kMaxLag;
+    for (uint32_t lag = kMinLag; lag <= largest && n >= 2 * lag + kSpan; lag++) {
+        if (measure_corr_at(env, n, lag, energy) >= kThreshold &&
+            measure_corr_at(env, n, 2 * lag, energy) >= kThreshold)
+            return lag;
+    }
+    return 0;
 }
 
 double measure_corr_at(const float *env, uint32_t n, uint32_t lag, double recent_energy) {
@@ -164,7 +162,7 @@ extern "C" uint64_t kelva_measure_length(kelva *k, int32_t max_ms, int32_t silen
                 in_block = 0;
                 peak = 0;
                 if (blocks <= capacity) {
-                    uint32_t lag = repetition_lag(env, blocks);
+                    uint32_t lag = measure_repetition_lag(env, blocks);
                     if (lag) {
                         why = REASON_REPETITION;
                         length = uint64_t(lag) * block;

@@ -11,6 +11,11 @@ struct kelva;
 // filters, no interpolation; it advances the channels exactly as the mixer.
 void measure_level_frames(kelva *k, float *out, int32_t frames);
 
+// The repetition test after envelope block n - 1 was stored (every 20th
+// block from the 400th): the smallest lag of 10 to 240 s at which the last
+// 30 s correlate with the 30 s one and two lags earlier, or 0.
+uint32_t measure_repetition_lag(const float *env, uint32_t n);
+
 // Correlation of the last 300 envelope blocks with the 300 blocks `lag`
 // earlier, given the energy of the recent span.
 double measure_corr_at(const float *env, uint32_t n, uint32_t lag, double recent_energy);

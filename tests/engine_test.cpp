@@ -9,6 +9,7 @@
 
 #include "amigaos/amigaos.h"
 #include "engine/render.h"
+#include "hardware/bus.h"
 #include "players/include/kelva_player.h"
 #include "support/test_support.h"
 
@@ -32,10 +33,27 @@ struct handmade_player {
 
     std::vector<std::pair<uint32_t, uint32_t>> tags;   // tag, hunk offset (or raw value)
     std::vector<bool> relocate;
+    std::vector<uint8_t> extra;   // routines placed after the tag list; offsets count from its end
 
     void add(uint32_t tag, uint32_t offset, bool is_address = true) {
         tags.emplace_back(tag, offset);
         relocate.push_back(is_address);
+    }
+    // A routine of its own, placed after the tag list.
+    void add_routine(uint32_t tag, const std::vector<uint8_t> &code) {
+        add(tag, 0x80000000u | uint32_t(extra.size()));
+        extra.insert(extra.end(), code.begin(), code.end());
+    }
+    // A routine that appends `mark` to the byte log at $200 (count in the
+    // word at $104), keeps its D0 in the word at $106 and returns D0 = D1 = 0.
+    static std::vector<uint8_t> logging(uint8_t mark) {
+        return {0x31, 0xC0, 0x01, 0x06,     // move.w d0,$106.w
+                0x41, 0xF8, 0x02, 0x00,     // lea $200.w,a0
+                0xD0, 0xF8, 0x01, 0x04,     // adda.w $104.w,a0
+                0x10, 0xBC, 0x00, mark,     // move.b #mark,(a0)
+                0x52, 0x78, 0x01, 0x04,     // addq.w #1,$104.w
+                0x70, 0x00, 0x72, 0x00,     // moveq #0,d0; moveq #0,d1
+                0x4E, 0x75};                // rts
     }
 
     std::vector<uint8_t> build() const {
@@ -45,12 +63,16 @@ struct handmade_player {
                                  0x4E, 0x75, 0x52, 0x78, 0x01, 0x00, 0x4E, 0x75});
         put_be32(code, 0);   // kData
         std::vector<uint32_t> relocs = {12};
+        const uint32_t extra_at = kTags + 8 * uint32_t(tags.size()) + 4;
         for (size_t i = 0; i < tags.size(); i++) {
             put_be32(code, tags[i].first);
             if (relocate[i]) relocs.push_back(uint32_t(code.size()));
-            put_be32(code, tags[i].second);
+            uint32_t v = tags[i].second;
+            put_be32(code, relocate[i] && (v & 0x80000000u) ? extra_at + (v & 0x7FFFFFFFu) : v);
         }
         put_be32(code, 0);
+        code.insert(code.end(), extra.begin(), extra.end());
+        while (code.size() % 4) code.push_back(0);
         std::vector<uint8_t> f;
         for (uint32_t v : {0x3F3u, 0u, 1u, 0u, 0u, uint32_t(code.size() / 4)}) put_be32(f, v);
         put_be32(f, 0x3E9);
@@ -183,6 +205,26 @@ TEST_F(Engine, TagListIsReadUpTo256Pairs) {
     EXPECT_EQ(k->routines[DELI_INTERRUPT], 0u);
 }
 
+// Start-up and shut-down run the routines in the player-interface order,
+// whatever the order of the tags; Voices gets the voice mask in D0.
+TEST_F(Engine, RoutinesRunInTheInterfaceOrder) {
+    const std::pair<uint32_t, char> start[] = {{DTP_Config, 'C'},  {DTP_Check2, 'K'},       {DTP_ExtLoad, 'X'},
+                                               {DTP_InitPlayer, 'I'}, {DTP_SubSongRange, 'R'}, {EP_InitHook, 'H'},
+                                               {DTP_InitSound, 'S'}, {DTP_StartInt, 'T'},   {DTP_Volume, 'V'},
+                                               {EP_Voices, 'W'}};
+    const std::pair<uint32_t, char> stop[] = {{DTP_StopInt, 's'}, {DTP_EndSound, 'e'}, {DTP_EndPlayer, 'p'}};
+    handmade_player p;
+    for (int i = 2; i >= 0; i--) p.add_routine(stop[i].first, handmade_player::logging(uint8_t(stop[i].second)));
+    for (int i = 9; i >= 0; i--) p.add_routine(start[i].first, handmade_player::logging(uint8_t(start[i].second)));
+    auto log = [&] { return std::string(reinterpret_cast<const char *>(k->ram + 0x200), ram_get16(k, 0x104)); };
+
+    ASSERT_EQ(open(p.build(), std::vector<uint8_t>(8, 0)), 0);
+    EXPECT_EQ(log(), "CKXIRHSTVW");
+    EXPECT_EQ(ram_get16(k, 0x106), 0x000Fu);
+    kelva_close(k);
+    EXPECT_EQ(log(), "CKXIRHSTVWsep");
+}
+
 TEST_F(Engine, SubsongRangeSelectsTheCurrentSubsong) {
     handmade_player p;
     p.add(DTP_InitPlayer, handmade_player::kRet0);
@@ -192,6 +234,15 @@ TEST_F(Engine, SubsongRangeSelectsTheCurrentSubsong) {
         ASSERT_EQ(open(p.build(), module, 48000, requested), 0);
         EXPECT_EQ(kelva_get_subsong_count(k), 5u);
         EXPECT_EQ(ram_get16(k, kGlobals + 44), uint32_t(expected)) << requested;
+    }
+    // A range that ends before it starts (3..1) holds one subsong: the first.
+    handmade_player back;
+    back.add(DTP_InitPlayer, handmade_player::kRet0);
+    back.add_routine(DTP_SubSongRange, {0x70, 0x03, 0x72, 0x01, 0x4E, 0x75});   // moveq #3,d0; moveq #1,d1; rts
+    for (int requested : {0, 1, 2}) {
+        ASSERT_EQ(open(back.build(), module, 48000, requested), 0);
+        EXPECT_EQ(kelva_get_subsong_count(k), 1u);
+        EXPECT_EQ(ram_get16(k, kGlobals + 44), 3u) << requested;
     }
 
     // The test player plays a different pitch per subsong (range 1..5).
@@ -234,6 +285,30 @@ TEST_F(Engine, CiaTimersTickTheirHandlersAtTheirPeriods) {
     EXPECT_EQ(ram_get32(k, data), uint32_t(96000 / (14189.0 * 48000 / 709379)));
 }
 
+// Interrupts in the render loop, watched through the IrqOrder player's log
+// and through the level its channel plays (measurement's level output: no
+// filters, so a change shows in the very frame it happens).
+TEST_F(Engine, InterruptHandlersRunAtTheirFramesInOrder) {
+    std::vector<uint8_t> player = read_player("IrqOrder");
+    ASSERT_FALSE(player.empty());
+    ASSERT_EQ(open(player, std::vector<uint8_t>(8, 0)), 0);
+    k->measure_mode = 1;
+    const uint32_t marks = k->hunk_addr[1] + 200;
+    auto log = [&] {
+        return std::string(reinterpret_cast<const char *>(k->ram + marks + 4), ram_get32(k, marks));
+    };
+    // CIA-A timer B underflows after 3001 E-clock ticks = 3001 x 48000 /
+    // 709379 = 203.06 frames, so its handler runs after frame 203 and the
+    // channel is silent from frame 204 on, in a single call as well.
+    render(2100);
+    for (int f = 0; f < 2100; f++) ASSERT_EQ(buf[2 * f], f < 204 ? 0.25f : 0.0f) << f;
+    // CIA-B timer A (10,000 E-clock ticks) and the audio block (50,000
+    // Paula clocks) end together every 676.6 frames: three times by now.
+    // The CIA handler runs first; each runs once per event although
+    // neither acknowledges its interrupt.
+    EXPECT_EQ(log(), std::string("\3\1\2\1\2\1\2"));
+}
+
 TEST_F(Engine, VerticalBlankRunsEvery50thOfASecond) {
     std::vector<uint8_t> player = read_player("VBlank");
     ASSERT_FALSE(player.empty());
@@ -242,6 +317,10 @@ TEST_F(Engine, VerticalBlankRunsEvery50thOfASecond) {
     EXPECT_EQ(ram_get32(k, k->hunk_addr[1]), 6u);
     render(1);
     EXPECT_EQ(ram_get32(k, k->hunk_addr[1]), 7u);
+    // The machine's clock runs with the output: CIA-A's time of day, which
+    // counts 50 Hz ticks, has reached the seventh (give or take the one in
+    // progress).
+    EXPECT_NEAR(double(read8(k, 0xBFE801)), 7.0, 1.0);
 }
 
 TEST_F(Engine, AudioInterruptsSwitchBlocksAtExactFrames) {
@@ -315,16 +394,21 @@ TEST_F(Engine, MeasureEndsOneSecondIntoSilence) {
     EXPECT_EQ(reason, 2);
 }
 
-TEST_F(Engine, MeasureFindsARepetitionOf45Seconds) {
+TEST_F(Engine, MeasureFindsARepetitionAtTheFirstTestThatCanSeeIt) {
     std::vector<uint8_t> player = read_player("Envelope");
     ASSERT_FALSE(player.empty());
-    // The loudness pattern restarts every 2250 ticks (45 s).
-    ASSERT_EQ(open(player, envelope_module(2250, 0, 0)), 0);
-    int32_t reason = 0;
-    EXPECT_EQ(kelva_measure_length(k, 0, 30000, &reason, nullptr, nullptr), 45000u);
-    EXPECT_EQ(reason, 4);
-    // Found as soon as two repeats and the 30 s span exist: 120 s.
-    EXPECT_LE(k->played_frames, uint64_t(120 * 48000 + 2048));
+    // Loudness patterns that restart every 2250 ticks (45 s = 450 blocks of
+    // 100 ms) and every 2315 ticks (46.3 s = 463 blocks). Two repeats and
+    // the 30 s span behind them are there after 1200 and 1226 blocks; the
+    // test runs every 20 blocks, so it finds them after blocks 1200 and 1240.
+    for (auto [ticks, found_block] : {std::pair{2250u, 1200u}, {2315u, 1240u}}) {
+        ASSERT_EQ(open(player, envelope_module(ticks, 0, 0)), 0);
+        int32_t reason = 0;
+        EXPECT_EQ(kelva_measure_length(k, 0, 30000, &reason, nullptr, nullptr), ticks * 20);
+        EXPECT_EQ(reason, 4);
+        EXPECT_GE(k->played_frames, uint64_t(found_block) * 4800) << ticks;
+        EXPECT_LT(k->played_frames, uint64_t(found_block) * 4800 + 2048) << ticks;
+    }
 }
 
 // A song that repeats one 45 s section for three minutes and then ends: a
@@ -372,9 +456,33 @@ TEST_F(Engine, MeasureStopsAtTheLimitOrWhenCancelled) {
     EXPECT_EQ(reason, 5);
     EXPECT_EQ(k->played_frames, 10u * 2048);
 
+    // The limit is looked at before a cancel request: 40 ms are reached
+    // with the first 2048-frame chunk, and the request that comes with the
+    // second poll is too late.
+    ASSERT_EQ(open(player, envelope_module(0, 0, 0)), 0);
+    polls = 0;
+    auto cancel_second = [](void *user) { return int(++*static_cast<int *>(user) > 1); };
+    EXPECT_EQ(kelva_measure_length(k, 40, 3000, &reason, cancel_second, &polls), 40u);
+    EXPECT_EQ(reason, 3);
+
     eng = make_engine(0);
     EXPECT_EQ(kelva_measure_length(eng.get(), 0, 0, &reason, nullptr, nullptr), 0u);
     EXPECT_EQ(reason, 3);
+}
+
+// Silence is a level below 1/1024 of full scale: the Tone player's square
+// wave of +-100 at volume 1 plays at 100 / 128 / 64 / 2 = 0.0061 of full
+// scale and is music; at volume 0 it is silence.
+TEST_F(Engine, MeasureSilenceIsBelowOneIn1024) {
+    std::vector<uint8_t> player = read_player("Tone");
+    ASSERT_FALSE(player.empty());
+    for (auto [volume, expected_reason] : {std::pair{1u, 3}, {0u, 2}}) {
+        ASSERT_EQ(open(player, std::vector<uint8_t>(8, 0)), 0);
+        write16(k, 0xDFF0A8, volume);   // AUD0VOL
+        int32_t reason = 0;
+        kelva_measure_length(k, 5000, 1000, &reason, nullptr, nullptr);
+        EXPECT_EQ(reason, expected_reason) << volume;
+    }
 }
 
 TEST_F(Engine, CorrelationOfEnvelopeSpans) {
@@ -395,6 +503,30 @@ TEST_F(Engine, CorrelationOfEnvelopeSpans) {
     EXPECT_EQ(measure_corr_at(env.data(), 299, 0, 1.0), 0.0);
     std::vector<float> zeros(700, 0.0f);
     EXPECT_EQ(measure_corr_at(zeros.data(), 600, 100, 1.0), 0.0);
+}
+
+// The repetition test on envelopes of random block levels: a lag counts
+// only when the last 30 s also match the 30 s two lags back; the test runs
+// on every 20th block; lags go up to 2400 blocks (240 s).
+TEST_F(Engine, RepetitionNeedsTwoRepeatsWithinTheLagRange) {
+    uint32_t x = 99;
+    auto level = [&] { return float((x = x * 1103515245u + 12345u) >> 16 & 0x7FFF) / 32768.0f; };
+    auto periodic = [&](uint32_t size, uint32_t period) {
+        std::vector<float> first(period), env(size);
+        for (float &v : first) v = level();
+        for (uint32_t i = 0; i < size; i++) env[i] = first[i % period];
+        return env;
+    };
+    std::vector<float> env = periodic(1010, 150);
+    EXPECT_EQ(measure_repetition_lag(env.data(), 1000), 150u);
+    EXPECT_EQ(measure_repetition_lag(env.data(), 1010), 0u);
+    // Blocks 400..549 replaced: the last 300 blocks repeat once at lag 150,
+    // but not at lag 300.
+    for (uint32_t i = 400; i < 550; i++) env[i] = level();
+    EXPECT_EQ(measure_repetition_lag(env.data(), 1000), 0u);
+
+    EXPECT_EQ(measure_repetition_lag(periodic(5100, 2400).data(), 5100), 2400u);
+    EXPECT_EQ(measure_repetition_lag(periodic(5200, 2401).data(), 5200), 0u);
 }
 
 TEST_F(Engine, FaultingPlayersDoNotStopPlayback) {

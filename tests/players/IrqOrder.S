@@ -1,0 +1,106 @@
+/* IrqOrder: a CIA timer interrupt and an audio interrupt that fall due in
+ * the same output frame, again and again.
+ *
+ * StartInt starts CIA-B timer A continuously with latch 9999 (10,000
+ * E-clock ticks) and channel 0 looping a block of 100 words at period 250
+ * (50,000 Paula clocks = 10,000 E-clock ticks). Both handlers append a mark
+ * to one log (1 = CIA, 2 = audio): its first long counts the marks, the
+ * bytes after it hold them (at most 60). Neither handler acknowledges its
+ * interrupt, so a handler that runs more than once per event shows up in
+ * the log as well.
+ *
+ * A third interrupt falls due on its own: CIA-A timer B, one-shot with
+ * latch 3000 (3,001 E-clock ticks, 203.06 frames at 48 kHz), whose handler
+ * logs mark 3 and silences channel 0, so the frame it ran after can be
+ * heard. */
+#include "kelva_player.h"
+
+    PLAYER_HEADER tags
+
+tags:
+    TAG DTP_PlayerName, name
+    TAG DTP_InitPlayer, init_player
+    TAG DTP_StartInt, start_int
+    TAG_END
+
+init_player:
+    moveq   #0,d0
+    rts
+
+start_int:
+    move.l  a6,-(sp)
+    moveq   #INTB_AUD0,d0
+    lea     aud_is(pc),a1
+    CALL_EXEC _LVOSetIntVector
+    lea     ciab_name(pc),a1
+    CALL_EXEC _LVOOpenResource
+    movea.l d0,a6
+    lea     cia_is(pc),a1
+    moveq   #CIAICRB_TA,d0
+    jsr     _LVOAddICRVector(a6)
+    lea     CUSTOM,a0
+    move.w  #INTF_SETCLR+INTF_INTEN+INTF_AUD0,INTENA(a0)
+    move.l  #wave,AUD0LC(a0)
+    move.w  #100,AUD0LEN(a0)
+    move.w  #250,AUD0PER(a0)
+    move.w  #64,AUD0VOL(a0)
+    move.b  #0x0F,CIAB+CIATALO          /* 9999 = $270F */
+    move.b  #0x27,CIAB+CIATAHI
+    move.b  #0x11,CIAB+CIACRA           /* START + LOAD, continuous */
+    move.w  #DMAF_SETCLR+DMAF_MASTER+DMAF_AUD0,DMACON(a0)
+    lea     ciaa_name(pc),a1
+    CALL_EXEC _LVOOpenResource
+    movea.l d0,a6
+    lea     mute_is(pc),a1
+    moveq   #CIAICRB_TB,d0
+    jsr     _LVOAddICRVector(a6)
+    move.b  #0xB8,CIAA+CIATBLO          /* 3000 = $0BB8 */
+    move.b  #0x0B,CIAA+CIATBHI
+    move.b  #0x19,CIAA+CIACRB           /* START + LOAD + one-shot */
+    movea.l (sp)+,a6
+    moveq   #0,d0
+    rts
+
+/* D0 = the mark, A1 = the log. */
+log_mark:
+    move.l  (a1),d1
+    cmpi.l  #60,d1
+    bhs.s   1f
+    move.b  d0,4(a1,d1.l)
+    addq.l  #1,(a1)
+1:  moveq   #0,d0
+    rts
+
+cia_handler:
+    moveq   #1,d0
+    bra.s   log_mark
+
+aud_handler:
+    moveq   #2,d0
+    bra.s   log_mark
+
+mute_handler:
+    clr.w   CUSTOM+AUD0VOL
+    moveq   #3,d0
+    bra.s   log_mark
+
+    .even
+cia_is:
+    .space  IS_DATA
+    .long   marks, cia_handler
+aud_is:
+    .space  IS_DATA
+    .long   marks, aud_handler
+mute_is:
+    .space  IS_DATA
+    .long   marks, mute_handler
+
+ciab_name: .asciz "ciab.resource"
+ciaa_name: .asciz "ciaa.resource"
+name:      .asciz "IrqOrder"
+    .even
+
+    .data
+wave:   .fill 200, 1, 0x40
+marks:  .long 0
+        .fill 60, 1, 0
