@@ -128,7 +128,6 @@ void scan_file(scan_state *st, const std::string &path) {
 }
 
 void worker(scan_state *st) {
-    set_flush_to_zero();
     for (;;) {
         if (cli_interrupted.load()) return;
         size_t i = st->next.fetch_add(1);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "engine/engine.h"
+#include "engine/fpmode.h"
 #include "engine/render.h"
 #include "hardware/paula_fetch.h"
 
@@ -108,6 +109,7 @@ extern "C" uint64_t kelva_measure_length(kelva *k, int32_t max_ms, int32_t silen
     }
     const uint64_t rate = uint64_t(k->rate);
     k->measure_mode = 1;
+    uint32_t mode = fp_mode_enter();
 
     uint64_t limit = uint64_t(max_ms < 1 ? 600000 : max_ms) * rate / 1000;
     uint64_t min_silence = silence_ms > 0 ? uint64_t(silence_ms) * rate / 1000 : 0;
@@ -138,7 +140,7 @@ extern "C" uint64_t kelva_measure_length(kelva *k, int32_t max_ms, int32_t silen
             break;
         }
         uint64_t first_frame = k->played_frames;
-        kelva_render(k, buf, kChunk);
+        render_frames(k, buf, kChunk);
         if (k->song_end_frame) {
             why = REASON_SONG_END;
             length = k->song_end_frame;
@@ -177,6 +179,7 @@ extern "C" uint64_t kelva_measure_length(kelva *k, int32_t max_ms, int32_t silen
     }
 
     free(env);
+    fp_mode_leave(mode);
     if (reason) *reason = why;
     return length * 1000 / rate;
 }

@@ -5,6 +5,7 @@
 
 #include "engine/call.h"
 #include "engine/engine.h"
+#include "engine/fpmode.h"
 #include "engine/render.h"
 #include "hardware/bus.h"
 
@@ -54,7 +55,7 @@ void deliver_audio_interrupts(kelva *k) {
 
 }  // namespace
 
-extern "C" void kelva_render(kelva *k, float *out, int32_t frames) {
+void render_frames(kelva *k, float *out, int32_t frames) {
     if (frames <= 0) return;
     if (k->tick_routine && k->frames_to_tick < 1) run_tick(k);
 
@@ -95,4 +96,11 @@ extern "C" void kelva_render(kelva *k, float *out, int32_t frames) {
             if (remaining > 0 && k->frames_to_tick <= 0) run_tick(k);
         }
     }
+}
+
+extern "C" void kelva_render(kelva *k, float *out, int32_t frames) {
+    if (frames <= 0) return;
+    uint32_t mode = fp_mode_enter();
+    render_frames(k, out, frames);
+    fp_mode_leave(mode);
 }

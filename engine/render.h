@@ -5,6 +5,10 @@
 
 struct kelva;
 
+// kelva_render's loop, without the switch of the floating-point mode that
+// the exported function makes around it (engine/fpmode.h).
+void render_frames(kelva *k, float *out, int32_t frames);
+
 // Measurement mode's stand-in for the mixer: a cheap per-frame level of each
 // running channel (its sample x volume / 64, averaged over the frame's Paula
 // ticks, scaled by 1/256), channels 0 and 3 left, 1 and 2 right. No

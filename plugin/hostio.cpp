@@ -8,10 +8,6 @@
 #include <dirent.h>
 #include <strings.h>
 
-#if defined(__SSE__) || defined(__x86_64__)
-#include <xmmintrin.h>
-#endif
-
 namespace {
 
 int hex_value(char c) {
@@ -198,11 +194,4 @@ int vfs_load(void *, const char *path, uint8_t **out_data, uint32_t *out_len) {
     *out_data = data;
     *out_len = len;
     return 1;
-}
-
-void set_flush_to_zero() {
-#if defined(__SSE__) || defined(__x86_64__)
-    // FTZ (bit 15) and DAZ (bit 6) of MXCSR.
-    _mm_setcsr(_mm_getcsr() | 0x8040);
-#endif
 }

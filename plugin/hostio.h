@@ -59,6 +59,3 @@ int vfs_load(void *user, const char *path, uint8_t **out_data, uint32_t *out_len
 
 // The last component of a path or URI (the text after the last "/").
 const char *last_component(const char *path);
-
-// Sets flush-to-zero and denormals-are-zero for the calling thread.
-void set_flush_to_zero();

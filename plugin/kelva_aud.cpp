@@ -178,7 +178,6 @@ bool KelvaPlugin::is_our_file(const char *filename, VFSFile &file) {
 }
 
 bool KelvaPlugin::play(const char *filename, VFSFile &file) {
-    set_flush_to_zero();
     char base[kNameCap], name[kNameCap];
     int32_t subtune = module_name_of(filename, base, name);
 

@@ -58,7 +58,6 @@ void scan_worker() {
     param.sched_priority = 0;
     // Failure only means the scanner competes at normal priority.
     (void)pthread_setschedparam(pthread_self(), SCHED_IDLE, &param);
-    set_flush_to_zero();
     std::string uri;
     while (scan_next(&uri)) scan_one(uri.c_str());
 }

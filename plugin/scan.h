@@ -41,7 +41,7 @@ void scan_start();
 void scan_stop();
 // Waits for the next queued URI; false when asked to quit.
 bool scan_next(std::string *uri);
-// The thread body: idle scheduling, flush-to-zero, then scan_next/scan_one.
+// The thread body: idle scheduling, then scan_next/scan_one.
 void scan_worker();
 // Scans one queued entry: its subsong count and the lengths of its subtunes.
 void scan_one(const char *uri);

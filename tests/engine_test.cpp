@@ -5,7 +5,11 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
+#if defined(__x86_64__) || defined(__i386__)
+#include <xmmintrin.h>
+#endif
 
 #include "amigaos/amigaos.h"
 #include "engine/render.h"
@@ -483,6 +487,53 @@ TEST_F(Engine, MeasureSilenceIsBelowOneIn1024) {
         kelva_measure_length(k, 5000, 1000, &reason, nullptr, nullptr);
         EXPECT_EQ(reason, expected_reason) << volume;
     }
+}
+
+// A host thread in the processor's power-up mode (no flush-to-zero): the
+// engine switches to flush-to-zero and denormals-are-zero while it renders
+// or measures, so the filters that decay after the tone stops never hold a
+// denormal, and the caller gets its own mode back after every call.
+TEST_F(Engine, RendersWithDenormalsFlushedAndRestoresTheCallersMode) {
+#if defined(__x86_64__) || defined(__i386__)
+    std::vector<uint8_t> player = read_player("Envelope");
+    ASSERT_FALSE(player.empty());
+    constexpr uint32_t kDefaultMode = 0x1F80;   // all exceptions masked, round to nearest
+    std::thread host([&] {
+        // The tone stops at tick 10 (0.2 s); then 1.8 s of decaying filters.
+        ASSERT_EQ(open(player, envelope_module(0, 10, 0)), 0);
+        std::vector<float> out(2 * 4096);
+        for (int i = 0; i < 24; i++) {
+            _mm_setcsr(kDefaultMode);
+            kelva_render(k, out.data(), 4096);
+            ASSERT_EQ(_mm_getcsr(), kDefaultMode) << "after block " << i;
+        }
+        const paula_mixer &m = k->mix;
+        std::vector<double> state = {m.rc_state[0], m.rc_state[1]};
+        for (int side = 0; side < 2; side++) {
+            state.insert(state.end(), {m.led_state[side][0], m.led_state[side][1]});
+            for (int i = 0; i < 4; i++) state.insert(state.end(), {m.aa_state[i][side][0], m.aa_state[i][side][1]});
+        }
+        for (size_t i = 0; i < state.size(); i++)
+            EXPECT_NE(std::fpclassify(state[i]), FP_SUBNORMAL) << "filter state " << i << " = " << state[i];
+
+        // Measurement: the cancel callback runs inside the engine.
+        ASSERT_EQ(open(player, envelope_module(0, 10, 0)), 0);
+        uint32_t inside = 0;
+        auto cancel = [](void *user) {
+            *static_cast<uint32_t *>(user) = _mm_getcsr();
+            return 0;
+        };
+        _mm_setcsr(kDefaultMode);
+        int32_t reason = 0;
+        kelva_measure_length(k, 5000, 0, &reason, cancel, &inside);
+        EXPECT_EQ(_mm_getcsr(), kDefaultMode);
+        EXPECT_EQ(inside & 0x8040u, 0x8040u);
+        EXPECT_EQ(reason, 3);
+    });
+    host.join();
+#else
+    GTEST_SKIP() << "the floating-point mode is switched on x86 only";
+#endif
 }
 
 TEST_F(Engine, CorrelationOfEnvelopeSpans) {
