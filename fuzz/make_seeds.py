@@ -170,6 +170,102 @@ def module_seeds():
     return seeds
 
 
+# ---- SoundFX, Game Music Creator, Images Music System, PolyTracker ------------
+
+def sfx_seed(samples31=False):
+    n = 31 if samples31 else 15
+    out = b"".join(be32(128) for _ in range(4)) + bytes(4 * (n - 4))
+    out += (b"SO31" if samples31 else b"SONG") + struct.pack(">H", 14565) + bytes(14)
+    for i in range(n):
+        length = 64 if i < 4 else 0
+        out += ("sfx%d" % i).encode().ljust(22, b"\0") + struct.pack(">HHHH", length, 48, 0, 32 if i % 2 else 1)
+    out += bytes([2, 0]) + bytes([0, 1]).ljust(128, b"\0") + (bytes(4) if samples31 else b"")
+    cells = [(0, 0, 428, 1, 1, 0x37), (0, 1, 0x0358, 2, 2, 0x30), (0, 2, 320, 3, 7, 0x25), (0, 3, 285, 4, 9, 0x12),
+             (4, 0, 0xFFFE, 0, 0, 0), (5, 1, 0xFFFD, 2, 5, 0x10), (8, 2, 381, 2, 8, 0x13), (9, 3, 254, 1, 6, 0x08),
+             (12, 0, 0xFFFC, 0, 3, 0), (1, 0, 0x1000 | 428, 1, 4, 0)]
+    pats = [bytearray(1024), bytearray(1024)]
+    for row, ch, note, smp, fx, param in cells:
+        for p in pats:
+            p[row * 16 + ch * 4:row * 16 + ch * 4 + 4] = struct.pack(">HBB", note, (smp & 15) << 4 | fx, param)
+    return out + b"".join(pats) + SQUARE * 4
+
+
+def gmc_seed():
+    out = b""
+    for i in range(15):
+        if i < 3:
+            out += struct.pack(">IHHIHH", 0x20000 + 256 * i, 64, 40, 0x20000 + 256 * i + 64, 32 if i else 2, 0)
+        else:
+            out += bytes(16)
+    out += bytes(240 - len(out)) + be32(3) + struct.pack(">HHH", 0, 1024, 0) + bytes(194)
+    pats = [bytearray(1024), bytearray(1024)]
+    cells = [(0, 0, 428, 1, 1, 3), (0, 1, 320, 2, 3, 30), (4, 2, 214, 3, 2, 2), (8, 3, 856, 1, 8, 3),
+             (12, 0, 381, 2, 6, 0), (16, 1, 254, 3, 7, 0), (20, 2, 0, 0, 4, 0)]
+    for row, ch, period, smp, fx, param in cells:
+        pats[0][row * 16 + ch * 4:row * 16 + ch * 4 + 4] = struct.pack(">HBB", period, smp << 4 | fx, param)
+    pats[1][0:4] = struct.pack(">HBB", 428, 0x15, 0)   # jump back to position 0
+    return out + b"".join(pats) + SQUARE * 3
+
+
+def ims_seed():
+    head = b"ims seed".ljust(20, b"\0")
+    for i in range(31):
+        name = ("ims%d" % i).encode().ljust(20, b"\0")
+        head += name + (struct.pack(">hHBBHH", 0, 64, 0, 48, 16, 32) if i < 3 else bytes(10))
+    head += bytes([3, 0]) + bytes([0, 1, 0]).ljust(128, b"\0") + be32(1084 + 2 * 768)
+    fx = [(0, 0x37), (3, 0x04), (4, 0x44), (0xA, 0x02), (0xC, 0x20), (0xE, 0x01), (9, 0x01), (7, 0x33),
+          (0xF, 0x04), (0xD, 0x10), (0xB, 0x02), (5, 0x01), (6, 0x10), (1, 0x03), (2, 0x03), (0xF, 0x40)]
+    pats = bytearray(2 * 768)
+    for p in range(2):
+        for r in range(0, 64, 4):
+            for c in range(4):
+                o = p * 768 + r * 12 + c * 3
+                f, param = fx[(r // 4 + c) % len(fx)]
+                note = [4, 13, 16, 28, 40, 52, 62, 63][(r // 4 + c + p) % 8]
+                smp = 1 + (r // 4 + c) % 3
+                pats[o:o + 3] = bytes([note | (0x40 if smp > 15 else 0), (smp & 15) << 4 | f, param])
+    return head + bytes(pats) + SQUARE * 3
+
+
+def ptm_seed(channels=4, cut=0):
+    ins = 3
+    head = bytearray(608 + 80 * ins)
+    head[0:9] = b"ptm seed\0"
+    head[28] = 0x1A
+    struct.pack_into("<6H", head, 32, 3, ins, 2, channels, 0, 0)
+    head[44:48] = b"PTMF"
+    for c in range(channels):
+        head[64 + c] = (c * 5) % 16
+    head[96:99] = bytes([0, 1, 0])
+    head[99:352] = bytes([255] * 253)
+    fx = [(0, 0x37), (1, 0x04), (2, 0xF2), (3, 0x08), (4, 0x44), (5, 0x02), (6, 0x20), (7, 0x33), (9, 0x01),
+          (10, 0x0F), (11, 0x01), (12, 0x30), (13, 0x10), (14, 0x62), (14, 0x60), (14, 0x93), (14, 0xC2),
+          (14, 0xD1), (14, 0xE1), (15, 0x04), (15, 0x90), (16, 0x30), (17, 0x42), (18, 0x44), (19, 0x21),
+          (20, 0x12), (21, 0x31), (22, 0x21), (23, 0)]
+    body = bytearray()
+    for p in range(2):
+        while (len(head) + len(body)) % 16:
+            body.append(0)
+        struct.pack_into("<H", head, 352 + 2 * p, (len(head) + len(body)) // 16)
+        for r in range(64):
+            for c in range(min(channels, 32)):
+                if (r + c) % 3:
+                    continue
+                f, param = fx[(r + c + p) % len(fx)]
+                note = [49, 61, 37, 254, 73, 25][(r + c) % 6]
+                body += bytes([c | 0xE0, note, 1 + (r + c) % ins, f, param, 40 + c % 24])
+            body.append(0)
+    data = bytearray()
+    for i in range(ins):
+        h = 608 + 80 * i
+        head[h] = [1 | 4, 1, 1 | 4 | 16][i]
+        head[h + 13] = 48
+        struct.pack_into("<HH4I", head, h + 14, 8363 + 1000 * i, 0, len(head) + len(body) + len(data), 64, 8, 64)
+        data += bytes([1] * 32 + [0xFF] * 32)
+    out = bytes(head + body + data)
+    return out[:len(out) - cut] if cut else out
+
+
 # ---- eagleplayer.conf and songlengths.db --------------------------------------
 
 def conf_seeds():
@@ -245,6 +341,14 @@ def main():
     write("engine", "mk-effects-st4", bytes([1, 0]) + modules["mk-effects"])
     write("engine", "st15-st4-ust", bytes([2, 2]) + modules["st15-st4"])
     write("engine", "flt4-st4", bytes([1, 3]) + modules["flt4"])
+    # SoundFX, Game Music Creator, Images Music System and PolyTracker, named
+    # so that identification picks their players; a truncated PolyTracker
+    # file cuts a pattern and the samples short.
+    for name, file_name, data in (("sfx13", "SFX.seed", sfx_seed()), ("sfx20", "seed.sfx", sfx_seed(True)),
+                                  ("gmc", "gmc.seed", gmc_seed()), ("ims", "seed.ims", ims_seed()),
+                                  ("ims-st", "seed.st", ims_seed()), ("ptm", "seed.ptm", ptm_seed()),
+                                  ("ptm-9ch", "seed.ptm", ptm_seed(9)), ("ptm-cut", "seed.ptm", ptm_seed(32, 600))):
+        write("engine", name, named_engine_input(file_name, 0, data))
     for name, data in conf_seeds().items():
         write("epconf", name, data)
     for name, data in db_seeds().items():

@@ -146,3 +146,25 @@ int mod31_classify(const uint8_t *data, uint32_t size) {
     if (tag_is(tag, "M.K.") || tag_is(tag, ".M.K")) return classify_mk(data, size);
     return MOD31_PROTRACKER;
 }
+
+bool ims_layout(const uint8_t *data, uint32_t size) {
+    constexpr uint32_t kImsPattern = 768;   // 64 rows x 4 channels x 3 bytes
+    constexpr uint32_t kSlack = 1024;
+    if (!data || size < kHeaderSize + kImsPattern) return false;
+    uint32_t samples_at = be16(data + kTagOffset) << 16 | be16(data + kTagOffset + 2);
+    if (samples_at < kHeaderSize + kImsPattern || samples_at > size || (samples_at - kHeaderSize) % kImsPattern)
+        return false;
+    uint32_t stored = (samples_at - kHeaderSize) / kImsPattern;
+    uint32_t length = data[950];
+    if (stored > 128 || length == 0 || length > 128) return false;
+    for (uint32_t i = 0; i < length; ++i)
+        if (data[952 + i] >= stored) return false;
+    uint64_t bytes = 0;
+    for (int i = 0; i < kSamples; ++i) {
+        sample_header s = read_sample(data, i);
+        if (s.volume > 64 || s.length > 0x8000) return false;
+        bytes += 2 * s.length;
+    }
+    uint64_t rest = size - samples_at;
+    return bytes <= rest + kSlack && rest <= bytes + kSlack;
+}

@@ -42,3 +42,10 @@ bool mod_tag_is_31(const uint8_t *data, uint32_t size);
 // Names the variant of a 31-instrument module (a mod31_kind). 0 when the
 // data is shorter than 1084 bytes.
 int mod31_classify(const uint8_t *data, uint32_t size);
+
+// Whether the data has the Images Music System layout: the Soundtracker
+// header of 31 samples, but patterns of 768 bytes (three-byte cells) and at
+// 1080, instead of a tag, the offset of the sample data, 1084 + 768 x the
+// patterns stored. The song must name only stored patterns, the volumes be
+// at most 64, and the sample data fill the rest of the file to within 1 KB.
+bool ims_layout(const uint8_t *data, uint32_t size);

@@ -295,6 +295,11 @@ int epconf_identify(const char *path, const uint8_t *data, uint32_t size, char *
         const char *proposal = mod_choose_player(data, size, best);
         if (proposal && player_exists(proposal)) snprintf(best, sizeof best, "%s", proposal);
     }
+    // ".st" also names Images Music System modules, which the Soundtracker
+    // players cannot read: their layout decides.
+    if (len >= 4 && memcmp(base + len - 3, ".st", 3) == 0 && ims_layout(data, size) &&
+        player_exists("ImagesMusicSystem"))
+        snprintf(best, sizeof best, "%s", "ImagesMusicSystem");
     if (size >= 520 && strncmp(best, "TFMX", 4) == 0) {
         const char *proposal = tfmx_choose_player(data, size);
         if (proposal && strcmp(proposal, best) != 0 && player_exists(proposal))

@@ -302,6 +302,38 @@ TEST(ModCorrection, ProposalsNeedTheirPlayerFile) {
     EXPECT_EQ(identify("a.mod", mod_finish(st15_module())), "UltimateSoundtracker");
 }
 
+// ".st" names Soundtracker modules and Images Music System ones: the IMS
+// layout (sample data at the offset stored at 1080, 1084 + 768 x patterns,
+// filling the file) goes to its own player, and only for names ending .st.
+TEST(StCorrection, ImagesMusicSystemLayoutLeavesTheSoundtrackerPlayers) {
+    KELVA_REQUIRE_SHARED("testdata/modules/other");
+    conf_tree t("PTK-Prowiz prefixes=mod,st epopt=type:pt30\nImagesMusicSystem prefixes=ims\n",
+                {"PTK-Prowiz", "ImagesMusicSystem"});
+    auto ims = read_file_bytes(shared_dir() + "/testdata/modules/other/redoctober-sub-docking.ims");
+    ASSERT_FALSE(ims.empty());
+    EXPECT_EQ(identify("dir/Sub-Docking.ST", ims), "ImagesMusicSystem");
+    EXPECT_EQ(identify("sub-docking.mod", ims), "PTK-Prowiz");
+    EXPECT_EQ(identify("st.sub-docking", ims), "PTK-Prowiz");
+
+    std::vector<uint8_t> bad = ims;
+    bad[1083] ^= 4;   // the offset is no longer a whole number of patterns
+    EXPECT_EQ(identify("a.st", bad), "PTK-Prowiz");
+    bad = ims;
+    bad[952] = 3;     // the song names a pattern the file does not store
+    EXPECT_EQ(identify("a.st", bad), "PTK-Prowiz");
+    bad = ims;
+    bad.resize(ims.size() - 1100);   // sample data 1100 bytes short of the headers
+    EXPECT_EQ(identify("a.st", bad), "PTK-Prowiz");
+    bad.resize(ims.size() - 1000);
+    EXPECT_EQ(identify("a.st", bad), "ImagesMusicSystem");
+
+    // Real Soundtracker modules named .st stay with the Soundtracker players.
+    for (const char *f : {"Crepequs.mod", "GAMEMUSIC.mod", "GBUSTERS.MOD", "cant.mod", "lepeltheme.mod"})
+        EXPECT_EQ(identify("x.st", read_file_bytes(shared_dir() + "/testdata/modules/st15/" + f)), "PTK-Prowiz") << f;
+    t.remove_player("ImagesMusicSystem");
+    EXPECT_EQ(identify("a.st", ims), "PTK-Prowiz");
+}
+
 // ------------------------------------------------------------------- TFMX
 
 namespace {

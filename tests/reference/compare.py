@@ -51,7 +51,15 @@ FOLDERS = {
 }
 
 # Modules whose reference differs from their folder's: module -> reference.
+# openmpt123 does not load Game Music Creator and Images Music System
+# modules; PolyTracker's loudness curve and its song-wide pattern loop are
+# xmp's (openmpt123 plays pattern_loop_ptm's loops per channel: 59.6 s
+# against 10 s).
 REFERENCE = {
+    "other/gmc.ingame": "xmp",
+    "other/redoctober-sub-docking.ims": "xmp",
+    "other/rew_vibr.ptm": "xmp",
+    "other/pattern_loop_ptm.ptm": "xmp",
 }
 
 # Files in the folders that are not modules of their own (companion files).
@@ -79,6 +87,20 @@ KNOWN = {
     # pattern loop comes round a second time (after 11 rows, 1.32 s);
     # openmpt's own loop detection stops after 43 rows (5.16 s).
     "effects/PatLoop-Break.mod": (("length",), "endless under the replay rules; loop detection differs"),
+    # SoundFX ticks at its CIA delay on the PAL E-clock (37768 / 709379 s =
+    # 53.24 ms here); openmpt123 and xmp take 14565 x 122 / delay beats per
+    # minute (53.13 ms), so the renders drift apart by 0.2 % (0.994 with
+    # their tick).
+    "other/SFX.Crockett's_theme": (("corr",), "reference tick 0.2 % short of the CIA delay's"),
+    # xmp reads this file's sample data 768 bytes early (after the patterns
+    # the song names instead of at the offset stored at 1080, which counts a
+    # third, unused pattern) and drops its notes below C-1 (13 and 15);
+    # with both undone in a copy of the file the envelopes correlate 0.997.
+    "other/redoctober-sub-docking.ims": (("corr",), "xmp misplaces the samples and drops notes below C-1"),
+    # PolyTracker keeps one pattern loop for the whole song (the file's own
+    # instrument names describe it: global target and counter, not cleared by
+    # breaks, jumps or a new pattern); xmp 4.5 loops per channel (9.66 s).
+    "other/pattern_loop_ptm.ptm": (("length",), "song-wide pattern loop; xmp loops per channel"),
 }
 
 
