@@ -54,10 +54,56 @@ void swmix_voice_period(swmix_voice *v, uint16_t period) {
     swmix_voice_step(v, kp_divu32((uint32_t)swmix_period << 16, period));
 }
 
+void swmix_ring_period(swmix_voice *v, uint16_t period) {
+    uint32_t step = 0;
+    if (period && swmix_period) step = kp_divu32((uint32_t)swmix_period << 16, period);
+    v->ring_step_int = (uint16_t)(step >> 16);
+    v->ring_step_frac = (uint16_t)step;
+}
+
+/* add_voice for a ring-modulated voice: (sample x ring sample / 128) x
+ * volume. */
+static void add_ring_voice(int32_t *sum, uint16_t n, swmix_voice *v) {
+    const int8_t *d = v->data, *r = v->ring;
+    uint32_t pos = v->pos, end = v->end, loop_len = v->loop_len;
+    uint32_t rpos = v->ring_pos, rlen = v->ring_len;
+    uint16_t frac = v->frac, step_int = v->step_int, step_frac = v->step_frac;
+    uint16_t rfrac = v->ring_frac, rstep_int = v->ring_step_int, rstep_frac = v->ring_step_frac;
+    int16_t vol = (int16_t)(v->volume > 64 ? 64 : v->volume);
+    if (rlen == 0) return;
+    for (uint16_t i = 0; i < n; i++) {
+        int16_t s = (int16_t)(kp_muls16(d[pos], r[rpos]) >> 7);
+        sum[i] += kp_muls16(s, vol);
+        uint32_t f = (uint32_t)frac + step_frac;
+        frac = (uint16_t)f;
+        pos += step_int + (f >> 16);
+        if (pos >= end) {
+            if (loop_len == 0) {
+                v->data = 0;
+                return;
+            }
+            do pos -= loop_len;
+            while (pos >= end);
+        }
+        f = (uint32_t)rfrac + rstep_frac;
+        rfrac = (uint16_t)f;
+        rpos += rstep_int + (f >> 16);
+        while (rpos >= rlen) rpos -= rlen;
+    }
+    v->pos = pos;
+    v->frac = frac;
+    v->ring_pos = rpos;
+    v->ring_frac = rfrac;
+}
+
 /* Adds one voice's next n samples x volume to the sum and advances it. */
 static void add_voice(int32_t *sum, uint16_t n, swmix_voice *v) {
     const int8_t *d = v->data;
     if (!d) return;
+    if (v->ring) {
+        add_ring_voice(sum, n, v);
+        return;
+    }
     uint32_t pos = v->pos, end = v->end, loop_len = v->loop_len;
     uint16_t frac = v->frac, step_int = v->step_int, step_frac = v->step_frac;
     int16_t vol = (int16_t)(v->volume > 64 ? 64 : v->volume);

@@ -45,6 +45,12 @@ typedef struct swmix_voice {
     uint16_t step_int;    /* bytes advanced per mixed sample: integer part */
     uint16_t step_frac;   /* and fraction in 1/65536 */
     uint16_t volume;      /* 0..64 */
+    /* Ring modulation: when `ring` is set, every sample is multiplied by
+     * the ring wave's sample / 128 before the volume. The ring wave loops
+     * over ring_len bytes at a step of its own. */
+    const int8_t *ring;
+    uint32_t ring_pos, ring_len;
+    uint16_t ring_frac, ring_step_int, ring_step_frac;
 } swmix_voice;
 
 typedef struct swmix_channel {
@@ -78,6 +84,8 @@ void swmix_voice_stop(swmix_voice *v);
 void swmix_voice_period(swmix_voice *v, uint16_t period);
 /* The step as a 16.16 fixed-point number of bytes per mixed sample. */
 void swmix_voice_step(swmix_voice *v, uint32_t step);
+/* The ring wave's step for an Amiga period, as swmix_voice_period. */
+void swmix_ring_period(swmix_voice *v, uint16_t period);
 
 /* Sets up a mixed channel on Paula channel `paula` for `count` voices
  * (1..SWMIX_MAX_VOICES). */

@@ -1,0 +1,205 @@
+/* output.c - the voices on Paula.
+ *
+ * Four voices without ring modulation (every AHX song, four-channel HVL
+ * songs) play on the four Paula channels directly: voice n on channel n,
+ * whose side (0 and 3 left, 1 and 2 right) is the side of the tracker's own
+ * L R R L layout. A waveform is a block in chip memory that Paula loops; a
+ * new waveform is queued behind the running loop (AUDxLC/AUDxLEN), so it
+ * sounds when that loop has played; an instrument starts its waveform at
+ * once (DMA off and on), as the tracker restarts the wave there. Noise is a
+ * new 0x280-byte stretch of the noise table every tick. HVL's panning has
+ * no place on a fixed channel and is not heard in this mode.
+ *
+ * HVL songs with more than four channels, or with ring modulation, are
+ * mixed in software (players/lib/swmix) into the four Paula channels:
+ *   - every voice is summed into exactly one Paula channel: the left ones
+ *     (0, 3) when its pan leans left, the right ones (1, 2) when it leans
+ *     right, and the side of its place in the L R R L layout when it is
+ *     centred; it plays there at its full volume;
+ *   - voice n belongs to the pair of Paula channels {0, 1} when n mod 4 is
+ *     0 or 1, else to {2, 3}, and takes the channel of its pair on its side;
+ *     a pan command that crosses the centre moves it to the other channel of
+ *     its pair;
+ *   - all four channels scale their sum by the same power of two, set by the
+ *     larger pair, so a voice is as loud on either side.
+ * The mixed voices reach Paula 6-12 ms later than they are set (one to two
+ * blocks), a delay no listener notices. */
+#include "ahx.h"
+
+#include "swmix.h"
+
+#define MIX_PERIOD SWMIX_PERIOD_22K
+#define MIX_BLOCK 256
+
+static uint8_t mixed;
+static uint16_t silence[4] __attribute__((aligned(4)));
+static const int8_t *playing[4];   /* direct mode: the block queued last */
+
+static swmix_voice mix_voice[AHX_MAX_VOICES];
+static swmix_channel mix_channel[4];
+static swmix_channel *const mix_channels[4] = {&mix_channel[0], &mix_channel[1], &mix_channel[2], &mix_channel[3]};
+static uint8_t channel_of[AHX_MAX_VOICES];
+static uint16_t mix_shift;
+
+#define AUD(x, reg) (AUD0##reg + ((x) << 4))
+
+static inline uint16_t block_bytes(const struct ahx_voice *v) {
+    return v->waveform == AHX_WAVE_NOISE ? AHX_NOISE_BLOCK : 128;
+}
+
+/* ---- Direct ---------------------------------------------------------------- */
+
+static void direct_start(void) {
+    KP_CUSTOM16(DMACON) = 0x000F;
+    for (uint16_t x = 0; x < 4; x++) {
+        KP_CUSTOM32(AUD(x, LC)) = (uint32_t)silence;
+        KP_CUSTOM16(AUD(x, LEN)) = 4;
+        KP_CUSTOM16(AUD(x, PER)) = 428;
+        KP_CUSTOM16(AUD(x, VOL)) = 0;
+        playing[x] = (const int8_t *)silence;
+    }
+    KP_CUSTOM16(DMACON) = DMAF_SETCLR | DMAF_MASTER | 0x000F;
+}
+
+static void direct_tick(void) {
+    uint16_t start = 0;
+    for (uint16_t x = 0; x < ahx_song.channels; x++) {
+        struct ahx_voice *v = &ahx_voices[x];
+        const int8_t *src = v->source ? v->source : (const int8_t *)silence;
+        uint16_t words = v->source ? (uint16_t)(block_bytes(v) >> 1) : 4;
+        if (v->restart) {
+            KP_CUSTOM16(DMACON) = (uint16_t)(1u << x);
+            start |= (uint16_t)(1u << x);
+            v->restart = 0;
+            playing[x] = 0;
+        }
+        if (src != playing[x]) {
+            KP_CUSTOM32(AUD(x, LC)) = (uint32_t)src;
+            KP_CUSTOM16(AUD(x, LEN)) = words;
+            playing[x] = src;
+        }
+        if (v->plant_period) {
+            KP_CUSTOM16(AUD(x, PER)) = (uint16_t)v->audio_period;
+            v->plant_period = 0;
+        }
+        KP_CUSTOM16(AUD(x, VOL)) = (uint16_t)v->audio_volume;
+    }
+    if (start) KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_SETCLR | start);
+}
+
+/* ---- Mixed ----------------------------------------------------------------- */
+
+/* The Paula channel of voice n for its pan. */
+static uint8_t mix_channel_for(uint8_t n) {
+    uint8_t home = (uint8_t)(n & 3);
+    uint8_t home_right = (uint8_t)(home == 1 || home == 2);
+    uint8_t pan = ahx_voices[n].pan;
+    uint8_t right = pan > 128 ? 1 : pan < 128 ? 0 : home_right;
+    return right == home_right ? home : (uint8_t)(home ^ 1);
+}
+
+static void mix_assign(void) {
+    for (uint16_t c = 0; c < 4; c++) mix_channel[c].voices = 0;
+    for (uint8_t n = 0; n < ahx_song.channels; n++) {
+        swmix_channel *c = &mix_channel[channel_of[n]];
+        c->voice[c->voices++] = &mix_voice[n];
+    }
+    for (uint16_t c = 0; c < 4; c++) mix_channel[c].shift = mix_shift;
+}
+
+static void mix_start(void) {
+    uint8_t pair = 0;
+    for (uint8_t n = 0; n < ahx_song.channels; n++) {
+        mix_voice[n].data = 0;
+        mix_voice[n].ring = 0;
+        mix_voice[n].volume = 0;
+        channel_of[n] = mix_channel_for(n);
+        if ((n & 3) < 2) pair++;
+    }
+    for (uint16_t c = 0; c < 4; c++) {
+        swmix_voice *none[1] = {0};
+        swmix_channel_init(&mix_channel[c], c, none, 0);
+    }
+    mix_shift = 6;
+    for (uint16_t k = 1; k < pair; k = (uint16_t)(k << 1)) mix_shift++;
+    mix_assign();
+    swmix_period = MIX_PERIOD;
+    swmix_start(mix_channels, 4, MIX_PERIOD, MIX_BLOCK);
+}
+
+static void mix_tick(void) {
+    uint8_t moved = 0;
+    for (uint8_t n = 0; n < ahx_song.channels; n++) {
+        struct ahx_voice *v = &ahx_voices[n];
+        swmix_voice *m = &mix_voice[n];
+        if (v->restart) {
+            m->pos = 0;
+            m->frac = 0;
+            m->ring_pos = 0;
+            m->ring_frac = 0;
+            v->restart = 0;
+        }
+        if (!v->source) {
+            m->data = 0;
+        } else {
+            uint16_t len = block_bytes(v);
+            if (m->pos >= len) m->pos &= 127;
+            m->data = v->source;
+            m->end = m->loop_len = len;
+        }
+        if (v->plant_period) {
+            swmix_voice_period(m, (uint16_t)v->audio_period);
+            v->plant_period = 0;
+        }
+        m->volume = (uint16_t)v->audio_volume;
+        if (v->ring_source) {
+            if (v->ring_plant_period) {
+                swmix_ring_period(m, (uint16_t)v->ring_period);
+                v->ring_plant_period = 0;
+            }
+            m->ring_len = 128;
+            if (m->ring_pos >= 128) m->ring_pos &= 127;
+            m->ring = v->ring_source;
+        } else {
+            m->ring = 0;
+        }
+        uint8_t c = mix_channel_for(n);
+        if (c != channel_of[n]) {
+            channel_of[n] = c;
+            moved = 1;
+        }
+    }
+    if (moved) mix_assign();
+}
+
+/* ---- Interface ----------------------------------------------------------- */
+
+static uint8_t uses_ring_modulation(void) {
+    if (!ahx_song.hvl) return 0;
+    for (uint8_t i = 1; i <= ahx_song.instruments; i++) {
+        const struct ahx_instrument *ins = &ahx_song.ins[i];
+        for (uint16_t j = 0; j < ins->plist_length; j++) {
+            struct ahx_plist_entry e;
+            ahx_plist_entry(ins, j, &e);
+            if (e.fx[0] == 7 || e.fx[0] == 8 || e.fx[1] == 7 || e.fx[1] == 8) return 1;
+        }
+    }
+    return 0;
+}
+
+void ahx_output_start(void) {
+    mixed = ahx_song.channels > 4 || uses_ring_modulation();
+    if (mixed) mix_start();
+    else direct_start();
+}
+
+void ahx_output_tick(void) {
+    if (mixed) mix_tick();
+    else direct_tick();
+}
+
+void ahx_output_stop(void) {
+    if (mixed) swmix_stop(mix_channels, 4);
+    KP_CUSTOM16(DMACON) = 0x000F;
+    for (uint16_t x = 0; x < 4; x++) KP_CUSTOM16(AUD(x, VOL)) = 0;
+}
