@@ -3,12 +3,12 @@
  * Four voices without ring modulation (every AHX song, four-channel HVL
  * songs) play on the four Paula channels directly: voice n on channel n,
  * whose side (0 and 3 left, 1 and 2 right) is the side of the tracker's own
- * L R R L layout. A waveform is a block in chip memory that Paula loops; a
- * new waveform is queued behind the running loop (AUDxLC/AUDxLEN), so it
- * sounds when that loop has played; an instrument starts its waveform at
- * once (DMA off and on), as the tracker restarts the wave there. Noise is a
- * new 0x280-byte stretch of the noise table every tick. HVL's panning has
- * no place on a fixed channel and is not heard in this mode.
+ * L R R L layout. A waveform is a block in chip memory that Paula loops; how
+ * a new waveform takes over at once is told at direct_switch. HVL's panning
+ * has no place on a fixed channel and is not heard in this mode.
+ *
+ * The Amiga's switchable audio filter is turned off: the songs' brightness
+ * is their own, shaped by the filter sweeps of the waveforms.
  *
  * HVL songs with more than four channels, or with ring modulation, are
  * mixed in software (players/lib/swmix) into the four Paula channels:
@@ -26,6 +26,7 @@
  * blocks), a delay no listener notices. */
 #include "ahx.h"
 
+#include "kp_math.h"
 #include "swmix.h"
 
 #define MIX_PERIOD SWMIX_PERIOD_22K
@@ -43,11 +44,29 @@ static uint16_t mix_shift;
 
 #define AUD(x, reg) (AUD0##reg + ((x) << 4))
 
+/* The bytes Paula loops for a voice's waveform: a periodic wave is stored
+ * repeated to 128 bytes, noise is a 0x280-byte stretch of the table. */
 static inline uint16_t block_bytes(const struct ahx_voice *v) {
     return v->waveform == AHX_WAVE_NOISE ? AHX_NOISE_BLOCK : 128;
 }
 
 /* ---- Direct ---------------------------------------------------------------- */
+
+/* The tracker plays a voice from a 0x280-byte buffer whose contents it
+ * rewrites when the waveform changes, while the play position runs on: a
+ * new waveform sounds at once, from the position the old one had reached.
+ * Paula cannot change a block in flight, so the player keeps that position
+ * itself (24.8 fixed point, in samples since the voice's instrument started,
+ * modulo 0x280): every tick it advances by the Paula clocks of one tick over
+ * the period Paula played. A new waveform then restarts the channel's DMA
+ * at the same place in the new block, and the whole block is queued to loop
+ * behind it. Voices that play the same note from the same tick thus stay in
+ * phase, as in the tracker. */
+#define PAULA_CLOCKS_PER_TICK_8 (70938ul << 8)   /* Paula clock / 50, x 256 */
+
+static uint32_t phase[4];
+static uint16_t paula_period[4];
+static uint32_t tick_clocks;
 
 static void direct_start(void) {
     KP_CUSTOM16(DMACON) = 0x000F;
@@ -57,34 +76,49 @@ static void direct_start(void) {
         KP_CUSTOM16(AUD(x, PER)) = 428;
         KP_CUSTOM16(AUD(x, VOL)) = 0;
         playing[x] = (const int8_t *)silence;
+        phase[x] = 0;
+        paula_period[x] = 428;
     }
+    tick_clocks = kp_divu32(PAULA_CLOCKS_PER_TICK_8, ahx_song.speed_multiplier);
     KP_CUSTOM16(DMACON) = DMAF_SETCLR | DMAF_MASTER | 0x000F;
 }
 
+/* Starts channel x on the block of `bytes` bytes at src from the voice's
+ * position, and queues the whole block to loop behind it. */
+static void direct_switch(uint16_t x, const int8_t *src, uint16_t bytes) {
+    uint16_t off = (uint16_t)(phase[x] >> 8);
+    if (bytes == 128) off &= 127;
+    off &= (uint16_t)~1u;
+    uint16_t bit = (uint16_t)(1u << x);
+    KP_CUSTOM16(DMACON) = bit;
+    KP_CUSTOM32(AUD(x, LC)) = (uint32_t)(src + off);
+    KP_CUSTOM16(AUD(x, LEN)) = (uint16_t)((bytes - off) >> 1);
+    KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_SETCLR | bit);
+    KP_CUSTOM32(AUD(x, LC)) = (uint32_t)src;
+    KP_CUSTOM16(AUD(x, LEN)) = (uint16_t)(bytes >> 1);
+    playing[x] = src;
+}
+
 static void direct_tick(void) {
-    uint16_t start = 0;
     for (uint16_t x = 0; x < ahx_song.channels; x++) {
         struct ahx_voice *v = &ahx_voices[x];
-        const int8_t *src = v->source ? v->source : (const int8_t *)silence;
-        uint16_t words = v->source ? (uint16_t)(block_bytes(v) >> 1) : 4;
-        if (v->restart) {
-            KP_CUSTOM16(DMACON) = (uint16_t)(1u << x);
-            start |= (uint16_t)(1u << x);
-            v->restart = 0;
-            playing[x] = 0;
-        }
-        if (src != playing[x]) {
-            KP_CUSTOM32(AUD(x, LC)) = (uint32_t)src;
-            KP_CUSTOM16(AUD(x, LEN)) = words;
-            playing[x] = src;
-        }
+        /* Where Paula is now: one tick further at the period it played. */
+        phase[x] += kp_divu32(tick_clocks, paula_period[x]);
+        while (phase[x] >= ((uint32_t)AHX_NOISE_BLOCK << 8)) phase[x] -= (uint32_t)AHX_NOISE_BLOCK << 8;
         if (v->plant_period) {
-            KP_CUSTOM16(AUD(x, PER)) = (uint16_t)v->audio_period;
+            paula_period[x] = (uint16_t)v->audio_period;
+            KP_CUSTOM16(AUD(x, PER)) = paula_period[x];
             v->plant_period = 0;
         }
+        if (v->restart) {
+            phase[x] = 0;
+            playing[x] = 0;
+            v->restart = 0;
+        }
+        const int8_t *src = v->source ? v->source : (const int8_t *)silence;
+        if (src != playing[x]) direct_switch(x, src, v->source ? block_bytes(v) : 8);
         KP_CUSTOM16(AUD(x, VOL)) = (uint16_t)v->audio_volume;
     }
-    if (start) KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_SETCLR | start);
 }
 
 /* ---- Mixed ----------------------------------------------------------------- */
@@ -188,6 +222,7 @@ static uint8_t uses_ring_modulation(void) {
 }
 
 void ahx_output_start(void) {
+    *(volatile uint8_t *)(CIAA + CIAPRA) |= 2;   /* audio filter off */
     mixed = ahx_song.channels > 4 || uses_ring_modulation();
     if (mixed) mix_start();
     else direct_start();
