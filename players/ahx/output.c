@@ -22,15 +22,19 @@
  *     its pair;
  *   - all four channels scale their sum by the same power of two, set by the
  *     larger pair, so a voice is as loud on either side.
- * The mixed voices reach Paula 6-12 ms later than they are set (one to two
- * blocks), a delay no listener notices. */
+ * The mixing runs in the tick, right after the voices are set: each tick
+ * mixes exactly the samples Paula plays until the next one and restarts the
+ * four channels on them, so nothing lags behind the tracker's state. */
 #include "ahx.h"
 
 #include "kp_math.h"
 #include "swmix.h"
 
-#define MIX_PERIOD SWMIX_PERIOD_22K
-#define MIX_BLOCK 256
+/* Mixing periods (about 21-25 kHz) whose tick holds a whole, even number
+ * of samples, for 1..4 ticks per 1/50 s: Paula clock / 50 / ticks / period
+ * is within 0.1 of the block. */
+static const uint16_t mix_period[4] = {165, 143, 162, 143};
+static const uint16_t mix_block[4] = {430, 248, 146, 124};
 
 static uint8_t mixed;
 static uint16_t silence[4] __attribute__((aligned(4)));
@@ -157,8 +161,7 @@ static void mix_start(void) {
     mix_shift = 6;
     for (uint16_t k = 1; k < pair; k = (uint16_t)(k << 1)) mix_shift++;
     mix_assign();
-    swmix_period = MIX_PERIOD;
-    swmix_start(mix_channels, 4, MIX_PERIOD, MIX_BLOCK);
+    swmix_tick_start(mix_channels, 4, mix_period[ahx_song.speed_multiplier - 1]);
 }
 
 static void mix_tick(void) {
@@ -204,6 +207,7 @@ static void mix_tick(void) {
         }
     }
     if (moved) mix_assign();
+    swmix_tick(mix_channels, 4, mix_block[ahx_song.speed_multiplier - 1]);
 }
 
 /* ---- Interface ----------------------------------------------------------- */

@@ -18,9 +18,11 @@
  * over a few instruments only, and one piece costs a few thousand
  * instructions, while all 62 sets would cost millions at every start.
  *
- * The filter is a state-variable filter run once over the plain wave from a
- * zero state, clipped to 8 bits at each stage; its low-pass output makes
- * the low set and its high-pass output the high set at the same cut-off.
+ * The filter is a state-variable filter, clipped to 8 bits at each stage,
+ * run twice over the plain wave: the first pass brings its state to where
+ * the looping wave keeps it, the second writes the output. Its low-pass
+ * output makes the low set and its high-pass output the high set at the
+ * same cut-off.
  * The coefficient of filter k (0..30) is (8 + 3k) / 80, here in 1/4096. */
 #include "ahx.h"
 
@@ -145,13 +147,17 @@ static void make_filtered(uint8_t k, uint8_t piece) {
     const int8_t *in = set_of(32) + off;
     int8_t *low = set_of((uint8_t)(k + 1)) + off, *high = set_of((uint8_t)(k + 33)) + off;
     int16_t f = (int16_t)coefficient[k];
-    int32_t mid = 0, lo = 0;
-    for (uint16_t i = 0; i < len; i++) {
-        int32_t hi = clip(((int32_t)in[i] << 8) - mid - lo);
-        mid = clip(mid + (kp_muls16((int16_t)hi, f) >> 12));
-        lo = clip(lo + (kp_muls16((int16_t)mid, f) >> 12));
-        low[i] = sample_of(lo);
-        high[i] = sample_of(hi);
+    int32_t mid = 0, lo = 0, hi = 0;
+    for (uint16_t pass = 0; pass < 2; pass++) {
+        for (uint16_t i = 0; i < len; i++) {
+            hi = clip(((int32_t)in[i] << 8) - mid - lo);
+            mid = clip(mid + (kp_muls16((int16_t)hi, f) >> 12));
+            lo = clip(lo + (kp_muls16((int16_t)mid, f) >> 12));
+            if (pass) {
+                low[i] = sample_of(lo);
+                high[i] = sample_of(hi);
+            }
+        }
     }
     if (len < WAVE_BLOCK) {
         repeat(low, len);

@@ -236,7 +236,50 @@ void swmix_stop(swmix_channel *const *chs, uint16_t count) {
         if (!c->running) continue;
         c->running = 0;
         KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_AUD0 << c->paula);
+        if (c->old_vector == SWMIX_NO_VECTOR) continue;   /* mixed at the ticks */
         KP_CUSTOM16(INTENA) = (uint16_t)(INTF_AUD0 << c->paula);
         set_int_vector(INTB_AUD0 + c->paula, (void *)c->old_vector);
     }
+}
+
+/* ---- Mixing at the player's ticks ------------------------------------------ */
+
+void swmix_tick_start(swmix_channel *const *chs, uint16_t count, uint16_t period) {
+    if (period < 124) period = 124;
+    swmix_period = period;
+    for (uint16_t i = 0; i < count; i++) {
+        swmix_channel *c = chs[i];
+        uint16_t x = c->paula;
+        c->buf[0] = buffers[x][0];
+        c->buf[1] = buffers[x][1];
+        c->refill = 0;
+        c->running = 1;
+        c->old_vector = SWMIX_NO_VECTOR;
+        KP_CUSTOM16(AUD_REG(x, PER)) = period;
+        KP_CUSTOM16(AUD_REG(x, VOL)) = 64;
+    }
+}
+
+void swmix_tick(swmix_channel *const *chs, uint16_t count, uint16_t bytes) {
+    bytes = (uint16_t)((bytes + 1) & ~1u);
+    if (bytes < 2) bytes = 2;
+    if (bytes > SWMIX_MAX_BLOCK) bytes = SWMIX_MAX_BLOCK;
+    uint16_t dma = 0;
+    for (uint16_t i = 0; i < count; i++) {
+        swmix_channel *c = chs[i];
+        if (!c->running) continue;
+        c->block = bytes;
+        swmix_mix(c, c->buf[c->refill], bytes);
+        dma |= (uint16_t)(DMAF_AUD0 << c->paula);
+    }
+    /* All channels start their new block together, now. */
+    KP_CUSTOM16(DMACON) = dma;
+    for (uint16_t i = 0; i < count; i++) {
+        swmix_channel *c = chs[i];
+        if (!c->running) continue;
+        KP_CUSTOM32(AUD_REG(c->paula, LC)) = (uint32_t)c->buf[c->refill];
+        KP_CUSTOM16(AUD_REG(c->paula, LEN)) = (uint16_t)(bytes >> 1);
+        c->refill ^= 1;
+    }
+    KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_SETCLR | DMAF_MASTER | dma);
 }

@@ -30,6 +30,7 @@
 #include "kelva_player.h"
 
 #define SWMIX_MAX_VOICES 8     /* per Paula channel */
+#define SWMIX_NO_VECTOR 0xFFFFFFFFu   /* old_vector of a channel mixed at the ticks */
 #define SWMIX_MAX_BLOCK 1024   /* bytes per buffer */
 
 /* Common mixing periods: 124 gives 28,604 Hz, 160 gives 22,168 Hz. */
@@ -102,5 +103,17 @@ void swmix_mix(swmix_channel *c, int8_t *out, uint16_t bytes);
 void swmix_start(swmix_channel *const *chs, uint16_t count, uint16_t period, uint16_t block);
 /* Stops the channels' DMA and interrupts and gives the old handlers back. */
 void swmix_stop(swmix_channel *const *chs, uint16_t count);
+
+/* Mixing at the player's ticks instead: a player that mixes its voices in
+ * its tick routine hears every change at once (the interrupt-driven flow
+ * above lags one to two blocks). swmix_tick_start sets the mixing period
+ * (at least 124) for the channels; each call of swmix_tick then mixes
+ * `bytes` samples (even, at most SWMIX_MAX_BLOCK) of every channel into
+ * its next buffer and restarts the channels' DMA on them together. The
+ * block should last until the next tick: tick length / period samples,
+ * rounded up; a block that ends early is played again from its start.
+ * swmix_stop stops the channels. */
+void swmix_tick_start(swmix_channel *const *chs, uint16_t count, uint16_t period);
+void swmix_tick(swmix_channel *const *chs, uint16_t count, uint16_t bytes);
 
 #endif
