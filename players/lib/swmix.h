@@ -13,7 +13,9 @@
  *     into the 8-bit buffers of one Paula channel. Each voice gets 1/N of
  *     the channel's full level (N rounded up to a power of two), so the sum
  *     never clips: 2 voices each play at half the level a plain Paula
- *     channel would give them, as the tracker replays that mixed did.
+ *     channel would give them, as the tracker replays that mixed did. A
+ *     player that sets a channel's `shift` itself keeps at most
+ *     2^(shift - 6) voices in it.
  *   - The Paula channel plays at a fixed period (the mixing rate, 3546895 /
  *     period Hz) from two buffers of `block` bytes in turn. When a buffer
  *     has played, Paula starts the other one (queued through AUDxLC and
