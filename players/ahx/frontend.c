@@ -5,7 +5,8 @@
 
 #include "kp_math.h"
 
-static uint8_t ready, ended, timer_pending;
+static uint8_t ready, timer_pending;
+static uint8_t ended;   /* 1: the song reached its end in the last tick, 2: reported */
 static uint16_t timer;
 static const char *title_ref, *format_ref;
 uint16_t ahx_last_subsong;
@@ -70,10 +71,12 @@ KELVA_ROUTINE(tick) {
         *(volatile uint16_t *)(g + DTG_Timer) = timer;
         kp_support(g, DTG_SetTimer, 0, 0, 0);
     }
-    if (ahx_tick() && !ended) {
-        ended = 1;
+    /* The end is reported once the tick that reached it has played. */
+    if (ended == 1) {
+        ended = 2;
         kp_support(g, DTG_SongEnd, 0, 0, 0);
     }
+    if (ahx_tick() && !ended) ended = 1;
     ahx_output_tick();
     return 0;
 }
