@@ -5,7 +5,7 @@
 
 #include "kp_math.h"
 
-static uint8_t ready, timer_pending;
+static uint8_t loaded, ready, timer_pending;
 static uint8_t ended;   /* 1: the song reached its end in the last tick, 2: reported */
 static uint16_t timer;
 static const char *title_ref, *format_ref;
@@ -20,9 +20,10 @@ KELVA_ROUTINE(check2) {
 /* InitPlayer: reads the song and makes the plain waveforms. */
 KELVA_ROUTINE(init_player) {
     (void)d0;
-    ready = 0;
+    ready = loaded = 0;
     if (ahx_load((const uint8_t *)kp_g32(g, DTG_ChkData), kp_g32(g, DTG_ChkSize))) return 1;
     if (ahx_waves_init()) return 1;
+    loaded = 1;
     title_ref = ahx_song.title[0] ? ahx_song.title : 0;
     static const char *const names[4] = {"AHX (THX v0)", "AHX (THX v1)", "HivelyTracker (HVL v0)",
                                          "HivelyTracker (HVL v1)"};
@@ -46,7 +47,7 @@ __asm__("\t.text\n\t.globl subsong_range\nsubsong_range:\n\tmoveq #0,%d0\n\tmove
 /* InitSound: starts the subsong the host chose. */
 KELVA_ROUTINE(init_sound) {
     (void)d0;
-    if (!ahx_song.tracks) return 1;
+    if (!loaded) return 1;
     ahx_start(kp_g16(g, DTG_SndNum));
     ahx_output_start();
     ended = 0;
