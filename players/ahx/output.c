@@ -90,8 +90,8 @@ static void direct_start(void) {
 /* Starts channel x on the block of `bytes` bytes at src from the voice's
  * position, and queues the whole block to loop behind it. */
 static void direct_switch(uint16_t x, const int8_t *src, uint16_t bytes) {
-    uint16_t off = (uint16_t)(phase[x] >> 8);
-    if (bytes == 128) off &= 127;
+    uint16_t off = (uint16_t)(phase[x] >> 8);   /* below 0x280 */
+    if (bytes != AHX_NOISE_BLOCK) off &= (uint16_t)(bytes - 1);   /* 128 or the 8 bytes of silence */
     off &= (uint16_t)~1u;
     uint16_t bit = (uint16_t)(1u << x);
     KP_CUSTOM16(DMACON) = bit;
