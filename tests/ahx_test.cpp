@@ -532,8 +532,10 @@ TEST_F(Ahx, HivelyFourVoicesPlayOnPaulaDirectly) {
 
 TEST_F(Ahx, RefusesWhatDoesNotFitTheFile) {
     std::vector<uint8_t> good = build(one_track({{37, 1}}, {tone(kSquare)}));
-    auto patched = [&](size_t at, uint8_t v) {
-        std::vector<uint8_t> m = good;
+    song h = one_track({{37, 1}}, {tone(kSquare)});
+    h.hvl = true;
+    std::vector<uint8_t> good_hvl = build(h);
+    auto patched = [](std::vector<uint8_t> m, size_t at, uint8_t v) {
         m[at] = v;
         return m;
     };
@@ -542,13 +544,15 @@ TEST_F(Ahx, RefusesWhatDoesNotFitTheFile) {
         std::vector<uint8_t> mod;
     };
     const bad_case cases[] = {
-        {"version 2", patched(3, 2)},
-        {"no positions", patched(7, 0)},
-        {"track length 0", patched(10, 0)},
-        {"track length 65", patched(10, 65)},
-        {"more tracks than the file holds", patched(11, 40)},
+        {"version 2", patched(good, 3, 2)},
+        {"no positions", patched(good, 7, 0)},
+        {"track length 0", patched(good, 10, 0)},
+        {"track length 65", patched(good, 10, 65)},
+        {"more tracks than the file holds", patched(good, 11, 40)},
         {"a playlist past the end", std::vector<uint8_t>(good.begin(), good.end() - 14)},
         {"cut in the header", std::vector<uint8_t>(good.begin(), good.begin() + 12)},
+        {"HVL with 17 channels", patched(good_hvl, 8, 13 << 2)},
+        {"HVL cut in its tracks", std::vector<uint8_t>(good_hvl.begin(), good_hvl.begin() + 30)},
     };
     kelva_global_init();
     std::vector<uint8_t> p = read_bytes(player_path("AHX"));
