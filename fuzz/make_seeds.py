@@ -266,6 +266,83 @@ def ptm_seed(channels=4, cut=0):
     return out[:len(out) - cut] if cut else out
 
 
+# ---- AHX and HivelyTracker songs ---------------------------------------------
+
+def synth_song(hvl, channels=4, version=1, speed_mult=1, stereo=2):
+    """A song whose instruments use every playlist command and modulation and
+    whose tracks use every track command (both columns in HVL)."""
+    fx_code = {12: 6, 15: 7}
+    # playlist entries: (waveform, note, fixed, fx1, p1, fx2, p2)
+    lead = [(3, 1, 0, 3, 0x20, 4, 0xF1), (0, 13, 0, 0, 0x10, 1, 4), (2, 1, 0, 2, 3, 12, 0x30),
+            (0, 0, 0, 4, 0x01, 15, 2), (1, 49, 1, 3, 0x08, 5, 1)]
+    drum = [(4, 30, 1, 12, 0x40, 0, 0x3F), (3, 20, 1, 3, 0x3C, 2, 20), (4, 10, 1, 12, 0x90, 15, 0)]
+    ring = [(3, 1, 0, 7 if hvl else 0, 0x81, 9 if hvl else 0, 0x40), (0, 0, 0, 8 if hvl else 0, 0x30, 4, 0xF0),
+            (0, 0, 0, 7 if hvl else 0, 0, 5, 0)]
+    # (volume, wave length, ADSR, filter lower/upper/speed, vibrato, hard cut, square limits/speed, speed, list)
+    instruments = [
+        (64, 3, (4, 64, 8, 40, 16, 20, 0), (10, 40, 33), (2, 5, 24), (3, 1), (0x10, 0x30, 2), 1, lead),
+        (48, 5, (1, 64, 4, 20, 0, 8, 0), (1, 63, 1), (0, 0, 0), (0, 0), (0x00, 0x3F, 1), 2, drum),
+        (40, 2, (0, 64, 0, 64, 100, 0, 0), (30, 34, 4), (0, 15, 63), (7, 0), (0x3F, 0x01, 3), 0, ring),
+    ]
+    track_len = 16
+    # steps: (note, instrument, fx, param, fxb, paramb)
+    t1 = [(25, 1, 0x9, 0x10, 0xE, 0xF1), (0, 0, 0x1, 4, 0, 0), (37, 0, 0x3, 0x20, 0x7, 0x40), (0, 0, 0x5, 0x21, 0, 0),
+          (30, 2, 0xC, 0x30, 0xA, 0x04), (0, 0, 0xE, 0x13, 0xE, 0x24), (0, 0, 0xE, 0x41, 0xE, 0xA2),
+          (42, 3, 0x4, 0x45, 0x4, 0x10), (0, 0, 0xE, 0xC2, 0, 0), (49, 1, 0xE, 0xD3, 0xE, 0xB1),
+          (0, 0, 0x2, 0x03, 0xC, 0x70), (0, 0, 0xC, 0xB0, 0xF, 0x04), (13, 3, 0xF, 0x06, 0, 0),
+          (0, 0, 0x0, 0x01, 0, 0), (60, 2, 0xD, 0x02, 0, 0), (0, 0, 0xB, 0x01, 0, 0)]
+    t2 = [(1 + 3 * i, 1 + i % 3, 0, 0, 0, 0) for i in range(track_len)]
+    tracks = [[], t1, t2]
+    positions = [[1 + (c + p) % 2 for c in range(channels)] for p in range(3)]
+    head = bytearray(16 if hvl else 14)
+    head[0:4] = (b"HVL" if hvl else b"THX") + bytes([version])
+    head[6] = ((speed_mult - 1) << 5) | (len(positions) >> 8)
+    head[7] = len(positions) & 255
+    head[8] = ((channels - 4) << 2) if hvl else 0
+    head[9] = 1
+    head[10], head[11], head[12], head[13] = track_len, len(tracks) - 1, len(instruments), 2
+    if hvl:
+        head[14], head[15] = 80, stereo
+    out = bytearray(head)
+    out += bytes([0, 1, 0, 2])   # subsongs from positions 1 and 2
+    for p in positions:
+        for c in range(channels):
+            out += bytes([p[c], (c * 3 - 4) & 255])
+    for t in tracks:
+        for r in range(track_len):
+            n, i, fx, pa, fxb, pb = t[r] if r < len(t) else (0, 0, 0, 0, 0, 0)
+            if hvl:
+                out += bytes([0x3F]) if (n, i, fx, pa, fxb, pb) == (0, 0, 0, 0, 0, 0) else \
+                    bytes([n, i, fx << 4 | fxb, pa, pb])
+            else:
+                out += bytes([n << 2 | i >> 4, (i & 15) << 4 | fx, pa])
+    for vol, wl, adsr, flt, vib, hc, sq, speed, plist in instruments:
+        a, av, d, dv, st, r, rv = adsr
+        lo, hi, fs = flt
+        out += bytes([vol, (fs & 31) << 3 | wl, a, av, d, dv, st, r, rv, 0, 0, 0, (fs & 32) << 2 | lo, vib[0],
+                      hc[1] << 7 | hc[0] << 4 | vib[1], vib[2], sq[0], sq[1], sq[2], hi, speed, len(plist)])
+        for w, n, fixed, f1, p1, f2, p2 in plist:
+            if hvl:
+                out += bytes([f1, f2 << 3 | w, fixed << 6 | n, p1, p2])
+            else:
+                out += bytes([fx_code.get(f2, f2) << 5 | fx_code.get(f1, f1) << 2 | w >> 1,
+                              (w & 1) << 7 | fixed << 6 | n, p1, p2])
+    names = len(out)
+    out[4], out[5] = names >> 8, names & 255
+    out += b"seed\0lead\0drum\0ring\0"
+    return bytes(out)
+
+
+def ahx_seeds():
+    return {
+        "ahx1": named_engine_input("seed.ahx", 0, synth_song(False)),
+        "ahx0-sub2": named_engine_input("AHX.seed", 2, synth_song(False, version=0, speed_mult=2)),
+        "hvl-6ch": named_engine_input("seed.hvl", 0, synth_song(True, channels=6, stereo=0)),
+        "hvl-16ch-sub1": named_engine_input("seed.hvl", 1, synth_song(True, channels=16, speed_mult=4)),
+        "hvl-4ch": named_engine_input("seed.hvl", 0, synth_song(True, channels=4, version=0)),
+    }
+
+
 # ---- eagleplayer.conf and songlengths.db --------------------------------------
 
 def conf_seeds():
@@ -349,6 +426,8 @@ def main():
                                   ("ims-st", "seed.st", ims_seed()), ("ptm", "seed.ptm", ptm_seed()),
                                   ("ptm-9ch", "seed.ptm", ptm_seed(9)), ("ptm-cut", "seed.ptm", ptm_seed(32, 600))):
         write("engine", name, named_engine_input(file_name, 0, data))
+    for name, data in ahx_seeds().items():
+        write("engine", name, data)
     for name, data in conf_seeds().items():
         write("epconf", name, data)
     for name, data in db_seeds().items():

@@ -54,29 +54,110 @@ void swmix_voice_period(swmix_voice *v, uint16_t period) {
     swmix_voice_step(v, kp_divu32((uint32_t)swmix_period << 16, period));
 }
 
-/* Adds one voice's next n samples x volume to the sum and advances it. */
-static void add_voice(int32_t *sum, uint16_t n, swmix_voice *v) {
-    const int8_t *d = v->data;
-    if (!d) return;
+void swmix_ring_period(swmix_voice *v, uint16_t period) {
+    uint32_t step = 0;
+    if (period && swmix_period) step = kp_divu32((uint32_t)swmix_period << 16, period);
+    v->ring_step_int = (uint16_t)(step >> 16);
+    v->ring_step_frac = (uint16_t)step;
+}
+
+/* add_voice for a ring-modulated voice: (sample x ring sample / 128) x
+ * volume. */
+static void add_ring_voice(int32_t *sum, uint16_t n, swmix_voice *v) {
+    const int8_t *d = v->data, *r = v->ring;
     uint32_t pos = v->pos, end = v->end, loop_len = v->loop_len;
+    uint32_t rpos = v->ring_pos, rlen = v->ring_len;
     uint16_t frac = v->frac, step_int = v->step_int, step_frac = v->step_frac;
+    uint16_t rfrac = v->ring_frac, rstep_int = v->ring_step_int, rstep_frac = v->ring_step_frac;
     int16_t vol = (int16_t)(v->volume > 64 ? 64 : v->volume);
+    if (rlen == 0) return;
     for (uint16_t i = 0; i < n; i++) {
-        sum[i] += kp_muls16(d[pos], vol);
+        int16_t s = (int16_t)(kp_muls16(d[pos], r[rpos]) >> 7);
+        if (s > 127) s = 127;   /* -128 x -128 */
+        sum[i] += kp_muls16(s, vol);
         uint32_t f = (uint32_t)frac + step_frac;
         frac = (uint16_t)f;
         pos += step_int + (f >> 16);
         if (pos >= end) {
             if (loop_len == 0) {
-                v->data = 0;   /* a one-shot sample has ended */
+                v->data = 0;
                 return;
             }
             do pos -= loop_len;
             while (pos >= end);
         }
+        f = (uint32_t)rfrac + rstep_frac;
+        rfrac = (uint16_t)f;
+        rpos += rstep_int + (f >> 16);
+        while (rpos >= rlen) rpos -= rlen;
     }
     v->pos = pos;
     v->frac = frac;
+    v->ring_pos = rpos;
+    v->ring_frac = rfrac;
+}
+
+/* Adds one voice's next n samples x volume to the sum and advances it. */
+static void add_voice(int32_t *sum, uint16_t n, swmix_voice *v) {
+    const int8_t *d = v->data;
+    if (!d) return;
+    if (v->ring) {
+        add_ring_voice(sum, n, v);
+        return;
+    }
+    if (n == 0) return;
+    uint32_t pos = v->pos, loop_len = v->loop_len;
+    if (v->volume == 0) {
+        /* Silent: only the position moves on, by n steps at once. */
+        uint32_t f = (uint32_t)v->frac + kp_mulu16(n, v->step_frac);
+        pos += kp_mulu16(n, v->step_int) + (f >> 16);
+        if (pos >= v->end) {
+            if (loop_len == 0) {
+                v->data = 0;
+                return;
+            }
+            do pos -= loop_len;
+            while (pos >= v->end);
+        }
+        v->pos = pos;
+        v->frac = (uint16_t)f;
+        return;
+    }
+    const void *end = (const void *)v->end;
+    uint32_t frac = (uint32_t)v->frac << 16, step_frac = (uint32_t)v->step_frac << 16, step_int = v->step_int;
+    int16_t vol = (int16_t)(v->volume > 64 ? 64 : v->volume);
+    int16_t left = (int16_t)(n - 1);   /* samples after the current one */
+    for (;;) {
+        /* Per sample: sum += data[pos] x volume; the fraction's carry (X)
+         * moves pos one byte further. The loop leaves after the last sample
+         * or after the sample that took pos to the end (left then counts
+         * the samples still to mix). */
+        int16_t scratch;
+        __asm__ volatile("1:\tmove.b (%[d],%[pos].l),%[t]\n"
+                         "\text.w %[t]\n"
+                         "\tmuls.w %[vol],%[t]\n"
+                         "\tadd.l %[t],(%[sum])+\n"
+                         "\tadd.l %[sf],%[frac]\n"
+                         "\taddx.l %[si],%[pos]\n"
+                         "\tcmp.l %[end],%[pos]\n"
+                         "\tdbcc %[left],1b"
+                         : [pos] "+d"(pos), [frac] "+d"(frac), [t] "=&d"(scratch), [sum] "+a"(sum),
+                           [left] "+d"(left)
+                         : [d] "a"(d), [sf] "d"(step_frac), [si] "d"(step_int), [vol] "d"(vol), [end] "a"(end)
+                         : "cc", "memory");
+        (void)scratch;
+        if (pos < (uint32_t)end) break;   /* all n mixed */
+        if (loop_len == 0) {
+            v->data = 0;   /* a one-shot sample has ended */
+            return;
+        }
+        do pos -= loop_len;
+        while (pos >= (uint32_t)end);
+        if (left <= 0) break;
+        left--;
+    }
+    v->pos = pos;
+    v->frac = (uint16_t)(frac >> 16);
 }
 
 /* ---- Mixed channels ----------------------------------------------------- */
@@ -94,15 +175,29 @@ void swmix_channel_init(swmix_channel *c, uint16_t paula, swmix_voice *const *vo
 
 void swmix_mix(swmix_channel *c, int8_t *out, uint16_t bytes) {
     if (bytes > SWMIX_MAX_BLOCK) bytes = SWMIX_MAX_BLOCK;
-    for (uint16_t i = 0; i < bytes; i++) mix_sum[i] = 0;
-    for (uint16_t k = 0; k < c->voices; k++) add_voice(mix_sum, bytes, c->voice[k]);
-    uint16_t shift = c->shift;
-    for (uint16_t i = 0; i < bytes; i++) {
-        int32_t s = mix_sum[i] >> shift;
-        if (s > 127) s = 127;
-        if (s < -128) s = -128;
-        out[i] = (int8_t)s;
+    uint16_t audible = 0;
+    for (uint16_t k = 0; k < c->voices; k++) audible |= c->voice[k]->data && c->voice[k]->volume;
+    if (!audible) {
+        /* Nothing to hear: the voices only move on. */
+        for (uint16_t k = 0; k < c->voices; k++) add_voice(mix_sum, bytes, c->voice[k]);
+        for (uint16_t i = 0; i < bytes; i++) out[i] = 0;
+        return;
     }
+    if (bytes == 0) return;
+    int32_t *sum = mix_sum;
+    int16_t count = (int16_t)(bytes - 1);
+    __asm__ volatile("1:\tclr.l (%[s])+\n\tdbra %[n],1b" : [s] "+a"(sum), [n] "+d"(count) : : "cc", "memory");
+    for (uint16_t k = 0; k < c->voices; k++) add_voice(mix_sum, bytes, c->voice[k]);
+    /* Every voice adds between -128 x 64 and 127 x 64 per sample, so with
+     * at most 2^(shift - 6) voices the shifted sum fits in a byte. */
+    sum = mix_sum;
+    count = (int16_t)(bytes - 1);
+    int32_t scratch, shift = c->shift;
+    __asm__ volatile("1:\tmove.l (%[s])+,%[t]\n\tasr.l %[sh],%[t]\n\tmove.b %[t],(%[o])+\n\tdbra %[n],1b"
+                     : [s] "+a"(sum), [o] "+a"(out), [n] "+d"(count), [t] "=&d"(scratch)
+                     : [sh] "d"(shift)
+                     : "cc", "memory");
+    (void)scratch;
 }
 
 /* ---- Interrupt-driven playback ----------------------------------------- */
@@ -190,7 +285,50 @@ void swmix_stop(swmix_channel *const *chs, uint16_t count) {
         if (!c->running) continue;
         c->running = 0;
         KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_AUD0 << c->paula);
+        if (c->old_vector == SWMIX_NO_VECTOR) continue;   /* mixed at the ticks */
         KP_CUSTOM16(INTENA) = (uint16_t)(INTF_AUD0 << c->paula);
         set_int_vector(INTB_AUD0 + c->paula, (void *)c->old_vector);
     }
+}
+
+/* ---- Mixing at the player's ticks ------------------------------------------ */
+
+void swmix_tick_start(swmix_channel *const *chs, uint16_t count, uint16_t period) {
+    if (period < 124) period = 124;
+    swmix_period = period;
+    for (uint16_t i = 0; i < count; i++) {
+        swmix_channel *c = chs[i];
+        uint16_t x = c->paula;
+        c->buf[0] = buffers[x][0];
+        c->buf[1] = buffers[x][1];
+        c->refill = 0;
+        c->running = 1;
+        c->old_vector = SWMIX_NO_VECTOR;
+        KP_CUSTOM16(AUD_REG(x, PER)) = period;
+        KP_CUSTOM16(AUD_REG(x, VOL)) = 64;
+    }
+}
+
+void swmix_tick(swmix_channel *const *chs, uint16_t count, uint16_t bytes) {
+    bytes = (uint16_t)((bytes + 1) & ~1u);
+    if (bytes < 2) bytes = 2;
+    if (bytes > SWMIX_MAX_BLOCK) bytes = SWMIX_MAX_BLOCK;
+    uint16_t dma = 0;
+    for (uint16_t i = 0; i < count; i++) {
+        swmix_channel *c = chs[i];
+        if (!c->running) continue;
+        c->block = bytes;
+        swmix_mix(c, c->buf[c->refill], bytes);
+        dma |= (uint16_t)(DMAF_AUD0 << c->paula);
+    }
+    /* All channels start their new block together, now. */
+    KP_CUSTOM16(DMACON) = dma;
+    for (uint16_t i = 0; i < count; i++) {
+        swmix_channel *c = chs[i];
+        if (!c->running) continue;
+        KP_CUSTOM32(AUD_REG(c->paula, LC)) = (uint32_t)c->buf[c->refill];
+        KP_CUSTOM16(AUD_REG(c->paula, LEN)) = (uint16_t)(bytes >> 1);
+        c->refill ^= 1;
+    }
+    KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_SETCLR | DMAF_MASTER | dma);
 }

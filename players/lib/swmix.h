@@ -13,7 +13,9 @@
  *     into the 8-bit buffers of one Paula channel. Each voice gets 1/N of
  *     the channel's full level (N rounded up to a power of two), so the sum
  *     never clips: 2 voices each play at half the level a plain Paula
- *     channel would give them, as the tracker replays that mixed did.
+ *     channel would give them, as the tracker replays that mixed did. A
+ *     player that sets a channel's `shift` itself keeps at most
+ *     2^(shift - 6) voices in it.
  *   - The Paula channel plays at a fixed period (the mixing rate, 3546895 /
  *     period Hz) from two buffers of `block` bytes in turn. When a buffer
  *     has played, Paula starts the other one (queued through AUDxLC and
@@ -30,6 +32,7 @@
 #include "kelva_player.h"
 
 #define SWMIX_MAX_VOICES 8     /* per Paula channel */
+#define SWMIX_NO_VECTOR 0xFFFFFFFFu   /* old_vector of a channel mixed at the ticks */
 #define SWMIX_MAX_BLOCK 1024   /* bytes per buffer */
 
 /* Common mixing periods: 124 gives 28,604 Hz, 160 gives 22,168 Hz. */
@@ -45,6 +48,12 @@ typedef struct swmix_voice {
     uint16_t step_int;    /* bytes advanced per mixed sample: integer part */
     uint16_t step_frac;   /* and fraction in 1/65536 */
     uint16_t volume;      /* 0..64 */
+    /* Ring modulation: when `ring` is set, every sample is multiplied by
+     * the ring wave's sample / 128 before the volume. The ring wave loops
+     * over ring_len bytes at a step of its own. */
+    const int8_t *ring;
+    uint32_t ring_pos, ring_len;
+    uint16_t ring_frac, ring_step_int, ring_step_frac;
 } swmix_voice;
 
 typedef struct swmix_channel {
@@ -78,6 +87,8 @@ void swmix_voice_stop(swmix_voice *v);
 void swmix_voice_period(swmix_voice *v, uint16_t period);
 /* The step as a 16.16 fixed-point number of bytes per mixed sample. */
 void swmix_voice_step(swmix_voice *v, uint32_t step);
+/* The ring wave's step for an Amiga period, as swmix_voice_period. */
+void swmix_ring_period(swmix_voice *v, uint16_t period);
 
 /* Sets up a mixed channel on Paula channel `paula` for `count` voices
  * (1..SWMIX_MAX_VOICES). */
@@ -94,5 +105,17 @@ void swmix_mix(swmix_channel *c, int8_t *out, uint16_t bytes);
 void swmix_start(swmix_channel *const *chs, uint16_t count, uint16_t period, uint16_t block);
 /* Stops the channels' DMA and interrupts and gives the old handlers back. */
 void swmix_stop(swmix_channel *const *chs, uint16_t count);
+
+/* Mixing at the player's ticks instead: a player that mixes its voices in
+ * its tick routine hears every change at once (the interrupt-driven flow
+ * above lags one to two blocks). swmix_tick_start sets the mixing period
+ * (at least 124) for the channels; each call of swmix_tick then mixes
+ * `bytes` samples (even, at most SWMIX_MAX_BLOCK) of every channel into
+ * its next buffer and restarts the channels' DMA on them together. The
+ * block should last until the next tick: tick length / period samples,
+ * rounded up; a block that ends early is played again from its start.
+ * swmix_stop stops the channels. */
+void swmix_tick_start(swmix_channel *const *chs, uint16_t count, uint16_t period);
+void swmix_tick(swmix_channel *const *chs, uint16_t count, uint16_t bytes);
 
 #endif

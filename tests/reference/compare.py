@@ -48,6 +48,8 @@ FOLDERS = {
     "variants": "openmpt",
     "effects": "openmpt",
     "multichannel": "openmpt",
+    "ahx": "envelope",
+    "hvl": "envelope",
 }
 
 # Modules whose reference differs from their folder's: module -> reference.
