@@ -48,10 +48,14 @@ FOLDERS = {
     "variants": "openmpt",
     "effects": "openmpt",
     "multichannel": "openmpt",
+    "med": "openmpt",
 }
 
 # Modules whose reference differs from their folder's: module -> reference.
 REFERENCE = {
+    # MED 2/3/4 songs: openmpt123 does not load them.
+    "med/med3song.med": "xmp",
+    "med/Synth-a-sysmic.med": "xmp",
 }
 
 # Files in the folders that are not modules of their own (companion files).
