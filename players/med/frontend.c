@@ -11,6 +11,8 @@ static const char player_creator[] = "kelva: MED and OctaMED replay (MED2-MED4, 
 
 /* The last subsong (0-based), for SubSongRange. */
 uint32_t med_last_song;
+/* The player globals, for the loader's LoadFile calls. */
+kp_globals med_globals;
 
 /* The module's title and format as C strings for the host, and the longs
  * the DTP_ModuleName and DTP_FormatName tags point at. */
@@ -39,6 +41,7 @@ void subsong_range(void);
 KELVA_ROUTINE(init_sound) {
     (void)d0;
     uint16_t n = kp_g16(g, DTG_SndNum);
+    med_globals = g;
     if (med_load_song(n)) return 1;
     title_ref = med_title;
     format_ref = med_format_name();

@@ -157,25 +157,27 @@ static void read_block(struct med_block *b, uint32_t at, uint8_t version) {
 
 /* ---- Instruments -------------------------------------------------------- */
 
-/* A copy of a sample in the 8-bit mono form Paula plays: the high bytes of
- * 16-bit samples, delta coding undone, stereo channels averaged. */
+/* A copy of a sample in the 8-bit mono form Paula plays: the high bytes
+ * of 16-bit samples, delta coding undone, a stereo sample's two channels
+ * averaged. */
 static uint32_t convert_sample(uint32_t data, uint32_t frames, uint16_t type) {
     int8_t *out = (int8_t *)med_alloc(frames + 2);
     if (!out) return 0;
     uint8_t wide = (type & 0x10) ? 1 : 0;
-    uint32_t right = (type & 0x20) ? (frames << ((type & 0x10) ? 1 : 0)) : 0;
+    uint32_t right = (type & 0x20) ? frames << wide : 0;
     int16_t acc_l = 0, acc_r = 0;
     for (uint32_t i = 0; i < frames; i++) {
-        uint32_t o = i << wide;
-        int16_t l = (int8_t)rd8(data + o);
-        int16_t r = right ? (int8_t)rd8(data + right + o) : l;
+        uint32_t o = data + (i << wide);
+        int16_t l = wide ? (int16_t)rd16(o) : (int16_t)((int16_t)(int8_t)rd8(o) << 8);
+        int16_t r = l;
+        if (right) r = wide ? (int16_t)rd16(o + right) : (int16_t)((int16_t)(int8_t)rd8(o + right) << 8);
         if (type & 0x40) {   /* delta: each value is the difference to the one before */
-            acc_l = (int8_t)(acc_l + l);
-            acc_r = (int8_t)(acc_r + r);
+            acc_l = (int16_t)(acc_l + l);
+            acc_r = (int16_t)(acc_r + r);
             l = acc_l;
-            r = acc_r;
+            r = right ? acc_r : acc_l;
         }
-        out[i] = (int8_t)((l + r) >> 1);
+        out[i] = (int8_t)((int16_t)((l >> 1) + (r >> 1)) >> 8);
     }
     return (uint32_t)out;
 }
@@ -409,6 +411,17 @@ uint32_t med_load_song(uint16_t n) {
         uint16_t nt = rd16(s + 520);
         if (tv && in_mod(mod_base + tv, nt))
             for (uint16_t t = 0; t < nt && t < MED_MAX_TRACKS; t++) song.trackvol[t] = rd8(mod_base + tv + t);
+        /* Mixed songs pan their tracks: by the song's table when it has free
+         * panning (always in MMD3), else left, right, right, left. */
+        song.stereo = (song.flags2 & SF2_MIX) ? 1 : 0;
+        uint32_t tp = rd32(s + 524);
+        uint8_t free_pan = (rd32(s + 528) & 2) || version == 3;
+        for (uint16_t t = 0; t < MED_MAX_TRACKS; t++) song.trackpan[t] = ((t + 1) & 2) ? 16 : -16;
+        if (free_pan && tp && in_mod(mod_base + tp, nt))
+            for (uint16_t t = 0; t < nt && t < MED_MAX_TRACKS; t++) {
+                int8_t p = (int8_t)rd8(mod_base + tp + t);
+                song.trackpan[t] = p < -16 ? -16 : p > 16 ? 16 : p;
+            }
     }
     for (uint16_t t = 0; t < MED_MAX_TRACKS; t++)
         if (song.trackvol[t] > 64) song.trackvol[t] = 64;

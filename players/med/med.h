@@ -109,6 +109,8 @@ struct med_song {
     uint16_t pseqs;
     struct med_pseq *pseq;
     uint8_t mmd3_notes;       /* note numbers are two octaves higher than MMD0-2's */
+    uint8_t stereo;           /* software mixing with track panning (MMD2/MMD3 mix mode) */
+    int8_t trackpan[MED_MAX_TRACKS];   /* -16 (left) .. 16 (right) */
 };
 
 extern struct med_song song;
@@ -157,12 +159,15 @@ void med_stop(void);
 
 /* ---- output.c ----------------------------------------------------------- */
 
-/* Tracks go to Paula directly (four at most) or through the software mixer. */
-void out_init(uint8_t tracks, uint8_t mixed);
+/* Tracks go to Paula directly (four at most) or through the software
+ * mixer, in stereo with panning when `stereo` is set. */
+void out_init(uint8_t tracks, uint8_t mixed, uint8_t stereo);
 void out_shutdown(void);
 /* A new sound on a track: `len` bytes from `lc`, then the loop (`rep`,
  * `replen` bytes) or, when `replen` is 0, silence. */
 void out_play(uint8_t t, uint32_t lc, uint32_t len, uint32_t rep, uint32_t replen);
+/* A track's panning, -16 (left) .. 16 (right), for the stereo mix. */
+void out_pan(uint8_t t, int8_t pan);
 /* A synthetic sound starts; `restart` stops what the track played first
  * (its waveforms follow through out_wave). */
 void out_synth(uint8_t t, uint8_t restart);

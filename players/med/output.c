@@ -7,24 +7,32 @@
  * sounds are queued behind the one playing, so they change at the end of
  * a waveform period.
  *
- * Songs with more tracks (OctaMED's 5-8 channel mode, and wider MMD1-MMD3
- * songs) and the software-mixed MMD2/MMD3 songs play through the shared
- * software mixer (players/lib/swmix): track t is a voice of Paula channel
- * t mod 4, so tracks 0 and 4 share channel 0 as in OctaMED's channel
- * splitting, and a channel sums its voices at 1/N of the level each (N =
- * its voices rounded up to a power of two). The mixer plays each channel
- * at 22 kHz from two buffers refilled by the channel's audio interrupt;
- * the tracks' sample, period and volume set on a tick are heard from the
- * next buffer on. Up to 32 tracks sound this way; further tracks are
- * silent. */
+ * Songs with more tracks play through the shared software mixer
+ * (players/lib/swmix): every track is a voice of a mixed Paula channel,
+ * summed at 1/N of the level each (N = the channel's voices rounded up to
+ * a power of two). The mixer plays each channel at 22 kHz from two
+ * buffers of 64 bytes refilled by the channel's audio interrupt, so what
+ * a tick sets is heard from the next buffer on (within about 6 ms).
+ *
+ *   - OctaMED's 5-8 channel mode and other wide songs (mono): track t is
+ *     a voice of Paula channel t mod 4, so tracks 0 and 4 share channel 0
+ *     as in OctaMED's channel splitting. Up to 32 tracks sound.
+ *   - Software-mixed MMD2/MMD3 songs (stereo, with each track's panning):
+ *     every track has a voice on a left channel (tracks 0-7 on channel 0,
+ *     8-15 on channel 3) and one on a right channel (1, 2), their volumes
+ *     split by the pan linearly (centre: half each side). Up to 16 tracks
+ *     sound this way; wider mixed songs fall back to the mono layout. */
 #include "med.h"
 #include "swmix.h"
+#include "kp_math.h"
 
 #define MIX_TRACKS 32
+#define PAN_TRACKS 16
 #define MIX_PERIOD SWMIX_PERIOD_22K
-#define MIX_BLOCK 128
+#define MIX_BLOCK 64
 
 uint8_t out_mixed;
+static uint8_t stereo;
 static uint8_t ntracks;
 
 /* ---- Paula ----------------------------------------------------------------- */
@@ -49,17 +57,53 @@ static void set_block(uint8_t t, uint32_t lc, uint32_t words) {
 
 /* ---- Mixer -------------------------------------------------------------------- */
 
-static swmix_voice voice[MIX_TRACKS];
-static uint8_t voice_fresh[MIX_TRACKS];   /* a synthetic sound waits for its first waveform */
+static swmix_voice voice[MIX_TRACKS];      /* mono: every track; stereo: the left voices */
+static swmix_voice voice_r[PAN_TRACKS];    /* stereo: the right voices */
+static uint8_t voice_fresh[MIX_TRACKS];    /* a synthetic sound waits for its first waveform */
+static int8_t pan[PAN_TRACKS];
+static uint8_t volume_of[PAN_TRACKS];
 static swmix_channel channel[4];
 static swmix_channel *channel_list[4];
 static uint8_t channels_used;
 
+static void add_channel(uint8_t paula, swmix_voice *const *list, uint16_t n) {
+    if (!n) return;
+    swmix_channel_init(&channel[paula], paula, list, n);
+    channel_list[channels_used++] = &channel[paula];
+}
+
+static void voice_play(swmix_voice *v, uint32_t lc, uint32_t len, uint32_t rep, uint32_t replen) {
+    if (replen < 2) swmix_voice_play(v, (const int8_t *)lc, len, 0, 0, 0);
+    else if (rep >= lc) swmix_voice_play(v, (const int8_t *)lc, rep + replen - lc, rep - lc, replen, 0);
+    else swmix_voice_play(v, (const int8_t *)rep, replen, 0, replen, lc - rep);   /* started inside the loop */
+}
+
+static void voice_wave(swmix_voice *v, uint32_t lc, uint32_t bytes, uint8_t fresh) {
+    if (!v->data || fresh || v->loop_len == 0) {
+        swmix_voice_play(v, (const int8_t *)lc, bytes, 0, bytes, 0);
+        return;
+    }
+    /* the next waveform continues at the same phase */
+    uint32_t p = v->pos >= v->end - v->loop_len ? v->pos - (v->end - v->loop_len) : 0;
+    if (p >= bytes) p = 0;
+    v->data = (const int8_t *)lc;
+    v->pos = p;
+    v->end = bytes;
+    v->loop_len = bytes;
+}
+
+static void pan_volumes(uint8_t t) {
+    uint16_t v = volume_of[t];
+    voice[t].volume = (uint16_t)(kp_mulu16(v, (uint16_t)(16 - pan[t])) >> 5);
+    voice_r[t].volume = (uint16_t)(kp_mulu16(v, (uint16_t)(16 + pan[t])) >> 5);
+}
+
 /* ---- Interface -------------------------------------------------------------------- */
 
-void out_init(uint8_t tracks, uint8_t mixed) {
+void out_init(uint8_t tracks, uint8_t mixed, uint8_t pan_mix) {
     ntracks = tracks;
     out_mixed = mixed;
+    stereo = mixed && pan_mix && tracks <= PAN_TRACKS;
     dma_start = 0;
     KP_CUSTOM16(DMACON) = 0x000F;
     for (uint8_t c = 0; c < 4; c++) {
@@ -69,17 +113,34 @@ void out_init(uint8_t tracks, uint8_t mixed) {
     if (!mixed) return;
     if (ntracks > MIX_TRACKS) ntracks = MIX_TRACKS;
     channels_used = 0;
-    for (uint8_t c = 0; c < 4 && c < ntracks; c++) {
-        swmix_voice *list[SWMIX_MAX_VOICES];
-        uint16_t n = 0;
-        for (uint8_t t = c; t < ntracks && n < SWMIX_MAX_VOICES; t = (uint8_t)(t + 4)) {
-            swmix_voice_stop(&voice[t]);
-            voice[t].volume = 0;
-            voice_fresh[t] = 0;
-            list[n++] = &voice[t];
+    for (uint8_t t = 0; t < ntracks; t++) {
+        swmix_voice_stop(&voice[t]);
+        voice[t].volume = 0;
+        voice_fresh[t] = 0;
+        if (t < PAN_TRACKS) {
+            swmix_voice_stop(&voice_r[t]);
+            voice_r[t].volume = 0;
+            pan[t] = song.trackpan[t];
+            volume_of[t] = 0;
         }
-        swmix_channel_init(&channel[c], c, list, n);
-        channel_list[channels_used++] = &channel[c];
+    }
+    swmix_voice *list[SWMIX_MAX_VOICES];
+    if (stereo) {
+        /* left: tracks 0-7 on channel 0, 8-15 on 3; right: 0-7 on 1, 8-15 on 2 */
+        static const uint8_t side_channel[2][2] = {{0, 3}, {1, 2}};
+        for (uint8_t side = 0; side < 2; side++)
+            for (uint8_t half = 0; half < 2; half++) {
+                uint16_t n = 0;
+                for (uint8_t t = (uint8_t)(half << 3); t < ntracks && t < (half << 3) + 8; t++)
+                    list[n++] = side ? &voice_r[t] : &voice[t];
+                add_channel(side_channel[side][half], list, n);
+            }
+    } else {
+        for (uint8_t c = 0; c < 4; c++) {
+            uint16_t n = 0;
+            for (uint8_t t = c; t < ntracks && n < SWMIX_MAX_VOICES; t = (uint8_t)(t + 4)) list[n++] = &voice[t];
+            add_channel(c, list, n);
+        }
     }
     swmix_start(channel_list, channels_used, MIX_PERIOD, MIX_BLOCK);
 }
@@ -93,16 +154,9 @@ void out_shutdown(void) {
 void out_play(uint8_t t, uint32_t lc, uint32_t len, uint32_t rep, uint32_t replen) {
     if (t >= ntracks) return;
     if (out_mixed) {
-        swmix_voice *v = &voice[t];
         voice_fresh[t] = 0;
-        if (replen < 2) {
-            swmix_voice_play(v, (const int8_t *)lc, len, 0, 0, 0);
-        } else if (rep >= lc) {
-            swmix_voice_play(v, (const int8_t *)lc, rep + replen - lc, rep - lc, replen, 0);
-        } else {
-            /* started inside the loop (a sample offset) */
-            swmix_voice_play(v, (const int8_t *)rep, replen, 0, replen, lc - rep);
-        }
+        voice_play(&voice[t], lc, len, rep, replen);
+        if (stereo) voice_play(&voice_r[t], lc, len, rep, replen);
         return;
     }
     uint16_t bit = (uint16_t)(1u << t);
@@ -123,6 +177,7 @@ void out_synth(uint8_t t, uint8_t restart) {
     if (out_mixed) {
         if (restart) {
             swmix_voice_stop(&voice[t]);
+            if (stereo) swmix_voice_stop(&voice_r[t]);
             voice_fresh[t] = 1;
         }
         return;
@@ -136,19 +191,9 @@ void out_synth(uint8_t t, uint8_t restart) {
 void out_wave(uint8_t t, uint32_t lc, uint16_t words) {
     if (t >= ntracks) return;
     if (out_mixed) {
-        swmix_voice *v = &voice[t];
         uint32_t bytes = (uint32_t)words << 1;
-        if (!v->data || voice_fresh[t] || v->loop_len == 0) {
-            swmix_voice_play(v, (const int8_t *)lc, bytes, 0, bytes, 0);
-        } else {
-            /* the next waveform continues at the same phase */
-            uint32_t p = v->pos >= v->end - v->loop_len ? v->pos - (v->end - v->loop_len) : 0;
-            if (p >= bytes) p = 0;
-            v->data = (const int8_t *)lc;
-            v->pos = p;
-            v->end = bytes;
-            v->loop_len = bytes;
-        }
+        voice_wave(&voice[t], lc, bytes, voice_fresh[t]);
+        if (stereo) voice_wave(&voice_r[t], lc, bytes, voice_fresh[t]);
         voice_fresh[t] = 0;
         return;
     }
@@ -159,7 +204,14 @@ void out_per_vol(uint8_t t, uint16_t period, uint8_t volume) {
     if (t >= ntracks) return;
     if (out_mixed) {
         swmix_voice_period(&voice[t], period);
-        voice[t].volume = volume;
+        if (stereo) {
+            voice_r[t].step_int = voice[t].step_int;
+            voice_r[t].step_frac = voice[t].step_frac;
+            volume_of[t] = volume;
+            pan_volumes(t);
+        } else {
+            voice[t].volume = volume;
+        }
         return;
     }
     volatile uint16_t *hw = aud(t);
@@ -167,10 +219,17 @@ void out_per_vol(uint8_t t, uint16_t period, uint8_t volume) {
     hw[4] = volume;
 }
 
+void out_pan(uint8_t t, int8_t p) {
+    if (!stereo || t >= ntracks) return;
+    pan[t] = p < -16 ? -16 : p > 16 ? 16 : p;
+    pan_volumes(t);
+}
+
 void out_off(uint8_t t) {
     if (t >= ntracks) return;
     if (out_mixed) {
         swmix_voice_stop(&voice[t]);
+        if (stereo) swmix_voice_stop(&voice_r[t]);
         voice_fresh[t] = 0;
         return;
     }

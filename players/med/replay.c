@@ -729,6 +729,9 @@ static void pre_command(uint8_t t, uint8_t cmd, uint8_t d) {
         }
         break;
     case 0x19: tr->soffset = (uint16_t)(d << 8); break;
+    case 0x2E:   /* track panning, -16..16 */
+        if (d <= 0x10 || d >= 0xF0) out_pan(t, (int8_t)d);
+        break;
     case 0x1D: nextblock = 1; keep_line = 1; nextline = (uint16_t)(d + 1); break;
     case 0x1E:
         if (blkdelay == 0) blkdelay = (uint16_t)(d + 1);
@@ -1092,8 +1095,7 @@ void med_replay_init(kp_globals g) {
     volatile uint8_t *pra = (volatile uint8_t *)CIAA;
     if (song.flags & SF_FILTERON) *pra &= (uint8_t)~2;
     else *pra |= 2;
-    uint8_t mixed = song.tracks > 4;
-    out_init(song.tracks, mixed);
+    out_init(song.tracks, song.tracks > 4 || song.stereo, song.stereo);
     ready = 1;
 }
 
