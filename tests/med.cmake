@@ -6,6 +6,7 @@ if(TARGET kelva_player_MED)
   add_dependencies(kelva_tests kelva_player_MED)
 endif()
 
+find_package(Python3 COMPONENTS Interpreter)
 if(Python3_Interpreter_FOUND)
   add_test(NAME reference_med
     COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_LIST_DIR}/reference/compare.py
