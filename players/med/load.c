@@ -163,21 +163,22 @@ static void read_block(struct med_block *b, uint32_t at, uint8_t version) {
 static uint32_t convert_sample(uint32_t data, uint32_t frames, uint16_t type) {
     int8_t *out = (int8_t *)med_alloc(frames + 2);
     if (!out) return 0;
+    const volatile uint8_t *l = (const volatile uint8_t *)data;
     uint8_t wide = (type & 0x10) ? 1 : 0;
-    uint32_t right = (type & 0x20) ? frames << wide : 0;
-    int16_t acc_l = 0, acc_r = 0;
-    for (uint32_t i = 0; i < frames; i++) {
-        uint32_t o = data + (i << wide);
-        int16_t l = wide ? (int16_t)rd16(o) : (int16_t)((int16_t)(int8_t)rd8(o) << 8);
-        int16_t r = l;
-        if (right) r = wide ? (int16_t)rd16(o + right) : (int16_t)((int16_t)(int8_t)rd8(o + right) << 8);
-        if (type & 0x40) {   /* delta: each value is the difference to the one before */
-            acc_l = (int16_t)(acc_l + l);
-            acc_r = (int16_t)(acc_r + r);
-            l = acc_l;
-            r = right ? acc_r : acc_l;
-        }
-        out[i] = (int8_t)((int16_t)((l >> 1) + (r >> 1)) >> 8);
+    const volatile uint8_t *r = (type & 0x20) ? l + (frames << wide) : l;
+    /* Each frame is a handful of instructions: a module's samples convert
+     * well within one start-up routine's budget. */
+    if (!(type & 0x40)) {
+        for (uint32_t i = 0; i < frames; i++, l += 1 + wide, r += 1 + wide)
+            out[i] = (int8_t)(((int16_t)(int8_t)*l + (int8_t)*r) >> 1);
+        return (uint32_t)out;
+    }
+    /* Delta coded: each value is the difference to the one before. */
+    uint16_t acc_l = 0, acc_r = 0;
+    for (uint32_t i = 0; i < frames; i++, l += 1 + wide, r += 1 + wide) {
+        acc_l = (uint16_t)(acc_l + (wide ? (uint16_t)(l[0] << 8 | l[1]) : (uint16_t)(l[0] << 8)));
+        acc_r = (uint16_t)(acc_r + (wide ? (uint16_t)(r[0] << 8 | r[1]) : (uint16_t)(r[0] << 8)));
+        out[i] = (int8_t)(((int16_t)acc_l >> 9) + ((int16_t)acc_r >> 9));
     }
     return (uint32_t)out;
 }

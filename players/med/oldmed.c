@@ -146,7 +146,7 @@ static int block_med3(uint16_t b, int build) {
     if (!build) return 0;
     struct med_block *bl = new_block(b, tracks, 64);
     if (!bl->data) return 0;
-    for (uint16_t line = 0; line < 64; line++) {
+    for (uint16_t line = 0; line < 64 && !overrun; line++) {
         uint32_t bit = 0x80000000u >> (line & 31);
         uint32_t lm = mask[line >> 5], fm = mask[2 + (line >> 5)];
         if (lm & bit) {
@@ -199,7 +199,7 @@ static int block_med4(uint16_t b, int build) {
     struct med_block *bl = new_block(b, tracks, lines);
     if (!bl->data) return 0;
     uint8_t tn = (uint8_t)((tracks + 3) >> 2);   /* nibbles of a track mask */
-    for (uint16_t line = 0; line < lines; line++) {
+    for (uint16_t line = 0; line < lines && !overrun; line++) {
         uint32_t bit = 0x80000000u >> (line & 31);
         if (lmask[line >> 5] & bit) {
             uint16_t tm = (uint16_t)(nibs(tn) << (16 - (tn << 2)));
@@ -554,6 +554,7 @@ static int parse(int build) {
     }
     for (uint16_t b = 0; b < npat; b++) {
         int r = version == 2 ? block_med2(b, build) : version == 3 ? block_med3(b, build) : block_med4(b, build);
+        overrun = 0;   /* a short nibble stream leaves the rest of its block empty */
         if (r) {
             if (!build && b == 0) return 1;
             /* blocks cut off by the end of the file stay empty */

@@ -191,7 +191,8 @@ struct cell {
 static void read_cell(const struct med_block *b, uint16_t line, uint16_t t, struct cell *c) {
     c->note = c->ins = c->cmd = c->data = 0;
     if (!b->data || t >= b->tracks || line >= b->lines) return;
-    uint32_t a = b->data + kp_mulu16(b->cell, (uint16_t)(kp_mulu16(line, b->stride) + t));
+    uint32_t i = kp_mulu16(line, b->stride) + t;
+    uint32_t a = b->data + (i << 2) - (b->cell == 3 ? i : 0);   /* 4 or 3 bytes a cell */
     if (b->cell == 3) {
         uint8_t b0 = rd8(a), b1 = rd8(a + 1);
         c->note = b0 & 0x3F;
@@ -218,7 +219,7 @@ static void read_cmd(const struct med_block *b, uint16_t line, uint16_t t, uint8
         return;
     }
     if (p > b->pages || t >= b->tracks || line >= b->lines) return;
-    uint32_t a = b->page[p - 1] + ((uint32_t)(uint16_t)(kp_mulu16(line, b->stride) + t) << 1);
+    uint32_t a = b->page[p - 1] + ((kp_mulu16(line, b->stride) + t) << 1);
     *cmd = rd8(a);
     *data = rd8(a + 1);
 }
@@ -937,7 +938,8 @@ static void check_holds(void) {
         if (tr->noteoff < 0) continue;
         struct cell c;
         read_cell(b, cur_line, t, &c);
-        if ((!c.note && c.ins) || (c.note && c.cmd == 3)) tr->noteoff = (int16_t)(tr->noteoff + tempo2);
+        if (((!c.note && c.ins) || (c.note && c.cmd == 3)) && tr->noteoff < 30000)
+            tr->noteoff = (int16_t)(tr->noteoff + tempo2);
     }
 }
 
