@@ -395,6 +395,8 @@ TEST_F(Med, PitchCommands) {
         {"04 vibrato", {{0, N(13, 0x04, 0x24)}}, 0, {{0, kC2}, {1, kC2 + 3}, {2, kC2 + 6}, {3, kC2 + 8}}, {}},
         {"14 vibrato, half as deep", {{0, N(13, 0x14, 0x24)}}, 0, {{1, kC2 + 1}, {2, kC2 + 3}, {3, kC2 + 4}}, {}},
         {"00 arpeggio: +x, +y, 0", {{0, N(13, 0x00, 0x47)}}, 0, {{0, kE2}, {1, kG2}, {2, kC2}, {3, kE2}}, {}},
+        {"21 and 22 slide by d/2048 of the period", {{0, N(13, 0x21, 16)}, {1, C(0x22, 16)}}, 0,
+         {{0, 425}, {1, 422}, {6, 410 + (410 * 16 >> 11)}}, {}},
         {"FFD sets the line note's period without playing it", {{0, N(13)}, {1, N(25, 0x0F, 0xFD)}}, 0,
          {{6, kC3}}, {}},
     };

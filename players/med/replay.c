@@ -860,6 +860,12 @@ static void tick_command(uint8_t t, uint8_t cmd, uint8_t d) {
     case 0x13:
         if (counter < 3) tr->vibadj = (int16_t)-d;
         break;
+    case 0x21:   /* slide up at a constant rate: d/2048 of the period a tick */
+        if (tr->prevper > 28) tr->prevper = (uint16_t)(tr->prevper - (kp_mulu16(tr->prevper, d) >> 11));
+        break;
+    case 0x22:   /* slide down at a constant rate */
+        if (tr->prevper < 0x7000) tr->prevper = (uint16_t)(tr->prevper + (kp_mulu16(tr->prevper, d) >> 11));
+        break;
     case 0x18:
         if (counter == d) tr->prevvol = 0;
         break;
