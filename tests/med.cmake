@@ -1,7 +1,7 @@
 # kelva's MED/OctaMED player: the unit tests in tests/med_*_test.cpp need
 # the player built; the reference comparison (label "reference") renders the
-# shared MED test modules with kelva and with openmpt123 (xmp for the MED
-# 2/3/4 songs, which openmpt123 does not load).
+# shared MED test modules with kelva and with openmpt123, or xmp where
+# compare.py's REFERENCE table names it (MED 2/3/4 songs, synthetic sounds).
 if(TARGET kelva_player_MED)
   add_dependencies(kelva_tests kelva_player_MED)
 endif()
