@@ -343,6 +343,152 @@ def ahx_seeds():
     }
 
 
+# ---- MED/OctaMED modules -------------------------------------------------------
+
+def be16(*values):
+    return b"".join(struct.pack(">H", v & 0xFFFF) for v in values)
+
+
+def mmd(version, songs, insts):
+    """An MMD0-MMD3 file: songs = [(blocks, seq, tempo, tempo2, flags, flags2)],
+    blocks = [(tracks, lines, {(line, track): (note, ins, cmd, data)})],
+    insts = [(type, sample bytes, rep, replen, vol table, wf table, waves)]."""
+    out = bytearray()
+
+    def grow(n):
+        if len(out) & 1:
+            out.append(0)
+        o = len(out)
+        out.extend(bytes(n))
+        return o
+
+    headers, exps = [], []
+    for si, (blocks, seq, tempo, tempo2, flags, flags2) in enumerate(songs):
+        h = grow(52)
+        headers.append(h)
+        out[h:h + 4] = (b"MCN" if si else b"MMD") + bytes([48 + version])
+        out[h + 51] = len(songs) - 1
+        sg = grow(788)
+        out[h + 8:h + 12] = be32(sg)
+        for i, inst in enumerate(insts):
+            out[sg + 8 * i:sg + 8 * i + 8] = be16(inst[2], inst[3]) + bytes([0, 0, 48, 0])
+        out[sg + 504:sg + 506] = be16(len(blocks))
+        out[sg + 764:sg + 770] = be16(tempo) + bytes([0, flags, flags2, tempo2])
+        out[sg + 786:sg + 788] = bytes([64, len(insts)])
+        offs = []
+        for tracks, lines, cells in blocks:
+            size = 3 if version == 0 else 4
+            b = grow((2 if version == 0 else 8) + tracks * lines * size)
+            offs.append(b)
+            out[b:b + 4] = bytes([tracks, lines - 1, 0, 0]) if version == 0 else be16(tracks, lines - 1)
+            for (line, t), (note, ins, cmd, data) in cells.items():
+                c = b + (2 if version == 0 else 8) + (line * tracks + t) * size
+                if version == 0:
+                    out[c:c + 3] = bytes([(note & 0x3F) | ((ins & 0x30) << 2), ((ins & 15) << 4) | (cmd & 15), data])
+                else:
+                    out[c:c + 4] = bytes([note, ins, cmd, data])
+        barr = grow(4 * len(blocks))
+        out[barr:barr + 4 * len(blocks)] = be32(*offs)
+        out[h + 16:h + 20] = be32(barr)
+        if version < 2:
+            out[sg + 506:sg + 508] = be16(len(seq))
+            out[sg + 508:sg + 508 + len(seq)] = bytes(seq)
+            out[sg + 770:sg + 786] = bytes([64] * 16)
+        else:
+            ps = grow(42 + 2 * len(seq))
+            out[ps + 40:ps + 42 + 2 * len(seq)] = be16(len(seq), *seq)
+            tbl = grow(4 + 2 + 16 + 16)
+            out[tbl:tbl + 4] = be32(ps)
+            out[tbl + 6:tbl + 22] = bytes([64] * 16)
+            out[tbl + 22:tbl + 38] = bytes([0xF0, 0x10, 0, 8] * 4)
+            out[sg + 506:sg + 532] = be16(1) + be32(tbl, tbl + 4, tbl + 6) + be16(16, 1) + be32(tbl + 22, 2)
+        e = grow(80 + 4 * len(insts))
+        exps.append(e)
+        out[h + 32:h + 36] = be32(e)
+        out[e + 4:e + 12] = be32(e + 80) + be16(len(insts), 4)
+        for i in range(len(insts)):
+            out[e + 80 + 4 * i:e + 84 + 4 * i] = bytes([2, 3, 0, 0xFF])
+    for i in range(1, len(headers)):
+        out[exps[i - 1]:exps[i - 1] + 4] = be32(headers[i])
+    arr = grow(4 * len(insts))
+    for h in headers:
+        out[h + 24:h + 28] = be32(arr)
+    for i, (itype, data, rep, replen, vol, wf, waves) in enumerate(insts):
+        if itype >= 0:
+            o = grow(6 + len(data))
+            out[o:o + 6 + len(data)] = be32(len(data)) + be16(itype) + data
+        else:
+            o = grow(278 + 4 * len(waves))
+            out[o:o + 22] = be32(272) + be16(itype) + bytes(4) + be16(rep, replen, len(vol), len(wf)) + \
+                bytes([1, 2]) + be16(len(waves))
+            out[o + 22:o + 22 + len(vol)] = bytes(vol)
+            out[o + 150:o + 150 + len(wf)] = bytes(wf)
+            for w, wave in enumerate(waves):
+                hybrid_sample = itype == -2 and w == 0
+                wo = grow((6 if hybrid_sample else 2) + len(wave))
+                out[o + 278 + 4 * w:o + 282 + 4 * w] = be32(wo - o)
+                head = be32(len(wave)) + be16(0) if hybrid_sample else be16(len(wave) // 2)
+                out[wo:wo + len(head) + len(wave)] = head + wave
+        out[arr + 4 * i:arr + 4 * i + 4] = be32(o)
+    out[4:8] = be32(len(out))
+    return bytes(out)
+
+
+def med_old(version):
+    """A MED3 or MED4 song of one packed block using two instruments."""
+    if version == 3:
+        out = b"MED\x03" + b"\0" + b"s1\0" + b"\0" * 30
+        out += be32(0x60000000) + bytes([64, 50])            # volumes of slots 1, 2
+        out += be32(0x40000000) + be16(0) + be32(0x40000000) + be16(16)
+        out += be16(1, 2) + bytes([0, 0]) + be16(40) + bytes([0, 0]) + be16(6) + bytes(20) + be32(0) + be32(0)
+        # Block: 4 tracks; lines 0-31 with notes and commands on track 0
+        # (a track mask nibble, then note byte and instrument nibble, or
+        # command nibble and data byte), lines 32-63 empty.
+        nib = "80d1" + "8f20" + ("8111" + "8d02") * 31
+        data = bytes.fromhex(nib)
+        out += bytes([4, 0xA5]) + be16(len(data)) + data
+        out += be32(0x40000000) + be32(64) + be16(0) + SQUARE[:64]
+        return out
+    out = b"MED\x04" + bytes([0x80, 0xC0])                   # instruments 1 and 2
+    out += bytes([0x30, 1]) + b"a" + be16(0, 16) + bytes([0, 0, 0])
+    out += bytes([0x7F, 1]) + b"b"
+    out += be16(1, 2) + bytes([0, 0]) + be16(35) + bytes([0, 0x10]) + be16(6) + bytes(20) + bytes([64] * 16) + b"\x40"
+    nib = ("c" + "0d1" + "112" + "8" + "c30") * 16    # 16 lines: notes on tracks 0, 1; C30 on track 0
+    data = bytes.fromhex(nib + "0" * (len(nib) & 1))
+    blk = bytes([4, 15]) + be16(len(data)) + bytes([0x33]) + be32(0xFFFF0000)
+    out += bytes([len(blk)]) + blk + data
+    synth = b"MSH\0" + be16(0xFFFF, 0, 0, 0, 0, 4, 6) + bytes([1, 1]) + be16(1)
+    synth += bytes([40, 0xF2, 2, 0xFF]) + bytes([0, 0xFC, 0, 7, 0xFD, 0xFF]) + be32(34) + be16(16) + SQUARE[:32]
+    out += be32(0x60000000, 0) + be32(64) + be16(0) + SQUARE[:64] + be32(len(synth)) + be16(0xFFFF) + synth
+    return out + b"MEDV" + be32(4) + be32(0x0300)
+
+
+def med_seeds():
+    fx = {(0, 0): (13, 1, 0x01, 2), (0, 1): (20, 2, 0x04, 0x34), (1, 2): (25, 1, 0x00, 0x37),
+          (2, 3): (13, 2, 0x08, 0x21), (3, 0): (0, 1, 0x0D, 0x03), (4, 1): (15, 1, 0x0F, 0xF1),
+          (5, 2): (0, 0, 0x0F, 0x40), (6, 3): (30, 2, 0x0C, 0x32), (7, 0): (0, 0, 0x09, 3),
+          (8, 1): (17, 1, 0x03, 0x10), (9, 2): (0, 0, 0x0E, 1), (10, 3): (18, 2, 0x0F, 0xF3),
+          (11, 0): (0, 0, 0x0F, 0x00)}
+    wide = {(0, 0): (13, 1, 0x16, 0), (1, 4): (25, 2, 0x1F, 0x12), (2, 5): (37, 1, 0x19, 1),
+            (3, 0): (0, 0, 0x16, 2), (4, 5): (0, 0, 0x1E, 1), (5, 3): (49, 2, 0x1D, 2),
+            (6, 1): (0, 0, 0x0F, 0xFE)}
+    mix = {(0, 0): (40, 1, 0x2E, 0xF0), (1, 1): (52, 2, 0x2E, 0x10), (2, 2): (64, 3, 0x0B, 0)}
+    sample = (0, SQUARE[:96], 0, 48, [], [], [])
+    synth = (-1, b"", 0, 0, [48, 0xF2, 4, 0xF1, 2, 0xFE, 1], [0, 0xF4, 8, 0xF5, 30, 0xFC, 0, 4, 7, 0xFD, 1, 0xFE, 1],
+             [SQUARE[:32], SQUARE[:64]])
+    hybrid = (-2, b"", 0, 16, [64, 0xF4, 1, 0xFB], [0xF1, 2, 1, 0xFF], [SQUARE[:64], SQUARE[:32]])
+    s16 = (0x30, SQUARE[:128], 0, 32, [], [], [])
+    return {
+        "mmd0": mmd(0, [([(4, 12, fx)], [0, 0], 6, 6, 0x20, 0)], [sample, synth]),
+        "mmd1-bpm": mmd(1, [([(4, 12, fx), (4, 4, {})], [0, 1, 0], 125, 6, 0x10, 0x23)], [sample, hybrid]),
+        "mmd2-songs": mmd(2, [([(6, 8, wide)], [0], 33, 4, 0x40, 0), ([(4, 12, fx)], [0], 6, 6, 0, 0x20)],
+                          [sample, synth]),
+        "mmd3-mix": mmd(3, [([(4, 4, mix)], [0], 33, 3, 0, 0x80)], [s16, synth, hybrid]),
+        "med3": med_old(3),
+        "med4": med_old(4),
+    }
+
+
 # ---- eagleplayer.conf and songlengths.db --------------------------------------
 
 def conf_seeds():
@@ -406,8 +552,12 @@ def main():
     for name in ("mk-effects", "st15-ust", "tfmx-7v", "tfhd-2"):
         write("identify", name + "-prefix", bytes([1]) + modules[name])   # as mod.x
         write("identify", name + "-tfx", bytes([5]) + modules[name])      # as song.tfx
-    # Engine: players in name order are PTK-Prowiz (0), Soundtracker-IV (1),
-    # UltimateSoundtracker (2); 3 lets identification choose.
+    # Engine: byte 0 picks a player by its index in the tree's name order.
+    # These seeds were written when the tree held PTK-Prowiz (0),
+    # Soundtracker-IV (1) and UltimateSoundtracker (2), 3 letting
+    # identification choose; players added since shift the indices (the
+    # inputs stay valid, they only reach other players). Seeds of later
+    # formats use the named form below.
     for name, data in list(modules.items()) + list(real.items()):
         if name.startswith("tf"):
             continue
@@ -428,6 +578,11 @@ def main():
         write("engine", name, named_engine_input(file_name, 0, data))
     for name, data in ahx_seeds().items():
         write("engine", name, data)
+    # MED/OctaMED: named inputs, so identification picks the player by name.
+    for name, data in med_seeds().items():
+        ext = "med" if name.startswith("med") else name[:4]
+        for sub in (0, 2) if "songs" in name else (0,):
+            write("engine", "med-%s-%d" % (name, sub), named_engine_input("song." + ext, sub, data))
     for name, data in conf_seeds().items():
         write("epconf", name, data)
     for name, data in db_seeds().items():

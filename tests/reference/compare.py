@@ -50,6 +50,7 @@ FOLDERS = {
     "multichannel": "openmpt",
     "ahx": "envelope",
     "hvl": "envelope",
+    "med": "openmpt",
 }
 
 # Modules whose reference differs from their folder's: module -> reference.
@@ -62,6 +63,18 @@ REFERENCE = {
     "other/redoctober-sub-docking.ims": "xmp",
     "other/rew_vibr.ptm": "xmp",
     "other/pattern_loop_ptm.ptm": "xmp",
+    # MED 2/3/4 songs: openmpt123 does not load them.
+    "med/med3song.med": "xmp",
+    "med/Synth-a-sysmic.med": "xmp",
+    "med/med4song.med": "xmp",
+    # Synthetic sounds: openmpt123 plays them silent.
+    "med/chip_happy.med": "xmp",
+    "med/med_synth_diff_speeds.med": "xmp",
+    "med/moods-yeah.med": "xmp",
+    # openmpt123 plays this song's octave samples differently from both xmp
+    # and kelva (per track its envelopes correlate 0.57-0.87 with xmp's,
+    # kelva's 0.975-0.999).
+    "med/memories of anna.mmd1": "xmp",
 }
 
 # Files in the folders that are not modules of their own (companion files).
@@ -103,6 +116,28 @@ KNOWN = {
     # instrument names describe it: global target and counter, not cleared by
     # breaks, jumps or a new pattern); xmp 4.5 loops per channel (9.66 s).
     "other/pattern_loop_ptm.ptm": (("length",), "song-wide pattern loop; xmp loops per channel"),
+    # MED/OctaMED.
+    "med/LOSTMEDFILES_MMD1.MED": (("length",), "16-minute song: measured to the 10-minute limit; kelva's own end "
+                                  "(975.0 s) is the sum of its lines at their tempos; the closing ritardando sets "
+                                  "tempos 16-30 (F10-F1E), which openmpt123 reads as tempo slides and xmp ignores "
+                                  "(both 968.7 s; the sum without them is 969.2 s)"),
+    "med/Synth-a-sysmic.med": (("length", "corr"), "xmp truncates tempo 35 to 132 BPM (374.5 s; kelva 372.9 s, 1.515 "
+                               "ticks/s per tempo unit as openmpt123) and runs one synth-table command a step where "
+                               "the tracker ran on to the next volume, waveform or WAI: the envelopes drift apart"),
+    "med/instruments.mmd3": (("length", "corr"), "BPM mode, tempo 32 at 3 lines per beat = 24 BPM; openmpt123 floors "
+                             "it at 32 BPM (10.0 s; kelva 13.4 s)"),
+    "med/med3song.med": (("length", "corr"), "its instrument is a file the folder lacks (both render silence); xmp "
+                         "caps tempo 192 (FC0) at 255 BPM (6.6 s; kelva 5.4 s)"),
+    "med/med4song.med": (("length", "corr"), "no reference plays it: openmpt123 has no MED4 loader, xmp writes an "
+                         "empty file (its instruments are files the folder lacks; kelva plays the 7.7 s song silent)"),
+    "med/mmd0_compat_tempo.med": (("corr",), "openmpt123 neither replays FF1 notes on the fourth tick nor delays FF2 "
+                                  "notes (xmp plays FF2 undelayed too); kelva plays both as the tracker did"),
+    "med/mmd2_compat_tempo.med": (("corr",), "as mmd0_compat_tempo: FF1/FF2 in openmpt123"),
+    "med/stereo.med": (("corr",), "a track panned across the stereo field: openmpt123 renders at 200 % stereo "
+                       "separation, which deepens the pan's effect on the level envelope (at 100 % the envelopes "
+                       "correlate 0.9996)"),
+    "med/moods-yeah.med": (("corr",), "synthetic sounds: openmpt123 plays them silent, xmp leaves out MMD3 notes "
+                           "below C-2 (the bass of the first positions)"),
 }
 
 

@@ -111,14 +111,16 @@ int main(int argc, char **argv) {
     kelva_destroy(m);
 
     // When the measurement stopped at a repetition of the loudness envelope
-    // (a song whose parts repeat for a long time), play on to the player's
-    // own end signal as well, so its song end can be checked too.
+    // (a song whose parts repeat for a long time) or at its time limit (a
+    // song longer than 10 minutes), play on to the player's own end signal
+    // as well, so its song end can be checked too (up to an hour).
     uint64_t player_end_ms = reason == 1 ? length_ms : 0;
     if (reason != 1) {
         kelva *e = open_engine(player, mod, player_path, argv[1]);
         if (!e) return 1;
         std::vector<float> scratch(480 * 2);   // 10 ms steps: the end to 10 ms
-        for (uint64_t f = 0; f < 600ull * 48000 && !kelva_song_ended(e); f += 480)
+        uint64_t limit_s = reason == 3 ? 3600 : 600;
+        for (uint64_t f = 0; f < limit_s * 48000 && !kelva_song_ended(e); f += 480)
             kelva_render(e, scratch.data(), 480);
         if (kelva_song_ended(e)) player_end_ms = uint64_t(kelva_played_ms(e));
         kelva_destroy(e);
