@@ -109,6 +109,7 @@ struct audio_file {
     int rate = 0, channels = 0, format = 0;
     int64_t frames = 0;
     float peak = 0;
+    float side = 0;   // largest |left - right| of a stereo file
 };
 
 audio_file read_audio(const std::string &path) {
@@ -125,7 +126,10 @@ audio_file read_audio(const std::string &path) {
     std::vector<float> buf(4096 * 2);
     sf_count_t n;
     while ((n = sf_readf_float(f, buf.data(), 4096)) > 0)
-        for (sf_count_t i = 0; i < n * info.channels; i++) a.peak = std::max(a.peak, std::fabs(buf[size_t(i)]));
+        for (sf_count_t i = 0; i < n * info.channels; i++) {
+            a.peak = std::max(a.peak, std::fabs(buf[size_t(i)]));
+            if (info.channels == 2 && i % 2) a.side = std::max(a.side, std::fabs(buf[size_t(i)] - buf[size_t(i - 1)]));
+        }
     sf_close(f);
     return a;
 }
@@ -209,6 +213,8 @@ TEST_F(CliTest, RenderHonoursSecondsRateFormatAndBits) {
     EXPECT_EQ(wav.format & SF_FORMAT_SUBMASK, SF_FORMAT_FLOAT);
     EXPECT_EQ(wav.frames, 48000);
     EXPECT_GT(wav.peak, 0.01f);
+    EXPECT_EQ(wav.side, 0.0f) << "separation 0 gives the same signal on both sides";
+    EXPECT_GT(flac.side, 0.01f) << "the default separation keeps channel 0 to one side";
 }
 
 TEST_F(CliTest, RenderChoosesSubsongsAndRefusesMissingOnes) {

@@ -102,6 +102,8 @@ TEST_F(CpuDisasm, ArithmeticShiftAndSystemForms) {
     EXPECT_EQ(text({0x003C, 0x001F}), "ori     #$1f,ccr");
     EXPECT_EQ(text({0x4EB9, 0x0020, 0x0000}), "jsr     $200000.l");
     EXPECT_EQ(text({0x4840}), "swap    d0");
+    EXPECT_EQ(text({0x4850}), "pea     (a0)");
+    EXPECT_EQ(text({0x57D0}), "seq     (a0)");
     EXPECT_EQ(text({0x49C0}), "extb.l  d0");
     EXPECT_EQ(text({0x4E75}), "rts");
     EXPECT_EQ(text({0x4E71}), "nop");

@@ -88,6 +88,10 @@ TEST_F(CpuMulDiv, DivideSigned) {
     run({0x81FC, 2});   // DIVS.W #2,D0: -3 remainder -1
     EXPECT_EQ(k->d[0], 0xFFFFFFFDu);
     EXPECT_EQ(ccr(), N);
+    k->d[0] = uint32_t(-65536);
+    run({0x81FC, 2});   // -32768 is the lowest quotient that fits
+    EXPECT_EQ(k->d[0], 0x00008000u);
+    EXPECT_EQ(ccr(), N);
     k->d[0] = 0x80000000;
     set_ccr_bits(0);
     run({0x81FC, 0xFFFF});   // 0x80000000 / -1 must not trap the host

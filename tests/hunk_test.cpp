@@ -252,6 +252,25 @@ TEST(LoadSeg, BuildsSegmentListsInTheSlab) {
     EXPECT_EQ(k->alloc_ptr, 0x400048u);
 }
 
+// Slab memory past the allocation pointer may hold anything a program wrote
+// there; a segment's longs that its file does not give read zero.
+TEST(LoadSeg, MemoryTheFileDoesNotFillReadsZero) {
+    auto k = make_engine();
+    memory_files m;
+    auto v = valid_longs();
+    v[6] = 3;   // hunk 1 reserves three longs, its HUNK_DATA gives two
+    m.files["seg"] = bytes(v);
+    kelva_set_file_loader(k.get(), memory_loader, &m);
+    put_string(k.get(), 0x1000, "seg");
+    memset(k->ram + 0x400000, 0xAA, 0x100);
+    k->d[1] = 0x1000;
+    dos_load_seg(k.get());
+    ASSERT_EQ(k->d[0], (0x400000u + 4) >> 2);
+    EXPECT_EQ(ram_get32(k.get(), 0x400020), 0x22222222u);
+    EXPECT_EQ(ram_get32(k.get(), 0x400024), 0u);            // the third long of hunk 1
+    EXPECT_EQ(ram_get32(k.get(), 0x400028), 0xAAAAAAAAu);   // behind the block: untouched
+}
+
 TEST(LoadSeg, LeavesThePlayersHunkTableAlone) {
     auto k = make_engine();
     memory_files m;

@@ -174,7 +174,7 @@ TEST_F(support_fixture, CutSuffixCases) {
         const char *in, *out;
     } cases[] = {{"song.xpk", "song"}, {"song.pp", "song"},   {"x.pp2", "x.pp2"}, {"pp", "pp"},
                  {".pp", ""},          {".xpk", ""},          {"xpk", "xpk"},     {"a.pp.xpk", "a.pp"},
-                 {"SONG.XPK", "SONG.XPK"}};
+                 {"SONG.XPK", "SONG.XPK"}, {"songxpk", "songxpk"}, {"song_pp", "song_pp"}};
     for (const auto &c : cases) {
         set_path(c.in);
         fn(10);
@@ -195,6 +195,9 @@ TEST_F(support_fixture, SetTimerTurnsTheCiaValueIntoFrames) {
     ram_put16(k.get(), kGlobals + 54, 100);   // 6.83 frames: rounded, not cut
     fn(11);
     EXPECT_EQ(k->frames_per_tick, 7);
+    ram_put16(k.get(), kGlobals + 54, 155);   // the timer counts value + 1 E-clocks: 156 x 48000 / 709379 = 10.56
+    fn(11);
+    EXPECT_EQ(k->frames_per_tick, 11);
     ram_put16(k.get(), kGlobals + 54, 1);   // never below one frame
     fn(11);
     EXPECT_EQ(k->frames_per_tick, 1);
@@ -465,6 +468,21 @@ TEST_F(patch_fixture, TooManyCapturesEndTheTable) {
     fn(30);
     EXPECT_EQ(result(), 0u);
     EXPECT_GE(count(), 1u);
+}
+
+// Each match attempt starts with no captures: a hundred failed attempts
+// that each captured an operand neither fill the capture space nor leave
+// their captures for the match that follows.
+TEST_F(patch_fixture, CapturesOfFailedAttemptsAreForgotten) {
+    for (uint32_t i = 0; i < 110; i++) ram_put16(k.get(), kArea + 2 * i, 0);
+    words(kArea + 220, {0x5555, 0x1234});
+    entry(0, {0xFFFD, 0x1234}, {0x1234, 0xFFFD});
+    block(kArea, 224);
+    fn(30);
+    EXPECT_EQ(result(), 0u);
+    EXPECT_EQ(count(), 1u);
+    EXPECT_EQ(ram_get16(k.get(), kArea + 220), 0x1234u);
+    EXPECT_EQ(ram_get16(k.get(), kArea + 222), 0x5555u);
 }
 
 TEST_F(patch_fixture, AreaAtTheTopOfTheAddressSpaceStaysInside) {
