@@ -576,6 +576,7 @@ TEST_F(Med, SynthSequences) {
         {"JWS moves the waveform sequence", {40, 0xFA, 3, 0xFF}, {0, 0xFF, 0xFF, 1, 0xFF}, 1, 1, {}, {0, 1}, {}, 0, 0},
         {"waveforms step by the speed", {64, 0xFF}, {0, 1, 0xFF}, 1, 2, {}, {0, 0, 1}, {}, 0, 0},
         {"WAI waits", {64, 0xFF}, {0, 0xF1, 2, 1, 0xFF}, 1, 1, {}, {0, 0, 0, 1}, {}, 0, 0},
+        {"a wait before the first waveform", {64, 0xFF}, {0xF1, 2, 1, 0xFF}, 1, 1, {}, {-1, -1, 1}, {}, 0, 0},
         {"CHU changes the period", {64, 0xFF}, {0, 0xF3, 2, 0xFF}, 1, 1, {}, {}, {0, 0, -2, -4}, 0, 0},
         {"RES resets it", {64, 0xFF}, {0, 0xF2, 3, 0xF1, 1, 0xF6, 0xFF}, 1, 1, {}, {}, {0, 0, 0, 3, 6}, 0, 0},
         {"ARP plays its notes, one a tick", {64, 0xFF}, {0, 0xFC, 0, 4, 7, 0xFD, 0xFF}, 1, 1, {}, {},
@@ -612,6 +613,9 @@ TEST_F(Med, SynthSequences) {
             }
             if (t < r.waves.size() && r.waves[t] >= 0) {
                 EXPECT_EQ(k->aud[0].lc, m.wave_at[0][size_t(r.waves[t])]) << t;
+                // and what plays is one of the sound's waveforms, never stale memory
+                uint32_t playing = uint32_t(k->ch[0].data - k->ram);
+                EXPECT_TRUE(playing == m.wave_at[0][0] || playing == m.wave_at[0][1]) << t;
             }
             if (t < r.offsets.size()) {
                 EXPECT_EQ(int(per(k)) - int(kC1), r.offsets[t]) << "tick " << t;
