@@ -31,6 +31,7 @@ struct med_inst {
     int8_t transpose = 0;
     uint8_t hold = 0, decay = 0;
     int8_t finetune = 0;
+    int flags = -1;                        // extension flags (-1: the entry has none)
     std::vector<uint8_t> vol, wf;          // sequence tables
     uint8_t volspeed = 1, wfspeed = 1;
     std::vector<std::vector<int8_t>> waves;
@@ -166,14 +167,19 @@ std::vector<uint8_t> build(med_module &m) {
         size_t exp = grow(v, 80);
         exps.push_back(exp);
         put32(v, h + 32, uint32_t(exp));
-        size_t ext = grow(v, 4 * m.inst.size());
+        size_t esz = 4;
+        for (const med_inst &in : m.inst)
+            if (in.flags >= 0) esz = 6;
+        size_t ext = grow(v, esz * m.inst.size());
         put32(v, exp + 4, uint32_t(ext));
         put16(v, exp + 8, uint32_t(m.inst.size()));
-        put16(v, exp + 10, 4);
+        put16(v, exp + 10, uint32_t(esz));
         for (size_t i = 0; i < m.inst.size(); i++) {
-            v[ext + 4 * i] = m.inst[i].hold;
-            v[ext + 4 * i + 1] = m.inst[i].decay;
-            v[ext + 4 * i + 3] = uint8_t(m.inst[i].finetune);
+            const med_inst &in = m.inst[i];
+            v[ext + esz * i] = in.hold;
+            v[ext + esz * i + 1] = in.decay;
+            v[ext + esz * i + 3] = uint8_t(in.finetune);
+            if (esz > 5) v[ext + esz * i + 5] = uint8_t(in.flags >= 0 ? in.flags : in.replen > 1);
         }
         if (!s.name.empty()) {
             size_t n = grow(v, s.name.size() + 1);
@@ -805,6 +811,41 @@ TEST_F(Med, MixedSongsPanTheirTracks) {
         auto p = side_peaks(k.get(), 50, 100);
         EXPECT_EQ(p.first > 0.01f, r.left) << int(r.pan);
         EXPECT_EQ(p.second > 0.01f, r.right) << int(r.pan);
+    }
+}
+
+TEST_F(Med, MixedSongsPlayPingPongLoops) {
+    // A loop of 1000 bytes, silent then loud: looping forwards the output is
+    // loud for 500 bytes at a time (60 ms at C-2's 8287 Hz), played back and
+    // forth for 1000 (120 ms). Only the mixer plays loops back and forth.
+    struct row {
+        const char *what;
+        uint8_t flags2, flags;
+        bool pingpong;
+    } rows[] = {{"mixed, ping-pong", 0x80, 9, true}, {"mixed, forwards", 0x80, 1, false},
+                {"Paula channels loop forwards", 0, 9, false}};
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.what);
+        med_module m = sample_module(2);
+        m.inst[0].data = std::vector<int8_t>(1000, 0);
+        std::fill(m.inst[0].data.begin() + 500, m.inst[0].data.end(), int8_t(100));
+        m.inst[0].replen = 500;
+        m.inst[0].flags = r.flags;
+        m.songs[0].flags2 = r.flags2;
+        m.songs[0].pans = {-16, 0, 0, 0};
+        m.songs[0].blocks[0].at(0, 0) = N(13);
+        engine_ptr k = open_med(build(m));
+        ASSERT_TRUE(k);
+        std::vector<float> buf(48 * 2 * 600);
+        kelva_render(k.get(), buf.data(), 48 * 600);
+        int run = 0, longest = 0;   // loud stretches from 150 ms on, in ms
+        for (size_t ms = 150; ms < 600; ms++) {
+            float peak = 0;
+            for (size_t i = ms * 96; i < ms * 96 + 96; i += 2) peak = std::max(peak, std::fabs(buf[i]));
+            run = peak > 0.01f ? run + 1 : 0;
+            longest = std::max(longest, run);
+        }
+        EXPECT_EQ(longest > 90, r.pingpong) << longest;
     }
 }
 
