@@ -31,6 +31,7 @@ struct med_inst {
     int8_t transpose = 0;
     uint8_t hold = 0, decay = 0;
     int8_t finetune = 0;
+    int flags = -1;                        // extension flags (-1: the entry has none)
     std::vector<uint8_t> vol, wf;          // sequence tables
     uint8_t volspeed = 1, wfspeed = 1;
     std::vector<std::vector<int8_t>> waves;
@@ -166,14 +167,19 @@ std::vector<uint8_t> build(med_module &m) {
         size_t exp = grow(v, 80);
         exps.push_back(exp);
         put32(v, h + 32, uint32_t(exp));
-        size_t ext = grow(v, 4 * m.inst.size());
+        size_t esz = 4;
+        for (const med_inst &in : m.inst)
+            if (in.flags >= 0) esz = 6;
+        size_t ext = grow(v, esz * m.inst.size());
         put32(v, exp + 4, uint32_t(ext));
         put16(v, exp + 8, uint32_t(m.inst.size()));
-        put16(v, exp + 10, 4);
+        put16(v, exp + 10, uint32_t(esz));
         for (size_t i = 0; i < m.inst.size(); i++) {
-            v[ext + 4 * i] = m.inst[i].hold;
-            v[ext + 4 * i + 1] = m.inst[i].decay;
-            v[ext + 4 * i + 3] = uint8_t(m.inst[i].finetune);
+            const med_inst &in = m.inst[i];
+            v[ext + esz * i] = in.hold;
+            v[ext + esz * i + 1] = in.decay;
+            v[ext + esz * i + 3] = uint8_t(in.finetune);
+            if (esz > 5) v[ext + esz * i + 5] = uint8_t(in.flags >= 0 ? in.flags : in.replen > 1);
         }
         if (!s.name.empty()) {
             size_t n = grow(v, s.name.size() + 1);
@@ -576,6 +582,7 @@ TEST_F(Med, SynthSequences) {
         {"JWS moves the waveform sequence", {40, 0xFA, 3, 0xFF}, {0, 0xFF, 0xFF, 1, 0xFF}, 1, 1, {}, {0, 1}, {}, 0, 0},
         {"waveforms step by the speed", {64, 0xFF}, {0, 1, 0xFF}, 1, 2, {}, {0, 0, 1}, {}, 0, 0},
         {"WAI waits", {64, 0xFF}, {0, 0xF1, 2, 1, 0xFF}, 1, 1, {}, {0, 0, 0, 1}, {}, 0, 0},
+        {"a wait before the first waveform", {64, 0xFF}, {0xF1, 2, 1, 0xFF}, 1, 1, {}, {-1, -1, 1}, {}, 0, 0},
         {"CHU changes the period", {64, 0xFF}, {0, 0xF3, 2, 0xFF}, 1, 1, {}, {}, {0, 0, -2, -4}, 0, 0},
         {"RES resets it", {64, 0xFF}, {0, 0xF2, 3, 0xF1, 1, 0xF6, 0xFF}, 1, 1, {}, {}, {0, 0, 0, 3, 6}, 0, 0},
         {"ARP plays its notes, one a tick", {64, 0xFF}, {0, 0xFC, 0, 4, 7, 0xFD, 0xFF}, 1, 1, {}, {},
@@ -612,6 +619,9 @@ TEST_F(Med, SynthSequences) {
             }
             if (t < r.waves.size() && r.waves[t] >= 0) {
                 EXPECT_EQ(k->aud[0].lc, m.wave_at[0][size_t(r.waves[t])]) << t;
+                // and what plays is one of the sound's waveforms, never stale memory
+                uint32_t playing = uint32_t(k->ch[0].data - k->ram);
+                EXPECT_TRUE(playing == m.wave_at[0][0] || playing == m.wave_at[0][1]) << t;
             }
             if (t < r.offsets.size()) {
                 EXPECT_EQ(int(per(k)) - int(kC1), r.offsets[t]) << "tick " << t;
@@ -801,6 +811,31 @@ TEST_F(Med, MixedSongsPanTheirTracks) {
         auto p = side_peaks(k.get(), 50, 100);
         EXPECT_EQ(p.first > 0.01f, r.left) << int(r.pan);
         EXPECT_EQ(p.second > 0.01f, r.right) << int(r.pan);
+    }
+}
+
+TEST_F(Med, MixedSongsPlayPingPongLoops) {
+    // A loop of 1000 bytes, silent then loud: forwards the output is loud
+    // for 500 bytes at a time (60 ms at C-2's 8287 Hz), back and forth 1000.
+    for (uint8_t flags : {9, 1}) {
+        med_module m = sample_module(2);
+        m.inst[0].data = std::vector<int8_t>(1000, 0);
+        std::fill(m.inst[0].data.begin() + 500, m.inst[0].data.end(), int8_t(100));
+        m.inst[0].replen = 500;
+        m.inst[0].flags = flags;
+        m.songs[0].flags2 = 0x80;
+        m.songs[0].pans = {-16, 0, 0, 0};
+        m.songs[0].blocks[0].at(0, 0) = N(13);
+        engine_ptr k = open_med(build(m));
+        ASSERT_TRUE(k);
+        std::vector<float> buf(48 * 2 * 600);
+        kelva_render(k.get(), buf.data(), 48 * 600);
+        int run = 0, longest = 0;   // loud milliseconds in a row, from 150 ms on
+        for (size_t i = 150 * 96; i < buf.size(); i += 96) {
+            run = std::fabs(buf[i]) > 0.01f || std::fabs(buf[i + 48]) > 0.01f ? run + 1 : 0;
+            longest = std::max(longest, run);
+        }
+        EXPECT_EQ(longest > 90, flags == 9) << longest;
     }
 }
 

@@ -273,6 +273,25 @@ static void read_instrument(uint8_t i, uint32_t at, uint32_t song_s) {
     in->kind = INS_SAMPLE;
 }
 
+/* A ping-pong loop, as the software mixer of mixed MMD2/MMD3 songs played
+ * it (forwards, then backwards, and again): the sample up to the loop's
+ * end, then the loop reversed, looping over both. */
+static void unfold_pingpong(struct med_instr *in) {
+    uint32_t rep = in->rep, len = in->replen;
+    if (rep >= in->length || len < 2) return;
+    if (len > in->length - rep) len = in->length - rep;
+    uint32_t end = rep + len;
+    int8_t *out = (int8_t *)med_alloc(end + len);
+    if (!out) return;   /* it loops forwards */
+    const volatile int8_t *src = (const volatile int8_t *)in->data;
+    for (uint32_t i = 0; i < end; i++) out[i] = src[i];
+    for (uint32_t i = 0; i < len; i++) out[end + i] = src[end - 1 - i];
+    in->data = (uint32_t)out;
+    in->length = end + len;
+    in->rep = rep;
+    in->replen = len << 1;
+}
+
 /* Instrument extensions (hold, decay, finetune, flags, long loops). */
 static void read_instr_ext(uint32_t exp, uint8_t count) {
     if (!exp || !in_mod(mod_base + exp, 12)) return;
@@ -285,6 +304,7 @@ static void read_instr_ext(uint32_t exp, uint8_t count) {
         uint32_t r = tbl + kp_mulu16(i, size);
         if (!in_mod(r, size)) break;
         struct med_instr *in = &instr[i];
+        uint8_t pingpong = 0;
         in->hold = rd8(r);
         if (size > 1) in->decay = rd8(r + 1);
         if (size > 3) {
@@ -295,12 +315,17 @@ static void read_instr_ext(uint32_t exp, uint8_t count) {
             uint8_t f = rd8(r + 5);
             in->loop = f & 1;
             in->disabled = (f >> 2) & 1;
+            pingpong = (f & 9) == 9;   /* a loop, played forwards and back */
         }
         if (size >= 18 && in->kind == INS_SAMPLE) {
             /* 32-bit loop in sample frames (the 8-bit copies have one byte per frame). */
             in->rep = rd32(r + 10);
             in->replen = rd32(r + 14);
         }
+        /* Only the mixer played ping-pong loops; Paula's channels loop forwards. */
+        if (pingpong && in->kind == INS_SAMPLE && (in->octaves == 0 || in->octaves == 7) &&
+            song.format >= FMT_MMD2 && (song.flags2 & SF2_MIX))
+            unfold_pingpong(in);
     }
 }
 

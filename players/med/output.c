@@ -183,7 +183,12 @@ void out_synth(uint8_t t, uint8_t restart) {
         return;
     }
     uint16_t bit = (uint16_t)(1u << t);
-    if (restart) KP_CUSTOM16(DMACON) = bit;
+    if (restart) {
+        /* silent until the waveform sequence names its first waveform
+         * (a sequence may wait before it), not what the channel held */
+        KP_CUSTOM16(DMACON) = bit;
+        set_block(t, 0, 0);
+    }
     loop_len[t] = 0;
     dma_start |= bit;
 }

@@ -119,25 +119,41 @@ KNOWN = {
     # MED/OctaMED.
     "med/LOSTMEDFILES_MMD1.MED": (("length",), "16-minute song: measured to the 10-minute limit; kelva's own end "
                                   "(975.0 s) is the sum of its lines at their tempos; the closing ritardando sets "
-                                  "tempos 16-30 (F10-F1E), which openmpt123 reads as tempo slides and xmp ignores "
-                                  "(both 968.7 s; the sum without them is 969.2 s)"),
-    "med/Synth-a-sysmic.med": (("length", "corr"), "xmp truncates tempo 35 to 132 BPM (374.5 s; kelva 372.9 s, 1.515 "
-                               "ticks/s per tempo unit as openmpt123) and runs one synth-table command a step where "
-                               "the tracker ran on to the next volume, waveform or WAI: the envelopes drift apart"),
-    "med/instruments.mmd3": (("length", "corr"), "BPM mode, tempo 32 at 3 lines per beat = 24 BPM; openmpt123 floors "
-                             "it at 32 BPM (10.0 s; kelva 13.4 s)"),
+                                  "tempos 16-30 (F10-F1E), which openmpt123 reads as tempo slides and xmp ignores; "
+                                  "with those commands removed in a copy kelva ends at 969.3 s, openmpt123 at 968.9 s"),
+    "med/Synth-a-sysmic.med": (("length", "corr"), "xmp 4.5 truncates tempo 35 to 132 BPM (374.5 s; kelva 372.9 s at "
+                               "openmpt123's 1.515 ticks/s a unit), ignores MED4 command 0E (synth jump: its renders "
+                               "with and without 0E are byte-identical), runs one synth-sequence entry a step (kelva, "
+                               "as OpenMPT's current synth model, runs on to the next volume, waveform, WAI or END), "
+                               "resumes WAI n a step late and steps the waveform sequence at the volume sequence's "
+                               "speed (byte-identical renders for waveform speeds 1 and 3); in a copy at tempo 33 "
+                               "without 0E, with the sequences rewritten so that kelva's rules act as xmp's, the tracks "
+                               "alone correlate 0.92/0.999/0.994/0.91 (0.71/0.88/0.92/0.95 unrewritten; tracks 0 and "
+                               "3 0.99/0.96 without instrument numbers on their portamento lines, which the two treat "
+                               "differently); tracks 0 and 3 echo the same sounds on one side, so their sum depends on "
+                               "the waves' phases (0.53 as a pair even then, other pairs 0.94-0.99)"),
+    "med/instruments.mmd3": (("length", "corr"), "BPM mode: F20 sets tempo 32 at 3 lines per beat = 24 BPM, which "
+                             "openmpt123 floors at 32 BPM (10.0 s; kelva 13.4 s), and openmpt123 plays the synthetic "
+                             "and hybrid sounds (instruments 3, 5-7) silent; in a copy at tempo 44 (33 BPM) the "
+                             "lengths agree (9.698/9.696 s) and without the synthetic notes the envelopes correlate "
+                             "0.993"),
     "med/med3song.med": (("length", "corr"), "its instrument is a file the folder lacks (both render silence); xmp "
-                         "caps tempo 192 (FC0) at 255 BPM (6.6 s; kelva 5.4 s)"),
-    "med/med4song.med": (("length", "corr"), "no reference plays it: openmpt123 has no MED4 loader, xmp writes an "
-                         "empty file (its instruments are files the folder lacks; kelva plays the 7.7 s song silent)"),
-    "med/mmd0_compat_tempo.med": (("corr",), "openmpt123 neither replays FF1 notes on the fourth tick nor delays FF2 "
-                                  "notes (xmp plays FF2 undelayed too); kelva plays both as the tracker did"),
-    "med/mmd2_compat_tempo.med": (("corr",), "as mmd0_compat_tempo: FF1/FF2 in openmpt123"),
+                         "turns FC0 into 125 x 192 / 33 = 727 BPM kept in a byte, i.e. 215 BPM (6.6 s; kelva 5.4 s); "
+                         "with F40 instead in a copy both last 6.44 s"),
+    "med/med4song.med": (("length", "corr"), "no reference plays it: openmpt123 has no MED4 loader and xmp 4.5 "
+                         "rejects it (\"Unrecognized file format\"); its three instruments are files the folder "
+                         "lacks, so kelva plays the 7.7 s song (64 lines of 6 ticks at 50 Hz) silent"),
+    "med/mmd0_compat_tempo.med": (("corr",), "openmpt123 neither replays FF1 notes on the fourth tick nor delays "
+                                  "FF2 notes by half a line (seen in a copy with track 1 alone); kelva plays both as "
+                                  "the tracker did; with FF1/FF2 removed in a copy the envelopes correlate 0.991"),
+    "med/mmd2_compat_tempo.med": (("corr",), "as mmd0_compat_tempo: FF1/FF2 in openmpt123; without them in a copy "
+                                  "0.969"),
     "med/stereo.med": (("corr",), "a track panned across the stereo field: openmpt123 renders at 200 % stereo "
                        "separation, which deepens the pan's effect on the level envelope (at 100 % the envelopes "
                        "correlate 0.9996)"),
-    "med/moods-yeah.med": (("corr",), "synthetic sounds: openmpt123 plays them silent, xmp leaves out MMD3 notes "
-                           "below C-2 (the bass of the first positions)"),
+    "med/moods-yeah.med": (("corr",), "synthetic sounds: openmpt123 plays them silent, xmp leaves out the MMD3 notes "
+                           "below 25 (the bass of the first positions); with those 272 notes raised into the octave "
+                           "kelva plays them in (kelva's render unchanged) the envelopes correlate 0.981"),
 }
 
 
