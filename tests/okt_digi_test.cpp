@@ -274,8 +274,9 @@ struct digi_cell {
 };
 
 // A packed DIGI Booster module.
-std::vector<uint8_t> digi_module(int channels, const std::vector<digi_sample> &samples, const std::vector<uint8_t> &orders,
-                                 int patterns, const std::vector<digi_cell> &cells) {
+std::vector<uint8_t> digi_module(int channels, const std::vector<digi_sample> &samples,
+                                 const std::vector<uint8_t> &orders, int patterns,
+                                 const std::vector<digi_cell> &cells) {
     std::vector<uint8_t> m(1572, 0);
     memcpy(&m[0], "DIGI Booster module\0V1.6", 24);
     m[24] = 0x16, m[25] = uint8_t(channels), m[26] = 1, m[46] = uint8_t(patterns - 1);
