@@ -49,7 +49,7 @@
  *
  * A row played a second time (the positions wrapped, a jump went back, F00)
  * is the song's end (DTG_SongEnd, once); pattern loops clear the rows they
- * play again, so a loop is not taken for the end. */
+ * play again within their position, so a loop is not taken for the end. */
 #include "kelva_player.h"
 #include "kp_math.h"
 #include "paula.h"
@@ -339,14 +339,14 @@ static void set_tempo(uint8_t b) {
     if (mixing && mix_period != old) swmix_tick_start(mixer_list, mixer_count, mix_period);
 }
 
-/* Clears the marks of the rows a pattern loop plays again: from the row
- * after the loop's start up to the current one, over the positions between. */
+/* Clears the marks of the rows a pattern loop plays again, from the row
+ * after the loop's start to the current one. A loop that reaches back into
+ * an earlier position (a jump or break between its start and its end)
+ * clears nothing: playing those rows again may end the song. */
 static void unvisit(uint8_t from_pos, int8_t from_row) {
-    for (uint8_t pos = from_pos; pos <= position && pos < 128; pos++) {
-        int8_t r = pos == from_pos ? (int8_t)(from_row < 0 ? 0 : from_row) : 0;
-        int8_t to = pos == position ? row : 63;
-        for (; r <= to && r < 64; r++) visited[((uint16_t)pos << 3) + (r >> 3)] &= (uint8_t)~(1u << (r & 7));
-    }
+    if (from_pos != position) return;
+    for (int8_t r = from_row < 0 ? 0 : from_row; r <= row && r < 64; r++)
+        visited[((uint16_t)position << 3) + (r >> 3)] &= (uint8_t)~(1u << (r & 7));
 }
 
 /* The effects that act once, on the row's tick. */
