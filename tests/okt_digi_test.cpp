@@ -418,6 +418,9 @@ TEST_F(Digi, RowsJumpsLoopsDelaysAndSongEnd) {
         {"pattern delay of two rows", {0}, {{0, 1, 0, 0, 0, 0xE, 0xE2}}, 64 + 2},
         {"F00 starts the song again", {0}, {{0, 3, 0, 0, 0, 0xF, 0}}, 4},
         {"jump back to position 0", {0, 1}, {{1, 0, 0, 0, 0, 0xB, 0}}, 64 + 1},
+        // A jump held by a pattern delay: the delay's row is position 1's
+        // first, which goes on from its second row.
+        {"jump and delay in a row", {0, 1}, {{0, 1, 0, 0, 0, 0xB, 1}, {0, 1, 1, 0, 0, 0xE, 0xE1}}, 2 + 1 + 63},
     };
     for (const auto &c : kCases) {
         SCOPED_TRACE(c.what);

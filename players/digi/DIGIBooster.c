@@ -600,6 +600,7 @@ static void tick(void) {
             position = 0;
             row = 0;
         }
+        if (row < 0) row = 0;   /* a jump or break (to row -1 + 1) held by a pattern delay */
         if (speed == 0) {
             /* F00: the song starts again. */
             position = 0;
