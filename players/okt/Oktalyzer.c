@@ -19,7 +19,11 @@
  *   SBOD  the data of each sample that has a length, in sample order
  *
  * Files that start "OKTASNG2" have the same chunks; they come from a later
- * release of the tracker, whose speed reaches 31 instead of 15.
+ * release of the tracker, whose speed reaches 31 instead of 15 and whose
+ * split channels keep a volume for each voice. That release writes every
+ * volume command of a split channel on both its halves (so songs made for
+ * the shared volume keep their sound), and the pair's shared volume then
+ * plays them alike.
  *
  * The replay follows Oktalyzer's own. A tick every 50th of a second; on the
  * row's first tick the notes start, and every effect of the row acts on
