@@ -266,6 +266,90 @@ def ptm_seed(channels=4, cut=0):
     return out[:len(out) - cut] if cut else out
 
 
+# ---- Oktalyzer and DIGI Booster -------------------------------------------------
+
+def okt_seed(cmod=(0, 1, 0, 1), magic=b"OKTASONG", cut=0):
+    """An Oktalyzer song: samples of every mode (looping and not), two
+    patterns whose cells use every effect, notes past B-3 and samples that
+    do not exist."""
+    channels = 4 + sum(1 for f in cmod if f)
+
+    def chunk(name, data):
+        return name + be32(len(data)) + data
+
+    samp = b""
+    lengths = [64, 64, 128, 32]
+    for i in range(36):
+        if i < 4:
+            samp += ("okt%d" % i).encode().ljust(20, b"\0") + struct.pack(
+                ">IHHHH", lengths[i], 8 if i % 2 else 0, 16 if i % 2 else 0, 48, i % 3)
+        else:
+            samp += bytes(32)
+    fx = [(1, 3), (2, 5), (10, 0x23), (11, 0x12), (12, 0x34), (13, 1), (15, 1), (17, 2), (21, 2), (24, 0x20),
+          (25, 0x01), (27, 0), (28, 0x1F), (30, 1), (31, 0x30), (31, 0x44), (31, 0x52), (31, 0x63), (31, 0x74),
+          (31, 0x90), (9, 9)]
+    pats = b""
+    for p in range(2):
+        rows = 16 if p else 32
+        body = bytearray(2 + rows * channels * 4)
+        struct.pack_into(">H", body, 0, rows)
+        for r in range(rows):
+            for c in range(channels):
+                if (r + c) % 2:
+                    continue
+                f, param = fx[(r + c + p) % len(fx)]
+                note = [13, 1, 36, 25, 40, 0][(r + c) % 6]
+                smp = [0, 1, 2, 3, 40][(r + 2 * c) % 5]
+                body[2 + (r * channels + c) * 4:6 + (r * channels + c) * 4] = bytes([note, smp, f, param])
+        pats += chunk(b"PBOD", bytes(body))
+    sbod = b"".join(chunk(b"SBOD", SQUARE[:n]) for n in lengths)
+    out = (magic + chunk(b"CMOD", struct.pack(">4H", *cmod)) + chunk(b"SAMP", samp) + chunk(b"SPEE", b"\0\4") +
+           chunk(b"SLEN", b"\0\2") + chunk(b"PLEN", b"\0\3") + chunk(b"PATT", bytes([0, 1, 0]).ljust(128, b"\0")) +
+           pats + sbod)
+    return out[:len(out) - cut] if cut else out
+
+
+def digi_seed(channels=8, packed=True, cut=0):
+    """A DIGI Booster module with every effect and E command, tempo changes,
+    a loop, a pattern delay, F00 and a sample offset past the sample."""
+    head = bytearray(1572)
+    head[0:24] = b"DIGI Booster module\0V1.6"
+    head[24], head[25], head[26], head[46], head[47] = 0x16, channels, 1 if packed else 0, 1, 2
+    head[48:51] = bytes([0, 1, 0])
+    lengths = [128, 64, 96]
+    for i, n in enumerate(lengths):
+        struct.pack_into(">I", head, 176 + 4 * i, n)
+        struct.pack_into(">I", head, 300 + 4 * i, 32 if i != 1 else 0)
+        struct.pack_into(">I", head, 424 + 4 * i, 32 if i != 1 else 0)
+        head[548 + i] = 48
+        head[579 + i] = [0, 3, 0xFB][i]
+    head[610:619] = b"digi seed"
+    fx = [(0, 0x37), (1, 0x03), (2, 0), (3, 0x08), (4, 0x44), (5, 0x02), (6, 0x20), (7, 0x11), (8, 0x10),
+          (9, 0x01), (0xA, 0x12), (0xC, 0x50), (0xE, 0x01), (0xE, 0x12), (0xE, 0x22), (0xE, 0x30), (0xE, 0x31),
+          (0xE, 0x40), (0xE, 0x50), (0xE, 0x51), (0xE, 0x60), (0xE, 0x62), (0xE, 0x81), (0xE, 0x93), (0xE, 0xA2),
+          (0xE, 0xB2), (0xE, 0xC2), (0xE, 0xD1), (0xE, 0xE1), (0xF, 0x03), (0xF, 0x40), (0xD, 0x10), (0xB, 0x02),
+          (0xF, 0)]
+    body = b""
+    for p in range(2):
+        cells = {}
+        for r in range(64):
+            for c in range(channels):
+                if (r + c) % 3:
+                    continue
+                f, param = fx[(r // 2 + c + 5 * p) % len(fx)]
+                period = [428, 856, 113, 0, 320, 1000][(r + c) % 6]
+                smp = [1, 2, 3, 0, 31][(r + 2 * c) % 5]
+                cells[(r, c)] = bytes([(smp & 0xF0) | period >> 8, period & 0xFF, (smp & 15) << 4 | f, param])
+        if packed:
+            masks = bytes(sum(0x80 >> c for c in range(channels) if (r, c) in cells) for r in range(64))
+            data = b"".join(cells[(r, c)] for r in range(64) for c in range(channels) if (r, c) in cells)
+            body += struct.pack(">H", 64 + len(data)) + masks + data
+        else:
+            body += b"".join(cells.get((r, c), bytes(4)) for c in range(channels) for r in range(64))
+    out = bytes(head) + body + SQUARE[:128] + SQUARE[:64] + SQUARE[:96]
+    return out[:len(out) - cut] if cut else out
+
+
 # ---- AHX and HivelyTracker songs ---------------------------------------------
 
 def synth_song(hvl, channels=4, version=1, speed_mult=1, stereo=2):
@@ -575,6 +659,18 @@ def main():
                                   ("gmc", "gmc.seed", gmc_seed()), ("ims", "seed.ims", ims_seed()),
                                   ("ims-st", "seed.st", ims_seed()), ("ptm", "seed.ptm", ptm_seed()),
                                   ("ptm-9ch", "seed.ptm", ptm_seed(9)), ("ptm-cut", "seed.ptm", ptm_seed(32, 600))):
+        write("engine", name, named_engine_input(file_name, 0, data))
+    # Oktalyzer (split channels on 0, 2 or 4 Paula channels, the OKTASNG2
+    # tag, a file cut in its patterns) and DIGI Booster (packed and unpacked
+    # patterns, a file cut in its samples), named for their players.
+    for name, file_name, data in (("okt-6ch", "seed.okt", okt_seed()),
+                                  ("okt-8ch", "OKT.seed", okt_seed((1, 1, 1, 1))),
+                                  ("okt-4ch", "seed.okta", okt_seed((0, 0, 0, 0))),
+                                  ("okt2", "seed.okt2", okt_seed((1, 0, 0, 1), b"OKTASNG2")),
+                                  ("okt-cut", "seed.okt", okt_seed(cut=700)),
+                                  ("digi-8ch", "seed.digi", digi_seed()),
+                                  ("digi-3ch-unpacked", "seed.digi", digi_seed(3, False)),
+                                  ("digi-cut", "seed.digi", digi_seed(5, True, 200))):
         write("engine", name, named_engine_input(file_name, 0, data))
     for name, data in ahx_seeds().items():
         write("engine", name, data)

@@ -18,7 +18,6 @@ using namespace ptk_test;
 
 namespace {
 
-constexpr uint32_t kModule = 0x010000;
 constexpr uint32_t kGlobals = 0xF90000;
 
 // ---- An MMD writer ----------------------------------------------------------

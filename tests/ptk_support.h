@@ -45,6 +45,44 @@ inline void run_ticks(kelva *k, int n) {
     for (int i = 0; i < n; i++) kelva_render(k, buf.data(), kTick);
 }
 
+constexpr uint32_t kModule = 0x010000;
+
+inline void be16(std::vector<uint8_t> &v, size_t at, uint16_t x) {
+    v[at] = uint8_t(x >> 8);
+    v[at + 1] = uint8_t(x);
+}
+inline void be32(std::vector<uint8_t> &v, size_t at, uint32_t x) {
+    be16(v, at, uint16_t(x >> 16));
+    be16(v, at + 2, uint16_t(x));
+}
+inline void le16(std::vector<uint8_t> &v, size_t at, uint16_t x) {
+    v[at] = uint8_t(x);
+    v[at + 1] = uint8_t(x >> 8);
+}
+inline void le32(std::vector<uint8_t> &v, size_t at, uint32_t x) {
+    le16(v, at, uint16_t(x));
+    le16(v, at + 2, uint16_t(x >> 16));
+}
+
+// Opens a built player on a module image (no paths); null when kelva_open fails.
+inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod) {
+    kelva_global_init();
+    engine_ptr k = make_engine(48000);
+    std::string pp = player_path(player);
+    std::vector<uint8_t> p = read_bytes(pp);
+    if (kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), nullptr,
+                   0) != 0)
+        return nullptr;
+    return k;
+}
+
+// The block the software mixer most recently handed Paula channel x (the
+// one queued behind the playing block, or restarted at the tick).
+inline std::vector<int8_t> mixed(const engine_ptr &k, int x) {
+    const int8_t *b = reinterpret_cast<const int8_t *>(k->ram + (k->aud[x].lc & 0xFFFFFF));
+    return std::vector<int8_t>(b, b + 2 * k->aud[x].len);
+}
+
 }  // namespace ptk_test
 
 // Skips the current test when the player was not built.

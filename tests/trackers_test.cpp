@@ -17,36 +17,6 @@ using namespace ptk_test;
 
 namespace {
 
-constexpr uint32_t kModule = 0x010000;
-
-void be16(std::vector<uint8_t> &v, size_t at, uint16_t x) {
-    v[at] = uint8_t(x >> 8);
-    v[at + 1] = uint8_t(x);
-}
-void be32(std::vector<uint8_t> &v, size_t at, uint32_t x) {
-    be16(v, at, uint16_t(x >> 16));
-    be16(v, at + 2, uint16_t(x));
-}
-void le16(std::vector<uint8_t> &v, size_t at, uint16_t x) {
-    v[at] = uint8_t(x);
-    v[at + 1] = uint8_t(x >> 8);
-}
-void le32(std::vector<uint8_t> &v, size_t at, uint32_t x) {
-    le16(v, at, uint16_t(x));
-    le16(v, at + 2, uint16_t(x >> 16));
-}
-
-engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod) {
-    kelva_global_init();
-    engine_ptr k = make_engine(48000);
-    std::string pp = player_path(player);
-    std::vector<uint8_t> p = read_bytes(pp);
-    if (kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), nullptr,
-                   0) != 0)
-        return nullptr;
-    return k;
-}
-
 uint32_t play_addr(const engine_ptr &k, int c) { return uint32_t(k->ch[c].data - k->ram); }
 
 // ---- SoundFX -------------------------------------------------------------
@@ -84,7 +54,8 @@ struct sfx_song {
 class Trackers : public ::testing::Test {
   protected:
     void SetUp() override {
-        for (const char *p : {"SoundFX", "GameMusicCreator", "ImagesMusicSystem", "PolyTracker"})
+        for (const char *p :
+             {"SoundFX", "GameMusicCreator", "ImagesMusicSystem", "PolyTracker", "Oktalyzer", "DIGIBooster"})
             PTK_REQUIRE_PLAYER(p);
     }
 };
@@ -373,13 +344,6 @@ ptm_instrument level(int8_t v, uint8_t volume = 64) {
     return i;
 }
 
-// The block the software mixer most recently handed Paula channel x (the
-// one queued behind the playing block).
-std::vector<int8_t> mixed(const engine_ptr &k, int x) {
-    const int8_t *b = reinterpret_cast<const int8_t *>(k->ram + (k->aud[x].lc & 0xFFFFFF));
-    return std::vector<int8_t>(b, b + 2 * k->aud[x].len);
-}
-
 // How far a looping 256-byte ramp advanced over a block: the voice's step
 // in bytes per mixed sample, times the block's length less one.
 int ramp_advance(const std::vector<int8_t> &b) { return uint8_t(b.back() - b.front()); }
@@ -499,18 +463,25 @@ TEST_F(Trackers, RealModulesAreIdentifiedAndPlay) {
     const struct {
         const char *file, *name_as, *player, *format;
     } kModules[] = {
-        {"SFX.Crockett's_theme", nullptr, "SoundFX", "SoundFX 1.3"},
-        {"gmc.ingame", nullptr, "GameMusicCreator", "Game Music Creator"},
-        {"redoctober-sub-docking.ims", nullptr, "ImagesMusicSystem", "Images Music System"},
-        {"redoctober-sub-docking.ims", "sub-docking.st", "ImagesMusicSystem", "Images Music System"},
-        {"rew_vibr.ptm", nullptr, "PolyTracker", "PolyTracker"},
-        {"pattern_loop_ptm.ptm", nullptr, "PolyTracker", "PolyTracker"},
+        {"other/SFX.Crockett's_theme", nullptr, "SoundFX", "SoundFX 1.3"},
+        {"other/gmc.ingame", nullptr, "GameMusicCreator", "Game Music Creator"},
+        {"other/redoctober-sub-docking.ims", nullptr, "ImagesMusicSystem", "Images Music System"},
+        {"other/redoctober-sub-docking.ims", "sub-docking.st", "ImagesMusicSystem", "Images Music System"},
+        {"other/rew_vibr.ptm", nullptr, "PolyTracker", "PolyTracker"},
+        {"other/pattern_loop_ptm.ptm", nullptr, "PolyTracker", "PolyTracker"},
+        {"other/yyde2.digi", nullptr, "DIGIBooster", "DIGI Booster 1.4"},
+        {"okt/OKT.Yes-PartII", nullptr, "Oktalyzer", "Oktalyzer"},
+        {"okt/demosong 1.okta", nullptr, "Oktalyzer", "Oktalyzer"},
+        {"okt/distortion.okt", nullptr, "Oktalyzer", "Oktalyzer"},
+        {"okt/lumme.okta", nullptr, "Oktalyzer", "Oktalyzer"},
+        {"okt/orbit.okta", nullptr, "Oktalyzer", "Oktalyzer"},
+        {"okt/45.okt2", nullptr, "Oktalyzer", "Oktalyzer (OKTASNG2)"},
     };
     for (const auto &m : kModules) {
         SCOPED_TRACE(m.file);
-        std::string path = shared_dir() + "/testdata/modules/other/" + m.file;
+        std::string path = shared_dir() + "/testdata/modules/" + m.file;
         std::vector<uint8_t> data = read_bytes(path);
-        ASSERT_FALSE(data.empty());
+        if (data.empty()) GTEST_SKIP() << path << " not found";
         std::string as = m.name_as ? m.name_as : path;
         char player[4096];
         ASSERT_EQ(kelva_identify(as.c_str(), data.data(), uint32_t(data.size()), player, sizeof player), 1);

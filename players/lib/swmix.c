@@ -170,6 +170,7 @@ void swmix_channel_init(swmix_channel *c, uint16_t paula, swmix_voice *const *vo
     c->shift = 6;
     for (uint16_t n = 1; n < count; n = (uint16_t)(n << 1)) c->shift++;
     c->paula = (uint16_t)(paula & 3);
+    c->saturate = 0;
     c->running = 0;
 }
 
@@ -193,6 +194,18 @@ void swmix_mix(swmix_channel *c, int8_t *out, uint16_t bytes) {
     sum = mix_sum;
     count = (int16_t)(bytes - 1);
     int32_t scratch, shift = c->shift;
+    if (c->saturate) {
+        /* A louder sum than the shift allows for is held at the byte's limits. */
+        __asm__ volatile("1:\tmove.l (%[s])+,%[t]\n\tasr.l %[sh],%[t]\n"
+                         "\tcmp.l #127,%[t]\n\tble.s 2f\n\tmoveq #127,%[t]\n\tbra.s 3f\n"
+                         "2:\tcmp.l #-128,%[t]\n\tbge.s 3f\n\tmoveq #-128,%[t]\n"
+                         "3:\tmove.b %[t],(%[o])+\n\tdbra %[n],1b"
+                         : [s] "+a"(sum), [o] "+a"(out), [n] "+d"(count), [t] "=&d"(scratch)
+                         : [sh] "d"(shift)
+                         : "cc", "memory");
+        (void)scratch;
+        return;
+    }
     __asm__ volatile("1:\tmove.l (%[s])+,%[t]\n\tasr.l %[sh],%[t]\n\tmove.b %[t],(%[o])+\n\tdbra %[n],1b"
                      : [s] "+a"(sum), [o] "+a"(out), [n] "+d"(count), [t] "=&d"(scratch)
                      : [sh] "d"(shift)

@@ -61,6 +61,8 @@ typedef struct swmix_channel {
     swmix_voice *voice[SWMIX_MAX_VOICES];  /* the voices summed into this channel */
     uint16_t voices;
     uint16_t shift;      /* the sum of sample x volume products is shifted right by this */
+    uint16_t saturate;   /* 1: the shifted sum is clamped to -128..127 (a shift that leaves room
+                          * for fewer voices than the channel has); 0: it always fits */
     uint16_t paula;      /* 0..3 */
     uint16_t block;      /* bytes per buffer */
     uint16_t refill;     /* buffer (0/1) to mix when the current one has played */
@@ -91,7 +93,8 @@ void swmix_voice_step(swmix_voice *v, uint32_t step);
 void swmix_ring_period(swmix_voice *v, uint16_t period);
 
 /* Sets up a mixed channel on Paula channel `paula` for `count` voices
- * (1..SWMIX_MAX_VOICES). */
+ * (1..SWMIX_MAX_VOICES), with the shift that gives each voice its share and
+ * no saturation. */
 void swmix_channel_init(swmix_channel *c, uint16_t paula, swmix_voice *const *voices, uint16_t count);
 
 /* Mixes `bytes` samples of the channel's voices into out (bytes <=

@@ -21,6 +21,7 @@
  * The plain 68000 has only 16-bit multiply and divide, and the players get
  * no libgcc, so every product below is a mulu.w (mul16) or a shift. */
 #include "replay.h"
+#include "pt_tables.h"
 
 /* ---- Arithmetic for the plain 68000 -------------------------------------- */
 
@@ -46,51 +47,8 @@ static inline uint8_t mod_small(uint8_t x, uint8_t n) {
 
 /* ---- Tables ------------------------------------------------------------ */
 
-/* Periods of the three octaves C-1..B-3 for the 16 finetunes (0..7, then
- * -8..-1). Arpeggio beyond B-3 reads on into the next finetune's row, as
- * in the Amiga replay routine; a row of zeros at the end keeps those reads
- * inside the table. */
-#define ROW 36
-static const uint16_t period_table[17 * ROW] = {
-    856,808,762,720,678,640,604,570,538,508,480,453, 428,404,381,360,339,320,302,285,269,254,240,226,
-    214,202,190,180,170,160,151,143,135,127,120,113,
-    850,802,757,715,674,637,601,567,535,505,477,450, 425,401,379,357,337,318,300,284,268,253,239,225,
-    213,201,189,179,169,159,150,142,134,126,119,113,
-    844,796,752,709,670,632,597,563,532,502,474,447, 422,398,376,355,335,316,298,282,266,251,237,224,
-    211,199,188,177,167,158,149,141,133,125,118,112,
-    838,791,746,704,665,628,592,559,528,498,470,444, 419,395,373,352,332,314,296,280,264,249,235,222,
-    209,198,187,176,166,157,148,140,132,125,118,111,
-    832,785,741,699,660,623,588,555,524,495,467,441, 416,392,370,350,330,312,294,278,262,247,233,220,
-    208,196,185,175,165,156,147,139,131,124,117,110,
-    826,779,736,694,655,619,584,551,520,491,463,437, 413,390,368,347,328,309,292,276,260,245,232,219,
-    206,195,184,174,164,155,146,138,130,123,116,109,
-    820,774,730,689,651,614,580,547,516,487,460,434, 410,387,365,345,325,307,290,274,258,244,230,217,
-    205,193,183,172,163,154,145,137,129,122,115,109,
-    814,768,725,684,646,610,575,543,513,484,457,431, 407,384,363,342,323,305,288,272,256,242,228,216,
-    204,192,181,171,161,152,144,136,128,121,114,108,
-    907,856,808,762,720,678,640,604,570,538,508,480, 453,428,404,381,360,339,320,302,285,269,254,240,
-    226,214,202,190,180,170,160,151,143,135,127,120,
-    900,850,802,757,715,675,636,601,567,535,505,477, 450,425,401,379,357,337,318,300,284,268,253,238,
-    225,212,200,189,179,169,159,150,142,134,126,119,
-    894,844,796,752,709,670,632,597,563,532,502,474, 447,422,398,376,355,335,316,298,282,266,251,237,
-    223,211,199,188,177,167,158,149,141,133,125,118,
-    887,838,791,746,704,665,628,592,559,528,498,470, 444,419,395,373,352,332,314,296,280,264,249,235,
-    222,209,198,187,176,166,157,148,140,132,125,118,
-    881,832,785,741,699,660,623,588,555,524,494,467, 441,416,392,370,350,330,312,294,278,262,247,233,
-    220,208,196,185,175,165,156,147,139,131,123,117,
-    875,826,779,736,694,655,619,584,551,520,491,463, 437,413,390,368,347,328,309,292,276,260,245,232,
-    219,206,195,184,174,164,155,146,138,130,123,116,
-    868,820,774,730,689,651,614,580,547,516,487,460, 434,410,387,365,345,325,307,290,274,258,244,230,
-    217,205,193,183,172,163,154,145,137,129,122,115,
-    862,814,768,725,684,646,610,575,543,513,484,457, 431,407,384,363,342,323,305,288,272,256,242,228,
-    216,203,192,181,171,161,152,144,136,128,121,114,
-};
-
-/* Half a sine period, the vibrato and tremolo wave. */
-static const uint8_t sine_table[32] = {
-    0, 24, 49, 74, 97, 120, 141, 161, 180, 197, 212, 224, 235, 244, 250, 253,
-    255, 253, 250, 244, 235, 224, 212, 197, 180, 161, 141, 120, 97, 74, 49, 24,
-};
+/* The period table and the vibrato sine are in players/lib/pt_tables.h,
+ * shared with the other ProTracker-like replays. */
 
 /* Steps of the loop inversion (EFx) per speed. */
 static const uint8_t funk_table[16] = {0, 5, 6, 7, 8, 10, 11, 13, 16, 19, 22, 26, 32, 43, 64, 128};
@@ -185,7 +143,7 @@ static inline void hw_block(struct voice *v, uint32_t lc, uint16_t len) {
 }
 
 /* The period row of a finetune. */
-static inline const uint16_t *ft_row(uint8_t finetune) { return period_table + mul16(finetune & 15, ROW); }
+static inline const uint16_t *ft_row(uint8_t finetune) { return pt_period_table + mul16(finetune & 15, PT_ROW); }
 
 /* Reports the song's end once. */
 static void song_end(void) {
@@ -410,8 +368,8 @@ static void set_tone_porta(struct voice *v) {
     uint16_t note = v->note & 0x0FFF;
     const uint16_t *t = ft_row(v->finetune);
     uint16_t i = 0;
-    while (i < ROW && note < t[i]) i++;
-    if (i >= ROW) i = 35;
+    while (i < PT_ROW && note < t[i]) i++;
+    if (i >= PT_ROW) i = 35;
     if ((v->finetune & 8) && i) i--;
     v->wantedperiod = t[i];
     v->toneportdirec = 0;
@@ -440,8 +398,8 @@ static void tone_port_nochange(struct voice *v) {
     if (v->glissfunk & 0x0F) {
         const uint16_t *t = ft_row(v->finetune);
         uint16_t i = 0;
-        while (i < ROW && p < t[i]) i++;
-        p = t[i < ROW ? i : ROW - 1];
+        while (i < PT_ROW && p < t[i]) i++;
+        p = t[i < PT_ROW ? i : PT_ROW - 1];
     }
     hw_period(v, p);
 }
@@ -460,7 +418,7 @@ static void tone_portamento(struct voice *v) {
  * the vibrato position for the tremolo ramp too). */
 static uint8_t wave_value(uint8_t pos, uint8_t wave, uint8_t ramp_sign) {
     uint8_t i = (pos >> 2) & 0x1F;
-    if (wave == 0) return sine_table[i];
+    if (wave == 0) return pt_sine[i];
     i = (uint8_t)(i << 3);
     if (wave == 1) return (int8_t)ramp_sign < 0 ? (uint8_t)(255 - i) : i;
     return 255;
@@ -536,8 +494,8 @@ static void arpeggio(struct voice *v) {
         uint8_t off = phase == 1 ? (v->cmdlo >> 4) : (v->cmdlo & 15);
         const uint16_t *t = ft_row(v->finetune);
         uint16_t i = 0;
-        while (i < ROW && v->period < t[i]) i++;
-        if (i >= ROW) return;
+        while (i < PT_ROW && v->period < t[i]) i++;
+        if (i >= PT_ROW) return;
         p = t[i + off];
     }
     hw_period(v, p);
@@ -796,8 +754,8 @@ static void load_instrument(struct voice *v, uint8_t n) {
 static void set_period(struct voice *v) {
     uint16_t note = v->note & 0x0FFF;
     uint16_t i = 0;
-    while (i < ROW && note < period_table[i]) i++;
-    if (i >= ROW) i = ROW - 1;
+    while (i < PT_ROW && note < pt_period_table[i]) i++;
+    if (i >= PT_ROW) i = PT_ROW - 1;
     v->period = ft_row(v->finetune)[i];
     if ((v->cmd & 0x0F) == 0x0E && (v->cmdlo & 0xF0) == 0xD0) {   /* EDx waits */
         check_more_efx(v);

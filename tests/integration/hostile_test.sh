@@ -14,10 +14,14 @@
 #   rand1.mod rand2.mod  random bytes under the ProTracker player's extension
 #   rand3.fc rand4.okt   random bytes under other listed extensions
 #   rand5.hvl            random bytes under the HivelyTracker player's extension
+#   rand6.digi           random bytes under the DIGI Booster player's extension
 #   cut1.mod cut2.mod    a real module (from --modules, else a made-up one)
 #                        cut after its header and in its patterns
 #   cut3.ahx             an AHX song from --modules cut in its tracks (when
 #                        one is at hand)
+#   cut4.okt cut5.digi   an Oktalyzer song cut in its patterns and a DIGI
+#                        Booster module cut in its patterns (from --modules,
+#                        when at hand)
 #   forever.kvloop       the Misbehave player, whose tick routine loops
 #                        forever (each tick costs the whole step budget)
 #   empty.mod            an empty file
@@ -74,7 +78,9 @@ cat > "$DATA/eagleplayer.conf" <<'CONF'
 # made by hostile_test.sh
 PTK-Prowiz prefixes=mod,mod15,m15,st,nst,stk,ptk epopt=type:pt30
 UltimateSoundtracker prefixes=ust,fc
-Soundtracker-IV prefixes=st4,okt
+Soundtracker-IV prefixes=st4
+Oktalyzer prefixes=okt
+DIGIBooster prefixes=digi
 AHX prefixes=ahx,thx
 HivelyTracker prefixes=hvl
 Misbehave prefixes=kvloop
@@ -86,6 +92,7 @@ rand_file "$MUS/rand2.mod" 70000
 rand_file "$MUS/rand3.fc" 3000
 rand_file "$MUS/rand4.okt" 3000
 rand_file "$MUS/rand5.hvl" 3000
+rand_file "$MUS/rand6.digi" 3000
 # A real module if one is at hand, else a made-up 31-instrument one.
 SRC=""
 if [ -n "$MODULES" ] && [ -d "$MODULES" ]; then
@@ -110,12 +117,22 @@ head -c 9000 "$SRC" > "$MUS/cut2.mod"     # some patterns, no samples
 printf 'the tick routine of this player never returns\n' > "$MUS/forever.kvloop"
 : > "$MUS/empty.mod"
 mkdir "$MUS/x.mod"
-ENTRIES="rand1.mod rand2.mod rand3.fc rand4.okt rand5.hvl cut1.mod cut2.mod forever.kvloop empty.mod x.mod"
+ENTRIES="rand1.mod rand2.mod rand3.fc rand4.okt rand5.hvl rand6.digi cut1.mod cut2.mod forever.kvloop empty.mod x.mod"
 AHX_SRC=""
 [ -n "$MODULES" ] && [ -d "$MODULES/ahx" ] && AHX_SRC=$(find "$MODULES/ahx" -type f -name 'AHX.*' | sort | head -n1)
 if [ -n "$AHX_SRC" ]; then
     head -c 700 "$AHX_SRC" > "$MUS/cut3.ahx"
     ENTRIES="$ENTRIES cut3.ahx"
+fi
+OKT_SRC=""
+[ -n "$MODULES" ] && [ -d "$MODULES/okt" ] && OKT_SRC=$(find "$MODULES/okt" -type f -name '*.okta' | sort | head -n1)
+if [ -n "$OKT_SRC" ]; then
+    head -c 2000 "$OKT_SRC" > "$MUS/cut4.okt"   # the header and part of the first pattern
+    ENTRIES="$ENTRIES cut4.okt"
+fi
+if [ -n "$MODULES" ] && [ -f "$MODULES/other/yyde2.digi" ]; then
+    head -c 2000 "$MODULES/other/yyde2.digi" > "$MUS/cut5.digi"   # cut in its patterns: refused
+    ENTRIES="$ENTRIES cut5.digi"
 fi
 
 aud_start KELVA_DATA="$DATA"
@@ -176,7 +193,7 @@ stop_all
 grep -q -F "Loading plugin: $PDIR/Input/kelva.so" "$ALOG" && pass "kelva.so loaded" || fail "kelva.so was not loaded"
 nk=$(grep -c -F 'kelva: ' "$ALOG")
 [ "$nk" -gt 0 ] && pass "the log holds $nk \"kelva: \" messages" || fail "no \"kelva: \" message in the log"
-if grep -q -E "kelva: .*(rand1|rand3|rand4|rand5|cut1|cut2|cut3|empty)\." "$ALOG"; then
+if grep -q -E "kelva: .*(rand1|rand3|rand4|rand5|rand6|cut1|cut2|cut3|cut5|empty)\." "$ALOG"; then
     pass "refused files are named in kelva's messages"
 else
     fail "no kelva message names a refused hostile file"
