@@ -2,7 +2,7 @@
 # need the players built into the build tree's data tree; the reference
 # comparison (label "reference") renders the family's shared test modules
 # with kelva and with openmpt123 and compares lengths and loudness envelopes.
-foreach(p PTK-Prowiz UltimateSoundtracker Soundtracker-IV)
+foreach(p PTK-Prowiz UltimateSoundtracker Soundtracker-IV AudioSculpture)
   if(TARGET kelva_player_${p})
     add_dependencies(kelva_tests kelva_player_${p})
   endif()

@@ -48,6 +48,8 @@ FOLDERS = {
     "variants": "openmpt",
     "effects": "openmpt",
     "multichannel": "openmpt",
+    # Startrekker AM synth sounds: openmpt123 plays them silent.
+    "startrekker-am": "xmp",
     "ahx": "envelope",
     "hvl": "envelope",
     "med": "openmpt",
