@@ -2,11 +2,20 @@
  * players (see output.h). */
 #include "output.h"
 
+#include "kp_math.h"
+
 static ptk_mixvoice voices[OUT_MAX_CHANNELS];
 static swmix_channel paula[4];
 static swmix_channel *const paula_list[4] = {&paula[0], &paula[1], &paula[2], &paula[3]};
 static const int8_t *silent_block;
 static uint8_t running;
+
+/* Two buffers per Paula channel, used in turn: a tick's samples and the
+ * pad (rounded up to whole words). */
+#define BUFFER_BYTES ((OUT_MIX_MAX + OUT_MIX_PAD + 2) & ~1u)
+static int8_t buffers[4][2][BUFFER_BYTES] __attribute__((aligned(2)));
+static uint8_t current;
+static uint16_t clock_rest;   /* Paula clocks of the last tick not yet mixed */
 
 /* Bytes in a block of `len` words, as Paula counts them. */
 static inline uint32_t block_bytes(uint16_t len) { return len ? (uint32_t)len << 1 : 0x20000; }
@@ -29,12 +38,78 @@ uint32_t out_mix_start(uint8_t channels, const void *silence) {
     }
     /* The same share for every voice: the shift of the fullest channel. */
     for (uint16_t x = 0; x < 4; x++) paula[x].shift = most;
-    swmix_start(paula_list, 4, OUT_MIX_PERIOD, OUT_MIX_BLOCK);
+    swmix_tick_start(paula_list, 4, OUT_MIX_PERIOD);
+    clock_rest = 0;
+    current = 0;
     running = 1;
     return 0;
 }
 
 ptk_mixvoice *out_voice(uint8_t c) { return c < OUT_MAX_CHANNELS ? &voices[c] : 0; }
+
+/* Mixes n samples of channel x into out, SWMIX_MAX_BLOCK at a time. */
+static void mix(swmix_channel *x, int8_t *out, uint16_t n) {
+    while (n) {
+        uint16_t part = n > SWMIX_MAX_BLOCK ? SWMIX_MAX_BLOCK : n;
+        swmix_mix(x, out, part);
+        out += part;
+        n = (uint16_t)(n - part);
+    }
+}
+
+/* Where a voice is in its sample, kept across the pad's mixing. */
+struct voice_place {
+    const int8_t *data, *next;
+    uint32_t pos, end, loop_len, next_len;
+    uint16_t frac;
+};
+
+void out_mix_tick(uint16_t timer) {
+    if (!running) return;
+    /* The tick lasts (timer + 1) E-clock ticks of 5 Paula clocks. */
+    uint32_t t = (uint32_t)timer + 1;
+    uint32_t clocks = (t << 2) + t + clock_rest;
+    uint16_t n = kp_divu16(clocks, OUT_MIX_PERIOD);
+    if (n > OUT_MIX_MAX) n = OUT_MIX_MAX;
+    clock_rest = (uint16_t)(clocks - kp_mulu16(n, OUT_MIX_PERIOD));
+    uint16_t bytes = (uint16_t)((n + OUT_MIX_PAD + 1) & ~1u);
+    current ^= 1;
+    for (uint16_t x = 0; x < 4; x++) {
+        swmix_channel *c = &paula[x];
+        int8_t *b = buffers[x][current];
+        mix(c, b, n);
+        struct voice_place keep[SWMIX_MAX_VOICES];
+        for (uint16_t k = 0; k < c->voices; k++) {
+            const swmix_voice *v = c->voice[k];
+            keep[k].data = v->data;
+            keep[k].next = v->next;
+            keep[k].pos = v->pos;
+            keep[k].end = v->end;
+            keep[k].loop_len = v->loop_len;
+            keep[k].next_len = v->next_len;
+            keep[k].frac = v->frac;
+        }
+        mix(c, b + n, (uint16_t)(bytes - n));
+        for (uint16_t k = 0; k < c->voices; k++) {
+            swmix_voice *v = c->voice[k];
+            v->data = keep[k].data;
+            v->next = keep[k].next;
+            v->pos = keep[k].pos;
+            v->end = keep[k].end;
+            v->loop_len = keep[k].loop_len;
+            v->next_len = keep[k].next_len;
+            v->frac = keep[k].frac;
+        }
+    }
+    /* All four start their new buffers together, now. */
+    KP_CUSTOM16(DMACON) = 0x000F;
+    for (uint16_t x = 0; x < 4; x++) {
+        volatile uint16_t *hw = (volatile uint16_t *)(CUSTOM + AUD0LC + ((uint32_t)x << 4));
+        *(volatile uint32_t *)hw = (uint32_t)buffers[x][current];
+        hw[2] = (uint16_t)(bytes >> 1);
+    }
+    KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_SETCLR | DMAF_MASTER | 0x000F);
+}
 
 void out_mix_stop(void) {
     if (!running) return;

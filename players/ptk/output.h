@@ -17,11 +17,16 @@
  * of two (half for 5-8 channels, a quarter for 9-16, an eighth for 17-32),
  * so no sum can clip and no channel is louder than another.
  *
- * Rate and buffers: the mix runs at 28,604 Hz (Paula period 124) in blocks
- * of OUT_MIX_BLOCK bytes, two buffers per Paula channel; when one has
- * played, the channel's audio interrupt mixes the next block into it
- * (swmix_start). A tick's changes are heard from the next block mixed, 4.5
- * to 9 ms later, which holds for every tempo. */
+ * Rate and buffers: the mix runs at 28,604 Hz (Paula period 124) and
+ * follows the replay's ticks, as the Amiga's multichannel replays mixed a
+ * frame's worth of samples in their timer interrupt: after each tick the
+ * voices are mixed for exactly the time until the next one (the CIA timer
+ * value's (value + 1) x 5 Paula clocks, the fraction of a sample carried
+ * on), and the four Paula channels restart together on the new buffers.
+ * What a tick sets is heard from that tick on, at every tempo. Two more
+ * samples are mixed past the tick's end without moving the voices on, so
+ * Paula never runs short when the host's tick falls a fraction later; the
+ * next tick's buffer begins with the same samples. */
 #ifndef KELVA_PTK_OUTPUT_H
 #define KELVA_PTK_OUTPUT_H
 
@@ -29,7 +34,9 @@
 
 #define OUT_MAX_CHANNELS 32
 #define OUT_MIX_PERIOD SWMIX_PERIOD_28K
-#define OUT_MIX_BLOCK 128
+#define OUT_MIX_PAD 2
+/* The longest tick: timer value 65535 = 327,680 Paula clocks. */
+#define OUT_MIX_MAX (327680 / OUT_MIX_PERIOD + 1)
 
 /* A mixed channel and the Paula latches it stands in for. */
 typedef struct ptk_mixvoice {
@@ -46,7 +53,10 @@ typedef struct ptk_mixvoice {
 uint32_t out_mix_start(uint8_t channels, const void *silence);
 /* The mixed channel of tracker channel c (after out_mix_start). */
 ptk_mixvoice *out_voice(uint8_t c);
-/* Stops the mixer and gives the audio interrupts back. */
+/* Mixes the samples of the tick that begins now, which lasts `timer` (a
+ * CIA timer value), and starts Paula's channels on them. */
+void out_mix_tick(uint16_t timer);
+/* Stops the mixer. */
 void out_mix_stop(void);
 
 /* The register writes of a mixed channel. */

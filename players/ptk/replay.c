@@ -1175,9 +1175,8 @@ static void running_effects(void) {
     }
 }
 
-void ptk_tick(kp_globals g) {
-    (void)g;
-    if (!ready) return;
+/* One tick of the replay. */
+static void replay_tick(void) {
     if (timer_pending) {
         timer_pending = 0;
         kp_support(globals, DTG_SetTimer, 0, 0, 0);
@@ -1203,6 +1202,14 @@ void ptk_tick(kp_globals g) {
     }
     if (row >= 64) next_position();
     if (posjumpflag) next_position();
+}
+
+void ptk_tick(kp_globals g) {
+    (void)g;
+    if (!ready) return;
+    replay_tick();
+    /* Mixed channels: the samples of the tick that begins now. */
+    if (mixed) out_mix_tick(kp_g16(globals, DTG_Timer));
 }
 
 /* ---- The option string ------------------------------------------------------ */
