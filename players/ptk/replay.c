@@ -337,8 +337,11 @@ static uint32_t layout(const volatile uint8_t *mod, uint32_t size, int variant) 
             uint8_t o = mod[song + 2 + i];
             if (o > highest) highest = o;
         }
+        stored = (uint16_t)((pairs ? (highest | 1) : highest) + 1);
+        need = header + mul16(stored, (uint16_t)patsize);
         /* The odd half of the last FLT8 pair may be missing: its cells read as empty. */
-        if (header + mul16((uint16_t)(highest + 1), (uint16_t)patsize) > size) return 0;
+        if (need > size && pairs) need = header + mul16((uint16_t)(highest + 1), (uint16_t)patsize);
+        if (need > size) return 0;
     }
     channels = (uint8_t)nch;
     flt8 = pairs;
@@ -346,7 +349,8 @@ static uint32_t layout(const volatile uint8_t *mod, uint32_t size, int variant) 
     restart_pos = mod[song + 1];
     orders_addr = (uint32_t)mod + song + 2;
     patterns_addr = (uint32_t)mod + header;
-    /* Sample data follows the patterns named by the whole order list. */
+    /* Sample data follows the patterns named by the order list (by the
+     * played part when the rest were never saved). */
     return need;
 }
 
@@ -673,6 +677,7 @@ static void arpeggio(struct voice *v) {
 
 /* Restarts the channel's sample (E9x, EDx). */
 static void retrigger(struct voice *v) {
+    if (!v->length) return;   /* a synth sound without a first block */
     dma_off(v);
     hw_block(v, v->start, v->length);
     dma_on(v->chbit);
