@@ -159,9 +159,11 @@ TEST_F(PtkMulti, VoicesAddUpAndAQueuedInstrumentFollowsTheSample) {
     EXPECT_TRUE(block_is(k, 1, -30));
     run_ticks(k.get(), 20);          // row 1 has queued instrument 3; sample 2 plays on
     EXPECT_TRUE(block_is(k, 1, -30));
-    run_ticks(k.get(), 40);          // 1.2 s: sample 2 has ended
+    // Tick 52 mixes 1.02-1.04 s: sample 2 ended at 0.965 s, the next row
+    // (which queues the loop again) comes at 1.08 s.
+    run_ticks(k.get(), 30);
     EXPECT_TRUE(block_is(k, 0, 100));
-    EXPECT_TRUE(block_is(k, 1, 20)) << "the queued instrument's loop";
+    EXPECT_TRUE(block_is(k, 1, 20)) << "the queued instrument's loop, at the end of the sample";
 }
 
 // FLT8: position p plays the even four-channel pattern (p & ~1) for channels
