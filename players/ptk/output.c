@@ -120,12 +120,17 @@ void out_mix_stop(void) {
 void out_period(ptk_mixvoice *m, uint16_t period) {
     if (period == m->period) return;
     m->period = period;
-    /* Paula's floor: periods 1-112 play at 113. */
+    /* Paula's floor: periods 1-112 play at 113; at period 0 the channel
+     * is left out (it neither sounds nor moves on). */
     if (period && period < 113) period = 113;
     swmix_voice_period(&m->sv, period);
+    m->sv.volume = period ? m->volume : 0;
 }
 
-void out_volume(ptk_mixvoice *m, uint16_t volume) { m->sv.volume = volume > 64 ? 64 : volume; }
+void out_volume(ptk_mixvoice *m, uint16_t volume) {
+    m->volume = volume > 64 ? 64 : volume;
+    m->sv.volume = m->period ? m->volume : 0;
+}
 
 /* DMA on: the channel starts the block in its latches and, until another
  * block is queued, repeats it. The silent block is not mixed at all. */

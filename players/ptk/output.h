@@ -43,7 +43,8 @@ typedef struct ptk_mixvoice {
     swmix_voice sv;
     uint32_t lc;        /* AUDxLC */
     uint16_t len;       /* AUDxLEN in words (0 = 65536) */
-    uint16_t period;    /* the period last written */
+    uint16_t period;    /* AUDxPER as last written */
+    uint16_t volume;    /* AUDxVOL as last written (0..64) */
     uint8_t dma;        /* the channel's DMA is on */
 } ptk_mixvoice;
 
