@@ -6,11 +6,15 @@
 // instead: the bytes after the subsong, up to a NUL (at most 63), are its
 // file name, and identification chooses the player by that name and the
 // module that follows, whatever players exist (seeds for one format keep
-// their player as players are added). The module is opened, one second is
+// their player as players are added). A byte 0 of 0xFE is the named form
+// with a companion file: after the name's NUL a big-endian 32-bit length n
+// and n bytes, which the player gets for any file it asks for whose name
+// ends in ".nt" (Startrekker's companion files). The module is opened, one second is
 // rendered in the plugin's block size, it is closed, opened again and its
 // length measured with a small limit. Output must stay finite and the
 // measurement within its limit.
 #include <dirent.h>
+#include <strings.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -32,6 +36,7 @@ constexpr int32_t kMeasureMs = 1000;
 constexpr int32_t kSilenceMs = 500;
 constexpr char kModulePath[] = "/fuzz/fuzz.mod";
 constexpr uint8_t kNamedInput = 0xFF;
+constexpr uint8_t kNamedWithCompanion = 0xFE;
 
 struct player_file {
     std::string path;
@@ -68,6 +73,23 @@ void load_players(const std::string &dir) {
         player_file f{p, {}};
         if (slurp(p, &f.bytes)) players.push_back(std::move(f));
     }
+}
+
+// The companion file of a 0xFE input, served for names ending in ".nt".
+struct companion_file {
+    const uint8_t *data = nullptr;
+    uint32_t size = 0;
+};
+
+int companion_loader(void *user, const char *path, uint8_t **out, uint32_t *len) {
+    const companion_file *c = static_cast<const companion_file *>(user);
+    size_t n = strlen(path);
+    if (n < 3 || strcasecmp(path + n - 3, ".nt") != 0) return 0;
+    *out = static_cast<uint8_t *>(malloc(c->size ? c->size : 1));
+    if (!*out) return 0;
+    if (c->size) memcpy(*out, c->data, c->size);
+    *len = c->size;
+    return 1;
 }
 
 void render_one_second() {
@@ -107,7 +129,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     uint32_t choice = first % uint32_t(players.size() + 1);
     int32_t subsong = in.byte() % 4;
     std::string module_path = kModulePath;
-    if (first == kNamedInput) {
+    companion_file companion;
+    bool with_companion = first == kNamedWithCompanion;
+    if (first == kNamedInput || with_companion) {
         std::string name;
         while (in.size > 0 && name.size() < 63) {
             uint8_t c = in.byte();
@@ -116,7 +140,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
         module_path = "/fuzz/" + name;
         choice = uint32_t(players.size());
+        if (with_companion) {
+            uint32_t n = 0;
+            for (int i = 0; i < 4; i++) n = n << 8 | in.byte();
+            companion.size = n < in.size ? n : uint32_t(in.size);
+            companion.data = in.data;
+            in.data += companion.size;
+            in.size -= companion.size;
+        }
     }
+    kelva_set_file_loader(k, with_companion ? companion_loader : nullptr, &companion);
     const uint8_t *module = in.data;
     uint32_t len = uint32_t(in.size);
 
@@ -155,5 +188,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         FUZZ_CHECK(ms <= uint64_t(kMeasureMs) + 1000 + 2048 * 1000 / kRate);
         kelva_close(k);
     }
+    kelva_set_file_loader(k, nullptr, nullptr);
     return 0;
 }

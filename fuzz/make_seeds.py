@@ -79,11 +79,11 @@ def cell(period, sample, command, param):
 PERIODS = [428, 381, 339, 320, 285, 254, 226, 214]
 
 
-def pattern(effects, sample_count=4, step=4, channels=4):
+def pattern(effects, sample_count=4, step=4, channels=4, notes=4):
     rows = []
     for r in range(64):
         for c in range(channels):
-            if r % step == 0 and c < 4:
+            if r % step == 0 and c < notes:
                 period, sample = PERIODS[(r // step + c) % 8], 1 + (r // step + c) % sample_count
             else:
                 period, sample = 0, 0
@@ -168,6 +168,81 @@ def module_seeds():
         t[8] = variant
         seeds["tfhd-%d" % variant] = bytes(t)
     return seeds
+
+
+# ---- Multichannel, FLT8, His Master's Noise synths, Startrekker AM -----------
+
+def multichannel_seeds():
+    """Named engine inputs for the ProTracker family beyond four plain
+    channels: modules mixed in software (notes on every channel, instrument
+    swaps, retriggers, offsets, a tempo), FLT8 pattern pairs, fewer than four
+    channels, His Master's Noise synth sounds and Startrekker AM sounds with
+    their companion file."""
+    s = [looped(i) for i in range(3)] + [sample_header("shot", 64, 64, 0, 1)]
+    fx = {(0, 0): (0xF, 0x7D), (4, 5): (0x9, 0x01), (8, 6): (0xE, 0x93), (12, 7): (0x3, 0x10),
+          (16, 1): (0x0, 0x37), (20, 4): (0xC, 0x20), (24, 9): (0xE, 0xD2), (62, 11): (0xD, 0x00)}
+    seeds = {}
+    twelve = pattern(fx, channels=12, notes=12)
+    # Row 2: instrument numbers without notes on every channel.
+    twelve = bytearray(twelve)
+    for c in range(12):
+        twelve[2 * 48 + 4 * c:2 * 48 + 4 * c + 4] = cell(0, 1 + c % 4, 0, 0)
+    seeds["12ch"] = mod31(b"12CH", [bytes(twelve)], s)
+    seeds["32ch"] = mod31(b"32CH", [pattern({(0, 31): (0xA, 0x0F)}, channels=32, notes=32)], s)
+    seeds["5chn"] = mod31(b"5CHN", [pattern({(1, 4): (0xE, 0x61)}, channels=5, notes=5)], s)
+    seeds["tdz3"] = mod31(b"TDZ3", [pattern({}, channels=3, notes=3)], s)
+    # FLT8: orders 0, 2, 1 play the pairs (0, 1), (2, 3) and (0, 1).
+    seeds["flt8"] = mod31(b"FLT8", [pattern({}), pattern({(4, 0): (0xB, 0x01)}), pattern({}), pattern({})], s,
+                          orders=[0, 2, 1])
+    # His Master's Noise: "Mupp" + pattern, first and last step; one synth in
+    # pattern 1 (28 waveforms, steps of waveforms and volumes), one naming a
+    # pattern past the file, and 7xy chords.
+    synth = bytearray(1024)
+    for w in range(28):
+        synth[32 * w:32 * w + 32] = bytes([(w * 9 + i * 8) & 0xFF for i in range(32)])
+    for i in range(64):
+        synth[0x380 + i] = (i * 5) % 40          # some beyond the 28 waveforms
+        synth[0x3C0 + i] = (i * 13) & 0xFF
+    mupp = [sample_header("Mupp\x01\x02\x09", 0, 50, 0, 1), sample_header("Mupp\x7f\x00\x00", 0, 64, 0, 1),
+            sample_header("fine", 64, 64, 0, 64, 0xFE)] + s[:1]
+    hmn = pattern({(0, 2): (0x7, 0x03), (4, 3): (0x7, 0x1A), (8, 0): (0xA, 0x04), (12, 1): (0xC, 0x40)})
+    seeds["hmn-mupp"] = mod31(b"M&K!", [hmn, bytes(synth)], mupp, song_len=1, orders=[0, 1])
+    return seeds
+
+
+def nt_file(records, ident=b"ST1.3 ModuleINFO", cut=0):
+    """A Startrekker companion file: the identification, then 120-byte
+    records from offset 144; a record is (number, waveform, words)."""
+    out = bytearray(ident.ljust(144, b"\0"))
+    for number, wf, words in records:
+        at = 144 + 120 * (number - 1)
+        out.extend(bytes(max(0, at + 120 - len(out))))
+        out[at:at + 6] = b"AM\0\0\0\0"
+        values = list(words) + [0] * 15
+        values[10] = wf
+        out[at + 6:at + 36] = b"".join(struct.pack(">H", v & 0xFFFF) for v in values[:15])
+    return bytes(out[:len(out) - cut] if cut else out)
+
+
+def am_seeds():
+    """AudioSculpture: FLT4 modules with AM instruments (empty headers with a
+    volume), each waveform, period fall both ways, vibrato, FQ, tone
+    portamento and volume commands on AM notes; with and without the .nt."""
+    s = [sample_header("am", 0, 64, 0, 1) for _ in range(5)] + [looped(5)]
+    fx = {(0, 0): (0xF, 0x03), (4, 1): (0x3, 0x10), (8, 2): (0xC, 0x10), (12, 3): (0xA, 0x0F),
+          (16, 0): (0x4, 0x33)}
+    module = mod31(b"FLT4", [pattern(fx, sample_count=6)], s)
+    records = [(1, 0, [64, 255, 2, 200, 1, 100, 8, 4, 0xFFFF, 5, 0, 8, 3, 2, 1]),
+               (2, 1, [0, 255, 0, 255, 1, 0, 255, 0, 0xFFFF, 1, 0, 0xFFF8, 0, 0, 0]),
+               (3, 2, [255, 0, 255, 128, 4, 64, 2, 60000, 0, 0, 0, 0, 20, 7, 9]),
+               (4, 3, [32, 32, 0, 255, 32, 0, 255, 0, 0, 1, 0, 16, 0, 0, 2]),
+               (5, 7, [255] * 15), (6, 1, [255, 255, 1, 255, 1, 255, 1, 0, 0, 255, 0, 0, 0, 0, 1])]
+    return {
+        "am": (module, nt_file(records)),
+        "am-cut": (module, nt_file(records[:4], ident=b"AudioSculpture10", cut=30)),
+        "am-bad-id": (module, nt_file(records, ident=b"ST1.4 ModuleINFO")),
+        "am-no-nt": (module, None),
+    }
 
 
 # ---- SoundFX, Game Music Creator, Images Music System, PolyTracker ------------
@@ -600,10 +675,15 @@ def db_seeds():
     }
 
 
-def named_engine_input(file_name, subsong, module):
+def named_engine_input(file_name, subsong, module, companion=None):
     """An engine input that names its module: identification picks the
-    player by the name, whatever players the tree holds."""
-    return bytes([0xFF, subsong]) + file_name.encode("latin-1") + b"\0" + module
+    player by the name, whatever players the tree holds. With a companion,
+    the input also carries the file that the player finds beside the module
+    under the module's name plus ".nt"."""
+    if companion is None:
+        return bytes([0xFF, subsong]) + file_name.encode("latin-1") + b"\0" + module
+    return (bytes([0xFE, subsong]) + file_name.encode("latin-1") + b"\0" + struct.pack(">I", len(companion)) +
+            companion + module)
 
 
 def write(target, name, data):
@@ -674,6 +754,12 @@ def main():
         write("engine", name, named_engine_input(file_name, 0, data))
     for name, data in ahx_seeds().items():
         write("engine", name, data)
+    # Multichannel, FLT8, TakeTracker, His Master's Noise synths, Startrekker AM.
+    for name, data in multichannel_seeds().items():
+        write("engine", name, named_engine_input("seed.mod", 0, data))
+        write("classify", name, data)
+    for name, (data, nt) in am_seeds().items():
+        write("engine", name, named_engine_input("seed.mod", 0, data, nt))
     # MED/OctaMED: named inputs, so identification picks the player by name.
     for name, data in med_seeds().items():
         ext = "med" if name.startswith("med") else name[:4]

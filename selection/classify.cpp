@@ -19,8 +19,10 @@ inline uint32_t be16(const uint8_t *p) { return uint32_t(p[0]) << 8 | p[1]; }
 
 bool tag_is(const uint8_t *tag, const char *text) { return memcmp(tag, text, 4) == 0; }
 
+// xxCH and xCHN (PC trackers), TDZx (TakeTracker, x = 1..9 channels).
 bool tag_is_multichannel(const uint8_t *tag) {
-    return (tag[2] == 'C' && tag[3] == 'H') || (tag[1] == 'C' && tag[2] == 'H' && tag[3] == 'N');
+    return (tag[2] == 'C' && tag[3] == 'H') || (tag[1] == 'C' && tag[2] == 'H' && tag[3] == 'N') ||
+           (tag[0] == 'T' && tag[1] == 'D' && tag[2] == 'Z' && tag[3] >= '1' && tag[3] <= '9');
 }
 
 struct sample_header {

@@ -35,11 +35,11 @@ void zero_empty_repeats(mod_builder &m, int from = 1, int to = 31) {
 
 TEST(ModTag, AcceptsExactlyTheThirtyOneInstrumentTags) {
     for (const char *tag : {"M.K.", "M!K!", "M&K!", "N.T.", "FLT4", "FLT8", "FA04", "FA08", "EXO4", "EXO8", "CD81",
-                            "OCTA", "OKTA", "6CHN", "8CHN", "16CH", "32CH", "xCHN", "xxCH"}) {
+                            "OCTA", "OKTA", "6CHN", "8CHN", "16CH", "32CH", "xCHN", "xxCH", "TDZ1", "TDZ9"}) {
         auto d = mod_finish(mod_new(tag, 0));
         EXPECT_TRUE(mod_tag_is_31(d.data(), uint32_t(d.size()))) << tag;
     }
-    for (const char *tag : {"M.K ", "m.k.", "FLT5", "FLT2", "EXO5", "CD82", "CHN ", "OKT ", "xCH.", ".M.K"}) {
+    for (const char *tag : {"M.K ", "m.k.", "FLT5", "FLT2", "EXO5", "CD82", "CHN ", "OKT ", "xCH.", ".M.K", "TDZ0", "TDZ:"}) {
         auto d = mod_finish(mod_new(tag, 0));
         EXPECT_FALSE(mod_tag_is_31(d.data(), uint32_t(d.size()))) << tag;
     }
@@ -58,6 +58,7 @@ TEST(ModClassify, TagsWithoutFurtherAnalysis) {
     EXPECT_EQ(classify(mod_new("M&K!", 0)), MOD31_MK_NOISE);
     EXPECT_EQ(classify(mod_new("8CHN", 0)), MOD31_COMP);
     EXPECT_EQ(classify(mod_new("16CH", 0)), MOD31_COMP);
+    EXPECT_EQ(classify(mod_new("TDZ3", 0)), MOD31_COMP);
     EXPECT_EQ(classify(mod_new("N.T.", 0)), MOD31_NT20);
     EXPECT_EQ(classify(mod_new("FLT8", 0)), MOD31_PROTRACKER);
     EXPECT_EQ(classify(mod_new("EXO8", 0)), MOD31_PROTRACKER);

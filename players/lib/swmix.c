@@ -17,6 +17,7 @@ static int32_t mix_sum[SWMIX_MAX_BLOCK];
 void swmix_voice_play(swmix_voice *v, const int8_t *sample, uint32_t length, uint32_t loop_start,
                       uint32_t loop_len, uint32_t offset) {
     v->frac = 0;
+    v->next = 0;
     if (!sample || length == 0 || offset >= length) {
         v->data = 0;
         return;
@@ -36,7 +37,29 @@ void swmix_voice_play(swmix_voice *v, const int8_t *sample, uint32_t length, uin
     }
 }
 
-void swmix_voice_stop(swmix_voice *v) { v->data = 0; }
+void swmix_voice_stop(swmix_voice *v) {
+    v->data = 0;
+    v->next = 0;
+}
+
+/* The voice's position has reached the end of its block: back into the
+ * loop, on to the queued block, or the end of a one-shot (data = 0).
+ * Returns the new position; the caller reloads data and end. */
+static uint32_t voice_wrap(swmix_voice *v, uint32_t pos) {
+    if (v->loop_len == 0) {
+        if (!v->next || v->next_len < 2) {
+            v->data = 0;
+            v->next = 0;
+            return 0;
+        }
+        pos -= v->end;
+        v->data = v->next;
+        v->end = v->loop_len = v->next_len;
+        v->next = 0;
+    }
+    while (pos >= v->end) pos -= v->loop_len;
+    return pos;
+}
 
 void swmix_voice_step(swmix_voice *v, uint32_t step) {
     v->step_int = (uint16_t)(step >> 16);
@@ -65,7 +88,7 @@ void swmix_ring_period(swmix_voice *v, uint16_t period) {
  * volume. */
 static void add_ring_voice(int32_t *sum, uint16_t n, swmix_voice *v) {
     const int8_t *d = v->data, *r = v->ring;
-    uint32_t pos = v->pos, end = v->end, loop_len = v->loop_len;
+    uint32_t pos = v->pos, end = v->end;
     uint32_t rpos = v->ring_pos, rlen = v->ring_len;
     uint16_t frac = v->frac, step_int = v->step_int, step_frac = v->step_frac;
     uint16_t rfrac = v->ring_frac, rstep_int = v->ring_step_int, rstep_frac = v->ring_step_frac;
@@ -79,12 +102,10 @@ static void add_ring_voice(int32_t *sum, uint16_t n, swmix_voice *v) {
         frac = (uint16_t)f;
         pos += step_int + (f >> 16);
         if (pos >= end) {
-            if (loop_len == 0) {
-                v->data = 0;
-                return;
-            }
-            do pos -= loop_len;
-            while (pos >= end);
+            pos = voice_wrap(v, pos);
+            if (!v->data) return;
+            d = v->data;
+            end = v->end;
         }
         f = (uint32_t)rfrac + rstep_frac;
         rfrac = (uint16_t)f;
@@ -106,18 +127,14 @@ static void add_voice(int32_t *sum, uint16_t n, swmix_voice *v) {
         return;
     }
     if (n == 0) return;
-    uint32_t pos = v->pos, loop_len = v->loop_len;
+    uint32_t pos = v->pos;
     if (v->volume == 0) {
         /* Silent: only the position moves on, by n steps at once. */
         uint32_t f = (uint32_t)v->frac + kp_mulu16(n, v->step_frac);
         pos += kp_mulu16(n, v->step_int) + (f >> 16);
         if (pos >= v->end) {
-            if (loop_len == 0) {
-                v->data = 0;
-                return;
-            }
-            do pos -= loop_len;
-            while (pos >= v->end);
+            pos = voice_wrap(v, pos);
+            if (!v->data) return;
         }
         v->pos = pos;
         v->frac = (uint16_t)f;
@@ -147,12 +164,10 @@ static void add_voice(int32_t *sum, uint16_t n, swmix_voice *v) {
                          : "cc", "memory");
         (void)scratch;
         if (pos < (uint32_t)end) break;   /* all n mixed */
-        if (loop_len == 0) {
-            v->data = 0;   /* a one-shot sample has ended */
-            return;
-        }
-        do pos -= loop_len;
-        while (pos >= (uint32_t)end);
+        pos = voice_wrap(v, pos);
+        if (!v->data) return;   /* a one-shot sample has ended */
+        d = v->data;
+        end = (const void *)v->end;
         if (left <= 0) break;
         left--;
     }

@@ -54,6 +54,12 @@ typedef struct swmix_voice {
     const int8_t *ring;
     uint32_t ring_pos, ring_len;
     uint16_t ring_frac, ring_step_int, ring_step_frac;
+    /* A block queued behind the one playing, as Paula queues the AUDxLC
+     * and AUDxLEN written while a channel plays: a voice without a loop
+     * (loop_len 0) that reaches `end` goes on at the start of `next` and
+     * from then on repeats its next_len bytes. 0 = none: the voice ends. */
+    const int8_t *next;
+    uint32_t next_len;
 } swmix_voice;
 
 typedef struct swmix_channel {
@@ -82,6 +88,7 @@ extern uint16_t swmix_period;
  * step and volume are kept. */
 void swmix_voice_play(swmix_voice *v, const int8_t *sample, uint32_t length, uint32_t loop_start,
                       uint32_t loop_len, uint32_t offset);
+/* swmix_voice_play and swmix_voice_stop clear a queued block (`next`). */
 void swmix_voice_stop(swmix_voice *v);
 /* The step that plays the voice at an Amiga period (Paula clocks per
  * sample), relative to the mixing period. Period 0 stops the voice from

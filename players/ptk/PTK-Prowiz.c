@@ -9,6 +9,8 @@
 
 const char ptk_player_name[] = "PTK-Prowiz";
 const char ptk_player_creator[] = "kelva: ProTracker family replay (31 and 15 instruments)";
+const uint8_t ptk_player_companion = 0;
+const char *const ptk_player_format = 0;
 
 int ptk_player_variant(const volatile uint8_t *mod, uint32_t size) {
     return ptk_variant_from_option(mod, size);

@@ -5,6 +5,8 @@
 
 const char ptk_player_name[] = "Soundtracker-IV";
 const char ptk_player_creator[] = "kelva: Soundtracker IV (15 instruments, speed-only Fxx)";
+const uint8_t ptk_player_companion = 0;
+const char *const ptk_player_format = 0;
 
 int ptk_player_variant(const volatile uint8_t *mod, uint32_t size) {
     (void)mod;

@@ -5,6 +5,8 @@
 
 const char ptk_player_name[] = "UltimateSoundtracker";
 const char ptk_player_creator[] = "kelva: Ultimate Soundtracker (15 instruments, arpeggio and slides, speed 6)";
+const uint8_t ptk_player_companion = 0;
+const char *const ptk_player_format = 0;
 
 int ptk_player_variant(const volatile uint8_t *mod, uint32_t size) {
     (void)mod;

@@ -1,7 +1,8 @@
 /* frontend.c - the player interface shared by kelva's ProTracker-family
- * players. Each player's own file names the player and says which variant
- * of the replay core plays a module (ptk_player_variant); the routines and
- * the tag list here are the same for all of them. */
+ * players. Each player's own file names the player, says which variant of
+ * the replay core plays a module (ptk_player_variant), whether it loads a
+ * companion file and which format name it reports; the routines and the
+ * tag list here are the same for all of them. */
 #include "replay.h"
 
 /* The variant chosen by Check2, which the host always runs before
@@ -33,6 +34,12 @@ KELVA_ROUTINE(init_player) {
     return ptk_init(g, variant);
 }
 
+/* ExtLoad: the companion file of a player that reads one. */
+KELVA_ROUTINE(ext_load) {
+    (void)d0;
+    return ptk_player_companion ? ptk_am_ext_load(g) : 0;
+}
+
 /* EndSound: silence. */
 KELVA_ROUTINE(end_sound) {
     (void)g;
@@ -53,10 +60,12 @@ const uint32_t tags[] = {
     DTP_Creator, (uint32_t)ptk_player_creator,
     DTP_PlayerVersion, 0x00010000,
     DTP_Check2, (uint32_t)check2_entry,
+    DTP_ExtLoad, (uint32_t)ext_load_entry,
     DTP_InitPlayer, (uint32_t)init_player_entry,
     DTP_EndSound, (uint32_t)end_sound_entry,
     DTP_Interrupt, (uint32_t)tick_entry,
     DTP_ModuleName, (uint32_t)&title_ref,
+    DTP_FormatName, (uint32_t)&ptk_player_format,
     EP_Flags, EPF_Songend,
     0,
 };

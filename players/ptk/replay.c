@@ -1,7 +1,9 @@
 /* replay.c - the replay core of kelva's ProTracker-family players.
  *
  * The song is a list of up to 128 positions, each naming a pattern of 64
- * rows; a row holds one four-byte cell per channel:
+ * rows; a row holds one four-byte cell per channel (1 to 32 channels; an
+ * FLT8 module keeps its eight channels in two four-channel patterns, the
+ * even one for channels 0-3 and the odd one after it for channels 4-7):
  *
  *     byte 0: high nibble = sample number bits 4, low nibble + byte 1 = period
  *     byte 2: high nibble = sample number bits 0-3, low nibble = command
@@ -22,6 +24,8 @@
  * no libgcc, so every product below is a mulu.w (mul16) or a shift. */
 #include "replay.h"
 #include "pt_tables.h"
+#include "output.h"
+#include "kp_math.h"
 
 /* ---- Arithmetic for the plain 68000 -------------------------------------- */
 
@@ -61,7 +65,7 @@ const struct ptk_rules ptk_rules_table[PTK_VARIANTS] = {
     [PTK_NT]   = {31, 0, 0, 0, 1, 0, 1, 0},
     [PTK_ST24] = {31, 1, 0, 0, 0, 0, 0, 0},
     [PTK_FLT4] = {31, 0, 0, 0, 1, 0, 0, 0},
-    [PTK_MK]   = {31, 0, 0, 0, 1, 0, 0, 0},
+    [PTK_MK]   = {31, 0, 0, 0, 1, 0, 1, 0},
     [PTK_COMP] = {31, 0, 0, 1, 1, 0, 0, 0},
     [PTK_ST20] = {15, 1, 0, 0, 0, 0, 0, 0},
     [PTK_UST]  = {15, 1, 1, 0, 0, 1, 0, 1},
@@ -94,8 +98,22 @@ struct voice {
     uint8_t pattpos;          /* pattern loop start row */
     uint8_t loopcount;
     uint8_t funkoffset;
-    uint16_t dmabit;
-    volatile uint16_t *hw;    /* AUDxLC of this channel */
+    uint16_t dmabit;          /* Paula's DMA bit (direct channels) */
+    uint32_t chbit;           /* the channel's bit in dmacontemp */
+    volatile uint16_t *hw;    /* AUDxLC of this channel (direct channels) */
+    ptk_mixvoice *mix;        /* the mixed channel, 0 = Paula directly */
+    /* His Master's Noise: the period multiplier (1 + fine / 256) and a
+     * synth ("Mupp") instrument's waveform table, 0 for a sample. */
+    int8_t fine;
+    uint8_t prog_pos, prog_loop_start, prog_loop_end;
+    uint8_t prog_volume;      /* 0..127, x volume / 64 is what Paula gets */
+    uint32_t prog;
+    /* Startrekker AM: the instrument (0 = a sample) and its envelope. */
+    const struct ptk_am *am;
+    int32_t am_level;         /* 0..255 (Paula volume = level / 4) */
+    uint16_t am_sustain;
+    uint8_t am_stage;
+    uint8_t am_vibpos;
 };
 
 /* A sample as the header describes it, already in addresses. */
@@ -106,18 +124,24 @@ struct sample {
     uint16_t replen;
     uint8_t finetune;
     uint8_t volume;
+    int8_t fine;              /* His Master's Noise finetune byte */
+    uint8_t prog_loop_start, prog_loop_end;
+    uint32_t prog;            /* His Master's Noise synth: waveform table */
+    const struct ptk_am *am;  /* Startrekker AM instrument */
 };
 
 static const struct ptk_rules *rules;
-static struct voice voices[4];
+static struct voice voices[PTK_MAX_CHANNELS];
 static struct sample samples[32];          /* 1-based */
 static uint16_t silence[4] __attribute__((aligned(4)));
 
 static uint32_t mod_base, mod_end;
 static uint32_t orders_addr;               /* order list (128 bytes) */
 static uint32_t patterns_addr;
-static uint16_t row_bytes;                 /* channels x 4 */
 static uint8_t channels;
+static uint8_t flt8;                       /* patterns in four-channel pairs */
+static uint8_t mixed;                      /* channels mixed in software */
+static uint8_t hmn;                        /* His Master's Noise rules */
 static uint8_t song_length, restart_pos;
 static uint8_t ready;
 static uint8_t timer_pending;
@@ -125,7 +149,7 @@ static uint8_t timer_pending;
 static uint8_t speed, counter, songpos, row;
 static uint8_t pbreakpos, posjumpflag, pbreakflag, lowmask;
 static uint8_t pattdelaytime, pattdelaytime2;
-static uint16_t dmacontemp;
+static uint32_t dmacontemp;                /* one bit per channel */
 static uint8_t ended;
 static uint8_t visited[128 * 8];           /* one bit per position and row */
 static kp_globals globals;
@@ -134,14 +158,35 @@ static kp_globals globals;
 
 static inline uint8_t rd8(uint32_t a) { return *(const volatile uint8_t *)a; }
 static inline uint16_t rd16(uint32_t a) { return *(const volatile uint16_t *)a; }
+/* A byte of the module, 0 past its end. */
+static inline uint8_t rd8_mod(uint32_t a) { return a < mod_end ? rd8(a) : 0; }
 
-static inline void hw_period(struct voice *v, uint16_t p) { v->hw[3] = p; }
-static inline void hw_volume(struct voice *v, uint16_t vol) { v->hw[4] = vol; }
+/* The channel's audio registers: Paula's, or the mixed channel's. */
+static inline void hw_period(struct voice *v, uint16_t p) {
+    if (v->fine) p = (uint16_t)(p + (kp_muls16((int16_t)p, v->fine) >> 8));
+    if (v->mix) out_period(v->mix, p);
+    else v->hw[3] = p;
+}
+static inline void hw_volume(struct voice *v, uint16_t vol) {
+    if (v->prog) {
+        vol = (uint16_t)(mul16(vol, v->prog_volume) >> 6);
+        if (vol > 64) vol = 64;
+    }
+    if (v->mix) out_volume(v->mix, vol);
+    else v->hw[4] = vol;
+}
 static inline void hw_block(struct voice *v, uint32_t lc, uint16_t len) {
+    if (v->mix) {
+        out_block(v->mix, lc, len);
+        return;
+    }
     *(volatile uint32_t *)v->hw = lc;
     v->hw[2] = len;
 }
-
+static inline void dma_off(struct voice *v) {
+    if (v->mix) out_dma_off(v->mix);
+    else KP_CUSTOM16(DMACON) = v->dmabit;
+}
 /* The period row of a finetune. */
 static inline const uint16_t *ft_row(uint8_t finetune) { return pt_period_table + mul16(finetune & 15, PT_ROW); }
 
@@ -160,32 +205,54 @@ static void set_timer(uint16_t t) {
     kp_support(globals, DTG_SetTimer, 0, 0, 0);
 }
 
+static void mega_arp(struct voice *v);
+
+/* DMA on for the channels whose bits are set in `mask`. */
+static void dma_on(uint32_t mask) {
+    if (!mixed) {
+        KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_SETCLR | (mask & 15));
+        return;
+    }
+    for (uint32_t c = 0; c < channels; c++, mask >>= 1)
+        if (mask & 1) out_dma_on(voices[c].mix);
+}
+
 /* ---- Layout ---------------------------------------------------------------- */
 
+static inline uint32_t tag_of(const volatile uint8_t *t) {
+    return ((uint32_t)t[0] << 24) | ((uint32_t)t[1] << 16) | ((uint32_t)t[2] << 8) | t[3];
+}
+
+#define TAG_FLT8 0x464C5438
+#define TAG_EXO8 0x45584F38
+#define TAG_FA04 0x46413034
+#define TAG_FA08 0x46413038
+
 uint32_t ptk_tag_channels(const volatile uint8_t *t) {
-    uint32_t tag = ((uint32_t)t[0] << 24) | ((uint32_t)t[1] << 16) | ((uint32_t)t[2] << 8) | t[3];
-    switch (tag) {
+    switch (tag_of(t)) {
     case 0x4D2E4B2E: /* M.K. */
     case 0x4D214B21: /* M!K! */
     case 0x4D264B21: /* M&K! */
     case 0x4E2E542E: /* N.T. */
     case 0x464C5434: /* FLT4 */
     case 0x45584F34: /* EXO4 */
-    case 0x46413034: /* FA04 */
+    case TAG_FA04:
         return 4;
-    case 0x464C5438: /* FLT8 */
-    case 0x45584F38: /* EXO8 */
-    case 0x46413038: /* FA08 */
+    case TAG_FLT8:
+    case TAG_EXO8:
+    case TAG_FA08:
     case 0x43443831: /* CD81 */
     case 0x4F435441: /* OCTA */
     case 0x4F4B5441: /* OKTA */
         return 8;
     default: break;
     }
+    /* xCHN (1-9), xxCH (10-32), TDZx (TakeTracker, 1-9). */
     if (t[1] == 'C' && t[2] == 'H' && t[3] == 'N' && t[0] >= '1' && t[0] <= '9') return (uint32_t)(t[0] - '0');
+    if (t[0] == 'T' && t[1] == 'D' && t[2] == 'Z' && t[3] >= '1' && t[3] <= '9') return (uint32_t)(t[3] - '0');
     if (t[2] == 'C' && t[3] == 'H' && t[0] >= '1' && t[0] <= '3' && t[1] >= '0' && t[1] <= '9') {
         uint32_t n = (uint32_t)((t[0] - '0') * 10 + (t[1] - '0'));
-        return n <= 32 ? n : 0;
+        return n <= PTK_MAX_CHANNELS ? n : 0;
     }
     return 0;
 }
@@ -197,9 +264,15 @@ static uint32_t layout(const volatile uint8_t *mod, uint32_t size, int variant) 
     uint32_t header = r->samples == 31 ? 1084 : 600;
     if (size < header) return 0;
     uint32_t nch = 4;
+    uint8_t pairs = 0;
     if (r->samples == 31) {
+        uint32_t tag = tag_of(mod + 1080);
         nch = ptk_tag_channels(mod + 1080);
         if (nch == 0) nch = 4;   /* an unknown tag: the four-channel layout */
+        pairs = tag == TAG_FLT8 || tag == TAG_EXO8;
+        /* The Falcon's Digital Tracker writes four more bytes after its tag. */
+        if (tag == TAG_FA04 || tag == TAG_FA08) header += 4;
+        if (size < header) return 0;
     }
     uint32_t song = r->samples == 31 ? 950 : 470;
     uint8_t len = mod[song];
@@ -209,8 +282,11 @@ static uint32_t layout(const volatile uint8_t *mod, uint32_t size, int variant) 
         uint8_t o = mod[song + 2 + i];
         if (o > highest) highest = o;
     }
-    uint32_t patsize = nch << 8;   /* 64 rows x channels x 4 bytes */
-    uint32_t need = header + mul16((uint16_t)(highest + 1), (uint16_t)patsize);
+    /* Bytes of the patterns up to number h: 64 rows x channels x 4 bytes
+     * each, or for FLT8 the four-channel patterns up to h's partner. */
+    uint32_t patsize = pairs ? 1024 : nch << 8;
+    uint16_t stored = (uint16_t)((pairs ? (highest | 1) : highest) + 1);
+    uint32_t need = header + mul16(stored, (uint16_t)patsize);
     if (need > size) {
         /* Orders past the song length may name patterns that were never
          * saved: accept the file when the played ones are present. */
@@ -219,24 +295,61 @@ static uint32_t layout(const volatile uint8_t *mod, uint32_t size, int variant) 
             uint8_t o = mod[song + 2 + i];
             if (o > highest) highest = o;
         }
-        if (header + mul16((uint16_t)(highest + 1), (uint16_t)patsize) > size) return 0;
+        stored = (uint16_t)((pairs ? (highest | 1) : highest) + 1);
+        need = header + mul16(stored, (uint16_t)patsize);
+        /* The odd half of the last FLT8 pair may be missing: its cells read as empty. */
+        if (need > size && pairs) need = header + mul16((uint16_t)(highest + 1), (uint16_t)patsize);
+        if (need > size) return 0;
     }
     channels = (uint8_t)nch;
-    row_bytes = (uint16_t)(nch << 2);
+    flt8 = pairs;
     song_length = len;
     restart_pos = mod[song + 1];
     orders_addr = (uint32_t)mod + song + 2;
     patterns_addr = (uint32_t)mod + header;
-    /* Sample data follows the patterns named by the whole order list. */
-    return header + mul16((uint16_t)(highest + 1), (uint16_t)patsize);
+    /* Sample data follows the patterns named by the order list (by the
+     * played part when the rest were never saved). */
+    return need;
 }
 
 uint32_t ptk_check(const volatile uint8_t *mod, uint32_t size, int variant) {
     if (variant < 0 || variant >= PTK_VARIANTS) return 1;
     if (size > 0xF0000) return 1;
-    if (ptk_rules_table[variant].samples == 31 && ptk_tag_channels(mod + 1080) == 0 && variant != PTK_PT30)
+    if (ptk_rules_table[variant].samples == 31 && (size < 1084 || (ptk_tag_channels(mod + 1080) == 0 && variant != PTK_PT30)))
         return 1;
     return layout(mod, size, variant) ? 0 : 1;
+}
+
+/* A sample whose trigger plays nothing. */
+static void silent_sample(struct sample *s) {
+    uint8_t *p = (uint8_t *)s;
+    for (uint32_t b = 0; b < sizeof *s; b++) p[b] = 0;
+    s->start = s->loopstart = (uint32_t)silence;
+    s->length = s->replen = 1;
+}
+
+/* A His Master's Noise synth instrument: its name is "Mupp" followed by the
+ * number of the pattern that holds it and the first and last step of the
+ * step table's loop. The pattern holds 28 waveforms of 32 bytes, then 64
+ * steps of waveform numbers (at 0x380) and 64 of volumes (at 0x3C0). A
+ * note plays (first step loop << 8 | last step) words from the start of
+ * the pattern, then the step's waveform, 16 words, which each tick moves
+ * on by a step. */
+static uint32_t load_prog(struct sample *s, uint32_t hdr) {
+    if (rd8(hdr) != 'M' || rd8(hdr + 1) != 'u' || rd8(hdr + 2) != 'p' || rd8(hdr + 3) != 'p') return 0;
+    uint32_t base = patterns_addr + ((uint32_t)rd8(hdr + 4) << 10);
+    if (base + 1024 > mod_end) return 0;
+    s->prog = base;
+    s->prog_loop_start = rd8(hdr + 5);
+    s->prog_loop_end = rd8(hdr + 6);
+    s->start = base;
+    uint32_t words = ((uint32_t)s->prog_loop_start << 8) | s->prog_loop_end;
+    if (base + (words << 1) > mod_end) words = (mod_end - base) >> 1;
+    s->length = (uint16_t)words;
+    s->loopstart = base + ((uint32_t)rd8(base + 0x380) << 5);
+    if (s->loopstart + 32 > mod_end) s->loopstart = (uint32_t)silence;
+    s->replen = 16;
+    return 1;
 }
 
 /* Reads one sample header into `s`, its data at `data`; returns the
@@ -249,15 +362,16 @@ static uint32_t load_sample(struct sample *s, uint32_t hdr, uint32_t data) {
     uint16_t repstart = rd16(hdr + 26);
     uint16_t replen = rd16(hdr + 28);
     uint32_t next = data + ((uint32_t)length << 1);
-    if (data >= mod_end) length = 0;
-    else if (next > mod_end) length = (uint16_t)((mod_end - data) >> 1);
+    silent_sample(s);
     s->finetune = rules->finetune ? finetune : 0;
     s->volume = volume > 64 ? 64 : volume;
-    if (length == 0) {
-        s->start = s->loopstart = (uint32_t)silence;
-        s->length = s->replen = 1;
-        return next;
+    if (hmn) {
+        s->fine = (int8_t)rd8(hdr + 24);
+        if (load_prog(s, hdr)) return next;
     }
+    if (data >= mod_end) length = 0;
+    else if (next > mod_end) length = (uint16_t)((mod_end - data) >> 1);
+    if (length == 0) return next;
     /* The loop, in words from the sample start. */
     uint16_t loop_words = rules->loop_bytes ? (uint16_t)(repstart >> 1) : repstart;
     if (replen == 0) replen = 1;
@@ -296,28 +410,44 @@ uint32_t ptk_init(kp_globals g, int variant) {
     ready = 0;
     if (ptk_check(mod, size, variant)) return 1;
     rules = &ptk_rules_table[variant];
+    hmn = variant == PTK_MK;
     mod_base = (uint32_t)mod;
     mod_end = mod_base + size;
     uint32_t data = mod_base + layout(mod, size, variant);
-    samples[0].start = samples[0].loopstart = (uint32_t)silence;
-    samples[0].length = samples[0].replen = 1;
+    silent_sample(&samples[0]);
     for (uint32_t i = 1; i <= 31; i++) {
-        if (i > rules->samples) {
-            samples[i].start = samples[i].loopstart = (uint32_t)silence;
-            samples[i].length = samples[i].replen = 1;
-            samples[i].finetune = samples[i].volume = 0;
-            continue;
-        }
-        data = load_sample(&samples[i], mod_base + 20 + mul16((uint16_t)(i - 1), 30), data);
+        if (i > rules->samples) silent_sample(&samples[i]);
+        else data = load_sample(&samples[i], mod_base + 20 + mul16((uint16_t)(i - 1), 30), data);
     }
-    for (uint32_t c = 0; c < 4; c++) {
+    /* Startrekker AM instruments from the companion file take the place of
+     * the samples of the same number. */
+    if (ptk_player_companion) {
+        static struct ptk_am am_table[32];
+        ptk_am_load(g, am_table);
+        for (uint32_t i = 1; i <= 31; i++) {
+            const struct ptk_am *a = &am_table[i];
+            if (!a->wave) continue;
+            struct sample *s = &samples[i];
+            s->start = s->loopstart = (uint32_t)a->wave;
+            s->length = s->replen = a->wave_words;
+            s->am = a;
+        }
+    }
+    mixed = channels > 4;
+    for (uint32_t c = 0; c < PTK_MAX_CHANNELS; c++) {
         struct voice *v = &voices[c];
         uint8_t *p = (uint8_t *)v;
         for (uint32_t b = 0; b < sizeof *v; b++) p[b] = 0;
-        v->dmabit = (uint16_t)(1u << c);
-        v->hw = (volatile uint16_t *)(CUSTOM + AUD0LC + (c << 4));
+        v->dmabit = (uint16_t)(1u << (c & 3));
+        v->chbit = 1ul << c;
+        v->hw = (volatile uint16_t *)(CUSTOM + AUD0LC + ((c & 3) << 4));
         v->start = v->loopstart = v->wavestart = (uint32_t)silence;
         v->length = v->replen = 1;
+        v->prog_volume = 64;
+    }
+    if (mixed) {
+        if (out_mix_start(channels, silence)) return 1;
+        for (uint32_t c = 0; c < channels; c++) voices[c].mix = out_voice((uint8_t)c);
     }
     for (uint32_t i = 0; i < sizeof visited; i++) visited[i] = 0;
     speed = 6;
@@ -337,6 +467,8 @@ uint32_t ptk_init(kp_globals g, int variant) {
 }
 
 void ptk_stop(void) {
+    ready = 0;
+    if (mixed) out_mix_stop();
     KP_CUSTOM16(DMACON) = 0x000F;
     for (uint32_t c = 0; c < 4; c++) KP_CUSTOM16(AUD0VOL + (c << 4)) = 0;
 }
@@ -503,9 +635,10 @@ static void arpeggio(struct voice *v) {
 
 /* Restarts the channel's sample (E9x, EDx). */
 static void retrigger(struct voice *v) {
-    KP_CUSTOM16(DMACON) = v->dmabit;
+    if (!v->length) return;   /* a synth sound without a first block */
+    dma_off(v);
     hw_block(v, v->start, v->length);
-    KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_SETCLR | v->dmabit);
+    dma_on(v->chbit);
     hw_block(v, v->loopstart, v->replen);
 }
 
@@ -672,6 +805,10 @@ static void check_more_efx(struct voice *v) {
         write_period(v);
         return;
     }
+    if (hmn && (v->cmd & 15) == 7) {
+        mega_arp(v);
+        return;
+    }
     more_table[v->cmd & 15](v);
 }
 
@@ -731,7 +868,127 @@ static void check_efx(struct voice *v) {
         write_period(v);
         return;
     }
+    if (hmn && (v->cmd & 15) == 7) {
+        mega_arp(v);
+        return;
+    }
     efx_table[v->cmd & 15](v);
+}
+
+/* ---- Synth instruments ---------------------------------------------------- */
+
+/* His Master's Noise: one step of a synth instrument's table each tick:
+ * the step's volume (x the channel's volume / 64) and its waveform, which
+ * the caller queues to follow the one playing. The table's loop runs from
+ * its first to its last step. */
+static void prog_step(struct voice *v) {
+    uint32_t base = v->prog;
+    uint8_t i = v->prog_pos;
+    v->prog_volume = rd8_mod(base + 0x3C0 + i) & 0x7F;
+    uint32_t wave = base + ((uint32_t)rd8_mod(base + 0x380 + i) << 5);
+    v->loopstart = wave + 32 <= mod_end ? wave : (uint32_t)silence;
+    v->replen = 16;
+    i++;
+    if (i > v->prog_loop_end) i = v->prog_loop_start;
+    v->prog_pos = i;
+    hw_volume(v, v->volume);
+}
+
+/* His Master's Noise's 7xy: a chord of sixteen steps, one a tick, from
+ * table y (x is not used); the step counter is the vibrato position, which
+ * a note resets. */
+static const uint8_t mega_arps[16][16] = {
+    {0, 3, 7, 12, 15, 12, 7, 3, 0, 3, 7, 12, 15, 12, 7, 3},
+    {0, 4, 7, 12, 16, 12, 7, 4, 0, 4, 7, 12, 16, 12, 7, 4},
+    {0, 3, 8, 12, 15, 12, 8, 3, 0, 3, 8, 12, 15, 12, 8, 3},
+    {0, 4, 8, 12, 16, 12, 8, 4, 0, 4, 8, 12, 16, 12, 8, 4},
+    {0, 5, 8, 12, 17, 12, 8, 5, 0, 5, 8, 12, 17, 12, 8, 5},
+    {0, 5, 9, 12, 17, 12, 9, 5, 0, 5, 9, 12, 17, 12, 9, 5},
+    {12, 0, 7, 0, 3, 0, 7, 0, 12, 0, 7, 0, 3, 0, 7, 0},
+    {12, 0, 7, 0, 4, 0, 7, 0, 12, 0, 7, 0, 4, 0, 7, 0},
+    {0, 3, 7, 3, 7, 12, 7, 12, 15, 12, 7, 12, 7, 3, 7, 3},
+    {0, 4, 7, 4, 7, 12, 7, 12, 16, 12, 7, 12, 7, 4, 7, 4},
+    {31, 27, 24, 19, 15, 12, 7, 3, 0, 3, 7, 12, 15, 19, 24, 27},
+    {31, 28, 24, 19, 16, 12, 7, 4, 0, 4, 7, 12, 16, 19, 24, 28},
+    {0, 12, 0, 12, 0, 12, 0, 12, 0, 12, 0, 12, 0, 12, 0, 12},
+    {0, 12, 24, 12, 0, 12, 24, 12, 0, 12, 24, 12, 0, 12, 24, 12},
+    {0, 3, 0, 3, 0, 3, 0, 3, 0, 3, 0, 3, 0, 3, 0, 3},
+    {0, 4, 0, 4, 0, 4, 0, 4, 0, 4, 0, 4, 0, 4, 0, 4},
+};
+
+static void mega_arp(struct voice *v) {
+    uint8_t step = mega_arps[v->cmdlo & 15][v->vibratopos & 15];
+    v->vibratopos++;
+    uint16_t i = 0;
+    while (i < PT_ROW && (v->period & 0x0FFF) < pt_period_table[i]) i++;
+    if (i >= PT_ROW) return;
+    i = (uint16_t)(i + step);
+    while (i >= PT_ROW) i = (uint16_t)(i - 12);   /* above B-3: octaves lower */
+    hw_period(v, pt_period_table[i]);
+}
+
+/* Startrekker AM: the envelope's stages. */
+enum { AM_ATTACK1, AM_ATTACK2, AM_DECAY, AM_SUSTAIN, AM_RELEASE };
+
+/* The cell's effect on an AM instrument: a note (without tone portamento)
+ * starts the envelope at L0; an instrument number otherwise cuts it. */
+static void am_row(struct voice *v, uint8_t instrument, uint8_t toneporta) {
+    if ((v->note & 0x0FFF) && !toneporta) {
+        v->am_level = v->am->l0;
+        v->am_sustain = v->am->st;
+        v->am_stage = AM_ATTACK1;
+        v->am_vibpos = 0;
+    } else if (instrument) {
+        v->am_level = 0;
+        v->am_stage = AM_RELEASE;
+    }
+}
+
+/* The level moves by `rate` towards `target`; on reaching it the next
+ * stage begins. A rate of 0 never reaches a different level. */
+static void am_towards(struct voice *v, uint16_t target, uint16_t rate, uint8_t next) {
+    int32_t x = v->am_level;
+    if ((int32_t)target > x) {
+        x += rate;
+        if (x > (int32_t)target) x = target;
+    } else {
+        x -= rate;
+        if (x < (int32_t)target) x = target;
+    }
+    v->am_level = x;
+    if (x == (int32_t)target) v->am_stage = next;
+}
+
+/* Once a tick, after the channel's effects: one envelope step, whose level
+ * is the channel's volume (the volume commands have no say), the period
+ * fall added to the period, and the vibrato of the instrument. */
+static void am_tick(struct voice *v) {
+    const struct ptk_am *a = v->am;
+    switch (v->am_stage) {
+    case AM_ATTACK1: am_towards(v, a->a1l, a->a1s, AM_ATTACK2); break;
+    case AM_ATTACK2: am_towards(v, a->a2l, a->a2s, AM_DECAY); break;
+    case AM_DECAY: am_towards(v, a->sl, a->ds, AM_SUSTAIN); break;
+    case AM_SUSTAIN:
+        /* ST + 1 ticks in all. */
+        if (v->am_sustain) v->am_sustain--;
+        else v->am_stage = AM_RELEASE;
+        break;
+    default: am_towards(v, 0, a->rs, AM_RELEASE); break;
+    }
+    hw_volume(v, (uint16_t)(v->am_level >> 2));
+    if (a->pfall) {
+        int32_t p = (int32_t)v->period + a->pfall;
+        v->period = (uint16_t)(p < 1 ? 1 : p > 0x7FFF ? 0x7FFF : p);
+    }
+    if (a->vamp) {
+        /* A sine of 64 steps (the vibrato's), V.SPD steps a tick, V.AMP periods deep. */
+        uint8_t pos = v->am_vibpos;
+        int16_t d = (int16_t)(mul16(pt_sine[(pos >> 2) & 0x1F], (uint16_t)a->vamp) >> 8);
+        v->am_vibpos = (uint8_t)(pos + ((uint8_t)a->vspd << 2));
+        hw_period(v, (uint16_t)((int8_t)pos < 0 ? v->period - d : v->period + d));
+    } else if (a->pfall) {
+        hw_period(v, v->period);
+    }
 }
 
 /* ---- New row ------------------------------------------------------------------ */
@@ -745,6 +1002,16 @@ static void load_instrument(struct voice *v, uint8_t n) {
     v->replen = s->replen;
     v->finetune = s->finetune;
     v->volume = s->volume;
+    v->fine = s->fine;
+    v->am = s->am;
+    v->prog = s->prog;
+    if (v->prog) {
+        v->prog_loop_start = s->prog_loop_start;
+        v->prog_loop_end = s->prog_loop_end;
+        v->prog_volume = rd8(v->prog + 0x3C0) & 0x7F;
+    } else {
+        v->prog_volume = 64;
+    }
     hw_volume(v, v->volume);
 }
 
@@ -757,16 +1024,29 @@ static void set_period(struct voice *v) {
     while (i < PT_ROW && note < pt_period_table[i]) i++;
     if (i >= PT_ROW) i = PT_ROW - 1;
     v->period = ft_row(v->finetune)[i];
+    if (v->am) {
+        /* An AM waveform sounds FQ octaves below the note. */
+        uint32_t p = (uint32_t)v->period << v->am->fq;
+        v->period = (uint16_t)(p > 0x7FFF ? 0x7FFF : p);
+    }
     if ((v->cmd & 0x0F) == 0x0E && (v->cmdlo & 0xF0) == 0xD0) {   /* EDx waits */
         check_more_efx(v);
         return;
     }
     if (!(v->wavecontrol & 4)) v->vibratopos = 0;
     if (!(v->wavecontrol & 0x40)) v->tremolopos = 0;
-    KP_CUSTOM16(DMACON) = v->dmabit;
+    if (v->prog) {
+        /* A synth instrument without a first block does not start. */
+        if (!v->length) {
+            check_more_efx(v);
+            return;
+        }
+        v->prog_pos = 0;
+    }
+    dma_off(v);
     hw_block(v, v->start, v->length);
     hw_period(v, v->period);
-    dmacontemp |= v->dmabit;
+    dmacontemp |= v->chbit;
     check_more_efx(v);
 }
 
@@ -785,11 +1065,12 @@ static void play_voice(struct voice *v, uint32_t cell) {
     v->cmdlo = b3;
     uint8_t n = (uint8_t)((b0 & 0xF0) | (b2 >> 4));
     if (n && n <= rules->samples) load_instrument(v, n);
+    uint8_t c = v->cmd & 0x0F;
+    if (v->am) am_row(v, n, c == 3 || c == 5);
     if (!(v->note & 0x0FFF)) {
         check_more_efx(v);
         return;
     }
-    uint8_t c = v->cmd & 0x0F;
     if (rules->ust_effects) {
         set_period(v);
         return;
@@ -814,13 +1095,22 @@ static void get_new_note(void) {
     if (*mark & bit) song_end();
     *mark |= bit;
     uint8_t pattern = rd8(orders_addr + songpos);
-    uint32_t cell = patterns_addr + (mul16(pattern, channels) << 8) + (mul16(row, channels) << 2);
+    uint32_t cell;
+    if (flt8) cell = patterns_addr + ((uint32_t)(pattern & 0xFE) << 10) + ((uint32_t)row << 4);
+    else cell = patterns_addr + (mul16(pattern, channels) << 8) + (mul16(row, channels) << 2);
     dmacontemp = 0;
-    for (uint32_t c = 0; c < 4; c++) {
-        if (c < channels) play_voice(&voices[c], cell + (c << 2));
+    for (uint32_t c = 0; c < channels; c++) {
+        /* FLT8: channels 4-7 lie in the next four-channel pattern. */
+        uint32_t at = flt8 ? cell + ((c & 4) << 8) + ((c & 3) << 2) : cell + (c << 2);
+        play_voice(&voices[c], at);
     }
-    KP_CUSTOM16(DMACON) = (uint16_t)(DMAF_SETCLR | dmacontemp);
-    for (uint32_t c = 0; c < 4; c++) hw_block(&voices[c], voices[c].loopstart, voices[c].replen);
+    dma_on(dmacontemp);
+    for (uint32_t c = 0; c < channels; c++) {
+        struct voice *v = &voices[c];
+        if (v->prog) prog_step(v);
+        hw_block(v, v->loopstart, v->replen);
+        if (v->am) am_tick(v);
+    }
 }
 
 /* Moves to the next position (after the last row, Bxx or Dxx). The end of
@@ -834,22 +1124,34 @@ static void next_position(void) {
     if (songpos >= song_length) songpos = (rules->restart && restart_pos < song_length) ? restart_pos : 0;
 }
 
-void ptk_tick(kp_globals g) {
-    (void)g;
-    if (!ready) return;
+/* A tick without a new row: every channel's running effects, then the
+ * synth instruments' steps. */
+static void running_effects(void) {
+    for (uint32_t c = 0; c < channels; c++) {
+        struct voice *v = &voices[c];
+        check_efx(v);
+        if (v->prog) {
+            prog_step(v);
+            hw_block(v, v->loopstart, v->replen);
+        }
+        if (v->am) am_tick(v);
+    }
+}
+
+/* One tick of the replay. */
+static void replay_tick(void) {
     if (timer_pending) {
         timer_pending = 0;
         kp_support(globals, DTG_SetTimer, 0, 0, 0);
     }
     if (++counter < speed) {
-        for (uint32_t c = 0; c < channels && c < 4; c++) check_efx(&voices[c]);
+        running_effects();
         if (posjumpflag) next_position();
         return;
     }
     counter = 0;
     if (pattdelaytime2 == 0) get_new_note();
-    else
-        for (uint32_t c = 0; c < channels && c < 4; c++) check_efx(&voices[c]);
+    else running_effects();
     row++;
     if (pattdelaytime) {
         pattdelaytime2 = pattdelaytime;
@@ -863,6 +1165,14 @@ void ptk_tick(kp_globals g) {
     }
     if (row >= 64) next_position();
     if (posjumpflag) next_position();
+}
+
+void ptk_tick(kp_globals g) {
+    (void)g;
+    if (!ready) return;
+    replay_tick();
+    /* Mixed channels: the samples of the tick that begins now. */
+    if (mixed) out_mix_tick(kp_g16(globals, DTG_Timer));
 }
 
 /* ---- The option string ------------------------------------------------------ */
@@ -913,7 +1223,8 @@ static int variant_from_content(const volatile uint8_t *mod, uint32_t size) {
         if ((t[0] == 'F' && t[1] == 'L' && t[2] == 'T' && t[3] == '4') ||
             (t[0] == 'E' && t[1] == 'X' && t[2] == 'O' && t[3] == '4'))
             return PTK_FLT4;
-        if (t[3] == 'N' || (t[2] == 'C' && t[3] == 'H')) return PTK_COMP;
+        if (t[3] == 'N' || (t[2] == 'C' && t[3] == 'H') || (t[0] == 'T' && t[1] == 'D' && t[2] == 'Z'))
+            return PTK_COMP;
         return PTK_PT30;
     }
     if (ptk_check(mod, size, PTK_ST20) == 0) return PTK_ST20;

@@ -1,16 +1,20 @@
 /* replay.h - the replay core shared by kelva's ProTracker-family players.
  *
  * One core plays every layout of the family: the 31-instrument modules
- * (ProTracker, NoiseTracker, Startrekker, His Master's Noise, modules from
- * PC trackers with any channel count) and the 15-instrument Soundtracker
- * modules. A variant record says what differs between the trackers; the
- * players (PTK-Prowiz.c, UltimateSoundtracker.c, Soundtracker-IV.c) name
- * themselves and choose the variant; frontend.c wires the core into the
- * player interface for all three. */
+ * (ProTracker, NoiseTracker, Startrekker with its AM synth sounds, His
+ * Master's Noise with its synth sounds, modules of 1 to 32 channels from
+ * PC and Atari trackers) and the 15-instrument Soundtracker modules. A
+ * variant record says what differs between the trackers; the players
+ * (PTK-Prowiz.c, UltimateSoundtracker.c, Soundtracker-IV.c,
+ * AudioSculpture.c) name themselves and choose the variant; frontend.c
+ * wires the core into the player interface for all of them; output.c
+ * mixes modules of more than four channels. */
 #ifndef KELVA_PTK_REPLAY_H
 #define KELVA_PTK_REPLAY_H
 
 #include "kelva_player.h"
+
+#define PTK_MAX_CHANNELS 32
 
 /* The variants, one per tracker family. */
 enum ptk_variant {
@@ -69,9 +73,33 @@ int ptk_variant_from_option(const volatile uint8_t *mod, uint32_t size);
  * a tag that is not one of the family's). */
 uint32_t ptk_tag_channels(const volatile uint8_t *tag);
 
+/* A Startrekker AM instrument, from the module's companion file (am.c):
+ * envelope levels 0..255 and rates per tick, the period fall per tick, the
+ * vibrato, the octaves below the note (FQ) and the looping waveform. */
+struct ptk_am {
+    uint16_t l0, a1l, a1s, a2l, a2s, sl, ds, st, rs;
+    int16_t pfall, vamp, vspd;
+    uint8_t fq;
+    const int8_t *wave;   /* 0: the instrument is not an AM one */
+    uint16_t wave_words;
+};
+
+/* Reads the AM instruments of the companion file that ExtLoad loaded
+ * (entry 1 of GetListData) into table[1..31]; entries without one keep
+ * wave = 0. Returns how many were found. */
+uint32_t ptk_am_load(kp_globals g, struct ptk_am table[32]);
+
+/* ExtLoad of a player with a companion file: loads the module's name +
+ * ".nt" beside it. Returns 0 (a missing file is not an error). */
+uint32_t ptk_am_ext_load(kp_globals g);
+
 /* Supplied by each player's own file. */
 extern const char ptk_player_name[];
 extern const char ptk_player_creator[];
+/* 1 when the player loads the Startrekker companion file (ExtLoad). */
+extern const uint8_t ptk_player_companion;
+/* The format name the player reports itself (0: the host's option names it). */
+extern const char *const ptk_player_format;
 
 /* The variant that plays the module in memory; Check2 asks it. */
 int ptk_player_variant(const volatile uint8_t *mod, uint32_t size);

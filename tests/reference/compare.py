@@ -48,6 +48,8 @@ FOLDERS = {
     "variants": "openmpt",
     "effects": "openmpt",
     "multichannel": "openmpt",
+    # Startrekker AM synth sounds: openmpt123 plays them silent.
+    "startrekker-am": "xmp",
     "ahx": "envelope",
     "hvl": "envelope",
     "med": "openmpt",
@@ -126,13 +128,21 @@ COMPANION_SUFFIXES = (".nt", ".NT", ".md", ".tsv")
 # envelope correlation, "length" the length, "error" a module kelva does not
 # open.
 KNOWN = {
-    # More than four channels: PTK-Prowiz plays the first four, so the other
-    # channels are missing from kelva's render (openmpt plays all).
-    "debian/starpaws.mod": (("corr",), "6 channels, kelva plays the first 4"),
-    "multichannel/bluesy.mod": (("corr",), "8 channels, kelva plays the first 4"),
-    "multichannel/desecret.mod": (("corr",), "8 channels, kelva plays the first 4"),
-    "multichannel/misimprm.mod": (("corr",), "multichannel, kelva plays the first 4"),
-    "multichannel/TDZ1.MOD": (("error",), "TakeTracker's TDZ1 tag is not accepted yet"),
+    # Startrekker AM sounds against xmp 4.5, whose loader turns the AM
+    # envelope into an XM envelope with stage lengths of 256 x distance /
+    # (rate x span) ticks: instrument 1's first attack (0x40 to 0xFF by 2)
+    # lasts 127 ticks there and 96 in the tracker. The module is made so that
+    # its left and right channels sound alike when played as the tracker
+    # did: kelva's render does (largest |L - R| 0.034), xmp's does not (its
+    # 10 ms envelopes of left and right correlate 0.918).
+    "startrekker-am/flt_am_envelope.mod": (("corr",), "xmp 4.5 stretches the AM envelope's stages"),
+    # xmp 4.5 refuses this module because the last record of its .nt file is
+    # cut short (the tracker reads the missing fields as 0). With the record
+    # completed by zeros in a copy, xmp loads it and its render correlates
+    # 0.938 with kelva's: xmp 4.5 plays instrument 2's sample where the AM
+    # sound takes precedence. kelva plays left and right alike, as the
+    # module is made to sound.
+    "startrekker-am/flt_am_override.mod": (("length", "corr"), "xmp 4.5 does not load it"),
     # Steady tones only: both envelopes are flat (kelva's and openmpt's block
     # levels agree within 2 %), so the correlation measures the last 0.1 %
     # of ripple, i.e. noise.
