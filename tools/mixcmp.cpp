@@ -8,7 +8,7 @@
 // (not recursing). Each module is played with the player kelva identifies
 // for it, for its measured length (as the plugin measures it, up to 10
 // minutes) or up to --seconds. Files that no player takes (notes, companion
-// files) are listed as skipped. Options:
+// files) or whose player does not start are listed as skipped. Options:
 //   --model a500|a1200   output filter (default a500)
 //   --led auto|on|off    LED filter (default auto: as the player switches it)
 //   --separation S       stereo separation 0..1 (default 1)
@@ -94,8 +94,9 @@ bool compare(const std::string &path, const settings &o, double *worst) {
     // The song's length, measured as the plugin measures it.
     kelva *m = open_song(s, o, false);
     if (!m) {
-        printf("%-40s %-22s does not open\n", name, pname);
-        return false;
+        // The player refuses the file: nothing to mix, and not the mixer's doing.
+        printf("%-40s skipped: %s does not start on it\n", name, pname);
+        return true;
     }
     int32_t reason = 0;
     uint64_t ms = kelva_measure_length(m, 600000, 30000, &reason, nullptr, nullptr);
