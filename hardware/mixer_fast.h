@@ -110,7 +110,7 @@ void mix_fast(kelva *k, const paula_fast_tables &t, float *out, int32_t frames) 
     }
 
     const uint64_t tpf = m.ticks_per_frame;
-    uint64_t frac = m.tick_frac;
+    uint64_t frac = m.tick_frac & 0xFFFF;   // the fraction: a frame runs n0 or n0 + 1 ticks
     for (int32_t f = 0; f < frames; f++) {
         uint64_t acc = frac + tpf;
         int n = int(acc >> 16);   // n0 or n0 + 1, n0 >= 1
