@@ -36,11 +36,12 @@ __attribute__((always_inline)) inline vrow load_row(const double *p) {
 #endif
 }
 
-// acc += c * row, for a row of kFastState doubles.
-__attribute__((always_inline)) inline void row_fma(vrow *acc, double c, const double *row) {
+// acc += c * row, for a row of kFastState doubles whose vectors before
+// `from` are known to be zero.
+__attribute__((always_inline)) inline void row_fma(vrow *acc, double c, const double *row, int from = 0) {
     vrow cv = vrow{} + c;
 #pragma GCC unroll 8
-    for (int i = 0; i < kRowVecs; i++) {
+    for (int i = from; i < kRowVecs; i++) {
         vrow r = load_row(row + i * kLanes);
 #if KELVA_MIX_FMA
         acc[i] = vrow(_mm256_fmadd_pd(__m256d(cv), __m256d(r), __m256d(acc[i])));
@@ -50,18 +51,24 @@ __attribute__((always_inline)) inline void row_fma(vrow *acc, double c, const do
     }
 }
 
+// The filters form a cascade, so a start state in one stage never reaches
+// the stages before it: column j of a frame matrix is zero above the first
+// row of j's stage (one-pole 0, LED 1-2, anti-alias sections from 3).
+constexpr int first_row(int j) { return j == 0 ? 0 : j <= 2 ? 1 : 3 + (j - 3) / 2 * 2; }
+
 // Adds amp times the response to one channel's pulse-width train over the
 // last `len` ticks of the frame, where `q` is the volume counter before the
 // first of those ticks. The channel is on at a tick when its counter, just
 // incremented, is below the volume: it switches on where the counter wraps
-// to 0 and off where it reaches the volume (1..63); 64 is always on.
+// to 0 and off where it reaches the volume (1..63); 64 is always on. Edges
+// of each kind come every 64 ticks.
 __attribute__((always_inline)) inline void add_pulse(vrow *acc, const paula_fast_tables &t, double amp, int len,
                                                      uint32_t q, uint32_t volume) {
     if (volume >= 64) {
         row_fma(acc, amp, t.step[len]);
         return;
     }
-    if (q < volume) row_fma(acc, amp, t.step[len]);   // on before the first tick
+    row_fma(acc, q < volume ? amp : 0.0, t.step[len]);   // on before the first tick
     for (int e = int((63 - q) & 63); e < len; e += 64) row_fma(acc, amp, t.step[len - e]);
     for (int e = int((volume - 1 - q) & 63); e < len; e += 64) row_fma(acc, -amp, t.step[len - e]);
 }
@@ -118,12 +125,15 @@ void mix_fast(kelva *k, const paula_fast_tables &t, float *out, int32_t frames) 
 
         const double(*carry)[kFastState] = t.frame[n - int(t.n0)];
         for (int s = 0; s < 2; s++) {
-            // The state carried through the frame.
-            vrow a[kRowVecs];
+            // The state carried through the frame, in two partial sums so
+            // that the additions do not wait on each other, and the channels'
+            // input in a third.
+            vrow a[kRowVecs], b[kRowVecs], in[kRowVecs];
 #pragma GCC unroll 8
-            for (int i = 0; i < kRowVecs; i++) a[i] = vrow{};
+            for (int i = 0; i < kRowVecs; i++) a[i] = b[i] = in[i] = vrow{};
 #pragma GCC unroll 16
-            for (int j = 0; j < kFastState - 1; j++) row_fma(a, z[s][j], carry[j]);
+            for (int j = 0; j < kFastState - 1; j++)
+                row_fma(j % 2 ? b : a, z[s][j], carry[j], first_row(j) / kLanes);
 
             // Each channel's input: its level from the first tick, then the
             // changes at its fetches.
@@ -131,7 +141,7 @@ void mix_fast(kelva *k, const paula_fast_tables &t, float *out, int32_t frames) 
                 fast_voice &v = vs[i];
                 if (!v.active) continue;
                 const uint32_t p = v.pwm;
-                if (v.volume) add_pulse(a, t, double(v.sample), n, p, v.volume);
+                if (v.volume) add_pulse(in, t, double(v.sample), n, p, v.volume);
                 while (v.fetch_at < n) {
                     const int tick = v.fetch_at;
                     paula_channel &c = *v.c;
@@ -143,13 +153,13 @@ void mix_fast(kelva *k, const paula_fast_tables &t, float *out, int32_t frames) 
                     const uint32_t q = (p + uint32_t(tick)) & 63;
                     if (!c.active) {
                         // Silent from this tick on; the counter stops with it.
-                        if (v.volume) add_pulse(a, t, -double(v.sample), n - tick, q, v.volume);
+                        if (v.volume) add_pulse(in, t, -double(v.sample), n - tick, q, v.volume);
                         v.active = false;
                         v.pwm = q;
                         break;
                     }
                     if (c.sample != v.sample) {
-                        if (v.volume) add_pulse(a, t, double(c.sample - v.sample), n - tick, q, v.volume);
+                        if (v.volume) add_pulse(in, t, double(c.sample - v.sample), n - tick, q, v.volume);
                         v.sample = c.sample;
                     }
                     uint32_t left = ticks_to_fetch(c);
@@ -162,6 +172,8 @@ void mix_fast(kelva *k, const paula_fast_tables &t, float *out, int32_t frames) 
                 }
             }
 
+#pragma GCC unroll 8
+            for (int i = 0; i < kRowVecs; i++) a[i] = (a[i] + b[i]) + in[i];
             memcpy(z[s], a, sizeof z[s]);
             double sum = z[s][kFastState - 1] / double(n);
             z[s][kFastState - 1] = 0.0;
