@@ -1,5 +1,6 @@
 // The mixer's frame-at-a-time path, compiled twice by mixer.cpp beside the
-// per-tick kernel (mixer_kernel.h), whose vfma and ticks_to_fetch it uses.
+// per-tick kernel (mixer_kernel.h), whose ticks_to_fetch it uses, with
+// KELVA_MIX_FMA 0 (any processor) or 1 (AVX with fused multiply-add).
 // Deliberately without an include guard, like the per-tick kernel.
 //
 // Everything after the channel sum is linear and time-invariant, so a
