@@ -81,6 +81,8 @@ struct kelva {
 
     // 3. Hardware.
     paula_mixer mix;
+    paula_fast_tables mix_fast[2];   // [led_on]: the frame-at-a-time tables, built on first use
+    uint8_t mix_per_tick;            // non-zero: mix one tick at a time (the reference path)
     paula_channel ch[4];
     audio_latch aud[4];
     uint16_t dmacon;

@@ -69,6 +69,35 @@ struct paula_mixer {
     double aa_state[4][2][2];   // [section][side][s1, s2]
 };
 
+// The mixer's frame-at-a-time path (hardware/mixer_fast.h). The filter
+// chain after the channel sum is linear and time-invariant, so a whole
+// output frame can be advanced in closed form from two precomputed tables,
+// built by running the per-tick filter recurrence itself on unit inputs.
+// A filter state is 12 values: the one-pole, the LED biquad's two delays,
+// the four anti-alias sections' two delays each, and the frame's sum of
+// outputs in the last slot.
+constexpr int kFastMaxTicks = 256;   // longest frame the tables cover (rates from 13.9 kHz)
+constexpr int kFastState = 12;
+struct paula_fast_tables {
+    // What the tables were built from; they are rebuilt when it changes.
+    struct source {
+        double rc_coef, led_b0, led_b1, led_b2, led_a1, led_a2;
+        paula_mixer::biquad aa[4];
+        uint64_t ticks_per_frame;
+        uint32_t led_on;
+        uint32_t pad;
+    } from;
+    uint8_t built;    // `from` and the tables below are filled in
+    uint8_t usable;   // the tables are finite and cover this frame length
+    uint32_t n0;      // frames run n0 or n0 + 1 ticks
+    // frame[i]: the state after n0 + i ticks with no input, column by
+    // column: frame[i][j] is where a unit start state j ends, its sum slot
+    // the frame's summed output. Column 11 is zero: each frame's sum starts at 0.
+    double frame[2][kFastState][kFastState];
+    // step[L]: the state after L ticks of input 1 from a zero state.
+    double step[kFastMaxTicks + 1][kFastState];
+};
+
 // One 8520 CIA as far as replay routines use it. Timers count in output
 // frames rather than E-clock ticks.
 struct cia_state {
@@ -101,6 +130,10 @@ void paula_recalc(paula_mixer *m);
 // Adds `frames` stereo frames of the four channels to `out` (cleared by the
 // caller). frames <= 0 does nothing.
 void paula_mix_frames(kelva *k, float *out, int32_t frames);
+// The same output computed one Paula tick at a time: the reference the
+// frame-at-a-time path is checked against, and what paula_mix_frames runs
+// when k->mix_per_tick is set or the output rate is outside the tables.
+void paula_mix_frames_per_tick(kelva *k, float *out, int32_t frames);
 // Stereo separation of finished frames: with s < 1 every frame (L, R)
 // becomes (m + d, m - d), m = (L + R) / 2, d = (L - R) / 2 * s; s >= 1 leaves
 // the hard Amiga panning untouched.
