@@ -60,14 +60,16 @@ kelva *open_song(const song &s, const settings &o, bool per_tick) {
     kelva *k = kelva_create(o.rate);
     if (!k) return nullptr;
     k->mix_per_tick = per_tick ? 1 : 0;
-    kelva_set_model(k, o.model);
-    kelva_set_led_filter(k, o.led);
-    kelva_set_separation(k, o.separation);
     if (kelva_open(k, s.player.data(), uint32_t(s.player.size()), s.module.data(), uint32_t(s.module.size()),
                    s.player_path.c_str(), s.path.c_str(), 0) != 0) {
         kelva_destroy(k);
         return nullptr;
     }
+    // Opening resets the machine, settings included: they follow it, as in
+    // the plugin.
+    kelva_set_model(k, o.model);
+    kelva_set_led_filter(k, o.led);
+    kelva_set_separation(k, o.separation);
     return k;
 }
 
