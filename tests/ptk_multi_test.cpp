@@ -131,7 +131,7 @@ TEST_F(PtkMulti, ChannelsAreMixedOntoTheirPaulaChannelAtAnEqualShare) {
         ASSERT_TRUE(k);
         run_ticks(k.get(), 3);
         for (int x = 0; x < 4; x++) {
-            EXPECT_EQ(k->aud[x].per, 124) << x;   // the mixing rate
+            EXPECT_EQ(k->aud[x].per, 180) << x;   // the mixing rate: 19,705 Hz
             EXPECT_EQ(k->aud[x].vol, 64) << x;
             EXPECT_TRUE(block_is(k, x, x == int(c.channel & 3) ? c.expected : 0)) << "Paula channel " << x;
         }

@@ -16,6 +16,10 @@
  *     channel would give them, as the tracker replays that mixed did. A
  *     player that sets a channel's `shift` itself keeps at most
  *     2^(shift - 6) voices in it.
+ *   - With the usual shifts (one to eight voices at their share) a voice's
+ *     sample x volume >> shift comes from a table made once per shift and
+ *     is added straight into the channel's bytes; other channels (a shift
+ *     set otherwise, saturation, ring modulation) sum longs and scale them.
  *   - The Paula channel plays at a fixed period (the mixing rate, 3546895 /
  *     period Hz) from two buffers of `block` bytes in turn. When a buffer
  *     has played, Paula starts the other one (queued through AUDxLC and

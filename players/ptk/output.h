@@ -17,7 +17,9 @@
  * of two (half for 5-8 channels, a quarter for 9-16, an eighth for 17-32),
  * so no sum can clip and no channel is louder than another.
  *
- * Rate and buffers: the mix runs at 28,604 Hz (Paula period 124) and
+ * Rate and buffers: the mix runs at 19,705 Hz (Paula period 180: a rate
+ * that keeps the mixing's share of the processor small, well above what
+ * the A500's output filter lets through) and
  * follows the replay's ticks, as the Amiga's multichannel replays mixed a
  * frame's worth of samples in their timer interrupt: after each tick the
  * voices are mixed for exactly the time until the next one (the CIA timer
@@ -33,7 +35,7 @@
 #include "swmix.h"
 
 #define OUT_MAX_CHANNELS 32
-#define OUT_MIX_PERIOD SWMIX_PERIOD_28K
+#define OUT_MIX_PERIOD 180   /* 3546895 / 180 = 19,705 Hz */
 #define OUT_MIX_PAD 2
 /* The longest tick: timer value 65535 = 327,680 Paula clocks. */
 #define OUT_MIX_MAX (327680 / OUT_MIX_PERIOD + 1)
