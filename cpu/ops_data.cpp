@@ -69,6 +69,19 @@ void op_cmpm(kelva *k, uint16_t op) {
 
 // ADDX/SUBX: Z is only ever cleared, so it accumulates over a chain.
 void op_addx(kelva *k, uint16_t op) {
+    if ((op & 0x00C8) == 0x0080) {
+        // ADDX.L Dy,Dx, the carry chain of 32-bit fixed-point arithmetic
+        // in mixing loops: straight through, without the operand helpers.
+        uint32_t rx = (op >> 9) & 7, s = k->d[op & 7], d = k->d[rx];
+        uint64_t wide = uint64_t(d) + s + ((k->sr >> 4) & 1);
+        uint32_t r = uint32_t(wide);
+        uint32_t f = (r >> 28) & kSrN;
+        if ((~(s ^ d) & (d ^ r)) & 0x80000000u) f |= kSrV;
+        if (wide >> 32) f |= kSrC | kSrX;
+        k->sr = uint16_t((k->sr & 0xFFE0) | f | (r ? 0 : (k->sr & kSrZ)));
+        k->d[rx] = r;
+        return;
+    }
     uint32_t size = 1u << ((op >> 6) & 3);
     uint32_t s, d, addr;
     addx_subx_operands(k, op, size, &s, &d, &addr);
