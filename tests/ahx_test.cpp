@@ -156,7 +156,10 @@ void subsongs(song &s) { s.tracks = {{}, {{37, 1}}, {{49, 1}}, {{25, 1}}}, s.pos
 
 class Ahx : public ::testing::Test {
   protected:
-    void SetUp() override { MED_AHX_REQUIRE("AHX", "HivelyTracker"); }
+    void SetUp() override {
+        PTK_REQUIRE_PLAYER("AHX");
+        PTK_REQUIRE_PLAYER("HivelyTracker");
+    }
 };
 
 }  // namespace

@@ -72,7 +72,7 @@ std::vector<uint8_t> build(M &m) {
     std::vector<uint8_t> v;
     std::vector<size_t> heads, exps;
     const uint64_t ver = uint64_t(m.version), ni = m.inst.size(), esz = m.inst[0].flags >= 0 ? 6 : 4;
-    const unsigned w = ver ? 2 : 1, cw = ver ? 4 : 3;   // block header fields and cells
+    const unsigned w = ver ? 2 : 1, cw = ver ? 4 : 3;   // MMD0: byte-sized block header fields, 3-byte cells
     for (size_t si = 0; si < m.songs.size(); si++) {
         size_t h = grow(v, 52), sg = grow(v, 788), nb = m.songs[si].size();
         heads.push_back(h);
@@ -88,7 +88,7 @@ std::vector<uint8_t> build(M &m) {
         for (size_t bi = 0; bi < nb; bi++) {
             auto &b = m.songs[si][bi];
             b.resize(size_t(m.tracks) * m.lines);
-            size_t o = grow(v, 4 * w + cw * b.size()), c = o + 4 * w;
+            size_t o = grow(v, 6 * w - 4 + cw * b.size()), c = o + 6 * w - 4;
             put(v, barr + 4 * bi, {{0, 4, o}});
             put(v, o, {{0, w, m.tracks}, {w, w, m.lines - 1u}});
             for (const med_cell &x : b) {   // MMD0: 6 bits of note, 6 of instrument, 4 of command
@@ -255,7 +255,7 @@ void run(const std::vector<med_case> &cases) {
 
 class Med : public ::testing::Test {
   protected:
-    void SetUp() override { MED_AHX_REQUIRE("MED"); }
+    void SetUp() override { PTK_REQUIRE_PLAYER("MED"); }
 };
 
 // C-1 .. C-3 at finetune 0.
@@ -458,7 +458,7 @@ TEST_F(Med, Med2SongsLoadTheirInstrumentsFromFiles) {
     for (const auto &file : files) {   // the file follows the module; its sample starts at `second`
         memory_files mf;
         mf.files["/m/bass"] = file.first;
-        engine_ptr k = open_as("MED", f, 0, &mf);
+        engine_ptr k = open_as("MED", f, 0, &mf, "/m/song");
         ASSERT_TRUE(k);
         EXPECT_STREQ(kelva_get_format_name(k.get()), "MED (MED2)");
         run_ticks(k.get(), 1);
