@@ -27,10 +27,10 @@ struct instrument {
 struct step {
     uint8_t note = 0, ins = 0, fx = 0, p = 0;
 };
-// Channel 0 plays track 1 at position 0; tracks have 8 rows.
+// Channel 0 plays track 1 at position 0.
 struct song {
     bool hvl = false;
-    uint8_t channels = 4, speed_mult = 1;
+    uint8_t channels = 4, speed_mult = 1, rows = 8;
     int sub = 0;                                             // the subsong to open
     std::vector<std::vector<uint8_t>> positions = {{1}};     // a track per channel (transpose 0)
     std::vector<std::vector<step>> tracks = {{}, {}};        // track 0 stays empty
@@ -43,14 +43,14 @@ uint8_t ahx_fx(uint8_t fx) { return fx == 12 ? 6 : fx == 15 ? 7 : fx; }   // AHX
 std::vector<uint8_t> build(const song &s) {
     std::vector<uint8_t> m = {uint8_t(s.hvl ? 'H' : 'T'), uint8_t(s.hvl ? 'V' : 'H'), uint8_t(s.hvl ? 'L' : 'X'),
                               1, 0, 0, uint8_t((s.speed_mult - 1) << 5), uint8_t(s.positions.size()),
-                              uint8_t(s.hvl ? (s.channels - 4) << 2 : 0), 0, 8, uint8_t(s.tracks.size() - 1),
+                              uint8_t(s.hvl ? (s.channels - 4) << 2 : 0), 0, s.rows, uint8_t(s.tracks.size() - 1),
                               uint8_t(s.ins.size()), uint8_t(s.subsongs.size())};
     if (s.hvl) m.insert(m.end(), {100, 4});   // mixing gain, stereo layout
     for (uint16_t p : s.subsongs) m.insert(m.end(), {uint8_t(p >> 8), uint8_t(p)});
     for (const auto &pos : s.positions)
         for (size_t c = 0; c < s.channels; c++) m.insert(m.end(), {c < pos.size() ? pos[c] : uint8_t(0), 0});
     for (const auto &t : s.tracks)
-        for (size_t r = 0; r < 8; r++) {
+        for (size_t r = 0; r < s.rows; r++) {
             step x = r < t.size() ? t[r] : step{};
             if (s.hvl) m.insert(m.end(), {x.note, x.ins, uint8_t(x.fx << 4), x.p, 0});
             else m.insert(m.end(), {uint8_t(x.note << 2 | x.ins >> 4), uint8_t((x.ins & 15) << 4 | x.fx), x.p});
@@ -274,6 +274,8 @@ TEST_F(Ahx, TrackCommands) {
          SET(s.positions = {{1}, {0}})},
         {"B00 on position 1 jumps back: the end", sq, {{37, 1}}, "EEF", {{48, 0}, {49, 1}, {49, 49}},
          SET(s.positions = {{1}, {2}}, s.tracks.push_back({{0, 0, 0xB, 0}}))},
+        {"B01 on position 1 jumps to itself: the end", sq, {{37, 1}}, "EEF", {{48, 0}, {49, 1}, {49, 49}},
+         SET(s.positions = {{1}, {2}}, s.tracks.push_back({{0, 0, 0xB, 1}}))},
         {"F00 stops the song", sq, {{37, 1}, {0, 0, 0xF, 0}}, "EEF", {{6, 0}, {7, 1}, {7, 7}}},
         // 100 ticks a second: 8 rows x 6 ticks end after 0.48 s (24 ticks of 50 Hz).
         {"speed multiplier 2", sq, {{37, 1}}, "EEF", {{23, 0}, {24, 1}, {24, 24}}, SET(s.speed_mult = 2)},
@@ -316,19 +318,22 @@ TEST_F(Ahx, HivelyMixesVoicesIntoThePaulaChannels) {
 }
 
 TEST_F(Ahx, RefusesWhatDoesNotFitTheFile) {
-    song a, h;
-    a.tracks[1] = h.tracks[1] = {{37, 1}}, a.ins = h.ins = {tone(kSquare)}, h.hvl = true;
+    song a, h, r64, r65, v16, v17;
+    a.tracks[1] = {{37, 1}}, a.ins = {tone(kSquare)}, r64 = r65 = h = a;
+    h.hvl = true, v16 = v17 = h;
+    r64.rows = 64, r65.rows = 65, v16.channels = 16, v17.channels = 17;
     const std::vector<uint8_t> ahx = build(a), hvl = build(h);
     auto patched = [](std::vector<uint8_t> m, size_t at, uint8_t v) { return m[at] = v, m; };
+    EXPECT_TRUE(open_as("AHX", build(r64)) && open_as("AHX", build(v16)));   // the limits themselves
     const std::pair<const char *, std::vector<uint8_t>> cases[] = {
         {"version 2", patched(ahx, 3, 2)},
         {"no positions", patched(ahx, 7, 0)},
         {"track length 0", patched(ahx, 10, 0)},
-        {"track length 65", patched(ahx, 10, 65)},
+        {"track length 65", build(r65)},
         {"more tracks than the file holds", patched(ahx, 11, 40)},
         {"a playlist past the end", std::vector<uint8_t>(ahx.begin(), ahx.end() - 10)},
         {"cut in the header", std::vector<uint8_t>(ahx.begin(), ahx.begin() + 12)},
-        {"HVL with 17 channels", patched(hvl, 8, 13 << 2)},
+        {"HVL with 17 channels", build(v17)},
         {"HVL cut in its tracks", std::vector<uint8_t>(hvl.begin(), hvl.begin() + 30)},
     };
     for (const auto &c : cases) EXPECT_FALSE(open_as("AHX", c.second)) << c.first;

@@ -188,7 +188,7 @@ void two_songs(M &m, int version, int sub) {
 }
 
 // On Paula channel 0: 'p' period, 'v' volume, 'd' 0 stopped / 1 playing / 2 started
-// within 250 bytes, 'w' the waveform queued (-2: neither waveform 0 nor 1 plays),
+// within the tick (the bytes of a tick at its period, 10 % over), 'w' the waveform queued (-2: neither waveform 0 nor 1 plays),
 // 'o' start and 'x' end of the playing block from the sample's start, 'l' 'L' the
 // loop queued; 't' the CIA timer, 'e' the song's length in ticks, 'c' subsongs, 'T'
 // 1 when the title is the chosen song's name; from the output: 's' sides heard (1
@@ -200,7 +200,7 @@ int observe(kelva *k, const M &m, char what) {
     switch (what) {
     case 'p': return k->aud[0].per;
     case 'v': return k->aud[0].vol;
-    case 'd': return !k->aud[0].dma_running ? 0 : k->ch[0].pos < 250 ? 2 : 1;
+    case 'd': return !k->aud[0].dma_running ? 0 : k->ch[0].pos < 3546895 / 50 / k->aud[0].per * 11 / 10 ? 2 : 1;
     case 'w':
         if (playing != m.at_[0] && playing != m.at_[1]) return -2;
         return int(std::find(m.at_.begin(), m.at_.end(), k->aud[0].lc) - m.at_.begin());
