@@ -194,6 +194,7 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
             run_ticks(k.get(), 1);
             EXPECT_EQ(k->aud[0].per, 428);
             EXPECT_EQ(k->aud[0].vol, 64);
+            EXPECT_TRUE(k->aud[0].dma_running);
             EXPECT_EQ(looped(k.get()), repeat(c.period));
         }
     }
