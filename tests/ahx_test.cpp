@@ -15,18 +15,14 @@ using namespace med_ahx;
 
 namespace {
 
-struct plist_entry {
-    uint8_t wave = 0, note = 0, fixed = 0, fx1 = 0, p1 = 0, fx2 = 0, p2 = 0;
-};
+struct plist_entry { uint8_t wave = 0, note = 0, fixed = 0, fx1 = 0, p1 = 0, fx2 = 0, p2 = 0; };
 struct instrument {
     uint8_t wl = 3, a_frames = 1, a_vol = 64, d_frames = 0, d_vol = 64, s_frames = 0, r_frames = 0, r_vol = 64;
     uint8_t vib_depth = 0, vib_speed = 0, hc_frames = 0, hc_release = 0, sq_lower = 0, sq_upper = 0, sq_speed = 0;
     uint8_t plist_speed = 1;
     std::vector<plist_entry> plist;
 };
-struct step {
-    uint8_t note = 0, ins = 0, fx = 0, p = 0;
-};
+struct step { uint8_t note = 0, ins = 0, fx = 0, p = 0; };
 // Channel 0 plays track 1 at position 0.
 struct song {
     bool hvl = false;
@@ -60,7 +56,8 @@ std::vector<uint8_t> build(const song &s) {
                            0, 0, 0, 0, uint8_t(i.hc_release << 7 | i.hc_frames << 4 | i.vib_depth), i.vib_speed,
                            i.sq_lower, i.sq_upper, i.sq_speed, 0, i.plist_speed, uint8_t(i.plist.size())});
         for (const plist_entry &e : i.plist)
-            if (s.hvl) m.insert(m.end(), {e.fx1, uint8_t(e.fx2 << 3 | e.wave), uint8_t(e.fixed << 6 | e.note), e.p1, e.p2});
+            if (s.hvl)
+                m.insert(m.end(), {e.fx1, uint8_t(e.fx2 << 3 | e.wave), uint8_t(e.fixed << 6 | e.note), e.p1, e.p2});
             else m.insert(m.end(), {uint8_t(ahx_fx(e.fx2) << 5 | ahx_fx(e.fx1) << 2 | e.wave >> 1),
                                     uint8_t((e.wave & 1) << 7 | e.fixed << 6 | e.note), e.p1, e.p2});
     }
@@ -152,7 +149,10 @@ void run(const std::vector<ahx_case> &cases) {
 #define SET(...) [](song &s) { __VA_ARGS__; }
 
 // Positions 0-2 play C-2, C-3, C-1; subsongs start at positions 2 and 1.
-void subsongs(song &s) { s.tracks = {{}, {{37, 1}}, {{49, 1}}, {{25, 1}}}, s.positions = {{1}, {3}, {2}}, s.subsongs = {2, 1}; }
+void subsongs(song &s) {
+    s.tracks = {{}, {{37, 1}}, {{49, 1}}, {{25, 1}}}, s.positions = {{1}, {3}, {2}}, s.subsongs = {2, 1};
+}
+void six_voices(song &s) { s.hvl = true, s.channels = 6; }
 
 class Ahx : public ::testing::Test {
   protected:
@@ -203,13 +203,12 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
     song s;
     s.tracks[1] = {{37, 1}}, s.ins = {tone(kNoise)};
     engine_ptr k = open_as("AHX", build(s));
-    std::vector<uint32_t> starts;
-    for (int t = 0; t < 4; t++) {
+    for (uint32_t t = 0, first = 0, last = 0; t < 4; t++, last = k->aud[0].lc) {
         run_ticks(k.get(), 1);
+        first = t ? first : k->aud[0].lc;
         EXPECT_EQ(k->aud[0].len, 0x140);
-        starts.push_back(k->aud[0].lc);
-        EXPECT_TRUE(t == 0 || starts[size_t(t)] != starts[size_t(t) - 1]);
-        EXPECT_LT(std::abs(int32_t(starts[size_t(t)] - starts[0])), 0x500);
+        EXPECT_TRUE(t == 0 || k->aud[0].lc != last);
+        EXPECT_LT(std::abs(int32_t(k->aud[0].lc - first)), 0x500);
     }
     EXPECT_GT(observe(k.get(), 'w'), 0x280 / 4);
 }
@@ -296,12 +295,10 @@ TEST_F(Ahx, TrackCommands) {
 TEST_F(Ahx, HivelyMixesVoicesIntoThePaulaChannels) {
     const int kSquareMix = (-32 + 128) * 256 + 31 + 128;
     run({
-        {"square on the left", with_plist({{kSquare, 0, 0, 3, 0x20}}), {{37, 1}}, "mZ", {{1, kSquareMix}, {1, 430}},
-         SET(s.hvl = true, s.channels = 6)},
-        {"7xx pans it right", with_plist({{kSquare, 0, 0, 3, 0x20}}), {{37, 1, 0x7, 0x7F}}, "Mz",
-         {{1, kSquareMix}, {1, 430}}, SET(s.hvl = true, s.channels = 6)},
-        {"9xx in the playlist pans it right", with_plist({{kSquare, 0, 0, 9, 0x60, 3, 0x20}}), {{37, 1}}, "Mz",
-         {{1, kSquareMix}, {1, 430}}, SET(s.hvl = true, s.channels = 6)},
+        {"square on the left", tone(kSquare), {{37, 1}}, "mZ", {{1, kSquareMix}, {1, 430}}, six_voices},
+        {"7xx pans it right", tone(kSquare), {{37, 1, 7, 0x7F}}, "Mz", {{1, kSquareMix}, {1, 430}}, six_voices},
+        {"9xx in the playlist pans it right", with_plist({{kSquare, 1, 0, 9, 0x60, 3, 0x20}}), {{37, 1}}, "Mz",
+         {{1, kSquareMix}, {1, 430}}, six_voices},
     });
     song s;
     s.hvl = true, s.tracks[1] = {{37, 1}}, s.ins = {with_plist({{kSquare, 0, 0, 7, 49}})};
@@ -341,12 +338,17 @@ TEST_F(Ahx, RefusesWhatDoesNotFitTheFile) {
 }
 
 TEST_F(Ahx, SharedSongsAreIdentified) {
+    KELVA_REQUIRE_SHARED("testdata/modules/ahx");
     KELVA_REQUIRE_SHARED("testdata/modules/hvl");
-    for (const char *t : {"Karma", "Phaser", "birdie_song", "breath", "elsewhere", "plasticity", "qwertyuiop", "too_far"})
-        expect_identified(std::string("ahx/AHX.") + t, "AHX", "AHX (THX v1)", t == std::string("Phaser") ? "phaser" : t);
-    const std::pair<const char *, const char *> hvl[] = {
-        {"chiprolled", "never gonna give you up"}, {"illuminated", "illuminated"}, {"sliding_away", "sliding away"},
-        {"sunspots", "sunspots"}, {"waiting_for_a_message", "Waiting for a message"}};
-    for (const auto &f : hvl)
-        expect_identified(std::string("hvl/") + f.first + ".hvl", "HivelyTracker", "HivelyTracker (HVL v0)", f.second);
+    const std::pair<const char *, const char *> songs[] = {   // file, title
+        {"AHX.Karma", "Karma"}, {"AHX.Phaser", "phaser"}, {"AHX.birdie_song", "birdie_song"}, {"AHX.breath", "breath"},
+        {"AHX.elsewhere", "elsewhere"}, {"AHX.plasticity", "plasticity"}, {"AHX.qwertyuiop", "qwertyuiop"},
+        {"AHX.too_far", "too_far"}, {"chiprolled.hvl", "never gonna give you up"}, {"illuminated.hvl", "illuminated"},
+        {"sliding_away.hvl", "sliding away"}, {"sunspots.hvl", "sunspots"},
+        {"waiting_for_a_message.hvl", "Waiting for a message"}};
+    for (const auto &f : songs) {
+        bool hvl = strstr(f.first, ".hvl");
+        expect_identified(std::string(hvl ? "hvl/" : "ahx/") + f.first, hvl ? "HivelyTracker" : "AHX",
+                          hvl ? "HivelyTracker (HVL v0)" : "AHX (THX v1)", f.second);
+    }
 }

@@ -188,11 +188,12 @@ void two_songs(M &m, int version, int sub) {
 }
 
 // On Paula channel 0: 'p' period, 'v' volume, 'd' 0 stopped / 1 playing / 2 started
-// within the tick (the bytes of a tick at its period, 10 % over), 'w' the waveform queued (-2: neither waveform 0 nor 1 plays),
-// 'o' start and 'x' end of the playing block from the sample's start, 'l' 'L' the
-// loop queued; 't' the CIA timer, 'e' the song's length in ticks, 'c' subsongs, 'T'
-// 1 when the title is the chosen song's name; from the output: 's' sides heard (1
-// left, 2 right), 'g' a loud stretch over 90 ms.
+// within the tick (under a tick's bytes at its period + 10 %), 'w' the waveform
+// queued (-2: neither waveform 0 nor 1 plays), 'o' start and 'x' end of the
+// playing block from the sample's start, 'l' 'L' the loop queued; 't' the CIA
+// timer, 'e' the song's length in ticks, 'c' subsongs, 'T' 1 when the title is
+// the chosen song's name; from the output: 's' sides heard (1 left, 2 right),
+// 'g' a loud stretch over 90 ms.
 int observe(kelva *k, const M &m, char what) {
     const uint32_t playing = uint32_t(k->ch[0].data - k->ram), data = m.at_[0];
     int32_t reason = 0;
@@ -472,31 +473,26 @@ TEST_F(Med, Med2SongsLoadTheirInstrumentsFromFiles) {
 
 TEST_F(Med, SharedModulesAreIdentified) {
     KELVA_REQUIRE_SHARED("testdata/modules/med");
-    // Lengths where the reference comparison excuses its renderer's, in frames
-    // (a tick is rounded to whole frames). med3song: one 64-line block at 6
-    // ticks: 40 lines at tempo 32 (14631 cycles: 990 frames), 24 at tempo 192
-    // (2438 cycles: 165); Synth-a-sysmic: 3296 lines at 6 ticks, tempo 35
-    // (13376 cycles: 905 frames).
+    // Lengths (frames) where the reference comparison excuses its renderer's; a
+    // tick is rounded to whole frames. med3song: 40 lines of 6 ticks at tempo 32
+    // (14631 cycles: 990 frames), 24 at tempo 192 (2438 cycles: 165);
+    // Synth-a-sysmic: 3296 lines of 6 ticks at tempo 35 (13376 cycles: 905).
     const struct {
         const char *file, *format, *title;
-        double frames;
+        int frames;
     } rows[] = {
-        {"fair.med", "OctaMED (MMD1)", "fairlight", 0},
-        {"chip_happy.med", "OctaMED (MMD1)", "", 0},
-        {"med3song.med", "MED (MED3)", "", 40 * 6 * 990 + 24 * 6 * 165},
-        {"Synth-a-sysmic.med", "MED (MED4)", "", 3296 * 6 * 905},
-        {"finetune.med", "MED (MMD0)", "", 0},
+        {"fair.med", "OctaMED (MMD1)", "fairlight", 0}, {"chip_happy.med", "OctaMED (MMD1)", "", 0},
+        {"med3song.med", "MED (MED3)", "", 40 * 6 * 990 + 24 * 6 * 165}, {"med4song.med", "MED (MED4)", "", 0},
+        {"Synth-a-sysmic.med", "MED (MED4)", "", 3296 * 6 * 905}, {"finetune.med", "MED (MMD0)", "", 0},
         {"stereo.med", "OctaMED Soundstudio (MMD3)", "Stereo Samples", 0},
         {"instruments.mmd3", "OctaMED Soundstudio (MMD3)", "MMD3 Instrument Testing", 0},
-        {"memories of anna.mmd1", "OctaMED (MMD1)", "", 0},
-        {"mmd2_compat_tempo.med", "OctaMED (MMD2)", "<unnamed>", 0},
-        {"med4song.med", "MED (MED4)", "", 0},
+        {"memories of anna.mmd1", "OctaMED (MMD1)", "", 0}, {"mmd2_compat_tempo.med", "OctaMED (MMD2)", "<unnamed>", 0},
     };
     for (const auto &r : rows) {
         engine_ptr k = expect_identified(std::string("med/") + r.file, "MED", r.format, r.title);
         int32_t reason = 0;
-        if (k && r.frames > 0) {
-            EXPECT_NEAR(double(kelva_measure_length(k.get(), 0, 0, &reason, nullptr, nullptr)), r.frames / 48, 25);
+        if (k && r.frames) {
+            EXPECT_NEAR(double(kelva_measure_length(k.get(), 0, 0, &reason, nullptr, nullptr)), r.frames / 48.0, 25);
             EXPECT_EQ(reason, 1);
         }
     }
