@@ -487,6 +487,10 @@ TEST_F(Med, SharedModulesAreIdentified) {
         {"stereo.med", "OctaMED Soundstudio (MMD3)", "Stereo Samples", 0},
         {"instruments.mmd3", "OctaMED Soundstudio (MMD3)", "MMD3 Instrument Testing", 0},
         {"memories of anna.mmd1", "OctaMED (MMD1)", "", 0}, {"mmd2_compat_tempo.med", "OctaMED (MMD2)", "<unnamed>", 0},
+        {"LOSTMEDFILES_MMD1.MED", "OctaMED (MMD1)", "", 0}, {"mmd0_compat_tempo.med", "MED (MMD0)", "", 0},
+        {"med_hold_3xx.med", "MED (MMD0)", "Hold + Toneporta (3xx only)", 0},
+        {"med_synth_diff_speeds.med", "OctaMED (MMD1)", "Synth VSpeed != WSpeed", 0},
+        {"moods-yeah.med", "OctaMED Soundstudio (MMD3)", "mOOdS - I Am In :) .... Preview!", 0},
     };
     for (const auto &r : rows) {
         engine_ptr k = expect_identified(std::string("med/") + r.file, "MED", r.format, r.title);
