@@ -98,8 +98,8 @@ std::vector<int8_t> repeat(const std::vector<int8_t> &w, size_t n = 128) {
 }
 
 // 'p' period, 'v' volume, 'w' bytes at 127 in the looped block, 'f' 1 when its bytes
-// step by less than 64, 'r' 1 when its RMS is below 0.8 x 127.5, 'E' the song has ended, 'F' the end's frame in ticks,
-// 'c' subsongs; of the mixed blocks (430 bytes) of HVL songs: 'm' (min + 128) x 256 +
+// step by less than 64, 'r' 1 when its RMS is below 0.8 x 127.5, 'F' the song's end
+// (its frame, in ticks), 'c' subsongs; of the mixed blocks (430 bytes) of HVL songs: 'm' (min + 128) x 256 +
 // max + 128 of channel 0, 'M' of channel 1, 'z' zero bytes of channel 0, 'Z' of 1.
 int observe(kelva *k, char what) {
     std::vector<int8_t> b = looped(k);
@@ -114,7 +114,6 @@ int observe(kelva *k, char what) {
     case 'w': return int(std::count(b.begin(), b.end(), 127));
     case 'f': return step < 64;
     case 'r': return std::sqrt(rms) < 0.8 * 127.5;
-    case 'E': return kelva_song_ended(k);
     case 'F': return k->song_end_frame % 960 ? -1 : int(k->song_end_frame / 960);
     case 'c': return int(kelva_get_subsong_count(k));
     case 'm': case 'M': return (*std::min_element(x, x + 430) + 128) * 256 + *std::max_element(x, x + 430) + 128;
@@ -265,20 +264,17 @@ TEST_F(Ahx, TrackCommands) {
         {"ECx note cut after 2 ticks", sq, {{37, 1, 0xE, 0xC2}}, "v", series({64, 64, 0, 0})},
         {"EDx note delay by 2 ticks", sq, {{37, 1}, {25, 1, 0xE, 0xD2}}, "p", {{7, 428}, {8, 856}}},
         {"vibrato", vib, {{37, 1}}, "p", series({428, 435, 428, 420, 428})},
-        // The song's end: the tick that reports it, whose start is the length.
-        {"two positions of 8 rows at speed 6", sq, {{37, 1}}, "EEF", {{95, 0}, {96, 1}, {96, 96}},
-         SET(s.positions = {{1}, {2}}, s.tracks.push_back({{25, 1}}))},
-        {"F03: speed 3", sq, {{37, 1, 0xF, 3}}, "EEF", {{47, 0}, {48, 1}, {48, 48}},
-         SET(s.positions = {{1}, {0}})},
-        {"D04 breaks to row 4 of the next position", sq, {{37, 1, 0xD, 0x04}}, "EEF", {{29, 0}, {30, 1}, {30, 30}},
-         SET(s.positions = {{1}, {0}})},
-        {"B00 on position 1 jumps back: the end", sq, {{37, 1}}, "EEF", {{48, 0}, {49, 1}, {49, 49}},
+        // The song's end, reported by the tick after it, at the length (in ticks).
+        {"two positions of 8 rows at speed 6", sq, {{37, 1}}, "F", {{96, 96}}, SET(s.positions = {{1}, {0}})},
+        {"F03: speed 3", sq, {{37, 1, 0xF, 3}}, "F", {{48, 48}}, SET(s.positions = {{1}, {0}})},
+        {"D04: row 4 of the next position", sq, {{37, 1, 0xD, 4}}, "F", {{30, 30}}, SET(s.positions = {{1}, {0}})},
+        {"B00 on position 1 jumps back: the end", sq, {{37, 1}}, "F", {{49, 49}},
          SET(s.positions = {{1}, {2}}, s.tracks.push_back({{0, 0, 0xB, 0}}))},
-        {"B01 on position 1 jumps to itself: the end", sq, {{37, 1}}, "EEF", {{48, 0}, {49, 1}, {49, 49}},
+        {"B01 on position 1 jumps to itself: the end", sq, {{37, 1}}, "F", {{49, 49}},
          SET(s.positions = {{1}, {2}}, s.tracks.push_back({{0, 0, 0xB, 1}}))},
-        {"F00 stops the song", sq, {{37, 1}, {0, 0, 0xF, 0}}, "EEF", {{6, 0}, {7, 1}, {7, 7}}},
+        {"F00 stops the song", sq, {{37, 1}, {0, 0, 0xF, 0}}, "F", {{7, 7}}},
         // 100 ticks a second: 8 rows x 6 ticks end after 0.48 s (24 ticks of 50 Hz).
-        {"speed multiplier 2", sq, {{37, 1}}, "EEF", {{23, 0}, {24, 1}, {24, 24}}, SET(s.speed_mult = 2)},
+        {"speed multiplier 2", sq, {{37, 1}}, "F", {{24, 24}}, SET(s.speed_mult = 2)},
         // Subsongs start at their positions: the main song at position 0.
         {"subsong 2 starts at position 2", sq, {}, "pc", {{0, 214}, {0, 3}}, SET(s.sub = 2, subsongs(s))},
         {"subsong 3 at position 1", sq, {}, "p", {{0, 856}}, SET(s.sub = 3, subsongs(s))},
