@@ -291,7 +291,7 @@ TEST_F(Ahx, TrackCommands) {
 TEST_F(Ahx, HivelyMixesVoicesIntoThePaulaChannels) {
     const int kSquareMix = (-32 + 128) * 256 + 31 + 128;
     run({
-        {"square on the left", tone(kSquare), {{37, 1}}, "mZ", {{1, kSquareMix}, {1, 430}}, six_voices},
+        {"square on the left", tone(kSquare), {{37, 1}}, "mZp", {{1, kSquareMix}, {1, 430}, {1, 165}}, six_voices},
         {"7xx pans it right", tone(kSquare), {{37, 1, 7, 0x7F}}, "Mz", {{1, kSquareMix}, {1, 430}}, six_voices},
         {"9xx in the playlist pans it right", with_plist({{kSquare, 1, 0, 9, 0x60, 3, 0x20}}), {{37, 1}}, "Mz",
          {{1, kSquareMix}, {1, 430}}, six_voices},
