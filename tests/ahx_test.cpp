@@ -1,164 +1,157 @@
 // kelva's AHX and HivelyTracker players on synthetic songs: the waveforms,
 // the envelope, the playlist and track commands, the song's flow and the
-// software mix of HVL songs, each pinned down by the Paula registers, the
-// bytes Paula plays or the rendered pitch and level after a number of ticks.
-// Expected values follow from the format's rules: a voice plays note
-// (playlist note + track note - 1), or the playlist's note alone when it is
-// fixed, at the period of the note table (37 = 428, 25 = 856, 49 = 214);
-// volumes from the envelope's steps ((target - start) x 256 / frames per
-// tick); waveforms from their definitions.
-//
-// Timing: a tick is 960 frames at 48 kHz and the first tick reads row 0, so
-// after run_ticks(k, t + 1) the player has done tick t.
-#include <gtest/gtest.h>
-
+// software mix of HVL songs, pinned by Paula's registers and the bytes it
+// plays after a number of ticks; refused files; the shared songs' identity.
+// A voice plays note (playlist note + track note - 1), or the playlist's
+// note alone when fixed, at the note table's period (25 = 856, 37 = 428,
+// 49 = 214); the envelope steps by (target - start) x 256 / frames a tick.
+// A tick is 960 frames and the first reads row 0; rows have 6 ticks.
 #include <algorithm>
 #include <cmath>
-#include <numeric>
-#include <string>
-#include <vector>
 
-#include "ptk_support.h"
+#include "support/med_ahx.h"
 
-using namespace ptk_test;
+using namespace med_ahx;
 
 namespace {
 
-// ---- Song images --------------------------------------------------------
-
-struct plist_entry {
-    uint8_t wave = 0, note = 0, fixed = 0, fx1 = 0, p1 = 0, fx2 = 0, p2 = 0;
-};
-
+struct plist_entry { uint8_t wave = 0, note = 0, fixed = 0, fx1 = 0, p1 = 0, fx2 = 0, p2 = 0; };
 struct instrument {
-    uint8_t volume = 64, wl = 5;
-    uint8_t a_frames = 1, a_vol = 64, d_frames = 0, d_vol = 64, s_frames = 0, r_frames = 0, r_vol = 64;
-    uint8_t filter_lower = 0, filter_upper = 0, filter_speed = 0;
-    uint8_t vib_delay = 0, vib_depth = 0, vib_speed = 0;
-    uint8_t hc_frames = 0, hc_release = 0;
-    uint8_t sq_lower = 0, sq_upper = 0, sq_speed = 0;
+    uint8_t wl = 3, a_frames = 1, a_vol = 64, d_frames = 0, d_vol = 64, s_frames = 0, r_frames = 0, r_vol = 64;
+    uint8_t vib_depth = 0, vib_speed = 0, hc_frames = 0, hc_release = 0, sq_lower = 0, sq_upper = 0, sq_speed = 0;
     uint8_t plist_speed = 1;
     std::vector<plist_entry> plist;
 };
-
-struct step {
-    uint8_t note = 0, ins = 0, fx = 0, p = 0, fxb = 0, pb = 0;
-};
-
+struct step { uint8_t note = 0, ins = 0, fx = 0, p = 0; };
+// Channel 0 plays track 1 at position 0.
 struct song {
     bool hvl = false;
-    uint8_t channels = 4, track_len = 8, speed_mult = 1, stereo = 4;
-    uint16_t restart = 0;
-    std::vector<std::vector<uint8_t>> positions;   // track per channel (transpose 0)
-    std::vector<std::vector<step>> tracks;         // track 0 stays empty
-    std::vector<instrument> ins;                   // instrument n at ins[n - 1]
+    uint8_t channels = 4, speed_mult = 1, rows = 8;
+    int sub = 0;                                             // the subsong to open
+    std::vector<std::vector<uint8_t>> positions = {{1}};     // a track per channel (transpose 0)
+    std::vector<std::vector<step>> tracks = {{}, {}};        // track 0 stays empty
+    std::vector<instrument> ins;                             // instrument n at ins[n - 1]
     std::vector<uint16_t> subsongs;
 };
 
-// AHX codes playlist commands 12 and 15 as 6 and 7.
-uint8_t ahx_fx(uint8_t fx) { return fx == 12 ? 6 : fx == 15 ? 7 : fx; }
+uint8_t ahx_fx(uint8_t fx) { return fx == 12 ? 6 : fx == 15 ? 7 : fx; }   // AHX's codes of 12 and 15
 
 std::vector<uint8_t> build(const song &s) {
-    std::vector<uint8_t> m(s.hvl ? 16 : 14, 0);
-    m[0] = s.hvl ? 'H' : 'T';
-    m[1] = s.hvl ? 'V' : 'H';
-    m[2] = s.hvl ? 'L' : 'X';
-    m[3] = 1;
-    uint16_t npos = uint16_t(s.positions.size());
-    m[6] = uint8_t(((s.speed_mult - 1) << 5) | (npos >> 8));
-    m[7] = uint8_t(npos);
-    m[8] = s.hvl ? uint8_t(((s.channels - 4) << 2) | (s.restart >> 8)) : uint8_t(s.restart >> 8);
-    m[9] = uint8_t(s.restart);
-    m[10] = s.track_len;
-    m[11] = uint8_t(s.tracks.size() - 1);
-    m[12] = uint8_t(s.ins.size());
-    m[13] = uint8_t(s.subsongs.size());
-    if (s.hvl) {
-        m[14] = 100;
-        m[15] = s.stereo;
-    }
+    std::vector<uint8_t> m = {uint8_t(s.hvl ? 'H' : 'T'), uint8_t(s.hvl ? 'V' : 'H'), uint8_t(s.hvl ? 'L' : 'X'),
+                              1, 0, 0, uint8_t((s.speed_mult - 1) << 5), uint8_t(s.positions.size()),
+                              uint8_t(s.hvl ? (s.channels - 4) << 2 : 0), 0, s.rows, uint8_t(s.tracks.size() - 1),
+                              uint8_t(s.ins.size()), uint8_t(s.subsongs.size())};
+    if (s.hvl) m.insert(m.end(), {100, 4});   // mixing gain, stereo layout
     for (uint16_t p : s.subsongs) m.insert(m.end(), {uint8_t(p >> 8), uint8_t(p)});
     for (const auto &pos : s.positions)
-        for (uint8_t c = 0; c < s.channels; c++) m.insert(m.end(), {c < pos.size() ? pos[c] : uint8_t(0), 0});
+        for (size_t c = 0; c < s.channels; c++) m.insert(m.end(), {c < pos.size() ? pos[c] : uint8_t(0), 0});
     for (const auto &t : s.tracks)
-        for (uint8_t r = 0; r < s.track_len; r++) {
-            step st = r < t.size() ? t[r] : step{};
-            if (s.hvl)
-                m.insert(m.end(), {st.note, st.ins, uint8_t(st.fx << 4 | st.fxb), st.p, st.pb});
-            else
-                m.insert(m.end(), {uint8_t(st.note << 2 | st.ins >> 4), uint8_t((st.ins & 15) << 4 | st.fx), st.p});
+        for (size_t r = 0; r < s.rows; r++) {
+            step x = r < t.size() ? t[r] : step{};
+            if (s.hvl) m.insert(m.end(), {x.note, x.ins, uint8_t(x.fx << 4), x.p, 0});
+            else m.insert(m.end(), {uint8_t(x.note << 2 | x.ins >> 4), uint8_t((x.ins & 15) << 4 | x.fx), x.p});
         }
     for (const instrument &i : s.ins) {
-        uint8_t h[22] = {i.volume, uint8_t((i.filter_speed & 31) << 3 | i.wl), i.a_frames, i.a_vol, i.d_frames,
-                         i.d_vol, i.s_frames, i.r_frames, i.r_vol, 0, 0, 0,
-                         uint8_t((i.filter_speed & 32) << 2 | i.filter_lower), i.vib_delay,
-                         uint8_t(i.hc_release << 7 | i.hc_frames << 4 | i.vib_depth), i.vib_speed, i.sq_lower,
-                         i.sq_upper, i.sq_speed, i.filter_upper, i.plist_speed, uint8_t(i.plist.size())};
-        m.insert(m.end(), h, h + 22);
-        for (const plist_entry &e : i.plist) {
+        m.insert(m.end(), {64, i.wl, i.a_frames, i.a_vol, i.d_frames, i.d_vol, i.s_frames, i.r_frames, i.r_vol, 0,
+                           0, 0, 0, 0, uint8_t(i.hc_release << 7 | i.hc_frames << 4 | i.vib_depth), i.vib_speed,
+                           i.sq_lower, i.sq_upper, i.sq_speed, 0, i.plist_speed, uint8_t(i.plist.size())});
+        for (const plist_entry &e : i.plist)
             if (s.hvl)
                 m.insert(m.end(), {e.fx1, uint8_t(e.fx2 << 3 | e.wave), uint8_t(e.fixed << 6 | e.note), e.p1, e.p2});
-            else
-                m.insert(m.end(), {uint8_t(ahx_fx(e.fx2) << 5 | ahx_fx(e.fx1) << 2 | e.wave >> 1),
-                                   uint8_t((e.wave & 1) << 7 | e.fixed << 6 | e.note), e.p1, e.p2});
-        }
+            else m.insert(m.end(), {uint8_t(ahx_fx(e.fx2) << 5 | ahx_fx(e.fx1) << 2 | e.wave >> 1),
+                                    uint8_t((e.wave & 1) << 7 | e.fixed << 6 | e.note), e.p1, e.p2});
     }
-    uint16_t names = uint16_t(m.size());
-    m[4] = uint8_t(names >> 8);
-    m[5] = uint8_t(names);
-    for (char c : std::string("synthetic")) m.push_back(uint8_t(c));
-    m.push_back(0);
+    m[4] = uint8_t(m.size() >> 8), m[5] = uint8_t(m.size());   // the names: the title, no instrument names
+    m.insert(m.end(), {'s', 'y', 'n', 't', 'h', 0});
     return m;
 }
 
 constexpr uint8_t kTriangle = 1, kSawtooth = 2, kSquare = 3, kNoise = 4;
 
-// One position: channel 0 plays track 1, the others track 0 (empty).
-song one_track(std::vector<step> steps, std::vector<instrument> ins) {
-    song s;
-    s.positions = {{1, 0, 0, 0}};
-    s.tracks = {{}, std::move(steps)};
-    s.ins = std::move(ins);
-    return s;
-}
-
-// An instrument that plays `wave` at once, full volume, wave length wl.
-instrument tone(uint8_t wave, uint8_t wl = 3, uint8_t width = 0x20) {
+instrument with_plist(std::vector<plist_entry> p, uint8_t speed = 1) {
     instrument i;
+    i.plist_speed = speed, i.plist = std::move(p);
+    return i;
+}
+// `wave` at once, full volume, the track's note; a square's width from `width`.
+instrument tone(uint8_t wave, uint8_t wl = 3, uint8_t width = 0x20) {
+    instrument i = with_plist({{wave, 1, 0, 3, width}});
     i.wl = wl;
-    i.plist = {{wave, 1, 0, 3, width}};   // the track's note; square width from the parameter
     return i;
 }
 
-engine_ptr open_song(const std::vector<uint8_t> &mod, const char *player = "AHX", int subsong = 0) {
-    kelva_global_init();
-    engine_ptr k = make_engine(48000);
-    std::vector<uint8_t> p = read_bytes(player_path(player));
-    std::string pp = player_path(player);
-    EXPECT_EQ(kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(),
-                         nullptr, subsong),
-              0);
-    return k;
-}
-
 // The bytes of the block Paula loops on channel c (queued behind the start).
-std::vector<int8_t> looped(const engine_ptr &k, int c = 0) {
+std::vector<int8_t> looped(kelva *k, int c = 0) {
     const int8_t *p = reinterpret_cast<const int8_t *>(k->ram + (k->aud[c].lc & 0xFFFFFF));
     return std::vector<int8_t>(p, p + k->aud[c].len * 2);
 }
-
-std::vector<int8_t> repeat(const std::vector<int8_t> &w, size_t n) {
-    std::vector<int8_t> out;
-    while (out.size() < n) out.insert(out.end(), w.begin(), w.end());
-    return out;
-}
-
-// A square of `len` bytes: the first half low, the second high.
+// A square of `len` bytes: low, then `high` bytes high; repeated to 128 bytes.
 std::vector<int8_t> square(size_t len, size_t high) {
     std::vector<int8_t> w(len - high, -128);
     w.insert(w.end(), high, 127);
     return w;
 }
+std::vector<int8_t> repeat(const std::vector<int8_t> &w, size_t n = 128) {
+    std::vector<int8_t> out;
+    while (out.size() < n) out.insert(out.end(), w.begin(), w.end());
+    return out;
+}
+
+// 'p' period, 'v' volume, 'w' bytes at 127 in the looped block, 'f' 1 when its bytes
+// step by less than 64, 'r' 1 when its RMS is below 0.8 x 127.5, 'F' the song's end
+// (its frame, in ticks), 'c' subsongs; of the mixed blocks (430 bytes) of HVL songs: 'm' (min + 128) x 256 +
+// max + 128 of channel 0, 'M' of channel 1, 'z' zero bytes of channel 0, 'Z' of 1.
+int observe(kelva *k, char what) {
+    std::vector<int8_t> b = looped(k);
+    const int8_t *x = reinterpret_cast<const int8_t *>(k->ch[what == 'M' || what == 'Z'].data);
+    double rms = 0;
+    int step = 0;
+    for (size_t i = 0; i < b.size(); i++)
+        rms += b[i] * b[i] / double(b.size()), step = std::max(step, i ? std::abs(b[i] - b[i - 1]) : 0);
+    switch (what) {
+    case 'p': return k->aud[0].per;
+    case 'v': return k->aud[0].vol;
+    case 'w': return int(std::count(b.begin(), b.end(), 127));
+    case 'f': return step < 64;
+    case 'r': return std::sqrt(rms) < 0.8 * 127.5;
+    case 'F': return k->song_end_frame % 960 ? -1 : int(k->song_end_frame / 960);
+    case 'c': return int(kelva_get_subsong_count(k));
+    case 'm': case 'M': return (*std::min_element(x, x + 430) + 128) * 256 + *std::max_element(x, x + 430) + 128;
+    case 'z': case 'Z': return int(std::count(x, x + 430, 0));
+    }
+    return -1;
+}
+
+// Channel 0 plays `steps` with instrument 1 `ins` (song changed by `setup`);
+// `obs` names what each expected value looks at, in turn.
+struct ahx_case {
+    const char *what;
+    instrument ins;
+    std::vector<step> steps;
+    const char *obs;
+    trace expect;
+    void (*setup)(song &) = nullptr;
+};
+
+void run(const std::vector<ahx_case> &cases) {
+    for (const ahx_case &c : cases) {
+        SCOPED_TRACE(c.what);
+        song s;
+        s.tracks[1] = c.steps, s.ins = {c.ins};
+        if (c.setup) c.setup(s);
+        engine_ptr k = open_as(s.hvl ? "HivelyTracker" : "AHX", build(s), s.sub);
+        ASSERT_TRUE(k);
+        size_t i = 0;
+        expect_trace(k.get(), c.expect, [&] { return observe(k.get(), c.obs[i++ % strlen(c.obs)]); });
+    }
+}
+#define SET(...) [](song &s) { __VA_ARGS__; }
+
+// Positions 0-2 play C-2, C-3, C-1; subsongs start at positions 2 and 1.
+void subsongs(song &s) {
+    s.tracks = {{}, {{37, 1}}, {{49, 1}}, {{25, 1}}}, s.positions = {{1}, {3}, {2}}, s.subsongs = {2, 1};
+}
+void six_voices(song &s) { s.hvl = true, s.channels = 6; }
 
 class Ahx : public ::testing::Test {
   protected:
@@ -168,15 +161,14 @@ class Ahx : public ::testing::Test {
     }
 };
 
-// ---- Waveforms -------------------------------------------------------------
+}  // namespace
 
 TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
-    struct wave_case {
+    const struct {
         const char *what;
         uint8_t wave, wl, width;
         std::vector<int8_t> period;   // one period of the wave
-    };
-    const wave_case cases[] = {
+    } cases[] = {
         // A quarter rises from 0 in steps of 128 / (len / 4) to 127; the
         // second half negates the first, 127 becoming -128.
         {"triangle 4", kTriangle, 0, 0, {0, 127, 0, -128}},
@@ -191,378 +183,168 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
         {"square 32, half", kSquare, 3, 0x20, square(32, 16)},
         {"square 32, width above 32 mirrors", kSquare, 3, 0x30, square(32, 8)},
     };
-    for (const wave_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        engine_ptr k = open_song(build(one_track({{37, 1}}, {tone(c.wave, c.wl, c.width)})));
-        run_ticks(k.get(), 1);
-        EXPECT_EQ(k->aud[0].per, 428);
-        EXPECT_EQ(k->aud[0].vol, 64);
-        EXPECT_EQ(looped(k), repeat(c.period, 128));
-    }
-}
-
-TEST_F(Ahx, NoiseIsANewStretchOfTheTableEveryTick) {
-    engine_ptr k = open_song(build(one_track({{37, 1}}, {tone(kNoise)})));
-    std::vector<uint32_t> starts;
-    for (int t = 0; t < 4; t++) {
-        run_ticks(k.get(), 1);
-        EXPECT_EQ(k->aud[0].len, 0x140);
-        starts.push_back(k->aud[0].lc);
-    }
-    for (int t = 1; t < 4; t++) {
-        EXPECT_NE(starts[t], starts[t - 1]);
-        EXPECT_LT(std::abs(int32_t(starts[t] - starts[0])), 0x500);   // inside the 3 x 0x280 bytes of noise
-    }
-    std::vector<int8_t> b = looped(k);
-    EXPECT_GT(std::count(b.begin(), b.end(), 127), 0x280 / 4);   // samples with bit 8 of the generator set
-}
-
-// Rendered through Paula (A1200 filter): the pitch of a wave of 32 bytes at
-// period 428 is 3546895 / (428 x 32) = 259 Hz, and the levels follow the
-// waves' RMS: 127.5 for the square, 74.1 for the triangle (0, 16, .., 112,
-// 127, 112, .., 16 and its negation), 74.0 for the sawtooth (-128, -120, ..,
-// 120).
-TEST_F(Ahx, RenderedPitchAndLevel) {
-    struct render_case {
-        uint8_t wave;
-        double rms_of_square;
-    };
-    const render_case cases[] = {{kSquare, 1.0}, {kTriangle, 0.581}, {kSawtooth, 0.580}};
-    double square_rms = 0;
-    for (const render_case &c : cases) {
-        SCOPED_TRACE(int(c.wave));
-        engine_ptr k = open_song(build(one_track({{37, 1}}, {tone(c.wave, 3)})));
-        kelva_set_model(k.get(), 1);
-        kelva_set_separation(k.get(), 1.0f);
-        std::vector<float> pcm(2 * 48000);
-        kelva_render(k.get(), pcm.data(), 48000);
-        int rising = 0;
-        bool low = false;   // below -0.05 since the last count (a margin for the filters' ripple)
-        double sum = 0;
-        for (int f = 4800; f < 48000; f++) {   // from 0.1 s on
-            float l = pcm[2 * f];
-            if (l < -0.05f) low = true;
-            if (low && l > 0.05f) {
-                rising++;
-                low = false;
-            }
-            sum += double(l) * l;
-        }
-        double rms = std::sqrt(sum / 43200);
-        EXPECT_NEAR(rising, 259 * 0.9, 3);
-        if (c.wave == kSquare) square_rms = rms;
-        EXPECT_NEAR(rms / square_rms, c.rms_of_square, 0.03);
-        EXPECT_EQ(pcm[1], 0.0f);   // channel 0 is on the left
-    }
-}
-
-// ---- Envelope ----------------------------------------------------------------
-
-TEST_F(Ahx, EnvelopeStepsThroughAttackDecaySustainRelease) {
-    instrument i = tone(kSquare);
-    i.a_frames = 4, i.a_vol = 64;   // +4096 (16 volume steps) per tick
-    i.d_frames = 4, i.d_vol = 32;   // -2048 per tick
-    i.s_frames = 4;
-    i.r_frames = 4, i.r_vol = 0;    // -2048 per tick
-    engine_ptr k = open_song(build(one_track({{37, 1}}, {i})));
-    const uint8_t expect[] = {16, 32, 48, 64, 56, 48, 40, 32, 32, 32, 32, 32, 24, 16, 8, 0, 0};
-    for (uint8_t v : expect) {
-        run_ticks(k.get(), 1);
-        EXPECT_EQ(k->aud[0].vol, v);
-    }
-}
-
-TEST_F(Ahx, HardCutReleasesBeforeTheNextInstrument) {
-    instrument i = tone(kSquare);
-    i.s_frames = 255;
-    i.r_frames = 8, i.r_vol = 0;
-    i.hc_frames = 2, i.hc_release = 1;   // release over 2 ticks, ending where the next note starts
-    engine_ptr k = open_song(build(one_track({{37, 1}, {37, 1}}, {i})));
-    const uint8_t expect[] = {64, 64, 64, 64, 32, 0, 64};   // rows of 6 ticks: release on ticks 4 and 5
-    for (uint8_t v : expect) {
-        run_ticks(k.get(), 1);
-        EXPECT_EQ(k->aud[0].vol, v);
-    }
-}
-
-// ---- The playlist --------------------------------------------------------------
-
-struct tick_case {
-    const char *what;
-    instrument ins;
-    std::vector<step> steps;
-    char reg;                     // 'p' period, 'v' volume, 'w' high bytes of the looped square
-    std::vector<int> expect;      // after ticks 0, 1, ...
-};
-
-int observe(const engine_ptr &k, char reg) {
-    if (reg == 'p') return k->aud[0].per;
-    if (reg == 'v') return k->aud[0].vol;
-    std::vector<int8_t> b = looped(k);
-    return int(std::count(b.begin(), b.end(), 127));
-}
-
-void run_cases(const std::vector<tick_case> &cases) {
-    for (const tick_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        engine_ptr k = open_song(build(one_track(c.steps, {c.ins})));
-        for (size_t t = 0; t < c.expect.size(); t++) {
+    for (const auto &c : cases) {
+        for (bool hvl : {false, true}) {   // HVL with four voices plays on Paula directly
+            SCOPED_TRACE(std::string(c.what) + (hvl ? " HVL" : ""));
+            song s;
+            s.hvl = hvl, s.tracks[1] = {{37, 1}}, s.ins = {tone(c.wave, c.wl, c.width)};
+            engine_ptr k = open_as(hvl ? "HivelyTracker" : "AHX", build(s));
+            ASSERT_TRUE(k);
             run_ticks(k.get(), 1);
-            EXPECT_EQ(observe(k, c.reg), c.expect[t]) << "tick " << t;
+            EXPECT_EQ(k->aud[0].per, 428);
+            EXPECT_EQ(k->aud[0].vol, 64);
+            EXPECT_TRUE(k->aud[0].dma_running);
+            EXPECT_EQ(looped(k.get()), repeat(c.period));
         }
     }
+    // Noise: a new stretch of 0x280 bytes of the table (3 x 0x280) every
+    // tick, bit 8 of the generator giving 127.
+    song s;
+    s.tracks[1] = {{37, 1}}, s.ins = {tone(kNoise)};
+    engine_ptr k = open_as("AHX", build(s));
+    for (uint32_t t = 0, first = 0, last = 0; t < 4; t++, last = k->aud[0].lc) {
+        run_ticks(k.get(), 1);
+        first = t ? first : k->aud[0].lc;
+        EXPECT_EQ(k->aud[0].len, 0x140);
+        EXPECT_TRUE(t == 0 || k->aud[0].lc != last);
+        EXPECT_LT(std::abs(int32_t(k->aud[0].lc - first)), 0x500);
+    }
+    EXPECT_GT(observe(k.get(), 'w'), 0x280 / 4);
 }
 
-instrument with_plist(std::vector<plist_entry> p, uint8_t speed = 1) {
-    instrument i;
-    i.wl = 3;
-    i.plist_speed = speed;
-    i.plist = std::move(p);
-    return i;
-}
-
-TEST_F(Ahx, PlaylistCommands) {
-    instrument sweep = with_plist({{kSquare, 0, 0, 3, 0x10, 4, 0x01}});
+TEST_F(Ahx, EnvelopeAndPlaylist) {
+    instrument adsr = tone(kSquare), hard = tone(kSquare), sweep = with_plist({{kSquare, 0, 0, 3, 0x10, 4, 0x01}});
+    adsr.a_frames = 4, adsr.d_frames = 4, adsr.d_vol = 32, adsr.s_frames = 4, adsr.r_frames = 4, adsr.r_vol = 0;
+    hard.s_frames = 255, hard.r_frames = 8, hard.r_vol = 0, hard.hc_frames = 2, hard.hc_release = 1;
     sweep.sq_lower = 0x08, sweep.sq_upper = 0x18, sweep.sq_speed = 1;   // widths 2..6 at wave length 3
-    std::vector<tick_case> cases = {
-        // Notes: relative to the track's note (entry 13 = an octave up from
-        // note 25), or fixed (note 49 whatever the track says).
-        {"relative and fixed notes, speed 2", with_plist({{kSquare, 13}, {0, 49, 1}, {0, 1}}, 2), {{25, 1}}, 'p',
-         {428, 428, 214, 214, 856}},
-        // The slide goes on while the ended playlist still waits (speed 4).
-        {"1: slide up by 8 a tick", with_plist({{kSquare, 1, 0, 1, 8}}, 4), {{37, 1}}, 'p',
-         {420, 412, 404, 396, 388, 388}},
-        {"2: slide down by 8 a tick", with_plist({{kSquare, 1, 0, 2, 8}}, 4), {{37, 1}}, 'p', {436, 444, 452}},
-        {"5: jump back to entry 0", with_plist({{kSquare, 37, 1}, {0, 49, 1, 5, 0}}), {{37, 1}}, 'p',
-         {428, 214, 428, 214}},
-        {"12: note volume; 15: speed", with_plist({{kSquare, 0, 0, 12, 0x20, 15, 3}, {0, 0, 0, 12, 0x10}}),
-         {{37, 1}}, 'v', {32, 32, 32, 16}},
-        {"12: playlist volume 50-90", with_plist({{kSquare, 0, 0, 12, 0x70}}), {{37, 1}}, 'v', {32}},
+    run({
+        // +4096 (16 volume steps) a tick to 64, -2048 to 32, hold, -2048 to 0.
+        {"attack, decay, sustain, release", adsr, {{37, 1}}, "v",
+         series({16, 32, 48, 64, 56, 48, 40, 32, 32, 32, 32, 32, 24, 16, 8, 0, 0})},
+        {"hard cut: a release over 2 ticks before the next note", hard, {{37, 1}, {37, 1}}, "v",
+         series({64, 64, 64, 64, 32, 0, 64})},
+        // Notes relative to the track's (entry 13: an octave above 25) or fixed (49).
+        {"relative and fixed notes, speed 2", with_plist({{kSquare, 13}, {0, 49, 1}, {0, 1}}, 2), {{25, 1}}, "p",
+         series({428, 428, 214, 214, 856})},
+        // A slide goes on while the ended playlist still waits (speed 4).
+        {"1: slide up by 8 a tick", with_plist({{kSquare, 1, 0, 1, 8}}, 4), {{37, 1}}, "p",
+         series({420, 412, 404, 396, 388, 388})},
+        {"2: slide down by 8 a tick", with_plist({{kSquare, 1, 0, 2, 8}}, 4), {{37, 1}}, "p", series({436, 444, 452})},
+        {"5: jump back to entry 0", with_plist({{kSquare, 37, 1}, {0, 49, 1, 5, 0}}), {{37, 1}}, "p",
+         series({428, 214, 428, 214})},
+        {"12: note volume; 15: speed", with_plist({{kSquare, 0, 0, 12, 0x20, 15, 3}, {0, 0, 0, 12, 0x10}}), {{37, 1}},
+         "v", series({32, 32, 32, 16})},
+        {"12: playlist volume 50-90", with_plist({{kSquare, 0, 0, 12, 0x70}}), {{37, 1}}, "v", {{0, 32}}},
         // Width from the parameter >> 2 at wave length 3 (4: 8 of 32 bytes
-        // high, 32 of the looped 128), then 4 starts the modulation: one
-        // step a tick, turning at the limits 2 and 6.
-        {"3 and 4: square width and its modulation", sweep, {{37, 1}}, 'w', {40, 48, 40, 32, 24, 16, 24}},
-    };
-    run_cases(cases);
+        // high, 32 of the looped 128), then 4 starts the modulation: one step
+        // a tick, turning at the limits 2 and 6.
+        {"3 and 4: square width and its modulation", sweep, {{37, 1}}, "w", series({40, 48, 40, 32, 24, 16, 24})},
+        // 0: filter position 1 (the lowest low-pass) smooths the square's
+        // edges (a step of 255 plain); 63 (the highest high-pass) leaves mostly
+        // the edges (RMS 127.5 plain).
+        {"0: low-pass", with_plist({{kSquare, 1, 0, 0, 1, 3, 0x20}}), {{37, 1}}, "f", {{0, 1}}},
+        {"0: high-pass", with_plist({{kSquare, 1, 0, 0, 63, 3, 0x20}}), {{37, 1}}, "r", {{0, 1}}},
+    });
 }
-
-TEST_F(Ahx, PlaylistFilterPosition) {
-    // 0: filter position 1 (the lowest low-pass) smooths the square's edges;
-    // 63 (the highest high-pass) leaves mostly the edges.
-    engine_ptr low = open_song(build(one_track({{37, 1}}, {with_plist({{kSquare, 1, 0, 0, 1, 3, 0x20}})})));
-    engine_ptr high = open_song(build(one_track({{37, 1}}, {with_plist({{kSquare, 1, 0, 0, 63, 3, 0x20}})})));
-    run_ticks(low.get(), 1);
-    run_ticks(high.get(), 1);
-    auto largest_step = [](const std::vector<int8_t> &w) {
-        int m = 0;
-        for (size_t i = 1; i < w.size(); i++) m = std::max(m, std::abs(w[i] - w[i - 1]));
-        return m;
-    };
-    auto rms = [](const std::vector<int8_t> &w) {
-        double s = 0;
-        for (int8_t v : w) s += double(v) * v;
-        return std::sqrt(s / double(w.size()));
-    };
-    std::vector<int8_t> l = looped(low), h = looped(high);
-    EXPECT_LT(largest_step(l), 64);      // the plain square jumps by 255
-    EXPECT_LT(rms(h), 0.8 * 127.5);     // the plain square's RMS is 127.5
-}
-
-// ---- Track commands ------------------------------------------------------------
 
 TEST_F(Ahx, TrackCommands) {
-    instrument sq = tone(kSquare);
-    instrument vib = tone(kSquare);
+    instrument sq = tone(kSquare), vib = tone(kSquare);
     vib.vib_depth = 4, vib.vib_speed = 16;   // sine x 4 / 128: 0, +7, 0, -8
-    std::vector<tick_case> cases = {
-        {"1xx portamento up from tick 0", sq, {{37, 1, 0x1, 5}}, 'p', {423, 418, 413}},
-        {"2xx portamento down", sq, {{37, 1, 0x2, 5}}, 'p', {433, 438}},
-        // From 428 towards 856 by 0x40 a tick, stopping on the note.
-        // From 428 towards 856 by 0x40 a tick; 300 goes on at the same
-        // speed and stops on the note.
-        {"3xx tone portamento", sq, {{37, 1}, {25, 0, 0x3, 0x40}, {0, 0, 0x3, 0}}, 'p',
-         {428, 428, 428, 428, 428, 428, 492, 556, 620, 684, 748, 812, 856, 856}},
-        {"Cxx volume", sq, {{37, 1, 0xC, 0x20}}, 'v', {32}},
-        {"Axy volume slide down", sq, {{37, 1, 0xA, 0x04}}, 'v', {60, 56, 52}},
-        {"E1x fine slide, once", sq, {{37, 1, 0xE, 0x13}}, 'p', {425, 425}},
-        {"EBx fine volume down", sq, {{37, 1, 0xE, 0xB8}}, 'v', {56, 56}},
-        {"ECx note cut after 2 ticks", sq, {{37, 1, 0xE, 0xC2}}, 'v', {64, 64, 0, 0}},
-        {"EDx note delay by 2 ticks", sq, {{37, 1}, {25, 1, 0xE, 0xD2}}, 'p',
-         {428, 428, 428, 428, 428, 428, 428, 428, 856}},
-        {"vibrato", vib, {{37, 1}}, 'p', {428, 435, 428, 420, 428}},
-    };
-    run_cases(cases);
+    run({
+        {"1xx portamento up from tick 0", sq, {{37, 1, 0x1, 5}}, "p", series({423, 418, 413})},
+        {"2xx portamento down", sq, {{37, 1, 0x2, 5}}, "p", series({433, 438})},
+        // From 428 towards 856 by 0x40 a tick; 300 goes on at the same speed
+        // and stops on the note.
+        {"3xx tone portamento", sq, {{37, 1}, {25, 0, 0x3, 0x40}, {0, 0, 0x3, 0}}, "p",
+         {{5, 428}, {6, 492}, {7, 556}, {11, 812}, {12, 856}, {13, 856}}},
+        {"Cxx volume", sq, {{37, 1, 0xC, 0x20}}, "v", {{0, 32}}},
+        {"Axy volume slide down", sq, {{37, 1, 0xA, 0x04}}, "v", series({60, 56, 52})},
+        {"E1x fine slide, once", sq, {{37, 1, 0xE, 0x13}}, "p", series({425, 425})},
+        {"EBx fine volume down", sq, {{37, 1, 0xE, 0xB8}}, "v", series({56, 56})},
+        {"ECx note cut after 2 ticks", sq, {{37, 1, 0xE, 0xC2}}, "v", series({64, 64, 0, 0})},
+        {"EDx note delay by 2 ticks", sq, {{37, 1}, {25, 1, 0xE, 0xD2}}, "p", {{7, 428}, {8, 856}}},
+        {"vibrato", vib, {{37, 1}}, "p", series({428, 435, 428, 420, 428})},
+        // The song's end, reported by the tick after it, at the length (in ticks).
+        {"two positions of 8 rows at speed 6", sq, {{37, 1}}, "F", {{96, 96}}, SET(s.positions = {{1}, {0}})},
+        {"F03: speed 3", sq, {{37, 1, 0xF, 3}}, "F", {{48, 48}}, SET(s.positions = {{1}, {0}})},
+        {"D04: row 4 of the next position", sq, {{37, 1, 0xD, 4}}, "F", {{30, 30}}, SET(s.positions = {{1}, {0}})},
+        {"B00 on position 1 jumps back: the end", sq, {{37, 1}}, "F", {{49, 49}},
+         SET(s.positions = {{1}, {2}}, s.tracks.push_back({{0, 0, 0xB, 0}}))},
+        {"B01 on position 1 jumps to itself: the end", sq, {{37, 1}}, "F", {{49, 49}},
+         SET(s.positions = {{1}, {2}}, s.tracks.push_back({{0, 0, 0xB, 1}}))},
+        {"F00 stops the song", sq, {{37, 1}, {0, 0, 0xF, 0}}, "F", {{7, 7}}},
+        // 100 ticks a second: 8 rows x 6 ticks end after 0.48 s (24 ticks of 50 Hz).
+        {"speed multiplier 2", sq, {{37, 1}}, "F", {{24, 24}}, SET(s.speed_mult = 2)},
+        // Subsongs start at their positions: the main song at position 0.
+        {"subsong 2 starts at position 2", sq, {}, "pc", {{0, 214}, {0, 3}}, SET(s.sub = 2, subsongs(s))},
+        {"subsong 3 at position 1", sq, {}, "p", {{0, 856}}, SET(s.sub = 3, subsongs(s))},
+        {"the main song", sq, {}, "p", {{0, 428}}, SET(s.sub = 1, subsongs(s))},
+    });
 }
 
-// ---- The song ------------------------------------------------------------------
-
-TEST_F(Ahx, SongFlowAndItsEnd) {
-    instrument sq = tone(kSquare);
-    struct flow_case {
-        const char *what;
-        std::vector<std::vector<step>> tracks;   // tracks 1.. on channel 0, one per position
-        int end_tick;   // the tick that reports the end (its start is the song's length)
-    };
-    const flow_case cases[] = {
-        {"two positions of 8 rows at speed 6", {{{37, 1}}, {{25, 1}}}, 96},
-        {"F03: speed 3", {{{37, 1, 0xF, 3}}, {}}, 48},
-        {"D04 breaks to row 4 of the next position", {{{37, 1, 0xD, 0x04}}, {}}, 6 + 4 * 6},
-        {"B00 on position 1 jumps back: the end", {{{37, 1}}, {{0, 0, 0xB, 0x00}}}, 8 * 6 + 1},
-        {"F00 stops the song", {{{37, 1}, {0, 0, 0xF, 0}}}, 7},
-    };
-    for (const flow_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        song s;
-        s.tracks = {{}};
-        for (size_t i = 0; i < c.tracks.size(); i++) {
-            s.tracks.push_back(c.tracks[i]);
-            s.positions.push_back({uint8_t(i + 1), 0, 0, 0});
-        }
-        s.ins = {sq};
-        engine_ptr k = open_song(build(s));
-        run_ticks(k.get(), c.end_tick);
-        EXPECT_FALSE(kelva_song_ended(k.get()));
-        run_ticks(k.get(), 1);
-        EXPECT_TRUE(kelva_song_ended(k.get()));
-        EXPECT_EQ(k->song_end_frame, uint64_t(c.end_tick) * 960);
-    }
-}
-
-TEST_F(Ahx, SubsongsStartAtTheirPositions) {
+// Six voices: mixed at period 165 into blocks of 430 bytes (a tick), each
+// voice at a quarter of a channel's level (4 voices of the pair 0/1: shift
+// 8). Voice 0's square (127 / -128 -> 31 / -32) plays on channel 0; a pan to
+// the right moves it to channel 1. Ring modulation (four voices, mixed) by a
+// triangle at fixed note 49: each byte is the square's x the triangle's /
+// 128, so the level follows the triangle (2 voices in the pair: peaks 63).
+TEST_F(Ahx, HivelyMixesVoicesIntoThePaulaChannels) {
+    const int kSquareMix = (-32 + 128) * 256 + 31 + 128;
+    run({
+        {"square on the left", tone(kSquare), {{37, 1}}, "mZp", {{1, kSquareMix}, {1, 430}, {1, 165}}, six_voices},
+        {"7xx pans it right", tone(kSquare), {{37, 1, 7, 0x7F}}, "Mz", {{1, kSquareMix}, {1, 430}}, six_voices},
+        {"9xx in the playlist pans it right", with_plist({{kSquare, 1, 0, 9, 0x60, 3, 0x20}}), {{37, 1}}, "Mz",
+         {{1, kSquareMix}, {1, 430}}, six_voices},
+    });
     song s;
-    s.tracks = {{}, {{37, 1}}, {{25, 1}}, {{49, 1}}};
-    s.positions = {{1}, {2}, {3}};
-    s.subsongs = {2, 1};
-    s.ins = {tone(kSquare)};
-    const uint16_t first_period[] = {428, 214, 856};   // main song from position 0, then 2 and 1
-    for (int sub = 1; sub <= 3; sub++) {
-        SCOPED_TRACE(sub);
-        engine_ptr k = open_song(build(s), "AHX", sub);
-        EXPECT_EQ(kelva_get_subsong_count(k.get()), 3);
-        run_ticks(k.get(), 1);
-        EXPECT_EQ(k->aud[0].per, first_period[sub - 1]);
-    }
-}
-
-TEST_F(Ahx, SpeedMultiplierTicksFasterThanTheVerticalBlank) {
-    song s = one_track({{37, 1}}, {tone(kSquare)});
-    s.speed_mult = 2;   // 100 ticks a second: 8 rows x 6 ticks in 0.48 s
-    engine_ptr k = open_song(build(s));
-    std::vector<float> pcm(2 * 480);
-    for (int i = 0; i < 48 && !kelva_song_ended(k.get()); i++) kelva_render(k.get(), pcm.data(), 480);
-    EXPECT_FALSE(kelva_song_ended(k.get()));
-    kelva_render(k.get(), pcm.data(), 480);
-    EXPECT_TRUE(kelva_song_ended(k.get()));
-    EXPECT_EQ(k->song_end_frame, 48u * 480);
-}
-
-// ---- HivelyTracker -----------------------------------------------------------
-
-// Six voices: mixed at period 165 into buffers of 430 bytes (one tick),
-// each voice at a quarter of a channel's level (4 voices of the pair 0/1 ->
-// shift 8). Voice 0 plays a square (127 / -128 -> 31 / -32) on channel 0;
-// a pan to the right moves it to channel 1; ring modulation by a triangle
-// makes its level follow the triangle's.
-TEST_F(Ahx, HivelyMixesMoreVoicesIntoThePaulaChannels) {
-    struct mix_case {
-        const char *what;
-        plist_entry entry;
-        step first;
-        int channel;
-        std::vector<int> values;   // the distinct bytes Paula plays
-    };
-    const mix_case cases[] = {
-        {"square on the left", {kSquare, 0, 0, 3, 0x20}, {37, 1}, 0, {-32, 31}},
-        {"7xx pans it right", {kSquare, 0, 0, 3, 0x20}, {37, 1, 0x7, 0x7F}, 1, {-32, 31}},
-        {"9xx in the playlist pans it right", {kSquare, 0, 0, 9, 0x60, 3, 0x20}, {37, 1}, 1, {-32, 31}},
-    };
-    for (const mix_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        song s = one_track({c.first}, {with_plist({c.entry})});
-        s.hvl = true;
-        s.channels = 6;
-        s.positions = {{1, 0, 0, 0, 0, 0}};
-        engine_ptr k = open_song(build(s), "HivelyTracker");
-        run_ticks(k.get(), 2);
-        for (int x = 0; x < 4; x++) {
-            EXPECT_EQ(k->aud[x].per, 165);
-            EXPECT_EQ(k->aud[x].vol, 64);
-            EXPECT_EQ(k->aud[x].len, 215);
-        }
-        const int8_t *b = reinterpret_cast<const int8_t *>(k->ch[c.channel].data);
-        std::vector<int> seen;
-        for (int i = 0; i < 430; i++)
-            if (std::find(seen.begin(), seen.end(), b[i]) == seen.end()) seen.push_back(b[i]);
-        std::sort(seen.begin(), seen.end());
-        EXPECT_EQ(seen, c.values);
-        const int8_t *other = reinterpret_cast<const int8_t *>(k->ch[c.channel ^ 1].data);
-        EXPECT_EQ(std::count(other, other + 430, 0), 430);
-    }
-}
-
-TEST_F(Ahx, HivelyRingModulation) {
-    // 7: ring-modulate with a triangle at fixed note 49 (period 214): each
-    // sample is the square's x the triangle's / 128, so the level follows
-    // the triangle and crosses zero where it does.
-    song s = one_track({{37, 1}}, {with_plist({{kSquare, 0, 0, 7, 49}})});
-    s.hvl = true;   // four voices, but ring modulation needs the mix
-    engine_ptr k = open_song(build(s), "HivelyTracker");
+    s.hvl = true, s.tracks[1] = {{37, 1}}, s.ins = {with_plist({{kSquare, 0, 0, 7, 49}})};
+    engine_ptr k = open_as("HivelyTracker", build(s));
+    ASSERT_TRUE(k);
     run_ticks(k.get(), 2);
-    EXPECT_EQ(k->aud[0].per, 165);
-    const int8_t *b = reinterpret_cast<const int8_t *>(k->ch[0].data);
-    int small = 0, large = 0;
-    for (int i = 0; i < 430; i++) {
-        small += std::abs(b[i]) <= 8;
-        large += std::abs(b[i]) >= 56;
+    for (int x = 0; x < 4; x++) {
+        EXPECT_EQ(k->aud[x].per, 165);
+        EXPECT_EQ(k->aud[x].vol, 64);
+        EXPECT_EQ(k->aud[x].len, 215);
     }
-    EXPECT_GT(small, 20);   // the triangle near zero (2 voices in the pair: half level, peaks at 63)
-    EXPECT_GT(large, 20);
+    const int8_t *b = reinterpret_cast<const int8_t *>(k->ch[0].data);
+    EXPECT_GT(std::count_if(b, b + 430, [](int8_t v) { return std::abs(v) <= 8; }), 20);   // near the zeros
+    EXPECT_GT(std::count_if(b, b + 430, [](int8_t v) { return std::abs(v) >= 56; }), 20);  // and the peaks
 }
-
-TEST_F(Ahx, HivelyFourVoicesPlayOnPaulaDirectly) {
-    song s = one_track({{37, 1}}, {tone(kSquare)});
-    s.hvl = true;
-    engine_ptr k = open_song(build(s), "HivelyTracker");
-    run_ticks(k.get(), 1);
-    EXPECT_EQ(k->aud[0].per, 428);
-    EXPECT_EQ(looped(k), repeat(square(32, 16), 128));
-}
-
-// ---- Robustness ---------------------------------------------------------------
 
 TEST_F(Ahx, RefusesWhatDoesNotFitTheFile) {
-    std::vector<uint8_t> good = build(one_track({{37, 1}}, {tone(kSquare)}));
-    song h = one_track({{37, 1}}, {tone(kSquare)});
-    h.hvl = true;
-    std::vector<uint8_t> good_hvl = build(h);
-    auto patched = [](std::vector<uint8_t> m, size_t at, uint8_t v) {
-        m[at] = v;
-        return m;
+    song a, h, r64, r65, v16, v17;
+    a.tracks[1] = {{37, 1}}, a.ins = {tone(kSquare)}, r64 = r65 = h = a;
+    h.hvl = true, v16 = v17 = h;
+    r64.rows = 64, r65.rows = 65, v16.channels = 16, v17.channels = 17;
+    const std::vector<uint8_t> ahx = build(a), hvl = build(h);
+    auto patched = [](std::vector<uint8_t> m, size_t at, uint8_t v) { return m[at] = v, m; };
+    EXPECT_TRUE(open_as("AHX", build(r64)) && open_as("AHX", build(v16)));   // the limits themselves
+    const std::pair<const char *, std::vector<uint8_t>> cases[] = {
+        {"version 2", patched(ahx, 3, 2)},
+        {"no positions", patched(ahx, 7, 0)},
+        {"track length 0", patched(ahx, 10, 0)},
+        {"track length 65", build(r65)},
+        {"more tracks than the file holds", patched(ahx, 11, 40)},
+        {"a playlist past the end", std::vector<uint8_t>(ahx.begin(), ahx.end() - 10)},
+        {"cut in the header", std::vector<uint8_t>(ahx.begin(), ahx.begin() + 12)},
+        {"HVL with 17 channels", build(v17)},
+        {"HVL cut in its tracks", std::vector<uint8_t>(hvl.begin(), hvl.begin() + 30)},
     };
-    struct bad_case {
-        const char *what;
-        std::vector<uint8_t> mod;
-    };
-    const bad_case cases[] = {
-        {"version 2", patched(good, 3, 2)},
-        {"no positions", patched(good, 7, 0)},
-        {"track length 0", patched(good, 10, 0)},
-        {"track length 65", patched(good, 10, 65)},
-        {"more tracks than the file holds", patched(good, 11, 40)},
-        {"a playlist past the end", std::vector<uint8_t>(good.begin(), good.end() - 14)},
-        {"cut in the header", std::vector<uint8_t>(good.begin(), good.begin() + 12)},
-        {"HVL with 17 channels", patched(good_hvl, 8, 13 << 2)},
-        {"HVL cut in its tracks", std::vector<uint8_t>(good_hvl.begin(), good_hvl.begin() + 30)},
-    };
-    kelva_global_init();
-    std::vector<uint8_t> p = read_bytes(player_path("AHX"));
-    for (const bad_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        engine_ptr k = make_engine(48000);
-        EXPECT_EQ(kelva_open(k.get(), p.data(), uint32_t(p.size()), c.mod.data(), uint32_t(c.mod.size()), nullptr,
-                             nullptr, 0),
-                  1);
-    }
+    for (const auto &c : cases) EXPECT_FALSE(open_as("AHX", c.second)) << c.first;
 }
 
-}  // namespace
+TEST_F(Ahx, SharedSongsAreIdentified) {
+    KELVA_REQUIRE_SHARED("testdata/modules/ahx");
+    KELVA_REQUIRE_SHARED("testdata/modules/hvl");
+    const std::pair<const char *, const char *> songs[] = {   // file, title
+        {"AHX.Karma", "Karma"}, {"AHX.Phaser", "phaser"}, {"AHX.birdie_song", "birdie_song"}, {"AHX.breath", "breath"},
+        {"AHX.elsewhere", "elsewhere"}, {"AHX.plasticity", "plasticity"}, {"AHX.qwertyuiop", "qwertyuiop"},
+        {"AHX.too_far", "too_far"}, {"chiprolled.hvl", "never gonna give you up"}, {"illuminated.hvl", "illuminated"},
+        {"sliding_away.hvl", "sliding away"}, {"sunspots.hvl", "sunspots"},
+        {"waiting_for_a_message.hvl", "Waiting for a message"}};
+    for (const auto &f : songs) {
+        bool hvl = strstr(f.first, ".hvl");
+        expect_identified(std::string(hvl ? "hvl/" : "ahx/") + f.first, hvl ? "HivelyTracker" : "AHX",
+                          hvl ? "HivelyTracker (HVL v0)" : "AHX (THX v1)", f.second);
+    }
+}

@@ -1,16 +1,21 @@
-# kelva's MED/OctaMED player: the unit tests in tests/med_*_test.cpp need
-# the player built; the reference comparison (label "reference") renders the
-# shared MED test modules with kelva and with openmpt123, or xmp where
-# compare.py's REFERENCE table names it (MED 2/3/4 songs, synthetic sounds).
-if(TARGET kelva_player_MED)
-  add_dependencies(kelva_tests kelva_player_MED)
-endif()
+# kelva's MED/OctaMED, AHX and HivelyTracker players: tests/med_test.cpp and
+# tests/ahx_test.cpp need them in the build tree's data tree. The reference
+# comparison (label "reference") renders the shared med/, ahx/ and hvl/
+# modules with kelva and compares them with the reference compare.py names.
+foreach(p MED AHX HivelyTracker)
+  if(TARGET kelva_player_${p})
+    add_dependencies(kelva_tests kelva_player_${p})
+  endif()
+endforeach()
 
 find_package(Python3 COMPONENTS Interpreter)
 if(Python3_Interpreter_FOUND)
-  add_test(NAME reference_med
-    COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_LIST_DIR}/reference/compare.py
-      $<TARGET_FILE:kelva_render_wav> ${KELVA_BUILD_DATA} ${KELVA_SHARED_DIR}
-      ${CMAKE_CURRENT_BINARY_DIR}/reference_med --folders=med)
-  set_tests_properties(reference_med PROPERTIES LABELS reference SKIP_RETURN_CODE 77 TIMEOUT 1800)
+  foreach(t med ahx)
+    string(REPLACE "ahx" "ahx,hvl" folders ${t})
+    add_test(NAME reference_${t}
+      COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_LIST_DIR}/reference/compare.py
+        $<TARGET_FILE:kelva_render_wav> ${KELVA_BUILD_DATA} ${KELVA_SHARED_DIR}
+        ${CMAKE_CURRENT_BINARY_DIR}/reference_${t} --folders=${folders})
+    set_tests_properties(reference_${t} PROPERTIES LABELS reference SKIP_RETURN_CODE 77 TIMEOUT 1800)
+  endforeach()
 endif()
