@@ -18,8 +18,7 @@ namespace {
 
 std::string data_path_str(const char *rel) {
     char out[4096];
-    data_path(out, sizeof out, rel);
-    return out;
+    return data_path(out, sizeof out, rel), out;
 }
 
 // The tree beside the test program: <folder of the executable>/kelva_data.
@@ -51,17 +50,16 @@ std::string dload(const std::string &path) {
 }   // namespace
 
 TEST(DataTree, PathJoinAndPrefixMatch) {
-    char out[16];
-    memset(out, 'x', sizeof out);
-    EXPECT_EQ(path_join(out, 8, "abc", "defg"), 0);
-    EXPECT_EQ(out[0], 'x');   // nothing written
-    ASSERT_EQ(path_join(out, 9, "abc", "defg"), 1);   // 3 + 1 + 4 + NUL = 9
-    EXPECT_STREQ(out, "abc/defg");
-    ASSERT_EQ(path_join(out, sizeof out, "dir/", "f"), 1);
-    EXPECT_STREQ(out, "dir//f");   // no normalisation
-    ASSERT_EQ(path_join(out, sizeof out, "", ""), 1);
-    EXPECT_STREQ(out, "/");
-    EXPECT_EQ(path_join(out, 0, "", ""), 0);
+    const struct {
+        uint32_t capacity;
+        const char *dir, *name, *out;   // null: refused, nothing written
+    } joins[] = {{8, "abc", "defg", nullptr}, {9, "abc", "defg", "abc/defg"} /* 3 + 1 + 4 + NUL */,
+                 {16, "dir/", "f", "dir//f"} /* no normalisation */, {16, "", "", "/"}, {0, "", "", nullptr}};
+    for (auto j : joins) {
+        char out[16] = "untouched";
+        EXPECT_EQ(path_join(out, j.capacity, j.dir, j.name), j.out ? 1 : 0) << j.capacity << j.dir;
+        EXPECT_STREQ(out, j.out ? j.out : "untouched");
+    }
 
     const char *p = "EnvArc:Sub/File";
     EXPECT_EQ(host_match_prefix(p, "envarc:"), p + 7);

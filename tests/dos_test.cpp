@@ -16,6 +16,7 @@ namespace {
 
 constexpr uint16_t kOpen = 0xA100, kClose = 0xA101, kRead = 0xA102, kSeek = 0xA103, kLock = 0xA104;
 constexpr uint32_t kName = 0x300000, kBuf = 0x310000, kBad = 0xFFFFFFFF;
+using U = std::vector<uint32_t>;
 
 struct Dos : testing::Test {
     engine_ptr k = make_engine();
@@ -25,14 +26,9 @@ struct Dos : testing::Test {
         kelva_set_file_loader(k.get(), memory_loader, &mem);
     }
     uint32_t call(uint16_t word, uint32_t d1 = 0, uint32_t d2 = 0, uint32_t d3 = 0) {
-        k->d[1] = d1, k->d[2] = d2, k->d[3] = d3;
-        op_line_a(k.get(), word);
-        return k->d[0];
+        return k->d[1] = d1, k->d[2] = d2, k->d[3] = d3, op_line_a(k.get(), word), k->d[0];
     }
-    uint32_t named(uint16_t word, const char *name) {
-        put_string(k.get(), kName, name);
-        return call(word, kName);
-    }
+    uint32_t named(uint16_t word, const char *name) { return put_string(k.get(), kName, name), call(word, kName); }
     uint32_t pos() const { return k->files[0].position; }
 };
 
@@ -40,12 +36,8 @@ TEST_F(Dos, ReadsContinueAndClampAtTheEnd) {
     uint32_t h = named(kOpen, "data/forty.bin");
     EXPECT_EQ(h, 1u);
     EXPECT_FALSE(k->sr & kSrZ);
-    EXPECT_EQ(call(kRead, h, kBuf, 3), 3u);
-    EXPECT_EQ(call(kRead, h, kBuf, 0), 0u);
-    EXPECT_EQ(call(kRead, h, kBuf, 2), 2u);
-    EXPECT_EQ(k->ram[kBuf], 103);
-    EXPECT_EQ(k->ram[kBuf + 1], 104);
-    EXPECT_EQ(pos(), 5u);
+    EXPECT_EQ((U{call(kRead, h, kBuf, 3), call(kRead, h, kBuf, 0), call(kRead, h, kBuf, 2), pos()}), (U{3, 0, 2, 5}));
+    EXPECT_EQ((U{k->ram[kBuf], k->ram[kBuf + 1]}), (U{103, 104}));
     k->ram[kBuf + 35] = 0xEE;
     EXPECT_EQ(call(kRead, h, kBuf, 100), 35u);
     for (uint32_t i = 0; i < 35; i++) EXPECT_EQ(k->ram[kBuf + i], 105 + i) << i;
@@ -63,10 +55,8 @@ TEST_F(Dos, SeekFromEachBaseAndClamps) {
     } cases[] = {{uint32_t(-10), 1, 0, 30},         {20, uint32_t(-1), 30, 20},          {uint32_t(-50), 0, 20, 0},
                  {1000, 0, 0, 40},                 {0x7FFFFFFF, 1, 40, 40},             {0x80000000u, uint32_t(-1), 40, 0},
                  {5, 0, 0, 5},                     {3, 0, 5, 8}};
-    for (auto c : cases) {
-        EXPECT_EQ(call(kSeek, h, c.offset, c.mode), c.old) << int32_t(c.offset) << " " << int32_t(c.mode);
-        EXPECT_EQ(pos(), c.now) << int32_t(c.offset) << " " << int32_t(c.mode);
-    }
+    for (auto c : cases)
+        EXPECT_EQ((U{call(kSeek, h, c.offset, c.mode), pos()}), (U{c.old, c.now})) << int32_t(c.offset) << " " << int32_t(c.mode);
     call(kSeek, h, uint32_t(-10), 1);
     EXPECT_EQ(call(kRead, h, kBuf, 100), 10u);
     EXPECT_EQ(k->ram[kBuf], 130);
@@ -83,8 +73,7 @@ TEST_F(Dos, EightHandlesAndBadOnes) {
     for (uint32_t bad : {0u, 3u, 9u, kBad}) {
         EXPECT_EQ(call(kRead, bad, kBuf, 4), kBad) << bad;
         EXPECT_TRUE(k->sr & kSrN);
-        EXPECT_EQ(call(kSeek, bad, 0, 0), kBad) << bad;
-        EXPECT_EQ(call(kClose, bad), kBad) << bad;
+        EXPECT_EQ((U{call(kSeek, bad, 0, 0), call(kClose, bad)}), (U{kBad, kBad})) << bad;
     }
     EXPECT_EQ(k->files[7].size, 40u);   // close of 9 changed nothing
     EXPECT_EQ(named(kOpen, "data/forty.bin"), 3u);   // the first free slot is reused
@@ -111,8 +100,7 @@ TEST_F(Dos, NameWithoutNulIsCutAt511Characters) {
 TEST_F(Dos, ReadIntoTheCustomRangeGoesThroughTheBus) {
     mem.files["vol"] = {0x00, 0x28};
     EXPECT_EQ(call(kRead, named(kOpen, "vol"), 0xDFF0A8, 2), 2u);   // AUD0VOL, byte by byte
-    EXPECT_EQ(k->aud[0].vol, 0x28);
-    EXPECT_EQ(k->ram[0xDFF0A9], 0);
+    EXPECT_EQ((U{k->aud[0].vol, k->ram[0xDFF0A9]}), (U{0x28, 0}));
 }
 
 TEST_F(Dos, ResetReleasesOpenFiles) {

@@ -136,9 +136,9 @@ TEST(Fifteen, DecisionRulesInOrder) {
         const char *player;
     } cases[] = {
         {"clean loops", st15_module(), kUst},
-        {"command 5", st15_cell(5, 0x11), kSt4}, {"command 6", st15_cell(6, 0x11), kSt4},
-        {"command 7", st15_cell(7, 0x11), kSt4}, {"command 8", st15_cell(8, 0x11), kSt4},
-        {"command 9", st15_cell(9, 0x11), kSt4}, {"D00", st15_cell(13, 0x00), kPtk}, {"D05", st15_cell(13, 0x05), kSt4},
+        {"5", st15_cell(5, 0x11), kSt4}, {"6", st15_cell(6, 0x11), kSt4}, {"7", st15_cell(7, 0x11), kSt4},
+        {"8", st15_cell(8, 0x11), kSt4}, {"9", st15_cell(9, 0x11), kSt4}, {"D00", st15_cell(13, 0x00), kPtk},
+        {"D05", st15_cell(13, 0x05), kSt4},
         {"C20", st15_cell(12, 0x20), kPtk}, {"F06", st15_cell(15, 0x06), kPtk}, {"E01: filter", st15_cell(14, 0x01), kPtk},
         {"other E commands", st15_cell(14, 0x12), kUst}, {"1 30", st15_cell(1, 30), kPtk}, {"2 1", st15_cell(2, 1), kPtk},
         {"1 31", st15_cell(1, 31), kUst}, {"2 0: command 2 occurs", st15_cell(2, 0), kUst},
@@ -331,9 +331,7 @@ TEST(EpconfOptions, LineSelection) {
         {"/p/players/PTK-Prowiz", "/m/song.", ""}, {"/p/players/PTK-Prowiz", nullptr, ""},
         {nullptr, "/m/song.mod", ""}, {"/p/players/Long", "/m/song.lng", longopt.substr(0, 255)},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(resolve(k.get(), c.player, c.module), c.option) << (c.player ? c.player : "-") << " "
-                                                                  << (c.module ? c.module : "-");
+    for (const auto &c : cases) EXPECT_EQ(resolve(k.get(), c.player, c.module), c.option) << &c - cases;
 }
 
 TEST(EpconfOptions, ProTrackerOptionIsRefinedFromTheModule) {
@@ -390,20 +388,14 @@ TEST(EpconfNames, FormatAndPlayerNames) {
 // ----------------------------------------------------------- real modules
 
 // Worked out from each file's bytes by the rules, not by running the code:
-// - "M.K." files with restart 127 either use a finetune or an E1x-EFx command
-//   (0 because the restart is 127) or have P0 <= P1 and Z0 <= Z1 (0): "type:pt30".
-// - gluppobe and waterfal: finetuned samples, restart 0 -> 7; starpaws: "6CHN" -> 7.
-// - The OpenMPT effect tests have restart 0. Those with finetuned samples, or an E6x
-//   in pattern 0 (PatLoop-Break), give 7. The others have no finetune and an order
-//   list of only pattern 0, so no pattern is examined; P0 = 0 <= P1 and Z0 = 0 <= Z1
-//   lead through the convention check (R = 0) to the NoiseTracker check -> 5.
-// - blue damage: "M.K.", restart 0, no finetune, patterns 0-1 without E commands or
-//   commands 5/6/7/9, P0 = P1 = 0, Z0 = 0 -> 5.
-// - FLT4 files without empty samples that have a volume -> 2; M&K! -> 4; M!K! -> 0.
-// - 15-instrument files: Crepequs uses commands 5-8 -> Soundtracker-IV; GAMEMUSIC
-//   uses no command in patterns 0..m-1 and has clean loops, lepeltheme only command
-//   1 with parameters up to 89 -> UltimateSoundtracker; GBUSTERS and cant use
-//   command 12 -> PTK-Prowiz ("type:st20").
+// - "M.K." with restart 127: finetune or E1x-EFx (0 for restart 127), or P0 <= P1 and Z0 <= Z1 (0).
+// - gluppobe, waterfal: finetune with restart 0 (7); starpaws: "6CHN" (7); OpenMPT tests with restart 0
+//   and finetune, or an E6x in pattern 0 (PatLoop-Break): 7; the others have no finetune and an order
+//   list of only pattern 0 (nothing examined): P0 = 0 <= P1, Z0 = 0 <= Z1, convention check with
+//   R = 0, NoiseTracker check: 5. blue damage: no E commands or 5/6/7/9 in patterns 0-1, P0 = P1 = 0,
+//   Z0 = 0: 5. FLT4 without marked samples: 2; M&K!: 4; M!K!: 0.
+// - 15-instrument: Crepequs uses commands 5-8; GAMEMUSIC no command in patterns 0..m-1 and clean
+//   loops, lepeltheme only command 1 up to 89; GBUSTERS and cant command 12.
 TEST(RealModules, IdentifiedAndClassified) {
     KELVA_REQUIRE_SHARED("testdata/modules");
     const struct {

@@ -20,20 +20,9 @@
 
 namespace {
 
-// What the scanner asked of the host, recorded from the worker thread.
+// The rescans the scanner asked for, recorded from the worker thread.
 std::mutex log_mtx;
-std::map<std::string, int> reads;
 std::vector<std::string> rescans;
-
-int counting_read(const char *uri, uint8_t **, uint32_t *) {
-    std::lock_guard<std::mutex> lock(log_mtx);
-    reads[uri]++;
-    return -1;
-}
-int reads_of(const std::string &uri) {
-    std::lock_guard<std::mutex> lock(log_mtx);
-    return reads.count(uri) ? reads[uri] : 0;
-}
 void record_rescan(const char *uri) {
     std::lock_guard<std::mutex> lock(log_mtx);
     rescans.push_back(uri);
@@ -41,10 +30,7 @@ void record_rescan(const char *uri) {
 
 struct Scanner : testing::Test {
     void SetUp() override { reset(); }
-    void TearDown() override {
-        scan_stop();
-        reset();
-    }
+    void TearDown() override { scan_stop(), reset(); }
     static void reset() {
         scan_reset_state();
         db_close();
@@ -52,8 +38,8 @@ struct Scanner : testing::Test {
             std::lock_guard<std::mutex> lock(cache_mtx);
             cache_val.clear();
         }
+        clear_read_log();
         std::lock_guard<std::mutex> lock(log_mtx);
-        reads.clear();
         rescans.clear();
     }
 };

@@ -18,33 +18,15 @@
 
 namespace {
 
-std::mutex storm_mtx;
-std::map<std::string, int> storm_reads;
-
-int storm_read(const char *uri, uint8_t **, uint32_t *) {
-    std::lock_guard<std::mutex> lock(storm_mtx);
-    storm_reads[uri]++;
-    return -1;   // cannot be opened: the scan of this entry ends here
-}
-
-std::map<std::string, int> reads_so_far() {
-    std::lock_guard<std::mutex> lock(storm_mtx);
-    return storm_reads;
-}
-
 std::string storm_uri(int i) { return "mem://storm" + std::to_string(i) + ".mod"; }
 
 struct ScanStorm : testing::Test {
     void SetUp() override { reset(); }
-    void TearDown() override {
-        scan_stop();
-        reset();
-    }
+    void TearDown() override { scan_stop(), reset(); }
     static void reset() {
         scan_reset_state();
-        std::lock_guard<std::mutex> lock(storm_mtx);
-        storm_reads.clear();
-        host.read_uri = storm_read;
+        clear_read_log();
+        host.read_uri = counting_read;
     }
 };
 
