@@ -45,11 +45,7 @@ TEST(ModTag, AcceptsExactlyTheThirtyOneInstrumentTags) {
 }
 
 TEST(ModClassify, DecisionRules) {
-    struct {
-        const char *what;
-        mb m;
-        int kind;
-    } cases[] = {
+    struct { const char *what; mb m; int kind; } cases[] = {
         // Tags decide without further analysis.
         {"M&K!", tagged("M&K!"), MOD31_MK_NOISE}, {"8CHN", tagged("8CHN"), MOD31_COMP},
         {"16CH", tagged("16CH"), MOD31_COMP}, {"TDZ3", tagged("TDZ3"), MOD31_COMP}, {"N.T.", tagged("N.T."), MOD31_NT20},

@@ -207,10 +207,7 @@ TEST_F(CliTest, InfoJsonReportsEveryWayALengthIsFound) {
     run_result r = kelva({"info", "--json", "end.envl", "quiet.envl", "loop.envl", "endless.envl"});
     ASSERT_EQ(r.code, 0) << r.err;
     json files = parse_json(r.out);
-    const struct {
-        const char *file, *reason;
-        double ms;
-    } expected[] = {
+    const struct { const char *file, *reason; double ms; } expected[] = {
         {"end.envl", "song_end", 2980},      // the end is signalled in the 150th tick
         {"quiet.envl", "silence", 3000},     // one second past the start of the silence
         {"loop.envl", "repetition", 12000},  // 600 ticks

@@ -130,11 +130,7 @@ TEST(Fifteen, DecisionRulesInOrder) {
     ASSERT_EQ(st15_module().bytes().size(), 1624u + 1024u + 200u);
     mb too_many = mb{mod_new_st15(65)}.song(1, 120).order(0, 64);
     mb sixty_four = mb{mod_new_st15(64)}.song(1, 120).order(0, 63);
-    struct {
-        const char *what;
-        mb m;
-        const char *player;
-    } cases[] = {
+    struct { const char *what; mb m; const char *player; } cases[] = {
         {"clean loops", st15_module(), kUst},
         {"5", st15_cell(5, 0x11), kSt4}, {"6", st15_cell(6, 0x11), kSt4}, {"7", st15_cell(7, 0x11), kSt4},
         {"8", st15_cell(8, 0x11), kSt4}, {"9", st15_cell(9, 0x11), kSt4}, {"D00", st15_cell(13, 0x00), kPtk},
@@ -258,10 +254,7 @@ tf old() { return song(6000).text(10, "by"); }
 }   // namespace
 
 TEST(Tfmx, ChoosesByMagicSevenVoiceMarkAndOldHeader) {
-    const struct {
-        tf t;
-        const char *player;
-    } cases[] = {
+    const struct { tf t; const char *player; } cases[] = {
         {tf("TFHD", 600).byte(8, 1), "TFMX-TFHD"}, {tf("TFHD", 600).byte(8, 2), "TFMX-Pro-TFHD"},
         {tf("TFHD", 600).byte(8, 3), "TFMX-7V-TFHD"}, {tf("TFHD", 600), ""}, {tf("TFHD", 600).byte(8, 4), ""},
         {song(600), "TFMX-Pro"}, {tf("tfmx_SONG ", 600), "TFMX-Pro"}, {tf("TfMxSoNg", 600), "TFMX-Pro"},
@@ -319,10 +312,7 @@ TEST(EpconfOptions, LineSelection) {
                 "Last prefixes=abc prefixes=def epopt=z\nLong prefixes=lng epopt=" + longopt + "\n",
                 {});
     engine_ptr k = make_engine();
-    const struct {
-        const char *player, *module;
-        std::string option;
-    } cases[] = {
+    const struct { const char *player, *module; std::string option; } cases[] = {
         {"/p/players/Other", "/m/song.foo", "alpha"}, {"/p/players/Other", "/m/SONG.BAR", "gamma"},
         {"/p/players/other", "/m/song.foo", ""} /* names are case-sensitive */, {"/p/players/NoOpt", "/m/song.foo", ""},
         {"/p/players/Last", "/m/song.abc", ""}, {"/p/players/Last", "/m/song.def", "z"},

@@ -71,10 +71,7 @@ TEST_F(Hunk, ValidImageLoadsAndRelocates) {
 }
 
 TEST_F(Hunk, FailuresPrintOneExactLine) {
-    struct {
-        void (*edit)(L &);
-        const char *message;
-    } cases[] = {
+    struct { void (*edit)(L &); const char *message; } cases[] = {
         {[](L &v) { v[0] = 0x3E7; }, "hunk: missing HUNK_HEADER\n"},
         {[](L &v) { v.resize(1); }, "hunk: missing HUNK_HEADER\n"},
         {[](L &v) { v[2] = 65; }, "hunk: bad hunk count (65)\n"},

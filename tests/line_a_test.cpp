@@ -43,11 +43,7 @@ TEST_F(LineA, AllocMemRoundsToLongsZeroesAndEndsAtTheSlabLimit) {
 }
 
 TEST_F(LineA, LibrariesResourcesAndMemoryTypes) {
-    const struct {
-        uint16_t trap;
-        const char *name;
-        uint32_t base;
-    } cases[] = {
+    const struct { uint16_t trap; const char *name; uint32_t base; } cases[] = {
         // OpenLibrary: by the first two letters; groups 2, 3 and 9 up are exec too.
         {0xA002, "exec.library", kExecBase}, {0xA002, "exotic.library", kExecBase}, {0xA002, "dos.library", kDosBase},
         {0xA002, "intuition.library", kLib2Base}, {0xA002, "graphics.library", kLib3Base},

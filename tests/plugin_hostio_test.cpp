@@ -16,10 +16,7 @@ namespace {
 
 TEST(HostIo, SubtuneSuffixIsTheNumberAfterTheLastQuestionMark) {
     const std::string longuri(5000, 'a'), cut(kNameCap - 1, 'a');
-    const struct {
-        std::string uri, base;
-        int32_t sub;
-    } cases[] = {
+    const struct { std::string uri, base; int32_t sub; } cases[] = {
         {"file:///m/song.mod?2", "file:///m/song.mod", 2}, {"file:///a?b/song.mod?12", "file:///a?b/song.mod", 12},
         {"song.mod?0", "song.mod", 0}, {"?7", "", 7}, {"song.mod?99999999999999999999", "song.mod", INT32_MAX},
         {"song.mod?2147483647", "song.mod", INT32_MAX}, {longuri, cut, -1}, {longuri + "?3", cut, 3},

@@ -233,12 +233,7 @@ struct SupportPatch : Support {
 };
 
 TEST_F(SupportPatch, MatchesWildcardsAndReplacements) {
-    const struct {
-        const char *what;
-        W before, pat, rep;
-        uint32_t len, flags, count;
-        W after;
-    } cases[] = {
+    const struct { const char *what; W before, pat, rep; uint32_t len, flags, count; W after; } cases[] = {
         {"every match; one cut by the area's end", {0x4E71, 0x1234, 0x5678, 0x4E71, 0x1234, 0x5678, 0x1234},
          {0x1234, 0x5678}, {0xAAAA, 0xBBBB}, 14, 0, 2, {0x4E71, 0xAAAA, 0xBBBB, 0x4E71, 0xAAAA, 0xBBBB, 0x1234}},
         {"overlapping matches: the lower one", W(5, 0x7777), {0x7777, 0x7777}, {0x1000, 0x2000}, 10, 0, 2,
