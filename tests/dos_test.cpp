@@ -77,6 +77,10 @@ TEST_F(Dos, EightHandlesAndBadOnes) {
     }
     EXPECT_EQ(k->files[7].size, 40u);   // close of 9 changed nothing
     EXPECT_EQ(named(kOpen, "data/forty.bin"), 3u);   // the first free slot is reused
+    for (uint16_t word : {0xA105, 0xA107 /* UnLoadSeg */, 0xA1FF}) {   // the other functions do nothing
+        k->d[0] = 9;
+        EXPECT_EQ(call(word), 0u) << std::hex << word;
+    }
 }
 
 TEST_F(Dos, MissingFilesEnvNamesAndTheExistenceTest) {

@@ -115,6 +115,12 @@ TEST_F(Hunk, SkippedBlocksAndMaskedFlags) {
     ASSERT_EQ(load(v), 1) << err;
     EXPECT_EQ((L{k->hunk_size[0], k->hunk_size[1], at(0x200004), at(0x200010)}), (L{12, 8, 0x200010, 0x22222222}));
 
+    // A symbol block that ends the file (hunk 1 without HUNK_END) is read exactly to its end.
+    v = kValid;
+    v.back() = 0x3F0;
+    v.insert(v.end(), {5, 0x61626364, 0x65666768, 0x696A6B6C, 0x6D6E6F70, 0x71727374, 0x10, 0});
+    EXPECT_EQ(load(v), 1) << err;
+
     uint32_t offset = 0;
     auto b = bytes({0x3F3, 0, 1, 0, 0, 0xC0000010, 7});
     ASSERT_EQ(hunk_parse_header(k, b.data(), uint32_t(b.size()), &offset), 1);
