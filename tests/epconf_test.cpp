@@ -306,10 +306,11 @@ std::string resolve(kelva *k, const char *player, const char *module, const std:
 }   // namespace
 
 TEST(EpconfOptions, LineSelection) {
-    std::string longopt(300, 'o');
+    std::string longopt(300, 'o'), name255(255, 'N'), name256(256, 'M'), p255 = "/p/" + name255, p256 = "/p/" + name256;
     conf_tree t("PTK-Prowiz prefixes=mod,MODX,st epopt=type:pt30\nOther prefixes=foo epopt=alpha\n"
                 "Other prefixes=foo,bar epopt=beta epopt=gamma\nNoOpt prefixes=foo\n"
-                "Last prefixes=abc prefixes=def epopt=z\nLong prefixes=lng epopt=" + longopt + "\n",
+                "Last prefixes=abc prefixes=def epopt=z\nLong prefixes=lng epopt=" + longopt + "\n" +
+                    name255 + " prefixes=foo epopt=n255\n" + name256 + " prefixes=foo epopt=n256\n",
                 {});
     engine_ptr k = make_engine();
     const struct { const char *player, *module; std::string option; } cases[] = {
@@ -320,6 +321,7 @@ TEST(EpconfOptions, LineSelection) {
         {"/p/players/PTK-Prowiz", "/m/mod.song", ""} /* prefix form */, {"/p/players/PTK-Prowiz", "/m.d/song", ""},
         {"/p/players/PTK-Prowiz", "/m/song.", ""}, {"/p/players/PTK-Prowiz", nullptr, ""},
         {nullptr, "/m/song.mod", ""}, {"/p/players/Long", "/m/song.lng", longopt.substr(0, 255)},
+        {p255.c_str(), "/m/song.foo", "n255"}, {p256.c_str(), "/m/song.foo", ""},   // names of 256 bytes are refused
     };
     for (const auto &c : cases) EXPECT_EQ(resolve(k.get(), c.player, c.module), c.option) << &c - cases;
 }
