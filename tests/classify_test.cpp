@@ -80,6 +80,7 @@ TEST(ModClassify, DecisionRules) {
         // Only patterns below the highest order entry are tallied.
         {"E1x in pattern 1", mk(0, 2).cell(1, 0, 0, 14, 0x10), MOD31_NT20},
         {"E1x in pattern 0", mk(0, 2).cell(0, 0, 0, 14, 0x10), MOD31_COMP},
+        {"E0x is not one of them", mk(0, 2).cell(0, 0, 0, 14, 0x01), MOD31_NT20},
         // Restart 127: P0 <= P1 and Z0 <= Z1 is plain ProTracker; Z0 > Z1 goes to the
         // convention check; L < R leads on to the NoiseTracker check, which fails on
         // Z0 > Z1, and the tempo check gives 6, or 7 with F20 or more.

@@ -138,6 +138,7 @@ TEST(Fifteen, DecisionRulesInOrder) {
         {"C20", st15_cell(12, 0x20), kPtk}, {"F06", st15_cell(15, 0x06), kPtk}, {"E01: filter", st15_cell(14, 0x01), kPtk},
         {"other E commands", st15_cell(14, 0x12), kUst}, {"1 30", st15_cell(1, 30), kPtk}, {"2 1", st15_cell(2, 1), kPtk},
         {"1 31", st15_cell(1, 31), kUst}, {"2 0: command 2 occurs", st15_cell(2, 0), kUst},
+        {"command 2 before the loops", st15_cell(2, 0).sample(0, smp(100, 64, 150, 30)), kUst},
         {"pattern m is not examined", st15_cell(12, 0x20, 1), kUst},
         {"two arpeggios", st15_cell(0, 0x37).cell(0, 1, 0, 0, 0x47), kUst},
         {"three arpeggios", st15_cell(0, 0x37).cell(0, 1, 0, 0, 0x47).cell(0, 2, 0, 0, 0x12), kPtk},
@@ -153,6 +154,8 @@ TEST(Fifteen, DecisionRulesInOrder) {
         {"not a disk name", st15_module().sample(2, smp(1, 0, 0, 0, 0, "ST_01:drums")), kUst},
         // Implausible modules go to the 31-instrument check.
         {"order 64", too_many, "(classify)"}, {"order 63", sixty_four, kUst},
+        // The highest order counts as at least 1: an all-zero order list wants two patterns.
+        {"one pattern", mb{mod_new_st15(1)}.song(1, 120).sample(0, smp(600, 64)), "(classify)"},
         {"finetune and volume 65", st15_module().sample(4, smp(1, 65, 0, 0, 1)), "(classify)"},
         {"volume 65 alone", st15_module().sample(4, smp(1, 65)), kUst},
     };
@@ -203,20 +206,26 @@ TEST(ModCorrection, ImagesMusicSystemLayoutLeavesTheSoundtrackerPlayers) {
                 {kPtk, "ImagesMusicSystem"});
     auto ims = read_file_bytes(shared_dir() + "/testdata/modules/other/redoctober-sub-docking.ims");
     ASSERT_FALSE(ims.empty());
-    auto edited = [&](uint32_t at, uint8_t x, size_t cut) {
+    // The sample data the headers ask for: 2 x the lengths of the 31 samples (words at 42 + 30 i).
+    uint32_t data_at = uint32_t(ims[1080]) << 24 | ims[1081] << 16 | ims[1082] << 8 | ims[1083], words = 0;
+    for (int i = 0; i < 31; i++) words += uint32_t(ims[42 + 30 * i]) << 8 | ims[43 + 30 * i];
+    auto edited = [&](uint32_t at, uint8_t value, size_t size) {
         auto d = ims;
-        d[at] ^= x;
-        d.resize(d.size() - cut);
+        d[at] = value;
+        d.resize(size);
         return d;
     };
+    const size_t short_1k = data_at + 2 * words - 1024;   // sample data at most 1 KB short of the headers
     const std::pair<std::string, std::vector<uint8_t>> cases[] = {
         {"dir/Sub-Docking.ST", ims}, {"sub-docking.mod", ims}, {"st.sub-docking", ims},
-        {"a.st", edited(1083, 4, 0)},    // the offset is no longer a whole number of patterns
-        {"a.st", edited(952, 3, 0)},     // the song names a pattern the file does not store
-        {"a.st", edited(0, 0, 1100)},    // sample data 1100 bytes short of the headers
-        {"b.st", edited(0, 0, 1000)}};   // 1000 short: within the slack
+        {"a.st", edited(1083, ims[1083] ^ 4, ims.size())},   // the offset is no longer a whole number of patterns
+        {"a.st", edited(952, 3, ims.size())},                // the song names a pattern the file does not store
+        {"a.st", edited(950, 0, ims.size())},                // an empty song
+        {"a.st", edited(0, ims[0], short_1k - 1)},
+        {"b.st", edited(0, ims[0], short_1k)}};
     for (const auto &[name, d] : cases)
-        EXPECT_EQ(identify(name, d), name == "dir/Sub-Docking.ST" || name == "b.st" ? "ImagesMusicSystem" : kPtk) << name;
+        EXPECT_EQ(identify(name, d), name == "dir/Sub-Docking.ST" || name == "b.st" ? "ImagesMusicSystem" : kPtk)
+            << name << " " << d.size();
     // Real Soundtracker modules named .st stay with the Soundtracker players.
     for (const char *f : {"Crepequs.mod", "GAMEMUSIC.mod", "GBUSTERS.MOD", "cant.mod", "lepeltheme.mod"})
         EXPECT_EQ(identify("x.st", read_file_bytes(shared_dir() + "/testdata/modules/st15/" + f)), kPtk) << f;
@@ -310,7 +319,8 @@ TEST(EpconfOptions, LineSelection) {
     conf_tree t("PTK-Prowiz prefixes=mod,MODX,st epopt=type:pt30\nOther prefixes=foo epopt=alpha\n"
                 "Other prefixes=foo,bar epopt=beta epopt=gamma\nNoOpt prefixes=foo\n"
                 "Last prefixes=abc prefixes=def epopt=z\nLong prefixes=lng epopt=" + longopt + "\n" +
-                    name255 + " prefixes=foo epopt=n255\n" + name256 + " prefixes=foo epopt=n256\n",
+                    name255 + " prefixes=foo epopt=n255\n" + name256 + " prefixes=foo epopt=n256\n" +
+                    "Empty prefixes=emp epopt=a epopt=\n",
                 {});
     engine_ptr k = make_engine();
     const struct { const char *player, *module; std::string option; } cases[] = {
@@ -322,6 +332,7 @@ TEST(EpconfOptions, LineSelection) {
         {"/p/players/PTK-Prowiz", "/m/song.", ""}, {"/p/players/PTK-Prowiz", nullptr, ""},
         {nullptr, "/m/song.mod", ""}, {"/p/players/Long", "/m/song.lng", longopt.substr(0, 255)},
         {p255.c_str(), "/m/song.foo", "n255"}, {p256.c_str(), "/m/song.foo", ""},   // names of 256 bytes are refused
+        {"/p/players/Empty", "/m/x.emp", ""},   // the last epopt= token, even when empty
     };
     for (const auto &c : cases) EXPECT_EQ(resolve(k.get(), c.player, c.module), c.option) << &c - cases;
 }
