@@ -18,6 +18,7 @@
 namespace {
 
 constexpr uint16_t X = kSrX, N = kSrN, Z = kSrZ, V = kSrV, C = kSrC;
+using U = std::vector<uint32_t>;
 
 // A fresh engine, code at $1000, supervisor mode with the stack at $8000.
 struct Cpu : testing::Test {
@@ -51,9 +52,7 @@ struct Cpu : testing::Test {
     void vector(int v, uint32_t handler) { write32(k, k->vbr + uint32_t(v) * 4, handler); }
     // The exception frame at A7: format/vector word, SR, PC.
     void expect_frame(uint32_t vec, uint32_t sr_mask, uint32_t sr, uint32_t pc) {
-        EXPECT_EQ(read16(k, k->a[7]), vec * 4);
-        EXPECT_EQ(read16(k, k->a[7] + 2) & sr_mask, sr);
-        EXPECT_EQ(read32(k, k->a[7] + 4), pc);
+        EXPECT_EQ((U{read16(k, k->a[7]), read16(k, k->a[7] + 2) & sr_mask, read32(k, k->a[7] + 4)}), (U{vec * 4, sr, pc}));
     }
 };
 
@@ -63,8 +62,7 @@ TEST_F(Cpu, ScaledAndFullFormatIndexes) {
     run({0x43F0, 0x2A04});   // LEA (4,A0,D2.L*2),A1
     EXPECT_EQ(k->a[1], 0x100Au);
     run({0x41F0, 0x01B0, 0x0012, 0x3456});   // base suppressed, long displacement
-    EXPECT_EQ(k->a[0], 0x00123456u);
-    EXPECT_EQ(k->pc, 0x100Cu);
+    EXPECT_EQ((U{k->a[0], k->pc}), (U{0x00123456, 0x100C}));
     k->d[0] = 5;
     run({0x43F0, 0x01F0, 0x0000, 0x4000});   // base and index suppressed
     EXPECT_EQ(k->a[1], 0x4000u);
@@ -123,10 +121,8 @@ TEST_F(Cpu, CcrAndSrFormsKeepTheirBits) {
     k->sr = 0x27C0;
     k->d[0] = 0xFFFFFFFF;
     run({0x42C0});   // MOVE CCR,D0
-    EXPECT_EQ(k->d[0], 0xFFFF00C0u);
     run({0x46FC, 0x0000});   // to user mode: the stacks are exchanged
-    EXPECT_EQ(k->ssp, 0x8000u);
-    EXPECT_EQ(k->a[7], 0x6000u);
+    EXPECT_EQ((U{k->d[0], k->ssp, k->a[7]}), (U{0xFFFF00C0, 0x8000, 0x6000}));
 }
 
 TEST_F(Cpu, LongBranchesRtdAndLinkLong) {
@@ -142,13 +138,10 @@ TEST_F(Cpu, LongBranchesRtdAndLinkLong) {
     k->a[7] = 0x7FFC;
     write32(k, 0x7FFC, 0x1234);
     run({0x4E74, 0x0008});   // RTD #8 pops the return address and the displacement
-    EXPECT_EQ(k->pc, 0x1234u);
-    EXPECT_EQ(k->a[7], 0x8008u);
+    EXPECT_EQ((U{k->pc, k->a[7]}), (U{0x1234, 0x8008}));
     k->a[6] = 0x11111111;
     run({0x480E, 0xFFFF, 0xFF00});   // LINK.L A6,#-256
-    EXPECT_EQ(read32(k, 0x8004), 0x11111111u);
-    EXPECT_EQ(k->a[6], 0x8004u);
-    EXPECT_EQ(k->a[7], 0x8004u - 256);
+    EXPECT_EQ((U{read32(k, 0x8004), k->a[6], k->a[7]}), (U{0x11111111, 0x8004, 0x8004 - 256}));
 }
 
 TEST_F(Cpu, ExceptionEntryFrameAndFault) {
@@ -179,18 +172,13 @@ TEST_F(Cpu, RteFormatErrorKeepsTheFrame) {
     write32(k, 0x3004, 0x5555);
     vector(14, 0x4000);
     run({0x4E73});
-    EXPECT_EQ(k->pc, 0x4000u);
-    EXPECT_EQ(k->a[7], 0x3000u - 8);
-    EXPECT_EQ(read16(k, 0x3000), 0x1000u);
-    EXPECT_EQ(read32(k, 0x3004), 0x5555u);
+    EXPECT_EQ((U{k->pc, k->a[7], read16(k, 0x3000), read32(k, 0x3004)}), (U{0x4000, 0x3000 - 8, 0x1000, 0x5555}));
     expect_frame(14, 0, 0, 0x1002);
 }
 
 TEST_F(Cpu, StopSetsTheFlagAndExecutionGoesOn) {
     run({0x4E72, 0x2704, 0x7005});   // STOP #$2704; MOVEQ #5,D0
-    EXPECT_EQ(k->stopped, 1);
-    EXPECT_EQ(k->sr, 0x2704u);
-    EXPECT_EQ(k->pc, 0x1004u);
+    EXPECT_EQ((U{uint32_t(k->stopped), k->sr, k->pc}), (U{1, 0x2704, 0x1004}));
     cpu_step(k);
     EXPECT_EQ(k->d[0], 5u);
 }
@@ -236,11 +224,8 @@ TEST_F(Cpu, EveryShiftCountMatchesTheBitSerialRule) {
 
 TEST_F(Cpu, StaticBtstOfImmediateTakesTheIllegalPath) {
     vector(4, 0x4000);
-    run({0x083C, 0x0001, 0x00FF});   // BTST #1,#imm
-    EXPECT_EQ(k->pc, 0x4000u);
-    EXPECT_EQ(k->a[7], 0x8000u - 8);
-    EXPECT_EQ(read32(k, 0x8000 - 4), 0x1004u);   // after the words fetched so far
-    EXPECT_EQ(k->sr & Z, Z);                      // bit 1 of the byte at 0
+    run({0x083C, 0x0001, 0x00FF});   // BTST #1,#imm: Z from bit 1 of the byte at 0, the PC after the words fetched
+    EXPECT_EQ((U{k->pc, k->a[7], read32(k, 0x8000 - 4), uint32_t(k->sr & Z)}), (U{0x4000, 0x8000 - 8, 0x1004, Z}));
 }
 
 TEST_F(Cpu, DivideBoundariesAndCheckBounds) {
@@ -262,8 +247,7 @@ TEST_F(Cpu, DivideBoundariesAndCheckBounds) {
     k->d[0] = 1234;
     set_ccr(N | C);
     run({0x80F9, 0x0000, 0x3000});   // DIVU.W $3000.L,D0 with a zero word there: traps after the divisor words
-    EXPECT_EQ(k->pc, 0x4000u);
-    EXPECT_EQ(k->d[0], 1234u);
+    EXPECT_EQ((U{k->pc, k->d[0]}), (U{0x4000, 1234}));
     expect_frame(5, 0xFFFF, 0x2709, 0x1006);
 
     vector(6, 0x5000);   // CHK.W #5,D0: in bounds nothing changes; out of bounds N tells the side, others kept
@@ -313,11 +297,9 @@ TEST_F(Cpu, StepCost) {
     for (uint32_t ea = 0; ea < 61; ea++)
         EXPECT_EQ(cpu_step_cost[ea], 4 + (ea < 56 ? ea_time[ea >> 3] : ea_time7[ea & 7])) << ea;
     run({0x4E71});   // NOP: mode 6
-    EXPECT_EQ(k->cycles, 14u);
-    EXPECT_EQ(k->pc, 0x1002u);
+    EXPECT_EQ((U{uint32_t(k->cycles), k->pc}), (U{14, 0x1002}));
     run({0x6000, 0x0010});   // BRA.W
-    EXPECT_EQ(k->cycles, 18u);
-    EXPECT_EQ(k->pc, 0x1012u + 2);
+    EXPECT_EQ((U{uint32_t(k->cycles), k->pc}), (U{18, 0x1014}));
 }
 
 // ---- disassembler and trace ----
