@@ -15,6 +15,7 @@
 namespace {
 
 constexpr int32_t kNone = INT32_MIN;
+using V = std::vector<int32_t>;
 int32_t look(uint64_t high, uint64_t low) {
     int32_t v = 0;
     return cache_lookup(cache_key{high, low}, &v) ? v : kNone;
@@ -64,10 +65,7 @@ TEST_F(SongDb, LoadsValidLinesAndSkipsBadOnes) {
              "\n"
              "0000000000000001000000000000000A -1 upper-case hex is still hex\n");
     reopen();
-    EXPECT_EQ(look(1, 2), 183000);
-    EXPECT_EQ(look(1, 10), -1);
-    EXPECT_EQ(look(1, 3), kNone);
-    EXPECT_EQ(cache_val.size(), 2u);
+    EXPECT_EQ((V{look(1, 2), look(1, 10), look(1, 3), int32_t(cache_val.size())}), (V{183000, -1, kNone, 2}));
 }
 
 TEST_F(SongDb, LaterLineWinsOnLoadButFirstStoreStands) {
@@ -75,10 +73,10 @@ TEST_F(SongDb, LaterLineWinsOnLoadButFirstStoreStands) {
              "00000000000000010000000000000002 200 b\n");
     reopen();
     EXPECT_EQ(look(1, 2), 200);
-    EXPECT_FALSE(cache_store(cache_key{1, 2}, 300, "c"));   // neither changed nor written again
-    EXPECT_EQ(look(1, 2), 200);
-    EXPECT_TRUE(cache_store(cache_key{7, 8}, 4242, "new.mod"));
-    EXPECT_FALSE(cache_store(cache_key{7, 8}, 1, "new.mod"));
+    // A known key is neither changed nor written again.
+    EXPECT_EQ((V{cache_store(cache_key{1, 2}, 300, "c"), look(1, 2), cache_store(cache_key{7, 8}, 4242, "new.mod"),
+                 cache_store(cache_key{7, 8}, 1, "new.mod")}),
+              (V{false, 200, true, false}));
     EXPECT_EQ(read_file_text(db()), std::string(kDbHeader) + "\n00000000000000010000000000000002 100 a\n"
                                     "00000000000000010000000000000002 200 b\n"
                                     "00000000000000070000000000000008 4242 new.mod\n");
@@ -88,9 +86,7 @@ TEST_F(SongDb, TornLastLineIsNotTrustedAndDoesNotSwallowTheNextRecord) {
     write_db("00000000000000010000000000000002 183000 whole.mod\n"
              "00000000000000030000000000000004 18");   // crash in the middle of "183000 ..."
     reopen();
-    EXPECT_EQ(look(1, 2), 183000);
-    EXPECT_EQ(look(3, 4), kNone);
-    EXPECT_TRUE(cache_store(cache_key{5, 6}, 777, "next.mod"));
+    EXPECT_EQ((V{look(1, 2), look(3, 4), cache_store(cache_key{5, 6}, 777, "next.mod")}), (V{183000, kNone, true}));
     reopen();   // the new record is on a line of its own
     EXPECT_EQ(look(5, 6), 777);
 }
