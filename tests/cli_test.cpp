@@ -336,7 +336,7 @@ TEST_F(CliTest, UsageErrorsExitWithTwo) {
         {"render", "end.envl", "--bits", "float", "--format", "flac"}, {"render", "end.envl", "--model", "a3000"},
         {"render", "end.envl", "--led", "maybe"}, {"render", "end.envl", "--separation", "2"},
         {"render", "end.envl", "--seconds"}, {"info"}, {"info", "--jsn", "end.envl"}, {"scan"},
-        {"scan", ".", "--jobs", "0"}, {"play"}, {"play", "end.envl", "-o", "x.wav"}};
+        {"scan", ".", "--jobs", "0"}, {"scan", ".", "--jobs", "65"}, {"play"}, {"play", "end.envl", "-o", "x.wav"}};
     for (const args_t &args : usage) {
         run_result r = kelva(args);
         std::string shown;
@@ -344,6 +344,17 @@ TEST_F(CliTest, UsageErrorsExitWithTwo) {
         EXPECT_EQ(r.code, 2) << shown << "\n" << r.err;
         EXPECT_FALSE(r.err.empty()) << shown;
     }
+    // The ranges of the rendering options, at both ends: the value just outside
+    // is a usage error, the one at the end is taken (and the missing file then fails).
+    const std::pair<const char *, std::vector<const char *>> ranges[] = {
+        {"--rate", {"7999", "8000", "384000", "384001"}}, {"--subsong", {"-1", "0", "65535", "65536"}},
+        {"--seconds", {"0", "0.001", "86400", "86400.5"}}, {"--separation", {"-0.01", "0", "1", "1.01"}},
+        {"--model", {"a600", "A500", "A1200", "a4000"}}, {"--led", {"0", "off", "auto", "maybe"}}};
+    for (const auto &[option, values] : ranges)
+        for (size_t i = 0; i < 4; i++)
+            EXPECT_EQ(kelva({"play", "missing.envl", option, values[i]}).code, i == 0 || i == 3 ? 2 : 1)
+                << option << " " << values[i];
+    EXPECT_EQ(kelva({"scan", "nowhere", "--jobs", "64"}).code, 1);
     for (const char *cmd : {"render", "info", "scan", "play"}) {
         run_result r = kelva({cmd, "--help"});
         EXPECT_EQ(r.code, 0) << cmd;
