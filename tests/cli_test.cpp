@@ -336,7 +336,8 @@ TEST_F(CliTest, UsageErrorsExitWithTwo) {
         {"render", "end.envl", "--bits", "float", "--format", "flac"}, {"render", "end.envl", "--model", "a3000"},
         {"render", "end.envl", "--led", "maybe"}, {"render", "end.envl", "--separation", "2"},
         {"render", "end.envl", "--seconds"}, {"info"}, {"info", "--jsn", "end.envl"}, {"scan"},
-        {"scan", ".", "--jobs", "0"}, {"scan", ".", "--jobs", "65"}, {"play"}, {"play", "end.envl", "-o", "x.wav"}};
+        {"scan", ".", "--jobs", "0"}, {"scan", ".", "--jobs", "65"}, {"play"}, {"play", "end.envl", "-o", "x.wav"},
+        {"play", "end.envl", "--subsong", ""}, {"play", "end.envl", "--seconds", "nan"}};
     for (const args_t &args : usage) {
         run_result r = kelva(args);
         std::string shown;
@@ -355,6 +356,8 @@ TEST_F(CliTest, UsageErrorsExitWithTwo) {
             EXPECT_EQ(kelva({"play", "missing.envl", option, values[i]}).code, i == 0 || i == 3 ? 2 : 1)
                 << option << " " << values[i];
     EXPECT_EQ(kelva({"scan", "nowhere", "--jobs", "64"}).code, 1);
+    EXPECT_EQ(kelva({"frobnicate"}).err, "kelva: unknown command 'frobnicate' (see 'kelva --help')\n");
+    EXPECT_EQ(kelva({"render"}).err, "kelva render: no module file given (see 'kelva render --help')\n");
     for (const char *cmd : {"render", "info", "scan", "play"}) {
         run_result r = kelva({cmd, "--help"});
         EXPECT_EQ(r.code, 0) << cmd;

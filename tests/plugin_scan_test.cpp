@@ -147,6 +147,9 @@ TEST_F(ScanTree, ModuleWithSubsongsGetsItsCountAndEveryLength) {
     EXPECT_TRUE(stored(module, 3));
     EXPECT_FALSE(stored(module, 1));
     EXPECT_EQ(rescanned().back(), uri("pick.subs") + "?3");
+    module = scan("zero.subs", "the default one", "?0");   // "?0" is subtune 0, not the whole file
+    EXPECT_FALSE(stored(module, kSubsongCountSeed));
+    EXPECT_TRUE(stored(module, 0));
 }
 
 TEST_F(ScanTree, SingleSongIsMeasuredAsSubtuneZero) {
@@ -156,6 +159,12 @@ TEST_F(ScanTree, SingleSongIsMeasuredAsSubtuneZero) {
     int32_t len = stored(module, 0).value_or(0);
     EXPECT_GT(len, 0);
     EXPECT_LE(len, kScanMaxMs);
+    // A count of two (here from the database) means subtunes 1 and 2.
+    const std::string two = "a count of two";
+    cache_store(cache_make_key(reinterpret_cast<const uint8_t *>(two.data()), uint32_t(two.size()), kSubsongCountSeed),
+                2, "two.tone");
+    scan("two.tone", two);
+    EXPECT_TRUE(stored(two, 1) && stored(two, 2) && !stored(two, 0));
 }
 
 TEST_F(ScanTree, UnstartableModulesAreRememberedAndFilesWithoutPlayerOrContentsLeftAlone) {
