@@ -1,369 +1,203 @@
 // The hunk loader: one commented valid file image, changed one field per
 // case, with the exact message each failure prints; and LoadSeg's segment
-// lists built from a real toolchain-made hunk file.
+// lists built from it (a toolchain-made segment is loaded and run in the Dos test player's test).
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "amigaos/amigaos.h"
+#include "support/services.h"
 #include "support/test_support.h"
 
 namespace {
 
-// A valid two-hunk executable, as longs. Indices name the fields the cases
-// change.
-std::vector<uint32_t> valid_longs() {
-    return {
-        0x3F3,        // [0] HUNK_HEADER
-        0,            // [1] no resident-library names
-        2,            // [2] hunk count
-        0, 1,         // [3,4] first and last hunk
-        3,            // [5] hunk 0 size in longs
-        2,            // [6] hunk 1 size in longs
-        0x3E9,        // [7] hunk 0: HUNK_CODE
-        3,            // [8]   3 longs
-        0x4E714E71,   // [9]   nop; nop
-        0x00000004,   // [10]  a pointer to hunk 1 + 4 (relocated)
-        0x4E754E75,   // [11]  rts; rts
-        0x3EC,        // [12]  HUNK_RELOC32
-        1,            // [13]    one offset
-        1,            // [14]    into hunk 1
-        4,            // [15]    at offset 4
-        0,            // [16]  end of the relocations
-        0x3F2,        // [17]  HUNK_END
-        0x3EA,        // [18] hunk 1: HUNK_DATA
-        2,            // [19]   2 longs
-        0x11111111,   // [20]
-        0x22222222,   // [21]
-        0x3F2,        // [22]  HUNK_END
-    };
-}
+using L = std::vector<uint32_t>;
 
-std::vector<uint8_t> bytes(const std::vector<uint32_t> &longs) {
+// A valid two-hunk executable, as longs. Indices name the fields the cases change.
+const L kValid = {
+    0x3F3, 0, 2, 0, 1,   // [0] HUNK_HEADER, [1] no resident names, [2] 2 hunks, [3,4] first and last
+    3, 2,                // [5,6] sizes in longs
+    0x3E9, 3,            // [7,8] hunk 0: HUNK_CODE, 3 longs:
+    0x4E714E71,          // [9]   nop; nop
+    0x00000004,          // [10]  a pointer to hunk 1 + 4 (relocated)
+    0x4E754E75,          // [11]  rts; rts
+    0x3EC, 1, 1, 4, 0,   // [12-16] HUNK_RELOC32: one offset into hunk 1, at offset 4; end
+    0x3F2,               // [17]  HUNK_END
+    0x3EA, 2,            // [18,19] hunk 1: HUNK_DATA, 2 longs
+    0x11111111, 0x22222222,
+    0x3F2,               // [22]  HUNK_END
+};
+
+std::vector<uint8_t> bytes(const L &longs) {
     std::vector<uint8_t> out;
     for (uint32_t v : longs) put_be32(out, v);
     return out;
 }
 
-// Parses and loads like the engine does for a player: hunks one after
-// another from 0x200000. Returns 1 on success; `err` gets stderr.
-int load(kelva *k, const std::vector<uint8_t> &file, std::string *err = nullptr) {
-    testing::internal::CaptureStderr();
-    int ok = load_player_hunks(k, file);
-    std::string e = testing::internal::GetCapturedStderr();
-    if (err) *err = e;
-    return ok;
-}
-
-std::string fail_message(const std::vector<uint32_t> &longs) {
-    auto k = make_engine();
+struct Hunk : testing::Test {
+    engine_ptr e = make_engine();
+    kelva *k = e.get();
     std::string err;
-    EXPECT_EQ(load(k.get(), bytes(longs), &err), 0);
-    return err;
-}
+    // Loads like the engine loads a player: hunks one after another from $200000.
+    int load(const std::vector<uint8_t> &file) {
+        int ok = 0;
+        err = stderr_of([&] { ok = load_player_hunks(k, file); });
+        return ok;
+    }
+    int load(const L &longs) { return load(bytes(longs)); }
+    uint32_t at(uint32_t addr) { return ram_get32(k, addr); }
+    L longs(uint32_t addr, uint32_t n) {
+        L v;
+        for (uint32_t i = 0; i < n; i++) v.push_back(at(addr + 4 * i));
+        return v;
+    }
+};
 
-TEST(HunkLoader, ValidImageLoadsAndRelocates) {
-    auto k = make_engine();
-    std::string err;
-    ASSERT_EQ(load(k.get(), bytes(valid_longs()), &err), 1) << err;
+TEST_F(Hunk, ValidImageLoadsAndRelocates) {
+    ASSERT_EQ(load(kValid), 1) << err;
     EXPECT_EQ(err, "");
-    EXPECT_EQ(k->hunk_count, 2u);
-    EXPECT_EQ(k->hunk_size[0], 12u);
-    EXPECT_EQ(k->hunk_size[1], 8u);
-    EXPECT_EQ(ram_get32(k.get(), 0x200000), 0x4E714E71u);
-    EXPECT_EQ(ram_get32(k.get(), 0x200004), 0x20000Cu + 4);   // hunk 1 sits at 0x20000C
-    EXPECT_EQ(ram_get32(k.get(), 0x20000C), 0x11111111u);
-    EXPECT_EQ(ram_get32(k.get(), 0x200010), 0x22222222u);
+    EXPECT_EQ((L{k->hunk_count, k->hunk_size[0], k->hunk_size[1]}), (L{2, 12, 8}));
+    // Hunk 1 sits at $20000C.
+    EXPECT_EQ(longs(0x200000, 5), (L{0x4E714E71, 0x20000C + 4, 0x4E754E75, 0x11111111, 0x22222222}));
+
+    L v = kValid;
+    v[15] = 8;   // the last long of the 12-byte hunk is still inside
+    ASSERT_EQ(load(v), 1) << err;
+    EXPECT_EQ(at(0x200008), 0x4E754E75u + 0x20000Cu);
+    v.pop_back();   // hunk 1 without HUNK_END: the data just ends
+    EXPECT_EQ(load(v), 1) << err;
 }
 
-TEST(HunkLoader, HeaderFailures) {
-    auto v = valid_longs();
-    v[0] = 0x3E7;
-    EXPECT_EQ(fail_message(v), "hunk: missing HUNK_HEADER\n");
-
-    auto k = make_engine();
-    std::string err;
-    std::vector<uint8_t> tiny = {0, 0, 3, 0xF3};
-    EXPECT_EQ(load(k.get(), tiny, &err), 0);
+TEST_F(Hunk, FailuresPrintOneExactLine) {
+    struct { void (*edit)(L &); const char *message; } cases[] = {
+        {[](L &v) { v[0] = 0x3E7; }, "hunk: missing HUNK_HEADER\n"},
+        {[](L &v) { v.resize(1); }, "hunk: missing HUNK_HEADER\n"},
+        {[](L &v) { v[2] = 65; }, "hunk: bad hunk count (65)\n"},
+        {[](L &v) { v[2] = 0; }, "hunk: bad hunk count (0)\n"},
+        // Sizes that add up beyond the address space are refused up front.
+        {[](L &v) { v[5] = 0x1FFFFFFF; }, "hunk: hunks too large (2147483652 bytes)\n"},
+        {[](L &v) { v.resize(4); }, "hunk: truncated header\n"},
+        {[](L &v) { v.resize(6); }, "hunk: truncated header\n"},
+        {[](L &v) { v[1] = 5; }, "hunk: truncated header\n"},   // resident names running off the end
+        {[](L &v) { v[18] = 0x3F5; }, "hunk: unexpected tag 000003f5 at hunk 1\n"},
+        {[](L &v) { v[8] = 100; }, "hunk: short hunk 0\n"},   // more longs than the file holds
+        {[](L &v) { v.resize(8); }, "hunk: short hunk 0\n"},
+        {[](L &v) { v.resize(18); }, "hunk: truncated at hunk 1\n"},
+        {[](L &v) { v[2] = 3, v[4] = 2, v.insert(v.begin() + 7, 1); }, "hunk: truncated at hunk 2\n"},
+        {[](L &v) { v[14] = 3; }, "hunk: reloc target 3 out of range\n"},
+        {[](L &v) { v[15] = 10; }, "hunk: reloc offset 0000000a outside hunk 0\n"},   // 2 bytes past the hunk
+        {[](L &v) { v[15] = 0xFFFFFFFC; }, "hunk: reloc offset fffffffc outside hunk 0\n"},
+        {[](L &v) { v.resize(15); }, "hunk: short reloc32\n"},
+        {[](L &v) { v.resize(14); }, "hunk: short reloc32\n"},
+        {[](L &v) { v[12] = 0x3ED; }, "hunk: unhandled sub-tag 000003ed\n"},   // HUNK_RELOC16 is not handled
+        {[](L &v) { v[12] = 0x12345678; }, "hunk: unhandled sub-tag 12345678\n"},
+    };
+    for (const auto &c : cases) {
+        L v = kValid;
+        c.edit(v);
+        EXPECT_EQ(load(v), 0) << c.message;
+        EXPECT_EQ(err, c.message);
+    }
+    EXPECT_EQ(load(std::vector<uint8_t>{0, 0, 3, 0xF3, 0, 0, 0}), 0);   // shorter than 8 bytes
     EXPECT_EQ(err, "hunk: missing HUNK_HEADER\n");
-
-    v = valid_longs();
-    v[2] = 65;
-    EXPECT_EQ(fail_message(v), "hunk: bad hunk count (65)\n");
-    v[2] = 0;
-    EXPECT_EQ(fail_message(v), "hunk: bad hunk count (0)\n");
-
-    // Sizes that add up beyond the address space are refused up front.
-    v = valid_longs();
-    v[5] = 0x1FFFFFFF;
-    EXPECT_EQ(fail_message(v), "hunk: hunks too large (2147483652 bytes)\n");
 }
 
-TEST(HunkLoader, ResidentNamesAndExtendedAttributesAreSkipped) {
-    auto v = valid_longs();
-    // One resident name of 2 longs before the table size.
-    v.insert(v.begin() + 1, {2, 0x41424344, 0x45460000});
-    // Hunk 0's size long with both flag bits set: one attribute long follows.
-    v[5 + 3] = 0xC0000003;
-    v.insert(v.begin() + 6 + 3, 0x00000001);
-    auto k = make_engine();
-    std::string err;
-    ASSERT_EQ(load(k.get(), bytes(v), &err), 1) << err;
-    EXPECT_EQ(k->hunk_size[0], 12u);
-    EXPECT_EQ(k->hunk_size[1], 8u);
-    EXPECT_EQ(ram_get32(k.get(), 0x200004), 0x200010u);
+TEST_F(Hunk, SkippedBlocksAndMaskedFlags) {
+    L v = kValid;
+    v[18] = 0x400003EA;   // memory flags on the hunk tag are masked off
+    // HUNK_NAME ("ab", one long), HUNK_SYMBOL and HUNK_DEBUG before hunk 0's END.
+    v.insert(v.begin() + 17, {0x3E8, 1, 0x61620000, 0x3F0, 1, 0x78000000, 0x10, 0, 0x3F1, 1, 0xDEADBEEF});
+    v[5] = 0xC0000003;                    // both flag bits: one attribute long follows
+    v.insert(v.begin() + 6, 0x00000001);
+    v.insert(v.begin() + 1, {2, 0x41424344, 0x45460000});   // a resident name of 2 longs
+    ASSERT_EQ(load(v), 1) << err;
+    EXPECT_EQ((L{k->hunk_size[0], k->hunk_size[1], at(0x200004), at(0x200010)}), (L{12, 8, 0x200010, 0x22222222}));
+
+    // A symbol block that ends the file (hunk 1 without HUNK_END) is read exactly to its end.
+    v = kValid;
+    v.back() = 0x3F0;
+    v.insert(v.end(), {5, 0x61626364, 0x65666768, 0x696A6B6C, 0x6D6E6F70, 0x71727374, 0x10, 0});
+    EXPECT_EQ(load(v), 1) << err;
 
     uint32_t offset = 0;
-    std::vector<uint32_t> h = {0x3F3, 0, 1, 0, 0, 0xC0000010, 7};
-    auto b = bytes(h);
-    ASSERT_EQ(hunk_parse_header(k.get(), b.data(), uint32_t(b.size()), &offset), 1);
-    EXPECT_EQ(k->hunk_size[0], 64u);
-    EXPECT_EQ(offset, 28u);
+    auto b = bytes({0x3F3, 0, 1, 0, 0, 0xC0000010, 7});
+    ASSERT_EQ(hunk_parse_header(k, b.data(), uint32_t(b.size()), &offset), 1);
+    EXPECT_EQ((L{k->hunk_size[0], offset}), (L{64, 28}));
 }
 
-TEST(HunkLoader, BodyAndSubTagFailures) {
-    auto v = valid_longs();
-    v[18] = 0x3F5;
-    EXPECT_EQ(fail_message(v), "hunk: unexpected tag 000003f5 at hunk 1\n");
-
-    v = valid_longs();
-    v[8] = 100;   // more longs than the file holds
-    EXPECT_EQ(fail_message(v), "hunk: short hunk 0\n");
-
-    v = valid_longs();
-    v[14] = 3;
-    EXPECT_EQ(fail_message(v), "hunk: reloc target 3 out of range\n");
-
-    v = valid_longs();
-    v[12] = 0x3ED;   // HUNK_RELOC16: not handled
-    EXPECT_EQ(fail_message(v), "hunk: unhandled sub-tag 000003ed\n");
-    v[12] = 0x12345678;
-    EXPECT_EQ(fail_message(v), "hunk: unhandled sub-tag 12345678\n");
-
-    // A third hunk the file does not contain.
-    v = valid_longs();
-    v[2] = 3;
-    v[4] = 2;
-    v.insert(v.begin() + 7, 1);
-    EXPECT_EQ(fail_message(v), "hunk: truncated at hunk 2\n");
-
-    // The file ends inside a relocation group.
-    v = valid_longs();
-    v.resize(15);
-    EXPECT_EQ(fail_message(v), "hunk: short reloc32\n");
-}
-
-TEST(HunkLoader, RelocOffsetMustLieInsideItsHunk) {
-    auto v = valid_longs();
-    v[15] = 8;   // the last long of the 12-byte hunk: fine
-    auto k = make_engine();
-    ASSERT_EQ(load(k.get(), bytes(v)), 1);
-    EXPECT_EQ(ram_get32(k.get(), 0x200008), 0x4E754E75u + 0x20000Cu);
-
-    v[15] = 10;   // would reach 2 bytes past the hunk
-    EXPECT_EQ(fail_message(v), "hunk: reloc offset 0000000a outside hunk 0\n");
-    v[15] = 0xFFFFFFFC;
-    EXPECT_EQ(fail_message(v), "hunk: reloc offset fffffffc outside hunk 0\n");
-}
-
-TEST(HunkLoader, FlagsNamesSymbolsAndMissingEnd) {
-    auto v = valid_longs();
-    v[18] = 0x400003EA;   // memory flags on the hunk tag are masked off
-    // HUNK_NAME ("ab", one long) and a HUNK_SYMBOL block before hunk 0's END.
-    v.insert(v.begin() + 17, {0x3E8, 1, 0x61620000, 0x3F0, 1, 0x78000000, 0x10, 0, 0x3F1, 1, 0xDEADBEEF});
-    v.pop_back();   // hunk 1 without HUNK_END: the data just ends
-    auto k = make_engine();
-    std::string err;
-    ASSERT_EQ(load(k.get(), bytes(v), &err), 1) << err;
-    EXPECT_EQ(ram_get32(k.get(), 0x200010), 0x22222222u);
-}
-
-TEST(HunkLoader, EmptyCodeHunkAndBssClearing) {
-    auto k = make_engine();
-    memset(k->ram + 0x200000, 0xAA, 64);
-    std::vector<uint32_t> v = {
-        0x3F3, 0, 2, 0, 1, 0, 4,   // an empty code hunk and a 16-byte BSS hunk
-        0x3E9, 0, 0x3F2,           // CODE of 0 longs
-        0x3EB, 4, 0x3F2,           // BSS of 4 longs
-    };
-    std::string err;
-    ASSERT_EQ(load(k.get(), bytes(v), &err), 1) << err;
-    for (uint32_t i = 0; i < 16; i++) EXPECT_EQ(k->ram[0x200000 + i], 0) << i;
-    EXPECT_EQ(k->ram[0x200010], 0xAA);
-
-    // A BSS count larger than the header's size clears only the hunk.
-    memset(k->ram + 0x200000, 0xAA, 64);
-    v[11] = 0x3FFFFFFF;
-    ASSERT_EQ(load(k.get(), bytes(v), &err), 1) << err;
-    EXPECT_EQ(k->ram[0x20000F], 0);
-    EXPECT_EQ(k->ram[0x200010], 0xAA);
-}
-
-// Every truncation of the valid file fails with one "hunk:" line or (when
-// only the trailing HUNK_END is cut) loads; none reads past the buffer,
-// which the sanitizer build checks.
-TEST(HunkLoader, EveryTruncationFailsCleanly) {
-    auto full = bytes(valid_longs());
-    auto k = make_engine();
-    for (size_t n = 0; n < full.size(); n++) {
-        std::vector<uint8_t> cut(full.begin(), full.begin() + long(n));
-        std::string err;
-        int ok = load(k.get(), cut, &err);
-        if (n >= full.size() - 4 && n % 4 == 0) {
-            EXPECT_EQ(ok, 1) << n;
-        } else if (!ok) {
-            EXPECT_EQ(err.rfind("hunk: ", 0), 0u) << n << ": " << err;
-            EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << n;
-        }
+TEST_F(Hunk, EmptyCodeHunkAndBssClearing) {
+    // An empty code hunk and a 16-byte BSS hunk.
+    L v = {0x3F3, 0, 2, 0, 1, 0, 4, 0x3E9, 0, 0x3F2, 0x3EB, 4, 0x3F2};
+    for (uint32_t count : {4u, 0x3FFFFFFFu}) {   // a larger BSS count clears only the hunk
+        memset(k->ram + 0x200000, 0xAA, 64);
+        v[11] = count;
+        ASSERT_EQ(load(v), 1) << err;
+        for (uint32_t i = 0; i < 16; i++) EXPECT_EQ(k->ram[0x200000 + i], 0) << i;
+        EXPECT_EQ(k->ram[0x200010], 0xAA);
     }
 }
 
-// ---- LoadSeg ------------------------------------------------------------
+// ---- LoadSeg --------------------------------------------------------------
 
-TEST(LoadSeg, BuildsSegmentListsInTheSlab) {
-    auto k = make_engine();
+struct HunkLoadSeg : Hunk {
     memory_files m;
-    m.files["seg"] = bytes(valid_longs());
-    kelva_set_file_loader(k.get(), memory_loader, &m);
-    put_string(k.get(), 0x1000, "seg");
+    void SetUp() override {
+        m.files["seg"] = bytes(kValid);
+        kelva_set_file_loader(k, memory_loader, &m);
+    }
+    uint32_t load_seg(const char *name) {
+        put_string(k, 0x1000, name);
+        k->d[1] = 0x1000;
+        k->d[0] = 55;
+        err = stderr_of([&] { dos_load_seg(k); });
+        return k->d[0];
+    }
+};
 
-    k->d[1] = 0x1000;
-    dos_load_seg(k.get());
-    // Two blocks: 12 + 8 bytes at 0x400000, 8 + 8 bytes after it.
-    EXPECT_EQ(k->d[0], (0x400000u + 4) >> 2);
-    EXPECT_EQ(ram_get32(k.get(), 0x400000), 20u);                     // block length
-    EXPECT_EQ(ram_get32(k.get(), 0x400004), (0x400014u + 4) >> 2);    // link to the next
-    EXPECT_EQ(ram_get32(k.get(), 0x400008), 0x4E714E71u);             // hunk 0 contents
-    EXPECT_EQ(ram_get32(k.get(), 0x40000C), 0x40001Cu + 4);           // relocated to hunk 1
-    EXPECT_EQ(ram_get32(k.get(), 0x400014), 16u);
-    EXPECT_EQ(ram_get32(k.get(), 0x400018), 0u);                      // last segment
-    EXPECT_EQ(ram_get32(k.get(), 0x40001C), 0x11111111u);
-    EXPECT_EQ(k->alloc_ptr, 0x400024u);
-
-    // A second LoadSeg of the same file: a separate list further up.
-    k->d[1] = 0x1000;
-    dos_load_seg(k.get());
-    EXPECT_EQ(k->d[0], (0x400024u + 4) >> 2);
-    EXPECT_EQ(ram_get32(k.get(), 0x400030), 0x400040u + 4);
-    EXPECT_EQ(k->alloc_ptr, 0x400048u);
-}
-
-// Slab memory past the allocation pointer may hold anything a program wrote
-// there; a segment's longs that its file does not give read zero.
-TEST(LoadSeg, MemoryTheFileDoesNotFillReadsZero) {
-    auto k = make_engine();
-    memory_files m;
-    auto v = valid_longs();
-    v[6] = 3;   // hunk 1 reserves three longs, its HUNK_DATA gives two
-    m.files["seg"] = bytes(v);
-    kelva_set_file_loader(k.get(), memory_loader, &m);
-    put_string(k.get(), 0x1000, "seg");
-    memset(k->ram + 0x400000, 0xAA, 0x100);
-    k->d[1] = 0x1000;
-    dos_load_seg(k.get());
-    ASSERT_EQ(k->d[0], (0x400000u + 4) >> 2);
-    EXPECT_EQ(ram_get32(k.get(), 0x400020), 0x22222222u);
-    EXPECT_EQ(ram_get32(k.get(), 0x400024), 0u);            // the third long of hunk 1
-    EXPECT_EQ(ram_get32(k.get(), 0x400028), 0xAAAAAAAAu);   // behind the block: untouched
-}
-
-TEST(LoadSeg, LeavesThePlayersHunkTableAlone) {
-    auto k = make_engine();
-    memory_files m;
-    m.files["seg"] = bytes(valid_longs());
-    kelva_set_file_loader(k.get(), memory_loader, &m);
-    put_string(k.get(), 0x1000, "seg");
+TEST_F(HunkLoadSeg, BuildsSegmentListsInTheSlabAndLeavesThePlayersHunksAlone) {
     k->hunk_count = 3;
     k->hunk_addr[1] = 0x200040;
     k->hunk_size[1] = 0x80;
-    k->d[1] = 0x1000;
-    dos_load_seg(k.get());
-    ASSERT_NE(k->d[0], 0u);
-    EXPECT_EQ(k->hunk_count, 3u);
-    EXPECT_EQ(k->hunk_addr[1], 0x200040u);
-    EXPECT_EQ(k->hunk_size[1], 0x80u);
+    memset(k->ram + 0x400000, 0xAA, 0x100);
+    // Two blocks: length, link and 12 bytes at $400000; 8 + 8 bytes after it.
+    EXPECT_EQ(load_seg("seg"), (0x400000u + 4) >> 2);
+    EXPECT_EQ(longs(0x400000, 10), (L{20, (0x400014 + 4) >> 2, 0x4E714E71, 0x40001C + 4, 0x4E754E75,   // length, link,
+                                      16, 0, 0x11111111, 0x22222222, 0xAAAAAAAA}));                 // contents
+    EXPECT_EQ((L{k->alloc_ptr, k->hunk_count, k->hunk_addr[1], k->hunk_size[1]}), (L{0x400024, 3, 0x200040, 0x80}));
+
+    // A second LoadSeg: a separate list further up, whose third long of
+    // hunk 1 (reserved, not given by the file) reads zero.
+    L v = kValid;
+    v[6] = 3;
+    m.files["seg"] = bytes(v);
+    EXPECT_EQ(load_seg("seg"), (0x400024u + 4) >> 2);
+    EXPECT_EQ(at(0x400030), 0x400040u + 4);
+    EXPECT_EQ(longs(0x400044, 3), (L{0x22222222, 0, 0xAAAAAAAA}));   // behind the block: untouched
+    EXPECT_EQ(k->alloc_ptr, 0x40004Cu);
 }
 
-TEST(LoadSeg, Failures) {
-    auto k = make_engine();
-    memory_files m;
-    m.files["seg"] = bytes(valid_longs());
-    auto bad = valid_longs();
+TEST_F(HunkLoadSeg, Failures) {
+    L bad = kValid;
     bad[14] = 3;
     m.files["bad"] = bytes(bad);
-    kelva_set_file_loader(k.get(), memory_loader, &m);
-
-    // Missing file: D0 = 0, nothing printed.
-    put_string(k.get(), 0x1000, "nothing");
-    k->d[1] = 0x1000;
-    k->d[0] = 55;
-    testing::internal::CaptureStderr();
-    dos_load_seg(k.get());
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(k->d[0], 0u);
-
-    // A broken file: the loader's message, D0 = 0.
-    put_string(k.get(), 0x1000, "bad");
-    testing::internal::CaptureStderr();
-    dos_load_seg(k.get());
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "hunk: reloc target 3 out of range\n");
-    EXPECT_EQ(k->d[0], 0u);
-
-    // Slab exhausted: hunk 0's block (20 bytes) fits, hunk 1's (16) does not.
-    put_string(k.get(), 0x1000, "seg");
-    k->alloc_ptr = kSlabEnd - 24;
-    testing::internal::CaptureStderr();
-    dos_load_seg(k.get());
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "hunk_load_seglist: out of AllocMem slab\n");
-    EXPECT_EQ(k->d[0], 0u);
-
-    // Exactly enough: the slab may end at 0x800000.
-    k->alloc_ptr = kSlabEnd - 36;
-    dos_load_seg(k.get());
-    EXPECT_EQ(k->d[0], (kSlabEnd - 36 + 4) >> 2);
+    EXPECT_EQ(load_seg("nothing"), 0u);   // missing: nothing printed
+    EXPECT_EQ(err, "");
+    EXPECT_EQ(load_seg("bad"), 0u);
+    EXPECT_EQ(err, "hunk: reloc target 3 out of range\n");
+    // Hunk 0's block (20 bytes) fits, hunk 1's (16) does not; exactly enough
+    // may end at the slab's end.
+    for (uint32_t room : {0u, 24u, 36u}) {
+        k->alloc_ptr = room ? kSlabEnd - room : 0;
+        EXPECT_EQ(load_seg("seg"), room == 36 ? (kSlabEnd - 36 + 4) >> 2 : 0u) << room;
+        EXPECT_EQ(err, room == 36 ? "" : "hunk_load_seglist: out of AllocMem slab\n") << room;
+    }
     EXPECT_EQ(k->alloc_ptr, kSlabEnd);
-
-    k->alloc_ptr = 0;
-    testing::internal::CaptureStderr();
-    dos_load_seg(k.get());
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "hunk_load_seglist: out of AllocMem slab\n");
-    EXPECT_EQ(k->d[0], 0u);
-}
-
-TEST(LoadSeg, NameWithoutNulIsCutAt511Characters) {
-    auto k = make_engine();
-    memory_files m;
-    kelva_set_file_loader(k.get(), memory_loader, &m);
-    memset(k->ram + 0x1000, 'x', 2000);
+    memset(k->ram + 0x1000, 'x', 2000);   // a name without a NUL is cut at 511 characters
     k->d[1] = 0x1000;
-    dos_load_seg(k.get());
-    ASSERT_EQ(m.requests.size(), 1u);
-    EXPECT_EQ(m.requests[0], std::string(511, 'x'));
-    EXPECT_EQ(k->d[0], 0u);
-}
-
-TEST(LoadSeg, ToolchainSegmentRelocatesAcrossHunks) {
-    auto file = read_file_bytes(std::string(KELVA_TEST_PLAYERS) + "/DosSegment");
-    if (file.empty()) GTEST_SKIP() << "test players not built (" << KELVA_TEST_PLAYERS << ")";
-    auto k = make_engine();
-    memory_files m;
-    m.files["DosSegment"] = file;
-    kelva_set_file_loader(k.get(), memory_loader, &m);
-    put_string(k.get(), 0x1000, "DosSegment");
-    k->d[1] = 0x1000;
-    dos_load_seg(k.get());
-    ASSERT_NE(k->d[0], 0u);
-    uint32_t first = k->d[0] << 2;   // the link long; code follows it
-    uint32_t second = ram_get32(k.get(), first) << 2;
-    ASSERT_NE(second, 0u);
-    // move.l magic,d0: the absolute address points into the data segment.
-    EXPECT_EQ(ram_get16(k.get(), first + 4), 0x2039u);
-    EXPECT_EQ(ram_get32(k.get(), first + 6), second + 4);
-    EXPECT_EQ(ram_get32(k.get(), second + 4), 0x4B454C00u);
+    dos_load_seg(k);
+    EXPECT_EQ(m.requests.back(), std::string(511, 'x'));
 }
 
 }  // namespace

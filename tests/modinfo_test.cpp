@@ -9,15 +9,13 @@
 #include "support/test_support.h"
 
 TEST(ModuleText, LatinOneBecomesUtf8WithoutControlBytesOrPadding) {
-    EXPECT_EQ(module_text_clean("astral_trip"), "astral_trip");
-    EXPECT_EQ(module_text_clean("  corpses in rain   "), "corpses in rain");
-    EXPECT_EQ(module_text_clean("Caf\xe9 \xa0"), "Caf\xc3\xa9");                     // é, no-break space trimmed
-    EXPECT_EQ(module_text_clean("\x01tit\x0dle\x7f\x9b!"), "title!");               // C0, DEL and C1 dropped
-    // Nothing readable: garbage, so the caller falls back to the file name.
-    EXPECT_EQ(module_text_clean(""), "");
-    EXPECT_EQ(module_text_clean("\x01\x02\x03\x04"), "");
-    EXPECT_EQ(module_text_clean("   ---   "), "");
-    EXPECT_EQ(module_text_clean(nullptr), "");
+    const std::pair<const char *, const char *> cases[] = {
+        {"astral_trip", "astral_trip"}, {"  corpses in rain   ", "corpses in rain"},
+        {"Caf\xe9 \xa0", "Caf\xc3\xa9"} /* e acute; a no-break space trimmed */, {"x\xb0", "x\xc2\xb0"},
+        {"\x01tit\x0dle\x7f\x9b!", "title!"} /* C0, DEL and C1 dropped */,
+        // Nothing readable: garbage, so the caller falls back to the file name.
+        {"", ""}, {"\x01\x02\x03\x04", ""}, {"   ---   ", ""}, {nullptr, ""}};
+    for (auto [in, out] : cases) EXPECT_EQ(module_text_clean(in), out) << (in ? in : "(null)");
 }
 
 TEST(ModuleText, EntryTitleAndFormatLabel) {
@@ -47,11 +45,8 @@ TEST(ModuleInfo, ARealModuleGivesItsTitleAndStoresItsCount) {
     cache_val.clear();
     module_info_forget();
     module_info info = module_info_get(player.c_str(), "astraltr.mod", mod.data(), uint32_t(mod.size()));
-    EXPECT_TRUE(info.started);
-    EXPECT_EQ(info.title, "astral_trip");
-    EXPECT_EQ(info.author, "");
-    EXPECT_EQ(info.count, 1);
-    EXPECT_TRUE(info.signals_end);
+    EXPECT_TRUE(info.started && info.signals_end);
+    EXPECT_EQ(info.title + "|" + info.author + "|" + std::to_string(info.count), "astral_trip||1");
     int32_t count = 0;
     EXPECT_TRUE(cache_lookup(cache_make_key(mod.data(), uint32_t(mod.size()), kSubsongCountSeed), &count));
     EXPECT_EQ(count, 1);

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <map>
 #include <mutex>
 #include <set>
@@ -14,49 +13,20 @@
 
 #include "plugin/hostio.h"
 #include "plugin/scan.h"
-#include "plugin/songdb.h"
 #include "support/scan_state.h"
+#include "support/services.h"
 
 namespace {
 
-std::mutex storm_mtx;
-std::map<std::string, int> storm_reads;
-
-int storm_read(const char *uri, uint8_t **, uint32_t *) {
-    std::lock_guard<std::mutex> lock(storm_mtx);
-    storm_reads[uri]++;
-    return -1;   // cannot be opened: the scan of this entry ends here
-}
-
-std::map<std::string, int> reads_so_far() {
-    std::lock_guard<std::mutex> lock(storm_mtx);
-    return storm_reads;
-}
-
 std::string storm_uri(int i) { return "mem://storm" + std::to_string(i) + ".mod"; }
 
-class ScanStorm : public ::testing::Test {
-protected:
+struct ScanStorm : testing::Test {
     void SetUp() override { reset(); }
-    void TearDown() override {
-        scan_stop();
-        reset();
-    }
+    void TearDown() override { scan_stop(), reset(); }
     static void reset() {
         scan_reset_state();
-        {
-            std::lock_guard<std::mutex> lock(storm_mtx);
-            storm_reads.clear();
-        }
-        host.read_uri = storm_read;
-    }
-    static bool wait_for_reads(size_t n) {
-        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-        while (std::chrono::steady_clock::now() < end) {
-            if (reads_so_far().size() >= n) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return reads_so_far().size() >= n;
+        clear_read_log();
+        host.read_uri = counting_read;
     }
 };
 
@@ -65,21 +35,19 @@ TEST_F(ScanStorm, ManyThreadsQueueOverlappingUrisEachScannedOnce) {
     scan_start();
     std::atomic<bool> go{false};
     std::vector<std::thread> threads;
+    std::set<int> expected;
     for (int t = 0; t < kThreads; t++) {
+        // Each thread walks the same names from a different start, so every
+        // name is queued by several threads at about the same time.
+        for (int i = 0; i < kPerThread; i++) expected.insert((t * 61 + i) % kDistinct);
         threads.emplace_back([t, &go] {
             while (!go.load()) std::this_thread::yield();
-            // Each thread walks the same names from a different start, so
-            // every name is queued by several threads at about the same time.
             for (int i = 0; i < kPerThread; i++) scan_enqueue(storm_uri((t * 61 + i) % kDistinct).c_str());
         });
     }
     go.store(true);
     for (std::thread &th : threads) th.join();
-
-    std::set<int> expected;
-    for (int t = 0; t < kThreads; t++)
-        for (int i = 0; i < kPerThread; i++) expected.insert((t * 61 + i) % kDistinct);
-    ASSERT_TRUE(wait_for_reads(expected.size()));
+    ASSERT_TRUE(wait_until([&] { return reads_so_far().size() >= expected.size(); }));
     std::map<std::string, int> r = reads_so_far();
     EXPECT_EQ(r.size(), expected.size());
     for (const auto &[uri, n] : r) EXPECT_EQ(n, 1) << uri;
@@ -89,14 +57,12 @@ TEST_F(ScanStorm, ManyThreadsQueueOverlappingUrisEachScannedOnce) {
 
 TEST_F(ScanStorm, StopAndStartDuringAStormNeitherHangsNorScansTwice) {
     constexpr int kThreads = 4, kPerThread = 300;
-    std::atomic<bool> done{false};
     std::vector<std::thread> threads;
     scan_start();
-    for (int t = 0; t < kThreads; t++) {
+    for (int t = 0; t < kThreads; t++)
         threads.emplace_back([t] {
             for (int i = 0; i < kPerThread; i++) scan_enqueue(storm_uri(t * kPerThread + i).c_str());
         });
-    }
     // The plugin is unloaded and loaded again while the threads queue.
     for (int round = 0; round < 5; round++) {
         scan_stop();
@@ -105,19 +71,12 @@ TEST_F(ScanStorm, StopAndStartDuringAStormNeitherHangsNorScansTwice) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     for (std::thread &th : threads) th.join();
-    done.store(true);
-
-    // Queue one last name: once it is read, the worker has drained the
-    // queue before it (first in, first out).
+    // Once one last name is read, the worker has drained the queue before it
+    // (first in, first out). Names dropped by a stop are not queued again
+    // (the seen-set keeps them), and no name is read twice.
     scan_enqueue("mem://last.mod");
-    ASSERT_TRUE(wait_for_reads(1));
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-    while (reads_so_far().count("mem://last.mod") == 0 && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ASSERT_TRUE(wait_until([] { return reads_so_far().count("mem://last.mod") == 1; }));
     std::map<std::string, int> r = reads_so_far();
-    ASSERT_EQ(r.count("mem://last.mod"), 1u);
-    // Names dropped by a stop are not queued again (the seen-set keeps
-    // them), and no name is read twice.
     for (const auto &[uri, n] : r) EXPECT_EQ(n, 1) << uri;
     std::lock_guard<std::mutex> lock(scan_mtx);
     EXPECT_EQ(scan_seen.size(), size_t(kThreads * kPerThread + 1));

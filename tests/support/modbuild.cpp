@@ -7,16 +7,10 @@ namespace {
 uint32_t header_size(const mod_builder &m) { return m.st15 ? 600 : 1084; }
 uint32_t sample_count(const mod_builder &m) { return m.st15 ? 15 : 31; }
 uint32_t song_offset(const mod_builder &m) { return m.st15 ? 470 : 950; }
-
-void put16(std::vector<uint8_t> &b, uint32_t at, uint32_t v) {
-    b[at] = uint8_t(v >> 8);
-    b[at + 1] = uint8_t(v);
-}
+void put16(std::vector<uint8_t> &b, uint32_t at, uint32_t v) { b[at] = uint8_t(v >> 8), b[at + 1] = uint8_t(v); }
 
 mod_builder make(bool st15, const char *tag, uint32_t patterns) {
-    mod_builder m;
-    m.st15 = st15;
-    m.patterns = patterns;
+    mod_builder m{st15, patterns, {}};
     m.bytes.assign(header_size(m) + 1024 * patterns, 0);
     memcpy(m.bytes.data(), "kelva test module", 17);
     if (!st15 && tag) memcpy(m.bytes.data() + 1080, tag, 4);
@@ -28,14 +22,7 @@ mod_builder make(bool st15, const char *tag, uint32_t patterns) {
 
 mod_sample smp(uint16_t length, uint8_t volume, uint16_t repeat_start, uint16_t repeat_length, uint8_t finetune,
                const std::string &name) {
-    mod_sample s;
-    s.length = length;
-    s.finetune = finetune;
-    s.volume = volume;
-    s.repeat_start = repeat_start;
-    s.repeat_length = repeat_length;
-    s.name = name;
-    return s;
+    return mod_sample{length, finetune, volume, repeat_start, repeat_length, name};
 }
 
 mod_builder mod_new(const char *tag, uint32_t patterns) { return make(false, tag, patterns); }
@@ -54,8 +41,7 @@ void mod_set_sample(mod_builder &m, int index, const mod_sample &s) {
 }
 
 void mod_set_order(mod_builder &m, int position, uint8_t pattern) {
-    if (position < 0 || position >= 128) return;
-    m.bytes[song_offset(m) + 2 + uint32_t(position)] = pattern;
+    if (position >= 0 && position < 128) m.bytes[song_offset(m) + 2 + uint32_t(position)] = pattern;
 }
 
 void mod_set_song(mod_builder &m, uint8_t length, uint8_t restart) {

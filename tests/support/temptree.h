@@ -8,17 +8,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
 // A fresh folder under the system's temporary directory, removed afterwards.
 struct temp_dir {
-    std::string path;
+    std::string path = (std::filesystem::temp_directory_path() / "kelva_sel_XXXXXX").string();
     temp_dir() {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "kelva_sel_XXXXXX").string();
-        std::vector<char> buf(tmpl.begin(), tmpl.end());
-        buf.push_back('\0');
-        if (mkdtemp(buf.data())) path = buf.data();
+        if (!mkdtemp(path.data())) path.clear();
     }
     ~temp_dir() {
         std::error_code ec;
@@ -40,26 +38,15 @@ inline bool write_file(const std::string &path, const std::vector<uint8_t> &byte
     return write_file(path, std::string(bytes.begin(), bytes.end()));
 }
 
-// Remembers the variables the data-tree search reads and restores them.
+// Remembers the variables the data-tree and database searches read and restores them.
 struct env_guard {
-    struct saved {
-        const char *name;
-        bool set;
-        std::string value;
-    };
-    std::vector<saved> vars;
+    static constexpr const char *kNames[3] = {"KELVA_DATA", "XDG_DATA_HOME", "HOME"};
+    std::optional<std::string> saved[3];
     env_guard() {
-        for (const char *n : {"KELVA_DATA", "XDG_DATA_HOME", "HOME"}) {
-            const char *v = getenv(n);
-            vars.push_back({n, v != nullptr, v ? v : ""});
-        }
+        for (int i = 0; i < 3; i++)
+            if (const char *v = getenv(kNames[i])) saved[i] = v;
     }
     ~env_guard() {
-        for (const saved &s : vars) {
-            if (s.set)
-                setenv(s.name, s.value.c_str(), 1);
-            else
-                unsetenv(s.name);
-        }
+        for (int i = 0; i < 3; i++) saved[i] ? setenv(kNames[i], saved[i]->c_str(), 1) : unsetenv(kNames[i]);
     }
 };

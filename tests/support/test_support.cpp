@@ -41,7 +41,7 @@ int memory_loader(void *user, const char *path, uint8_t **out, uint32_t *len) {
     auto it = m->files.find(path);
     if (it == m->files.end()) return 0;
     *out = static_cast<uint8_t *>(malloc(it->second.size() ? it->second.size() : 1));
-    memcpy(*out, it->second.data(), it->second.size());
+    if (!it->second.empty()) memcpy(*out, it->second.data(), it->second.size());
     *len = uint32_t(it->second.size());
     return 1;
 }

@@ -1,0 +1,391 @@
+// The processor where it goes beyond or deliberately differs from the plain
+// 68000, and what the single-step vectors (ctest cpu_vectors, which check
+// the 68000 semantics case by case) do not reach: 68010/68020 addressing and
+// instructions, the SR bits kept, the exception frame, every shift count,
+// divide boundaries, the opcode-table census, step costs, and the
+// disassembler and trace formats.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "cpu/cpu.h"
+#include "support/test_support.h"
+
+namespace {
+
+constexpr uint16_t X = kSrX, N = kSrN, Z = kSrZ, V = kSrV, C = kSrC;
+using U = std::vector<uint32_t>;
+
+// A fresh engine, code at $1000, supervisor mode with the stack at $8000.
+struct Cpu : testing::Test {
+    engine_ptr engine;
+    kelva *k = nullptr;
+
+    void SetUp() override {
+        kelva_global_init();
+        engine = make_engine();
+        k = engine.get();
+        memset(k->d, 0, sizeof k->d);
+        memset(k->a, 0, sizeof k->a);
+        k->a[7] = 0x8000;
+        k->usp = 0x6000;
+        k->ssp = k->vbr = k->cycles = 0;
+        k->sr = 0x2700;
+        k->pc = 0x1000;
+        k->fault = 0;
+    }
+    // Places words at PC (the next instruction).
+    void code(std::initializer_list<uint16_t> words) {
+        uint32_t at = k->pc;
+        for (uint16_t w : words) write16(k, (at += 2) - 2, w);
+    }
+    void run(std::initializer_list<uint16_t> words) {
+        code(words);
+        cpu_step(k);
+    }
+    uint16_t ccr() const { return k->sr & 0x1F; }
+    void set_ccr(uint16_t f) { k->sr = uint16_t((k->sr & 0xFF00) | f); }
+    void vector(int v, uint32_t handler) { write32(k, k->vbr + uint32_t(v) * 4, handler); }
+    // The exception frame at A7: format/vector word, SR, PC.
+    void expect_frame(uint32_t vec, uint32_t sr_mask, uint32_t sr, uint32_t pc) {
+        EXPECT_EQ((U{read16(k, k->a[7]), read16(k, k->a[7] + 2) & sr_mask, read32(k, k->a[7] + 4)}), (U{vec * 4, sr, pc}));
+    }
+};
+
+TEST_F(Cpu, ScaledAndFullFormatIndexes) {
+    k->a[0] = 0x1000;
+    k->d[2] = 3;
+    run({0x43F0, 0x2A04});   // LEA (4,A0,D2.L*2),A1
+    EXPECT_EQ(k->a[1], 0x100Au);
+    run({0x41F0, 0x01B0, 0x0012, 0x3456});   // base suppressed, long displacement
+    EXPECT_EQ((U{k->a[0], k->pc}), (U{0x00123456, 0x100C}));
+    k->d[0] = 5;
+    run({0x43F0, 0x01F0, 0x0000, 0x4000});   // base and index suppressed
+    EXPECT_EQ(k->a[1], 0x4000u);
+    // Memory indirection with a word outer displacement: pre-indexed
+    // read32(A2 + 4 + D1) + 2, post-indexed read32(A2 + 4) + D1 + 2.
+    k->a[2] = 0x2000;
+    k->d[1] = 4;
+    write32(k, 0x2008, 0x5000);
+    write32(k, 0x2004, 0x6000);
+    run({0x47F2, 0x1122, 0x0004, 0x0002});   // LEA ([4,A2,D1.W],2),A3
+    EXPECT_EQ(k->a[3], 0x5002u);
+    run({0x49F2, 0x1126, 0x0004, 0x0002});   // LEA ([4,A2],D1.W,2),A4
+    EXPECT_EQ(k->a[4], 0x6006u);
+}
+
+// One instruction on D1: the result and the whole CCR.
+TEST_F(Cpu, RegisterFormsBeyondThe68000) {
+    const struct {
+        const char *what;
+        uint16_t op;
+        uint32_t d1;
+        uint16_t ccr_in;
+        uint32_t want_d1;
+        uint16_t want_ccr;
+    } rows[] = {
+        {"EXTB.L D1 positive", 0x49C1, 0x1234567F, N, 0x7F, 0},
+        {"EXTB.L D1 negative", 0x49C1, 0x00000080, 0, 0xFFFFFF80, N},
+        // NEGX: a zero result sets Z even when it was clear, and clears X/C.
+        {"NEGX.B 0 without X", 0x4001, 0, 0, 0, Z},
+        {"NEGX.B $FF with X", 0x4001, 0xFF, X, 0, Z},
+        {"MOVE CCR,D1 keeps the high word", 0x42C1, 0xFFFFFFFF, X | C, 0xFFFF0011, X | C},
+    };
+    for (const auto &r : rows) {
+        SetUp();
+        k->d[1] = r.d1;
+        set_ccr(r.ccr_in);
+        run({r.op});
+        EXPECT_EQ(k->d[1], r.want_d1) << r.what;
+        EXPECT_EQ(ccr(), r.want_ccr) << r.what;
+    }
+}
+
+TEST_F(Cpu, CcrAndSrFormsKeepTheirBits) {
+    const std::pair<std::vector<uint16_t>, uint16_t> steps[] = {
+        {{0x44FC, 0x00FF}, 0x27FF},   // MOVE.W #$FF,CCR: all eight bits
+        {{0x023C, 0x00E0}, 0x27E0},   // ANDI.B #$E0,CCR
+        {{0x003C, 0x0001}, 0x27E1},   // ORI.B #1,CCR
+        {{0x0A3C, 0x0021}, 0x27C0},   // EORI.B #$21,CCR
+        {{0x46FC, 0xFFFF}, 0xF71F},   // MOVE #$FFFF,SR keeps T1, T0 and M
+    };
+    for (const auto &[words, sr] : steps) {
+        for (size_t i = 0; i < words.size(); i++) write16(k, k->pc + 2 * uint32_t(i), words[i]);
+        cpu_step(k);
+        EXPECT_EQ(k->sr, sr) << std::hex << words[0];
+    }
+    k->sr = 0x27C0;
+    k->d[0] = 0xFFFFFFFF;
+    run({0x42C0});   // MOVE CCR,D0
+    run({0x46FC, 0x0000});   // to user mode: the stacks are exchanged
+    EXPECT_EQ((U{k->d[0], k->ssp, k->a[7]}), (U{0xFFFF00C0, 0x8000, 0x6000}));
+}
+
+TEST_F(Cpu, LongBranchesRtdAndLinkLong) {
+    run({0x60FF, 0x0001, 0x0000});   // BRA.L +$10000
+    EXPECT_EQ(k->pc, 0x11002u);
+    k->pc = 0x1000;
+    set_ccr(Z);
+    run({0x67FF, 0x0000, 0x0100});   // BEQ.L taken
+    EXPECT_EQ(k->pc, 0x1102u);
+    k->pc = 0x1000;
+    run({0x66FF, 0x0000, 0x0100});   // BNE.L not taken: skips the long
+    EXPECT_EQ(k->pc, 0x1006u);
+    k->a[7] = 0x7FFC;
+    write32(k, 0x7FFC, 0x1234);
+    run({0x4E74, 0x0008});   // RTD #8 pops the return address and the displacement
+    EXPECT_EQ((U{k->pc, k->a[7]}), (U{0x1234, 0x8008}));
+    k->a[6] = 0x11111111;
+    run({0x480E, 0xFFFF, 0xFF00});   // LINK.L A6,#-256
+    EXPECT_EQ((U{read32(k, 0x8004), k->a[6], k->a[7]}), (U{0x11111111, 0x8004, 0x8004 - 256}));
+}
+
+TEST_F(Cpu, ExceptionEntryFrameAndFault) {
+    k->sr = 0xD71F;   // T1, T0, M, IPL 7, all flags
+    k->fault = 2;
+    vector(32, 0x4000);
+    run({0x4E40});   // TRAP #0: trace cleared, M kept, the fault cleared by the entry
+    EXPECT_EQ(k->sr, 0x371Fu);
+    expect_frame(32, 0xFFFF, 0xD71F, 0x1002);
+    EXPECT_EQ(k->fault, 0);
+    // ILLEGAL, NBCD (not implemented) and line F stack the PC behind the word.
+    vector(4, 0x5000);
+    vector(11, 0x6000);
+    for (auto [op, vec, handler] : {std::tuple{0x4AFC, 4, 0x5000}, std::tuple{0x4800, 4, 0x5000},
+                                    std::tuple{0xF123, 11, 0x6000}}) {
+        k->pc = 0x1000;
+        k->a[7] = 0x8000;
+        run({uint16_t(op)});
+        EXPECT_EQ(k->pc, uint32_t(handler)) << std::hex << op;
+        expect_frame(uint32_t(vec), 0, 0, 0x1002);
+    }
+}
+
+TEST_F(Cpu, RteFormatErrorKeepsTheFrame) {
+    k->a[7] = 0x3000;
+    write16(k, 0x3000, 0x1000);
+    write16(k, 0x3002, 0x2000);
+    write32(k, 0x3004, 0x5555);
+    vector(14, 0x4000);
+    run({0x4E73});
+    EXPECT_EQ((U{k->pc, k->a[7], read16(k, 0x3000), read32(k, 0x3004)}), (U{0x4000, 0x3000 - 8, 0x1000, 0x5555}));
+    expect_frame(14, 0, 0, 0x1002);
+}
+
+TEST_F(Cpu, StopSetsTheFlagAndExecutionGoesOn) {
+    run({0x4E72, 0x2704, 0x7005});   // STOP #$2704; MOVEQ #5,D0
+    EXPECT_EQ((U{uint32_t(k->stopped), k->sr, k->pc}), (U{1, 0x2704, 0x1004}));
+    cpu_step(k);
+    EXPECT_EQ(k->d[0], 5u);
+}
+
+// Bit-serial reference for every count 0..63, written independently of the
+// arithmetic version in the processor. type: 0 AS, 1 LS, 2 ROX, 3 RO.
+uint32_t ref_shift(uint32_t v, uint32_t count, int size, int type, int left, uint32_t *ccr_io) {
+    uint32_t width = 8u << size, mask = width == 32 ? 0xFFFFFFFFu : (1u << width) - 1, msb = 1u << (width - 1);
+    v &= mask;
+    uint32_t x = (*ccr_io >> 4) & 1, c = (count == 0 && type == 2) ? x : 0, vf = 0;
+    for (uint32_t i = 0; i < count; i++) {
+        uint32_t out = left ? (v & msb ? 1 : 0) : v & 1;
+        uint32_t in = type == 2 ? x : type == 3 ? out : (type == 0 && !left && (v & msb)) ? 1 : 0;
+        uint32_t nv = left ? ((v << 1) | in) & mask : (v >> 1) | (in ? msb : 0);
+        if (type == 0 && left && ((nv ^ v) & msb)) vf = 1;
+        v = nv;
+        c = out;
+        if (type != 3) x = c;
+    }
+    *ccr_io = (c ? C : 0) | (vf ? V : 0) | (v == 0 ? Z : 0) | ((v & msb) ? N : 0) | (x ? X : 0);
+    return v;
+}
+
+TEST_F(Cpu, EveryShiftCountMatchesTheBitSerialRule) {
+    const uint32_t values[] = {0x00000000, 0x00000001, 0x80000000, 0xFFFFFFFF, 0x40000081,
+                               0x12345678, 0x87654321, 0x00007F80, 0x0000C001, 0xAAAA5555};
+    for (int size = 0; size < 3; size++)
+        for (int type = 0; type < 4; type++)
+            for (int left = 0; left < 2; left++)
+                for (uint32_t v : values)
+                    for (uint32_t count = 0; count < 64; count++)
+                        for (uint32_t xin = 0; xin < 2; xin++) {
+                            k->sr = uint16_t(0x2700 | (xin ? X : 0) | V);
+                            uint32_t got = shift_compute(k, v, count, size, type, left), ref_ccr = xin ? X : 0;
+                            ASSERT_EQ(got, ref_shift(v, count, size, type, left, &ref_ccr))
+                                << "size " << size << " type " << type << " left " << left << " v " << std::hex << v
+                                << " count " << std::dec << count;
+                            ASSERT_EQ(k->sr & 0x1F, ref_ccr) << "size " << size << " type " << type << " left " << left
+                                                             << " v " << std::hex << v << " count " << std::dec << count
+                                                             << " x " << xin;
+                        }
+}
+
+TEST_F(Cpu, StaticBtstOfImmediateTakesTheIllegalPath) {
+    vector(4, 0x4000);
+    run({0x083C, 0x0001, 0x00FF});   // BTST #1,#imm: Z from bit 1 of the byte at 0, the PC after the words fetched
+    EXPECT_EQ((U{k->pc, k->a[7], read32(k, 0x8000 - 4), uint32_t(k->sr & Z)}), (U{0x4000, 0x8000 - 8, 0x1004, Z}));
+}
+
+TEST_F(Cpu, DivideBoundariesAndCheckBounds) {
+    const struct { uint16_t op, divisor; uint32_t d0; uint16_t ccr_in; uint32_t want; uint16_t want_ccr; } rows[] = {
+        {0x80FC, 1, 0x00020000, N | Z | C | X, 0x00020000, X | N | Z | V | C},   // DIVU overflow: V set, the rest kept
+        {0x81FC, 2, uint32_t(-65536), 0, 0x00008000, N},             // DIVS: -32768 is the lowest quotient that fits
+        {0x81FC, 0xFFFF, 0x80000000, 0, 0x80000000, V},              // $80000000 / -1 must not trap the host
+    };
+    for (const auto &r : rows) {
+        k->pc = 0x1000;
+        k->d[0] = r.d0;
+        set_ccr(r.ccr_in);
+        run({r.op, r.divisor});
+        EXPECT_EQ(k->d[0], r.want) << std::hex << r.op << " " << r.d0;
+        EXPECT_EQ(ccr(), r.want_ccr) << std::hex << r.op << " " << r.d0;
+    }
+    vector(5, 0x4000);
+    k->pc = 0x1000;
+    k->d[0] = 1234;
+    set_ccr(N | C);
+    run({0x80F9, 0x0000, 0x3000});   // DIVU.W $3000.L,D0 with a zero word there: traps after the divisor words
+    EXPECT_EQ((U{k->pc, k->d[0]}), (U{0x4000, 1234}));
+    expect_frame(5, 0xFFFF, 0x2709, 0x1006);
+
+    vector(6, 0x5000);   // CHK.W #5,D0: in bounds nothing changes; out of bounds N tells the side, others kept
+    for (auto [d0, trapped, flags] : {std::tuple{5u, false, 0u}, std::tuple{6u, true, 0u}, std::tuple{0xFFFFu, true, 8u}}) {
+        k->pc = 0x1000;
+        k->a[7] = 0x8000;
+        k->d[0] = d0;
+        set_ccr(Z | V | C);
+        run({0x41BC, 5});
+        EXPECT_EQ(k->pc, trapped ? 0x5000u : 0x1004u) << d0;
+        if (trapped) expect_frame(6, 0x1F, Z | V | C | flags, 0x1004);
+        else EXPECT_EQ(ccr(), Z | V | C);
+    }
+}
+
+// ---- the opcode table and the step ----
+
+size_t count_of(op_handler h) { return size_t(std::count(op_table, op_table + 65536, h)); }
+
+TEST_F(Cpu, OpcodeTableCensusAndSpotEntries) {
+    EXPECT_EQ(std::count(op_table, op_table + 65536, nullptr), 0);
+    // Any decoding change moves these counts.
+    EXPECT_EQ(count_of(op_illegal), 11713u);
+    EXPECT_EQ(count_of(op_line_a), 4096u);
+    EXPECT_EQ(count_of(op_line_f), 4096u);
+    for (uint16_t op : {0x4AFC /* ILLEGAL */, 0x4800 /* NBCD D0 */, 0x1040 /* MOVE.B to An */, 0x4A3C /* TST.B #imm */,
+                        0x0C3A /* CMPI.B to (d16,PC) */, 0x7100 /* MOVEQ with bit 8 set */, 0x0108 /* MOVEP */,
+                        0x4100 /* CHK.L */, 0x4E7A, 0x4E7B /* MOVEC */, 0x4C00 /* MULU.L */, 0x4C7F /* DIVU.L */,
+                        0xE8C0 /* BFTST */, 0xEFFF /* BFINS */, 0xC048 /* AND.W A0,D0 */, 0x8088 /* OR.L A0,D0 */})
+        EXPECT_EQ(op_table[op], op_illegal) << std::hex << op;
+    EXPECT_EQ(op_table[0xA123], op_line_a);
+    EXPECT_EQ(op_table[0xF200], op_line_f);
+    EXPECT_EQ(op_table[0x083C], op_btst_stat);   // static BTST with #imm (wider than the 68000)
+    EXPECT_EQ(op_table[0x087A], op_bchg_stat);   // BCHG #n,(d16,PC) (wider)
+    // A second initialisation does not rebuild the table.
+    op_table[0x4E71] = op_illegal;
+    kelva_global_init();
+    EXPECT_EQ(op_table[0x4E71], op_illegal);
+    op_table[0x4E71] = op_nop;
+}
+
+// A step costs 4 cycles plus the 68000's time to compute the address of a
+// word operand in the opcode's low six bits (mode, register).
+TEST_F(Cpu, StepCost) {
+    const uint32_t ea_time[] = {0, 0, 4, 4, 6, 8, 10};        // Dn An (An) (An)+ -(An) (d16,An) (d8,An,Xn)
+    const uint32_t ea_time7[] = {8, 12, 8, 10, 4};            // abs.W abs.L (d16,PC) (d8,PC,Xn) #imm
+    for (uint32_t ea = 0; ea < 61; ea++)
+        EXPECT_EQ(cpu_step_cost[ea], 4 + (ea < 56 ? ea_time[ea >> 3] : ea_time7[ea & 7])) << ea;
+    run({0x4E71});   // NOP: mode 6
+    EXPECT_EQ((U{uint32_t(k->cycles), k->pc}), (U{14, 0x1002}));
+    run({0x6000, 0x0010});   // BRA.W
+    EXPECT_EQ((U{uint32_t(k->cycles), k->pc}), (U{18, 0x1014}));
+}
+
+// ---- disassembler and trace ----
+
+struct CpuDisasm : Cpu {
+    // Text of the instruction made of `words`, placed at $1000.
+    std::string text(std::initializer_list<uint16_t> words, uint32_t *length = nullptr) {
+        k->pc = 0x1000;
+        code(words);
+        char out[128];
+        uint32_t len = da_disassemble(k, 0x1000, out);
+        if (length) *length = len;
+        return out;
+    }
+};
+
+TEST_F(CpuDisasm, Texts) {
+    const std::pair<std::vector<uint16_t>, const char *> cases[] = {
+        // Every addressing mode.
+        {{0x3001}, "move.w  d1,d0"}, {{0x3009}, "move.w  a1,d0"}, {{0x3012}, "move.w  (a2),d0"},
+        {{0x301B}, "move.w  (a3)+,d0"}, {{0x3024}, "move.w  -(a4),d0"}, {{0x302D, 0xFFF0}, "move.w  -16(a5),d0"},
+        {{0x3036, 0x30FE}, "move.w  (-2,a6,d3.w),d0"}, {{0x3036, 0xA804}, "move.w  (4,a6,a2.l),d0"},
+        {{0x3036, 0x2C04}, "move.w  (4,a6,d2.l*4),d0"}, {{0x3036, 0x2E04}, "move.w  (4,a6,d2.l*8),d0"},
+        {{0x3038, 0x8000}, "move.w  $ffff8000.w,d0"}, {{0x3039, 0x00DF, 0xF096}, "move.w  $dff096.l,d0"},
+        {{0x303A, 0x0008}, "move.w  $100a(pc),d0"}, {{0x303B, 0x5004}, "move.w  (4,pc,d5.w),d0"},
+        {{0x103C, 0x1234}, "move.b  #$34,d0"}, {{0x303C, 0x1234}, "move.w  #$1234,d0"},
+        {{0x203C, 0x1234, 0x5678}, "move.l  #$12345678,d0"}, {{0x2D30, 0x0104}, "move.l  (0,a0,d0.w),-(a6)"},
+        {{0x3040}, "movea.w d0,a0"}, {{0x41F0, 0x01B0, 0x0012, 0x3456}, "lea     (1193046,z,d0.w),a0"},
+        {{0x41F0, 0x0160, 0x0010}, "lea     (16,a0),a0"},
+        // Register lists.
+        {{0x48E7, 0xC0F0}, "movem.l d0-d1/a0-a3,-(a7)"}, {{0x4CDF, 0x0F03}, "movem.l (a7)+,d0-d1/a0-a3"},
+        {{0x48D0, 0x80FF}, "movem.l d0-d7/a7,(a0)"}, {{0x4C90, 0x0155}, "movem.w (a0),d0/d2/d4/d6/a0"},
+        // Branch targets.
+        {{0x6004}, "bra     $1006"}, {{0x61FE}, "bsr     $1000"}, {{0x6700, 0x0010}, "beq     $1012"},
+        {{0x6EFF, 0x0001, 0x0000}, "bgt     $11002"}, {{0x51C8, 0xFFFE}, "dbf     d0,$1000"},
+        {{0x56C9, 0x0004}, "dbne    d1,$1006"}, {{0x57C0}, "seq     d0"}, {{0x5FD0}, "sle     (a0)"},
+        // Arithmetic, shift and system forms.
+        {{0x5E8F}, "addq.l  #7,a7"}, {{0x5141}, "subq.w  #8,d1"}, {{0x7CFF}, "moveq   #-1,d6"},
+        {{0xD101}, "addx.b  d1,d0"}, {{0x8308}, "sbcd    -(a0),-(a1)"}, {{0xB348}, "cmpm.w  (a0)+,(a1)+"},
+        {{0xB340}, "eor.w   d1,d0"}, {{0xD1C8}, "adda.l  a0,a0"}, {{0x81C0}, "divs.w  d0,d0"},
+        {{0xC0C1}, "mulu.w  d1,d0"}, {{0xC78C}, "exg     d3,a4"}, {{0xE3A8}, "lsl.l   d1,d0"},
+        {{0xE200}, "asr.b   #1,d0"}, {{0xE050}, "roxr.w  #8,d0"}, {{0xE7D8}, "rol.w   (a0)+"},
+        {{0x0C40, 0x1234}, "cmpi.w  #$1234,d0"}, {{0x0810, 0x0009}, "btst    #9,(a0)"}, {{0x03C2}, "bset    d1,d2"},
+        {{0x4E56, 0xFFF0}, "link    a6,#-16"}, {{0x4E43}, "trap    #3"}, {{0x4E74, 0x0008}, "rtd     #8"},
+        {{0x4E72, 0x2700}, "stop    #$2700"}, {{0x46FC, 0x2700}, "move    #$2700,sr"}, {{0x40C0}, "move    sr,d0"},
+        {{0x4E60}, "move    a0,usp"}, {{0x003C, 0x001F}, "ori     #$1f,ccr"}, {{0x4EB9, 0x0020, 0x0000}, "jsr     $200000.l"},
+        {{0x4840}, "swap    d0"}, {{0x4850}, "pea     (a0)"}, {{0x57D0}, "seq     (a0)"}, {{0x49C0}, "extb.l  d0"},
+        {{0x4E75}, "rts"}, {{0x4E71}, "nop"},
+        // Instructions the processor does not execute, and words that are none.
+        {{0x4800}, "nbcd    d0"}, {{0x0188, 0x0010}, "movep.w d0,16(a0)"}, {{0xE8C0, 0x0105}, "bftst   d0{4:5}"},
+        {{0xF123}, "dc.w    $f123"}, {{0x7100}, "dc.w    $7100"}, {{0x4C00, 0x0000}, "dc.w    $4c00"},
+    };
+    for (const auto &[words, want] : cases) {
+        k->pc = 0x1000;
+        for (size_t i = 0; i < words.size(); i++) write16(k, 0x1000 + 2 * uint32_t(i), words[i]);
+        char out[128];
+        da_disassemble(k, 0x1000, out);
+        EXPECT_EQ(std::string(out), want) << std::hex << words[0];
+    }
+    const char *const names[16] = {"t", "f", "hi", "ls", "cc", "cs", "ne", "eq",
+                                   "vc", "vs", "pl", "mi", "ge", "lt", "gt", "le"};
+    for (uint16_t cc = 2; cc < 16; cc++) {
+        std::string want = std::string("b") + names[cc];
+        want.resize(7, ' ');
+        EXPECT_EQ(text({uint16_t(0x6002 | cc << 8)}), want + " $1004");
+    }
+    uint32_t len = 0;
+    text({0x41F0, 0x0122, 0x0004, 0x0002}, &len);   // the outer displacement is consumed
+    EXPECT_EQ(len, 8u);
+    text({0xF123}, &len);
+    EXPECT_EQ(len, 2u);
+}
+
+TEST_F(CpuDisasm, TraceLineLayout) {
+    code({0xF123});
+    k->d[0] = 0x11111111;
+    k->a[7] = 0x00EEFFFC;
+    char line[512];
+    trace_format_step(k, line, sizeof line);
+    EXPECT_EQ(std::string(line), "00001000: f123                      dc.w    $f123                | d 11111111 00000000 "
+                                 "00000000 00000000 00000000 00000000 00000000 00000000  a 00000000 00000000 00000000 "
+                                 "00000000 00000000 00000000 00000000 00eefffc sr 2700\n");
+    code({0x4EB9, 0x0020, 0x0000});   // three words: three slots and two blank ones
+    trace_format_step(k, line, sizeof line);
+    EXPECT_EQ(std::string(line).substr(0, 69), "00001000: 4eb9 0020 0000            jsr     $200000.l            | d ");
+    EXPECT_EQ(k->pc, 0x1000u);   // the trace changes no state
+}
+
+}  // namespace
