@@ -22,10 +22,10 @@ struct msample {
 
 // A ProTracker-layout image (tag null: 15 instruments, patterns at 600) of
 // `channels` cells a row; the sample data follows the patterns.
-std::vector<uint8_t> mod_image(const char *tag, int channels, int patterns, const std::vector<msample> &samples,
-                               const std::vector<uint8_t> &orders, const std::vector<cell> &cells, uint8_t restart) {
-    const size_t head = tag ? 1084 : 600, song = tag ? 950 : 470;
-    std::vector<uint8_t> m(head + size_t(patterns) * channels * 256, 0);
+bytes mod_image(const char *tag, int channels, int patterns, const std::vector<msample> &samples, const bytes &orders,
+                const std::vector<cell> &cells, uint8_t restart) {
+    const size_t head = tag ? 1084 : 600, song = tag ? 950 : 470, row = size_t(channels) * 4;
+    bytes m(head + size_t(patterns) * row * 64, 0);
     if (tag) memcpy(&m[1080], tag, 4);
     for (size_t i = 0, h = 42; i < samples.size(); i++, h += 30) {
         be16(m, h, samples[i].words), be16(m, h + 4, samples[i].rep), be16(m, h + 6, samples[i].replen);
@@ -33,7 +33,7 @@ std::vector<uint8_t> mod_image(const char *tag, int channels, int patterns, cons
     }
     m[song] = uint8_t(orders.size()), m[song + 1] = restart;
     std::copy(orders.begin(), orders.end(), &m[song + 2]);
-    for (const cell &c : cells) put_cell(m, head + size_t(c.pat * channels * 256 + c.row * channels * 4 + c.ch * 4), c);
+    for (const cell &c : cells) put_cell(m, head + (size_t(c.pat) * 64 + size_t(c.row)) * row + size_t(c.ch) * 4, c);
     for (const msample &s : samples) m.insert(m.end(), size_t(s.words) * 2, uint8_t(s.fill));
     return m;
 }
@@ -47,7 +47,7 @@ struct mod_case {
     // looping from word 10 for 50 words.
     std::vector<msample> samples = {{2000, 40, 0, 1, 0, 10}, {100, 64, 10, 50}};
     const char *tag = "M.K.", *player = "PTK-Prowiz";
-    std::vector<uint8_t> orders = {};   // none: 0, 1, ... one per pattern
+    bytes orders = {};   // none: 0, 1, ... one per pattern
     uint8_t restart = 0;
     const char *path = nullptr, *epopt = "";   // the module's path; the option string it gets
     int channels = 4;
@@ -55,11 +55,11 @@ struct mod_case {
 
 void run_case(const mod_case &c) {
     SCOPED_TRACE(c.what);
-    std::vector<uint8_t> orders = c.orders;
+    bytes orders = c.orders, m;
     for (int p = 0; c.orders.empty() && p < c.patterns; p++) orders.push_back(uint8_t(p));
     data_tree_env env;
-    engine_ptr k = open_player(c.player, mod_image(c.tag, c.channels, c.patterns, c.samples, orders, c.cells, c.restart),
-                               c.path);
+    m = mod_image(c.tag, c.channels, c.patterns, c.samples, orders, c.cells, c.restart);
+    engine_ptr k = open_player(c.player, m, c.path);
     ASSERT_TRUE(k);
     EXPECT_STREQ(k->epopt, c.epopt);
     expect_probes(k.get(), c.probes.c_str(), kModule + (c.tag ? 1084 : 600) + uint32_t(c.patterns * c.channels * 256));
@@ -135,8 +135,8 @@ TEST_F(Ptk, EffectsAndVariants) {
          "UltimateSoundtracker", {0}, 120},
         // Soundtracker IV: repeat start in bytes (the first pass ends at byte
         // 200 + 600); F40 is speed 64, not a tempo.
-        {"ST-IV", {{0, 0, 0, 428, 1, 0xF, 0x40}, {0, 1, 0, 381, 1}}, "@1 a0=0 e0=800 c0=200 f0=960 @64 p0=428 @65 p0=381",
-         1, {{1000, 64, 200, 300}}, nullptr, "Soundtracker-IV"},
+        {"ST-IV", {{0, 0, 0, 428, 1, 0xF, 0x40}, {0, 1, 0, 381, 1}},
+         "@1 a0=0 e0=800 c0=200 f0=960 @64 p0=428 @65 p0=381", 1, {{1000, 64, 200, 300}}, nullptr, "Soundtracker-IV"},
         // N.T.: the song goes on at the restart position and ends when that
         // reaches a position already played; no option string needed.
         {"N.T. restart", {{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1}}, "@769 p0=381 E0=768", 2, {{1000, 64}}, "N.T.",
@@ -182,8 +182,8 @@ TEST_F(Ptk, ChannelsAreMixedOntoTheirPaulaChannelAtAnEqualShare) {
 TEST_F(Ptk, DamagedModulesAreRefused) {
     EXPECT_FALSE(open_player("PTK-Prowiz", mod_image("M.K.", 4, 1, {}, {}, {}, 0)));     // no positions
     EXPECT_FALSE(open_player("PTK-Prowiz", mod_image("M.K.", 4, 1, {}, {60}, {}, 0)));   // beyond the file
-    EXPECT_FALSE(open_player("UltimateSoundtracker", std::vector<uint8_t>(500, 0)));
-    std::vector<uint8_t> big = mod_image("M.K.", 4, 1, {{60000, 64}}, {0}, {{0, 0, 0, 428, 1}}, 0);
+    EXPECT_FALSE(open_player("UltimateSoundtracker", bytes(500, 0)));
+    bytes big = mod_image("M.K.", 4, 1, {{60000, 64}}, {0}, {{0, 0, 0, 428, 1}}, 0);
     big.resize(2108 + 1000);   // a sample longer than the file plays what is there
     engine_ptr k = open_player("PTK-Prowiz", big);
     ASSERT_TRUE(k);
@@ -196,8 +196,8 @@ TEST_F(Ptk, DamagedModulesAreRefused) {
 // from the first step to the last. Plain samples take the finetune byte as
 // a period factor 1 + fine / 256; 7xy steps through a chord table.
 TEST_F(Ptk, HisMastersNoiseSynthSoundsFinetuneAndChords) {
-    std::vector<uint8_t> m = mod_image("M&K!", 4, 2, {{0, 48}, {100, 64, 0, 1, 0xFE, 10}, {100, 64, 0, 1, 0, 10}},
-                                       {0}, {{0, 0, 0, 428, 1}, {0, 1, 1, 428, 2}, {0, 0, 2, 428, 3, 7, 1}}, 0);
+    bytes m = mod_image("M&K!", 4, 2, {{0, 48}, {100, 64, 0, 1, 0xFE, 10}, {100, 64, 0, 1, 0, 10}}, {0},
+                        {{0, 0, 0, 428, 1}, {0, 1, 1, 428, 2}, {0, 0, 2, 428, 3, 7, 1}}, 0);
     memcpy(&m[20], "Mupp\1\1\3", 8);
     m[953] = 1;   // pattern 1, not in the song, holds the synth sound
     const uint32_t base = 1084 + 1024;

@@ -86,7 +86,8 @@ TEST_F(PtkRealModules, EachIsPlayedByItsPlayerAsItsFormat) {
         for (const char *f = row.files; *f; f += strcspn(f, "|") + (f[strcspn(f, "|")] == '|'))
             rows[std::string(f, strcspn(f, "|"))] = &row;
     std::vector<std::pair<std::string, std::string>> files = {{"other/redoctober-sub-docking.ims", "sub-docking.st"}};
-    for (const char *folder : {"debian", "st15", "variants", "effects", "multichannel", "startrekker-am", "okt", "other"})
+    for (const char *folder :
+         {"debian", "st15", "variants", "effects", "multichannel", "startrekker-am", "okt", "other"})
         for (const auto &e : std::filesystem::directory_iterator(shared_dir() + "/testdata/modules/" + folder))
             if (e.path().filename() != "SOURCES.md" && e.path().extension() != ".nt")
                 files.push_back({std::string(folder) + "/" + e.path().filename().string(), ""});
@@ -122,7 +123,8 @@ TEST_F(PtkRealModules, EachIsPlayedByItsPlayerAsItsFormat) {
 // The modules whose length the reference comparison leaves unchecked (its
 // KNOWN list) must still end by the player's own signal.
 TEST_F(PtkRealModules, UnmeasuredOnesEndBySongEnd) {
-    for (const char *f : {"effects/PatLoop-Break.mod", "startrekker-am/flt_am_override.mod", "other/pattern_loop_ptm.ptm"}) {
+    for (const char *f :
+         {"effects/PatLoop-Break.mod", "startrekker-am/flt_am_override.mod", "other/pattern_loop_ptm.ptm"}) {
         std::string player;
         engine_ptr k = open_identified(f, &player);
         ASSERT_TRUE(k) << f;

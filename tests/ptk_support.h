@@ -41,19 +41,18 @@ inline void run_ticks(kelva *k, int n) {
 }
 
 inline void be16(std::vector<uint8_t> &v, size_t at, uint16_t x) { v[at] = uint8_t(x >> 8), v[at + 1] = uint8_t(x); }
-inline void be32(std::vector<uint8_t> &v, size_t at, uint32_t x) { be16(v, at, uint16_t(x >> 16)), be16(v, at + 2, uint16_t(x)); }
+inline void be32(std::vector<uint8_t> &v, size_t at, uint32_t x) { be16(v, at, uint16_t(x >> 16)), be16(v, at + 2, x); }
 inline void le16(std::vector<uint8_t> &v, size_t at, uint16_t x) { v[at] = uint8_t(x), v[at + 1] = uint8_t(x >> 8); }
-inline void le32(std::vector<uint8_t> &v, size_t at, uint32_t x) { le16(v, at, uint16_t(x)), le16(v, at + 2, uint16_t(x >> 16)); }
+inline void le32(std::vector<uint8_t> &v, size_t at, uint32_t x) { le16(v, at, uint16_t(x)), le16(v, at + 2, x >> 16); }
 
 // Opens a built player on a module image; null when kelva_open fails.
-inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod, const char *module_path = nullptr) {
+inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod, const char *path = nullptr) {
     kelva_global_init();
     engine_ptr k = make_engine(48000);
     std::string pp = player_path(player);
     std::vector<uint8_t> p = read_bytes(pp);
-    if (kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), module_path, 0))
-        return nullptr;
-    return k;
+    bool ok = !kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), path, 0);
+    return ok ? std::move(k) : nullptr;
 }
 
 // The block AUDxLC/AUDxLEN name: for a software-mixed channel the one the
@@ -77,6 +76,7 @@ inline std::vector<int8_t> mixed(const engine_ptr &k, int x) {
 namespace trk {
 
 using namespace ptk_test;
+using bytes = std::vector<uint8_t>;
 
 // note: a period, a note number or a format's code; vol: the volume column
 // of formats that have one (-1: none).
@@ -134,12 +134,12 @@ inline int64_t observe(kelva *k, int ch, char what, uint32_t base) {
             return reason == 1 ? int64_t(ms) : -reason;
         }
     }
-    return std::all_of(q, q + 2 * a.len, [q](int8_t b) { return b == q[0]; }) ? q[0] : INT_MIN;   // 'q'
+    return std::all_of(q, q + 2 * a.len, [q](int8_t b) { return b == q[0]; }) ? q[0] : INT_MIN;   // q
 }
 
 // Runs the engine to each probe's tick in turn and checks the probe.
 inline void expect_probes(kelva *k, std::vector<probe> probes, uint32_t base = 0) {
-    std::stable_sort(probes.begin(), probes.end(), [](const probe &a, const probe &b) { return a.tick < b.tick; });
+    std::stable_sort(probes.begin(), probes.end(), [](const probe &x, const probe &y) { return x.tick < y.tick; });
     int done = 0;
     for (const probe &p : probes) {
         if (p.tick > done) run_ticks(k, p.tick - done), done = p.tick;

@@ -49,8 +49,7 @@ class SwMix : public testing::Test {
             m.insert(m.end(), v.sample.begin(), v.sample.end());
             if (v.sample.size() & 1) m.push_back(0);
         }
-        EXPECT_EQ(kelva_open(k, player_.data(), uint32_t(player_.size()), m.data(), uint32_t(m.size()), nullptr,
-                             nullptr, 0),
+        EXPECT_EQ(kelva_open(k, player_.data(), uint32_t(player_.size()), m.data(), uint32_t(m.size()), nullptr, nullptr, 0),
                   0);
         const int8_t *b = reinterpret_cast<const int8_t *>(k->ch[0].data);
         return b ? std::vector<int8_t>(b, b + bytes) : std::vector<int8_t>();
@@ -63,12 +62,10 @@ class SwMix : public testing::Test {
 TEST_F(SwMix, LevelsOfVoicesAndOneShotEnds) {
     // (100 x 64 - 40 x 32) >> 7 on Paula 0 at the mixing period, full
     // volume, 64-byte blocks; the channels not mixed stay off.
-    std::vector<int8_t> got = open(64, {{std::vector<int8_t>(16, 100), 0, 16}, {std::vector<int8_t>(16, -40), 0, 16, 124, 32}}, 64);
+    std::vector<int8_t> got =
+        open(64, {{std::vector<int8_t>(16, 100), 0, 16}, {std::vector<int8_t>(16, -40), 0, 16, 124, 32}}, 64);
     EXPECT_EQ(got, std::vector<int8_t>(64, 40));
-    EXPECT_TRUE(k->aud[0].dma_running);
-    EXPECT_EQ(k->aud[0].per, 124);
-    EXPECT_EQ(k->aud[0].vol, 64);
-    EXPECT_EQ(k->aud[0].len, 32);
+    EXPECT_TRUE(k->aud[0].dma_running && k->aud[0].per == 124 && k->aud[0].vol == 64 && k->aud[0].len == 32);
     EXPECT_FALSE(k->aud[1].dma_running);
     // A one-shot sample falls silent at its end (two voices: shift 7).
     eng_ = make_engine(48000), k = eng_.get();
