@@ -283,19 +283,19 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
         // sample volume 40, on every tick of the row, the first included (n -
         // 2 = 480, n + 3 = 360, ... in the period table).
         {"OKT 1: period down", "Oktalyzer", o(1, 5), 0, "@1 p0=423 @2 p0=418 @3 p0=413 @4 p0=408 v0=40"},
-        {"OKT 2: period up", "Oktalyzer", o(2, 16), 0, "@1 p0=444 @2 p0=460 @3 p0=476 @4 p0=492"},
-        {"OKT 10: n - 2, n, n + 3", "Oktalyzer", o(10, 0x23), 0, "@1 p0=480 @2 p0=428 @3 p0=360 @4 p0=480"},
-        {"OKT 11: n, n + 3, n, n - 2", "Oktalyzer", o(11, 0x23), 0, "@1 p0=428 @2 p0=360 @3 p0=428 @4 p0=480"},
-        {"OKT 12: -, n + 2, n + 3, n", "Oktalyzer", o(12, 0x23), 0, "@1 p0=428 @2 p0=381 @3 p0=360 @4 p0=428"},
-        {"OKT 13: note down every tick", "Oktalyzer", o(13, 2), 0, "@1 p0=480 @2 p0=538 @3 p0=604 @4 p0=678"},
-        {"OKT 30: note up every tick", "Oktalyzer", o(30, 1), 0, "@1 p0=404 @2 p0=381 @3 p0=360 @4 p0=339"},
-        {"OKT 17: note up once", "Oktalyzer", o(17, 3), 0, "@1 p0=360 @4 p0=360"},
-        {"OKT 21: note down once", "Oktalyzer", o(21, 3), 0, "@1 p0=508 @4 p0=508"},
+        {"OKT 2: period up", "Oktalyzer", o(2, 16), 0, "@1 p0=444 @2 p0=460 @3 p0=476 @4 p0=492 v0=40"},
+        {"OKT 10: n - 2, n, n + 3", "Oktalyzer", o(10, 0x23), 0, "@1 p0=480 @2 p0=428 @3 p0=360 @4 p0=480 v0=40"},
+        {"OKT 11: n, n + 3, n, n - 2", "Oktalyzer", o(11, 0x23), 0, "@1 p0=428 @2 p0=360 @3 p0=428 @4 p0=480 v0=40"},
+        {"OKT 12: -, n + 2, n + 3, n", "Oktalyzer", o(12, 0x23), 0, "@1 p0=428 @2 p0=381 @3 p0=360 @4 p0=428 v0=40"},
+        {"OKT 13: note down every tick", "Oktalyzer", o(13, 2), 0, "@1 p0=480 @2 p0=538 @3 p0=604 @4 p0=678 v0=40"},
+        {"OKT 30: note up every tick", "Oktalyzer", o(30, 1), 0, "@1 p0=404 @2 p0=381 @3 p0=360 @4 p0=339 v0=40"},
+        {"OKT 17: note up once", "Oktalyzer", o(17, 3), 0, "@1 p0=360 @4 p0=360 v0=40"},
+        {"OKT 21: note down once", "Oktalyzer", o(21, 3), 0, "@1 p0=508 @4 p0=508 v0=40"},
         {"OKT 31: volume", "Oktalyzer", o(31, 0x20), 0, "@1 v0=32 @4 v0=32 p0=428"},
-        {"OKT 31: down 2 every tick", "Oktalyzer", o(31, 0x42), 0, "@1 v0=38 @2 v0=36 @3 v0=34 @4 v0=32"},
-        {"OKT 31: up 1 every tick", "Oktalyzer", o(31, 0x51), 0, "@1 v0=41 @2 v0=42 @3 v0=43 @4 v0=44"},
-        {"OKT 31: down 3 once", "Oktalyzer", o(31, 0x63), 0, "@1 v0=37 @4 v0=37"},
-        {"OKT 31: up 4 once", "Oktalyzer", o(31, 0x74), 0, "@1 v0=44 @4 v0=44"},
+        {"OKT 31: down 2 every tick", "Oktalyzer", o(31, 0x42), 0, "@1 v0=38 @2 v0=36 @3 v0=34 @4 p0=428 v0=32"},
+        {"OKT 31: up 1 every tick", "Oktalyzer", o(31, 0x51), 0, "@1 v0=41 @2 v0=42 @3 v0=43 @4 p0=428 v0=44"},
+        {"OKT 31: down 3 once", "Oktalyzer", o(31, 0x63), 0, "@1 v0=37 @4 p0=428 v0=37"},
+        {"OKT 31: up 4 once", "Oktalyzer", o(31, 0x74), 0, "@1 v0=44 @4 p0=428 v0=44"},
         // Speed $13 on row 0, a jump to position "10" (decimal) on row 1:
         // positions 0 and 10 play two rows each, then 10 comes again.
         // OKTASONG keeps 4 bits of the speed (3), OKTASNG2 5 (19).
