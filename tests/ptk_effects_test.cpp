@@ -102,9 +102,9 @@ TEST_F(Ptk, EffectsAndVariants) {
           {0, 0, 1, 428, 1, 7, 0x48}},
          "@1 v1=40 @2 v1=40 @3 v1=52 @4 v1=62 @5 v1=64 @6 v1=64 v0=30 @12 v0=45 @13 v0=64 @19 v0=60 @24 v0=60"},
         // D12: row 12 (decimal) of the next position; B00 back to position
-        // 0: the 13th tick finds the row played, the song's end.
+        // 0: the 13th tick finds the row played, the song's end (12 x 960).
         {"break and jump", {{0, 0, 0, 428, 1, 0xD, 0x12}, {1, 12, 0, 381, 1, 0xB, 0}, {1, 13, 0, 339, 1}},
-         "@6 p0=428 @7 p0=381 E0=0 @13 p0=428 E0=12", 3},
+         "@6 p0=428 @7 p0=381 E0=0 @13 p0=428 E0=11520", 3},
         {"pattern loop: rows 0-1 three times, not the song's end",
          {{0, 0, 0, 428, 1, 0xE, 0x60}, {0, 1, 0, 381, 1, 0xE, 0x62}, {0, 2, 0, 339, 1}}, "@31 p0=381 @37 p0=339 E0=0"},
         // EE2: row 0 lasts three rows; A01 slides on ticks 1-5 of each pass
@@ -138,8 +138,8 @@ TEST_F(Ptk, EffectsAndVariants) {
         {"ST-IV", {{0, 0, 0, 428, 1, 0xF, 0x40}, {0, 1, 0, 381, 1}},
          "@1 a0=0 e0=800 c0=200 f0=960 @64 p0=428 @65 p0=381", 1, {{1000, 64, 200, 300}}, nullptr, "Soundtracker-IV"},
         // N.T.: the song goes on at the restart position and ends when that
-        // reaches a position already played; no option string needed.
-        {"N.T. restart", {{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1}}, "@769 p0=381 E0=768", 2, {{1000, 64}}, "N.T.",
+        // reaches a position already played (tick 768); no option string.
+        {"N.T. restart", {{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1}}, "@769 p0=381 E0=737280", 2, {{1000, 64}}, "N.T.",
          "PTK-Prowiz", {0, 1}, 1},
         // A loop past the sample's end in words: the tree's rules say
         // "type:st24" and the player counts the repeat start in bytes.

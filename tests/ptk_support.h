@@ -102,7 +102,7 @@ inline void put_cell(std::vector<uint8_t> &m, size_t at, const cell &c) {
 //   q Q      every byte of the block AUDxLC/LEN name (INT_MIN when they
 //            differ), its first byte
 //   t f      the CIA-A timer value the player set, frames per tick
-//   E x      the song's end frame in ticks, kelva_song_ended
+//   E x      the frame of the song's end, kelva_song_ended
 //   L        the measured length in ms (-reason when not by the song's end)
 struct probe {
     int tick, ch;
@@ -127,14 +127,16 @@ inline int64_t observe(kelva *k, int ch, char what, uint32_t base) {
         case 'Q': return q[0];
         case 't': return k->ram[kGlobals + 54] << 8 | k->ram[kGlobals + 55];
         case 'f': return k->frames_per_tick;
-        case 'E': return int64_t(k->song_end_frame / kTick);
+        case 'E': return int64_t(k->song_end_frame);
         case 'x': return kelva_song_ended(k);
         case 'L': {
             uint64_t ms = kelva_measure_length(k, 0, 0, &reason, nullptr, nullptr);
             return reason == 1 ? int64_t(ms) : -reason;
         }
+        case 'q': return std::all_of(q, q + 2 * a.len, [q](int8_t b) { return b == q[0]; }) ? q[0] : INT_MIN;
     }
-    return std::all_of(q, q + 2 * a.len, [q](int8_t b) { return b == q[0]; }) ? q[0] : INT_MIN;   // q
+    ADD_FAILURE() << "no probe '" << what << "'";
+    return INT64_MIN;
 }
 
 // Runs the engine to each probe's tick in turn and checks the probe.
