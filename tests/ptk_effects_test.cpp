@@ -20,10 +20,15 @@ struct msample {
     int8_t fill = 0;   // every byte of its data
 };
 
+// Sample 1: 2000 words, volume 40, no loop; 2: 100 words, volume 64,
+// looping from word 10 for 50 words.
+const std::vector<msample> kTwo = {{2000, 40, 0, 1, 0, 10}, {100, 64, 10, 50}};
+
 // A ProTracker-layout image (tag null: 15 instruments, patterns at 600) of
-// `channels` cells a row; the sample data follows the patterns.
-bytes mod_image(const char *tag, int channels, int patterns, const std::vector<msample> &samples, const bytes &orders,
-                const std::vector<cell> &cells, uint8_t restart) {
+// `channels` cells a row, orders 0, 1, ... unless given; the sample data
+// follows the patterns.
+bytes mod(const std::vector<cell> &cells, int patterns = 1, const std::vector<msample> &samples = kTwo,
+          const char *tag = "M.K.", bytes orders = {}, uint8_t restart = 0, int channels = 4) {
     const size_t head = tag ? 1084 : 600, song = tag ? 950 : 470, row = size_t(channels) * 4;
     bytes m(head + size_t(patterns) * row * 64, 0);
     if (tag) memcpy(&m[1080], tag, 4);
@@ -31,6 +36,8 @@ bytes mod_image(const char *tag, int channels, int patterns, const std::vector<m
         be16(m, h, samples[i].words), be16(m, h + 4, samples[i].rep), be16(m, h + 6, samples[i].replen);
         m[h + 2] = samples[i].fine, m[h + 3] = samples[i].vol;
     }
+    if (orders.empty())
+        for (int p = 0; p < patterns; p++) orders.push_back(uint8_t(p));
     m[song] = uint8_t(orders.size()), m[song + 1] = restart;
     std::copy(orders.begin(), orders.end(), &m[song + 2]);
     for (const cell &c : cells) put_cell(m, head + (size_t(c.pat) * 64 + size_t(c.row)) * row + size_t(c.ch) * 4, c);
@@ -38,32 +45,7 @@ bytes mod_image(const char *tag, int channels, int patterns, const std::vector<m
     return m;
 }
 
-struct mod_case {
-    const char *what;
-    std::vector<cell> cells;
-    std::string probes;   // 'a' and 'c' from the start of the sample data
-    int patterns = 1;
-    // Sample 1: 2000 words, volume 40, no loop; 2: 100 words, volume 64,
-    // looping from word 10 for 50 words.
-    std::vector<msample> samples = {{2000, 40, 0, 1, 0, 10}, {100, 64, 10, 50}};
-    const char *tag = "M.K.", *player = "PTK-Prowiz";
-    bytes orders = {};   // none: 0, 1, ... one per pattern
-    uint8_t restart = 0;
-    const char *path = nullptr, *epopt = "";   // the module's path; the option string it gets
-    int channels = 4;
-};
-
-void run_case(const mod_case &c) {
-    SCOPED_TRACE(c.what);
-    bytes orders = c.orders, m;
-    for (int p = 0; c.orders.empty() && p < c.patterns; p++) orders.push_back(uint8_t(p));
-    data_tree_env env;
-    m = mod_image(c.tag, c.channels, c.patterns, c.samples, orders, c.cells, c.restart);
-    engine_ptr k = open_player(c.player, m, c.path);
-    ASSERT_TRUE(k);
-    EXPECT_STREQ(k->epopt, c.epopt);
-    expect_probes(k.get(), c.probes.c_str(), kModule + (c.tag ? 1084 : 600) + uint32_t(c.patterns * c.channels * 256));
-}
+constexpr uint32_t kData = kModule + 1084 + 1024, kData15 = kModule + 600 + 1024;   // one pattern's samples
 
 class Ptk : public ::testing::Test {
   protected:
@@ -74,96 +56,102 @@ class Ptk : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Ptk, EffectsAndVariants) {
-    const mod_case kCases[] = {
+TEST_F(Ptk, EffectsVariantsAndMixing) {
+    const char *const P = "PTK-Prowiz";
+    const tcase kCases[] = {
         // Sample 2 plays to its loop's end, then the loop is queued; sample 1
         // has none: silence is queued.
-        {"note", {{0, 0, 0, 428, 1}, {0, 0, 1, 856, 2}},
+        {"note", P, mod({{0, 0, 0, 428, 1}, {0, 0, 1, 856, 2}}), kData,
          "@1 p0=428 v0=40 d0=1 a0=0 l0=1 q0=0 v1=64 a1=4000 e1=120 c1=4020 l1=50"},
         // Finetune +1 from the sample; E5F: -1 for the note and the next
         // without a sample; a sample number brings back the sample's (0).
-        {"finetune", {{0, 0, 0, 428, 1}, {0, 1, 0, 428, 2, 0xE, 0x5F}, {0, 2, 0, 428, 0}, {0, 3, 0, 428, 2}},
-         "@1 p0=425 @7 p0=431 @13 p0=431 @19 p0=428", 1, {{2000, 40, 0, 1, 1}, {100, 64, 10, 50}}},
-        {"arpeggio", {{0, 0, 0, 428, 1, 0, 0x37}}, "@1 p0=428 @2 p0=360 @3 p0=285 @4 p0=428 @5 p0=360 @6 p0=285"},
+        {"finetune", P,
+         mod({{0, 0, 0, 428, 1}, {0, 1, 0, 428, 2, 0xE, 0x5F}, {0, 2, 0, 428, 0}, {0, 3, 0, 428, 2}}, 1,
+             {{2000, 40, 0, 1, 1}, {100, 64, 10, 50}}),
+         0, "@1 p0=425 @7 p0=431 @13 p0=431 @19 p0=428"},
+        {"arpeggio", P, mod({{0, 0, 0, 428, 1, 0, 0x37}}), 0, "@1 p0=428 @2 p0=360 @3 p0=285 @4 p0=428 @5 p0=360"},
         // 1xx/2xx from tick 1, stopping at 113 and 856; E13 once on tick 0.
-        {"portamento",
-         {{0, 0, 0, 428, 1, 1, 5}, {0, 0, 1, 120, 1, 1, 0x10}, {0, 0, 2, 428, 1, 2, 5}, {0, 0, 3, 808, 1, 2, 0x30},
-          {0, 1, 0, 0, 0, 0xE, 0x13}},
-         "@3 p0=418 p1=113 p2=438 p3=856 @6 p0=403 @12 p0=400"},
+        {"portamento", P,
+         mod({{0, 0, 0, 428, 1, 1, 5}, {0, 0, 1, 120, 1, 1, 0x10}, {0, 0, 2, 428, 1, 2, 5}, {0, 0, 3, 808, 1, 2, 0x30},
+              {0, 1, 0, 0, 0, 0xE, 0x13}}),
+         0, "@3 p0=418 p1=113 p2=438 p3=856 @6 p0=403 @12 p0=400"},
         // The target is set on tick 0 without a jump, 428 - 5 x 32 after tick
         // 5; it stops at 214. 300 goes on at 0x20.
-        {"tone portamento", {{0, 0, 0, 428, 1}, {0, 1, 0, 214, 0, 3, 0x20}, {0, 2, 0, 0, 0, 3}, {0, 3, 0, 0, 0, 3}},
+        {"tone portamento", P,
+         mod({{0, 0, 0, 428, 1}, {0, 1, 0, 214, 0, 3, 0x20}, {0, 2, 0, 0, 0, 3}, {0, 3, 0, 0, 0, 3}}), 0,
          "@7 p0=428 @12 p0=268 @18 p0=214 @24 p0=214"},
         // Position +16 a tick from 0; offset = sine x depth / 128.
-        {"vibrato", {{0, 0, 0, 428, 1, 4, 0x48}}, "@1 p0=428 @2 p0=428 @3 p0=434 @4 p0=439 @5 p0=442"},
+        {"vibrato", P, mod({{0, 0, 0, 428, 1, 4, 0x48}}), 0, "@1-2 p0=428 @3 p0=434 @4 p0=439 @5 p0=442"},
         // Tremolo: sine x depth / 64 on volume 40; A02, A30, C50 (64), EB4.
-        {"volume",
-         {{0, 0, 0, 428, 1, 0xA, 2}, {0, 1, 0, 0, 0, 0xA, 0x30}, {0, 2, 0, 0, 0, 0xC, 0x50}, {0, 3, 0, 0, 0, 0xE, 0xB4},
-          {0, 0, 1, 428, 1, 7, 0x48}},
-         "@1 v1=40 @2 v1=40 @3 v1=52 @4 v1=62 @5 v1=64 @6 v1=64 v0=30 @12 v0=45 @13 v0=64 @19 v0=60 @24 v0=60"},
+        {"volume", P,
+         mod({{0, 0, 0, 428, 1, 0xA, 2}, {0, 1, 0, 0, 0, 0xA, 0x30}, {0, 2, 0, 0, 0, 0xC, 0x50},
+              {0, 3, 0, 0, 0, 0xE, 0xB4}, {0, 0, 1, 428, 1, 7, 0x48}}),
+         0, "@1-2 v1=40 @3 v1=52 @4 v1=62 @5-6 v1=64 @6 v0=30 @12 v0=45 @13 v0=64 @19 v0=60 @24 v0=60"},
         // D12: row 12 (decimal) of the next position; B00 back to position
         // 0: the 13th tick finds the row played, the song's end (12 x 960).
-        {"break and jump", {{0, 0, 0, 428, 1, 0xD, 0x12}, {1, 12, 0, 381, 1, 0xB, 0}, {1, 13, 0, 339, 1}},
-         "@6 p0=428 @7 p0=381 E0=0 @13 p0=428 E0=11520", 3},
-        {"pattern loop: rows 0-1 three times, not the song's end",
-         {{0, 0, 0, 428, 1, 0xE, 0x60}, {0, 1, 0, 381, 1, 0xE, 0x62}, {0, 2, 0, 339, 1}}, "@31 p0=381 @37 p0=339 E0=0"},
+        {"break and jump", P, mod({{0, 0, 0, 428, 1, 0xD, 0x12}, {1, 12, 0, 381, 1, 0xB, 0}, {1, 13, 0, 339, 1}}, 3), 0,
+         "@6 p0=428 @7 p0=381 E0=0 @13 p0=428 E0=11520"},
+        {"pattern loop: rows 0-1 three times, not the song's end", P,
+         mod({{0, 0, 0, 428, 1, 0xE, 0x60}, {0, 1, 0, 381, 1, 0xE, 0x62}, {0, 2, 0, 339, 1}}), 0,
+         "@31 p0=381 @37 p0=339 E0=0"},
         // EE2: row 0 lasts three rows; A01 slides on ticks 1-5 of each pass
         // and the repeated tick 0s: 40 - 17.
-        {"pattern delay", {{0, 0, 0, 428, 1, 0xE, 0xE2}, {0, 0, 1, 428, 1, 0xA, 1}, {0, 1, 0, 381, 1}},
+        {"pattern delay", P, mod({{0, 0, 0, 428, 1, 0xE, 0xE2}, {0, 0, 1, 428, 1, 0xA, 1}, {0, 1, 0, 381, 1}}), 0,
          "@18 p0=428 v1=23 @19 p0=381"},
-        {"note delay ED3 and cut EC2", {{0, 0, 0, 428, 1, 0xE, 0xD3}, {0, 0, 1, 428, 1, 0xE, 0xC2}},
+        {"note delay ED3 and cut EC2", P, mod({{0, 0, 0, 428, 1, 0xE, 0xD3}, {0, 0, 1, 428, 1, 0xE, 0xC2}}), kData,
          "@2 d0=0 v1=40 @3 d0=0 v1=0 @4 d0=1 p0=428 a0=0"},
         // About 166 samples a tick at period 428: channel 1 has played ~830
         // after 5 ticks, channel 0 (E92: again on tick 4) ~166.
-        {"retrigger", {{0, 0, 0, 428, 1, 0xE, 0x92}, {0, 0, 1, 428, 1}}, "@5 P1=8 P0=1"},
+        {"retrigger", P, mod({{0, 0, 0, 428, 1, 0xE, 0x92}, {0, 0, 1, 428, 1}}), 0, "@5 P1=8 P0=1"},
         // 902: 512 bytes in; a note without a command after it: 1024 (the
         // replay routine adds it to the voice twice); 900: the last offset.
-        {"sample offset", {{0, 0, 0, 428, 1, 9, 2}, {0, 1, 0, 428, 0}, {0, 2, 0, 428, 1, 9, 0}},
+        {"sample offset", P, mod({{0, 0, 0, 428, 1, 9, 2}, {0, 1, 0, 428, 0}, {0, 2, 0, 428, 1, 9, 0}}), kData,
          "@1 a0=512 @7 a0=1024 @13 a0=512"},
         // F96: 150 BPM, CIA value 1773447 / 150 = 11822; (11822 + 1) x 48000 /
         // 709379 = 800 frames a tick.
-        {"speed and tempo", {{0, 0, 0, 428, 1, 0xF, 3}, {0, 1, 0, 381, 1, 0xF, 0x96}, {0, 2, 0, 339, 1}},
+        {"speed and tempo", P, mod({{0, 0, 0, 428, 1, 0xF, 3}, {0, 1, 0, 381, 1, 0xF, 0x96}, {0, 2, 0, 339, 1}}), 0,
          "@3 p0=428 @4 p0=381 t0=11822 f0=800"},
         // 64 rows at speed 6, 64 at speed 3: 576 ticks of 20 ms.
-        {"song end at the order list's end", {{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1, 0xF, 3}}, "@0 L0=11520", 2},
+        {"song end at the order list's end", P, mod({{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1, 0xF, 3}}, 2), 0,
+         "@0 L0=11520"},
         // Ultimate Soundtracker: only the loop plays (from byte 200); 2xy: y
         // lowers, x raises the period; 1xy is the arpeggio; Fxx does nothing.
-        {"UST",
-         {{0, 0, 0, 428, 1, 2, 3}, {0, 0, 1, 428, 1, 2, 0x40}, {0, 0, 2, 428, 1, 1, 0x37}, {0, 0, 3, 428, 1, 0xF, 3},
-          {0, 1, 3, 381, 1}},
-         "@1 a0=200 e0=600 @3 p0=422 p1=436 p2=285 @6 p3=428 @7 p3=381", 1, {{1000, 64, 200, 300}}, nullptr,
-         "UltimateSoundtracker", {0}, 120},
+        {"UST", "UltimateSoundtracker",
+         mod({{0, 0, 0, 428, 1, 2, 3}, {0, 0, 1, 428, 1, 2, 0x40}, {0, 0, 2, 428, 1, 1, 0x37},
+              {0, 0, 3, 428, 1, 0xF, 3}, {0, 1, 3, 381, 1}},
+             1, {{1000, 64, 200, 300}}, nullptr, {0}, 120),
+         kData15, "@1 a0=200 e0=600 @3 p0=422 p1=436 p2=285 @6 p3=428 @7 p3=381"},
         // Soundtracker IV: repeat start in bytes (the first pass ends at byte
         // 200 + 600); F40 is speed 64, not a tempo.
-        {"ST-IV", {{0, 0, 0, 428, 1, 0xF, 0x40}, {0, 1, 0, 381, 1}},
-         "@1 a0=0 e0=800 c0=200 f0=960 @64 p0=428 @65 p0=381", 1, {{1000, 64, 200, 300}}, nullptr, "Soundtracker-IV"},
+        {"ST-IV", "Soundtracker-IV",
+         mod({{0, 0, 0, 428, 1, 0xF, 0x40}, {0, 1, 0, 381, 1}}, 1, {{1000, 64, 200, 300}}, nullptr), kData15,
+         "@1 a0=0 e0=800 c0=200 f0=960 @64 p0=428 @65 p0=381"},
         // N.T.: the song goes on at the restart position and ends when that
         // reaches a position already played (tick 768); no option string.
-        {"N.T. restart", {{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1}}, "@769 p0=381 E0=737280", 2, {{1000, 64}}, "N.T.",
-         "PTK-Prowiz", {0, 1}, 1},
+        {"N.T. restart", P, mod({{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1}}, 2, {{1000, 64}}, "N.T.", {0, 1}, 1), 0,
+         "@769 p0=381 E0=737280", nullptr, nullptr, ""},
         // A loop past the sample's end in words: the tree's rules say
         // "type:st24" and the player counts the repeat start in bytes.
-        {"option string", {{0, 0, 0, 428, 1}}, "@1 c0=150 l0=10", 1, {{100, 64, 150, 10}}, "M.K.", "PTK-Prowiz", {}, 0,
+        {"option string", P, mod({{0, 0, 0, 428, 1}}, 1, {{100, 64, 150, 10}}), kData, "@1 c0=150 l0=10", nullptr,
          "dir/song.mod", "type:st24"},
         // Channels 0 and 4 add on Paula 0. Sample 2 (one-shot, 4000 bytes at
         // period 856: 0.965 s) plays on; instrument 3 given without a note
         // follows it at its end, as Paula's queued block does.
-        {"voices add, a queued instrument", {{0, 0, 0, 428, 1}, {0, 0, 4, 428, 1}, {0, 0, 1, 856, 2}, {0, 1, 1, 0, 3}},
-         "@2 q0=100 q1=-30 @22 q1=-30 @52 q0=100 q1=20", 1,
-         {{500, 64, 0, 500, 0, 100}, {2000, 64, 0, 1, 0, -60}, {50, 64, 0, 50, 0, 40}}, "8CHN", "PTK-Prowiz", {}, 0,
-         nullptr, "", 8},
+        {"voices add, a queued instrument", P,
+         mod({{0, 0, 0, 428, 1}, {0, 0, 4, 428, 1}, {0, 0, 1, 856, 2}, {0, 1, 1, 0, 3}}, 1,
+             {{500, 64, 0, 500, 0, 100}, {2000, 64, 0, 1, 0, -60}, {50, 64, 0, 50, 0, 40}}, "8CHN", {}, 0, 8),
+         0, "@2 q0=100 q1=-30 @22 q1=-30 @52 q0=100 q1=20"},
         // FLT8: position p plays stored pattern p & ~1 for channels 0-3 and
         // the next for 4-7; orders 0, 2, 1 are pairs 0, 1, 0.
-        {"FLT8", {{1, 0, 1, 428, 1}, {3, 0, 1, 428, 2}}, "@3 q1=50 q0=0 @387 q1=20 @771 q1=50", 4,
-         {{200, 64, 0, 200, 0, 100}, {200, 64, 0, 200, 0, 40}}, "FLT8", "PTK-Prowiz", {0, 2, 1}},
+        {"FLT8", P,
+         mod({{1, 0, 1, 428, 1}, {3, 0, 1, 428, 2}}, 4, {{200, 64, 0, 200, 0, 100}, {200, 64, 0, 200, 0, 40}}, "FLT8",
+             {0, 2, 1}),
+         0, "@3 q1=50 q0=0 @387 q1=20 @771 q1=50"},
     };
-    for (const mod_case &c : kCases) run_case(c);
-}
-
-// A sample of bytes 100 at volume V on channel c of N: Paula channel c mod
-// 4 plays 100 x V / 64 / S at the mixing period 124, S = ceil(N / 4)
-// rounded up to a power of two; the others 0.
-TEST_F(Ptk, ChannelsAreMixedOntoTheirPaulaChannelAtAnEqualShare) {
+    for (const tcase &c : kCases) run_case(c);
+    // A sample of bytes 100 at volume V on channel c of N: Paula channel c
+    // mod 4 plays 100 x V / 64 / S at the mixing period 124, S = ceil(N / 4)
+    // rounded up to a power of two; the others 0.
     const struct {
         const char *tag;
         int channels, channel, volume, level;
@@ -174,16 +162,20 @@ TEST_F(Ptk, ChannelsAreMixedOntoTheirPaulaChannelAtAnEqualShare) {
         for (int x = 0; x < 4; x++)
             p += " p" + std::to_string(x) + "=124 v" + std::to_string(x) + "=64 q" + std::to_string(x) + "=" +
                  std::to_string(x == c.channel % 4 ? c.level : 0);
-        run_case({c.tag, {{0, 0, c.channel, 428, 1}}, p, 1, {{500, uint8_t(c.volume), 0, 500, 0, 100}}, c.tag,
-                  "PTK-Prowiz", {}, 0, nullptr, "", c.channels});
+        run_case({c.tag, P,
+                  mod({{0, 0, c.channel, 428, 1}}, 1, {{500, uint8_t(c.volume), 0, 500, 0, 100}}, c.tag, {}, 0,
+                      c.channels),
+                  0, p});
     }
 }
 
 TEST_F(Ptk, DamagedModulesAreRefused) {
-    EXPECT_FALSE(open_player("PTK-Prowiz", mod_image("M.K.", 4, 1, {}, {}, {}, 0)));     // no positions
-    EXPECT_FALSE(open_player("PTK-Prowiz", mod_image("M.K.", 4, 1, {}, {60}, {}, 0)));   // beyond the file
+    bytes none = mod({});
+    none[950] = 0;   // no positions
+    EXPECT_FALSE(open_player("PTK-Prowiz", none));
+    EXPECT_FALSE(open_player("PTK-Prowiz", mod({}, 1, {}, "M.K.", {60})));   // a pattern beyond the file
     EXPECT_FALSE(open_player("UltimateSoundtracker", bytes(500, 0)));
-    bytes big = mod_image("M.K.", 4, 1, {{60000, 64}}, {0}, {{0, 0, 0, 428, 1}}, 0);
+    bytes big = mod({{0, 0, 0, 428, 1}}, 1, {{60000, 64}});
     big.resize(2108 + 1000);   // a sample longer than the file plays what is there
     engine_ptr k = open_player("PTK-Prowiz", big);
     ASSERT_TRUE(k);
@@ -196,8 +188,8 @@ TEST_F(Ptk, DamagedModulesAreRefused) {
 // from the first step to the last. Plain samples take the finetune byte as
 // a period factor 1 + fine / 256; 7xy steps through a chord table.
 TEST_F(Ptk, HisMastersNoiseSynthSoundsFinetuneAndChords) {
-    bytes m = mod_image("M&K!", 4, 2, {{0, 48}, {100, 64, 0, 1, 0xFE, 10}, {100, 64, 0, 1, 0, 10}}, {0},
-                        {{0, 0, 0, 428, 1}, {0, 1, 1, 428, 2}, {0, 0, 2, 428, 3, 7, 1}}, 0);
+    bytes m = mod({{0, 0, 0, 428, 1}, {0, 1, 1, 428, 2}, {0, 0, 2, 428, 3, 7, 1}}, 2,
+                  {{0, 48}, {100, 64, 0, 1, 0xFE, 10}, {100, 64, 0, 1, 0, 10}}, "M&K!", {0});
     memcpy(&m[20], "Mupp\1\1\3", 8);
     m[953] = 1;   // pattern 1, not in the song, holds the synth sound
     const uint32_t base = 1084 + 1024;

@@ -94,8 +94,8 @@ inline void put_cell(std::vector<uint8_t> &m, size_t at, const cell &c) {
     m[at + 2] = uint8_t((c.smp & 15) << 4 | (c.fx & 15)), m[at + 3] = c.param;
 }
 
-// Probes, written "@tick" (ticks since the open) then what, Paula channel,
-// '=' and value ("@1 p0=428 v0=40 @7 p0=431"). What:
+// Probes, written "@tick" or "@first-last" (ticks since the open) then
+// what, Paula channel, '=' and value ("@1 p0=428 v0=40 @7-9 p0=431"). What:
 //   p v l d  AUDxPER, AUDxVOL, AUDxLEN, DMA running
 //   c a      AUDxLC, the start of the block playing, less the case's base
 //   e P      the end of the block playing (bytes), its position in hundreds
@@ -150,14 +150,34 @@ inline void expect_probes(kelva *k, std::vector<probe> probes, uint32_t base = 0
 }
 inline void expect_probes(kelva *k, const char *text, uint32_t base = 0) {
     std::vector<probe> probes;
-    int tick = 0, n = 0;
+    int from = 0, to = 0, n = 0;
     char what;
     for (long long v, ch; *(text += strspn(text, " ")); text += n) {
-        if (sscanf(text, "@%d%n", &tick, &n) == 1) continue;
+        if (sscanf(text, "@%d-%d%n", &from, &to, &n) == 2 || (sscanf(text, "@%d%n", &from, &n) == 1 && (to = from, 1)))
+            continue;
         ASSERT_EQ(sscanf(text, "%c%lld=%lld%n", &what, &ch, &v, &n), 3) << "probe text: " << text;
-        probes.push_back({tick, int(ch), what, v});
+        for (int t = from; t <= to; t++) probes.push_back({t, int(ch), what, v});
     }
     expect_probes(k, probes, base);
+}
+
+// A synthetic module, the player to open it with (under `path`, which lets
+// the data tree's rules give an option string) and the probes it must pass.
+struct tcase {
+    const char *what, *player;
+    bytes image;
+    uint32_t base;   // subtracted from the 'a' and 'c' probes
+    std::string probes;
+    const char *format = nullptr, *path = nullptr, *epopt = nullptr;
+};
+inline void run_case(const tcase &c) {
+    SCOPED_TRACE(c.what);
+    data_tree_env env;
+    engine_ptr k = open_player(c.player, c.image, c.path);
+    ASSERT_TRUE(k);
+    EXPECT_STREQ(c.format ? kelva_get_format_name(k.get()) : nullptr, c.format);
+    EXPECT_STREQ(c.epopt ? k->epopt : nullptr, c.epopt);
+    expect_probes(k.get(), c.probes.c_str(), c.base);
 }
 
 }  // namespace trk

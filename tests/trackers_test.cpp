@@ -201,13 +201,7 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
     okt_sample s = okt_level(50, 1, 40, 64);
     s.loop_len = 32;
     auto o = [&s](uint8_t fx, uint8_t param) { return okt({0, 0, 0, 0}, {s}, {0}, {{0, 0, 0, 13, 0, fx, param}}); };
-    struct tracker_case {
-        const char *what, *player;
-        bytes image;
-        uint32_t base;
-        const char *probes, *format = nullptr;
-    };
-    const tracker_case kCases[] = {
+    const tcase kCases[] = {
         // 5/6: volume up/down (to 0); STP stops; PIC does not even read the
         // sample; BRK makes row 2 the pattern's last, then the song ends.
         {"SoundFX commands", "SoundFX",
@@ -321,13 +315,7 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
         {"jump and delay in a row", "DIGIBooster", d({0, 1}, {{0, 1, 0, 0, 0, 0xB, 1}, {0, 1, 1, 0, 0, 0xE, 0xE1}}), 0,
          "@0 L0=1320"},
     };
-    for (const auto &c : kCases) {
-        SCOPED_TRACE(c.what);
-        engine_ptr k = open_player(c.player, c.image);
-        ASSERT_TRUE(k);
-        EXPECT_STREQ(c.format ? kelva_get_format_name(k.get()) : nullptr, c.format);
-        expect_probes(k.get(), c.probes, c.base);
-    }
+    for (const tcase &c : kCases) run_case(c);
 }
 
 // Oktalyzer's split voices do not loop: a long ramp (a step every 4 bytes,
