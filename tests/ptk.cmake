@@ -1,8 +1,12 @@
-# kelva's ProTracker-family players: the unit tests in tests/ptk_*_test.cpp
-# need the players built into the build tree's data tree; the reference
-# comparison (label "reference") renders the family's shared test modules
-# with kelva and with openmpt123 and compares lengths and loudness envelopes.
-foreach(p PTK-Prowiz UltimateSoundtracker Soundtracker-IV AudioSculpture)
+# kelva's tracker players (the ProTracker family, SoundFX, Game Music Creator,
+# Images Music System, PolyTracker, Oktalyzer, DIGI Booster): the unit tests
+# need them built; the reference comparisons (label "reference") render the
+# shared test modules with kelva and with openmpt123 or xmp (compare.py's
+# REFERENCE table says which), 60 s each, two at a time, and compare lengths
+# and loudness envelopes. They skip (77) without a reference program, the
+# shared data or the players.
+foreach(p PTK-Prowiz UltimateSoundtracker Soundtracker-IV AudioSculpture SoundFX GameMusicCreator ImagesMusicSystem
+          PolyTracker Oktalyzer DIGIBooster)
   if(TARGET kelva_player_${p})
     add_dependencies(kelva_tests kelva_player_${p})
   endif()
@@ -11,15 +15,16 @@ endforeach()
 add_executable(kelva_render_wav ${CMAKE_CURRENT_LIST_DIR}/reference/kelva_render_wav.cpp)
 target_link_libraries(kelva_render_wav PRIVATE kelva_engine)
 
-# The reference comparison of the ProTracker family's folders of the shared
-# test data against openmpt123 (xmp for the Startrekker AM sounds), 60 s
-# each, two at a time. Skips (exit code 77) when a reference program, the
-# shared data or the players are missing.
 find_package(Python3 COMPONENTS Interpreter)
+function(kelva_tracker_reference name)
+  add_test(NAME reference_${name}
+    COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_LIST_DIR}/reference/compare.py $<TARGET_FILE:kelva_render_wav>
+      ${KELVA_BUILD_DATA} ${KELVA_SHARED_DIR} ${CMAKE_CURRENT_BINARY_DIR}/reference_${name} ${ARGN})
+  set_tests_properties(reference_${name} PROPERTIES LABELS reference SKIP_RETURN_CODE 77 TIMEOUT 900)
+endfunction()
 if(Python3_Interpreter_FOUND)
-  add_test(NAME reference_ptk
-    COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_LIST_DIR}/reference/compare.py
-      $<TARGET_FILE:kelva_render_wav> ${KELVA_BUILD_DATA} ${KELVA_SHARED_DIR}
-      ${CMAKE_CURRENT_BINARY_DIR}/reference_ptk --folders=debian,st15,variants,effects,multichannel,startrekker-am)
-  set_tests_properties(reference_ptk PROPERTIES LABELS reference SKIP_RETURN_CODE 77 TIMEOUT 900)
+  kelva_tracker_reference(ptk --folders=debian,st15,variants,effects,multichannel,startrekker-am)
+  kelva_tracker_reference(okt --folders=okt)
+  kelva_tracker_reference(other "other/SFX.Crockett's_theme" other/gmc.ingame other/redoctober-sub-docking.ims
+    other/rew_vibr.ptm other/pattern_loop_ptm.ptm other/yyde2.digi)
 endif()

@@ -1,302 +1,212 @@
-// The ProTracker-family players on synthetic modules: each effect pinned
-// down by the Paula latches and channel state it leaves after N ticks.
-//
-// Timing: at 48 kHz a tick is 960 frames; the first tick of a song reads
-// row 0, so after run_ticks(k, 1 + r * 6 + t) the player has just done tick
-// t of row r at speed 6.
+// The ProTracker-family players on synthetic modules: each effect, variant
+// and mixing rule pinned down by the Paula latches, the mixed blocks or the
+// song's end after N ticks (ptk_support.h's probes). After tick 1 + r x 6 +
+// t a player has just done tick t of row r at speed 6.
 #include <gtest/gtest.h>
 
-#include "ptk_support.h"
-#include "support/modbuild.h"
+#include <cstring>
 
-using namespace ptk_test;
+#include "ptk_support.h"
+
+using namespace trk;
 
 namespace {
 
-constexpr uint32_t kModule = 0x010000;
+struct msample {
+    uint16_t words;
+    uint8_t vol;
+    uint16_t rep = 0, replen = 1;
+    uint8_t fine = 0;
+    int8_t fill = 0;   // every byte of its data
+};
 
-// A four-channel module with `patterns` patterns played in order and two
-// samples: 1 = 2000 words, volume 40, no loop; 2 = 100 words, volume 64,
+// Sample 1: 2000 words, volume 40, no loop; 2: 100 words, volume 64,
 // looping from word 10 for 50 words.
-mod_builder base_module(uint32_t patterns, const char *tag = "M.K.") {
-    mod_builder m = mod_new(tag, patterns);
-    mod_set_sample(m, 0, smp(2000, 40, 0, 1));
-    mod_set_sample(m, 1, smp(100, 64, 10, 50));
-    mod_set_song(m, uint8_t(patterns), 0);
-    for (uint32_t p = 0; p < patterns; p++) mod_set_order(m, int(p), uint8_t(p));
+const std::vector<msample> kTwo = {{2000, 40, 0, 1, 0, 10}, {100, 64, 10, 50}};
+
+// A ProTracker-layout image (tag null: 15 instruments, patterns at 600) of
+// `channels` cells a row, orders 0, 1, ... unless given; the sample data
+// follows the patterns.
+bytes mod(const std::vector<cell> &cells, int patterns = 1, const std::vector<msample> &samples = kTwo,
+          const char *tag = "M.K.", bytes orders = {}, uint8_t restart = 0, int channels = 4) {
+    const size_t head = tag ? 1084 : 600, song = tag ? 950 : 470, row = size_t(channels) * 4;
+    bytes m(head + size_t(patterns) * row * 64, 0);
+    if (tag) memcpy(&m[1080], tag, 4);
+    for (size_t i = 0, h = 42; i < samples.size(); i++, h += 30) {
+        be16(m, h, samples[i].words), be16(m, h + 4, samples[i].rep), be16(m, h + 6, samples[i].replen);
+        m[h + 2] = samples[i].fine, m[h + 3] = samples[i].vol;
+    }
+    if (orders.empty())
+        for (int p = 0; p < patterns; p++) orders.push_back(uint8_t(p));
+    m[song] = uint8_t(orders.size()), m[song + 1] = restart;
+    std::copy(orders.begin(), orders.end(), &m[song + 2]);
+    for (const cell &c : cells) put_cell(m, head + (size_t(c.pat) * 64 + size_t(c.row)) * row + size_t(c.ch) * 4, c);
+    for (const msample &s : samples) m.insert(m.end(), size_t(s.words) * 2, uint8_t(s.fill));
     return m;
 }
 
-// A note cell: period, sample, command, parameter.
-void note(mod_builder &m, uint32_t pattern, int row, int ch, uint16_t period, uint8_t sample, uint8_t cmd = 0,
-          uint8_t param = 0) {
-    uint32_t o = 1084 + pattern * 1024 + uint32_t(row) * 16 + uint32_t(ch) * 4;
-    mod_poke(m, o, uint8_t((sample & 0xF0) | (period >> 8)));
-    mod_poke(m, o + 1, uint8_t(period));
-    mod_poke(m, o + 2, uint8_t((sample << 4) | (cmd & 15)));
-    mod_poke(m, o + 3, param);
-}
+constexpr uint32_t kData = kModule + 1084 + 1024, kData15 = kModule + 600 + 1024;   // one pattern's samples
 
-uint32_t sample_data(uint32_t patterns) { return kModule + 1084 + 1024 * patterns; }
-
-// Opens a player (PTK-Prowiz unless named) on the module; without a module
-// path the player takes the variant from the module's tag.
-engine_ptr open_player(const std::vector<uint8_t> &mod, const char *player = "PTK-Prowiz",
-                       const char *module_path = nullptr) {
-    kelva_global_init();
-    engine_ptr k = make_engine(48000);
-    std::vector<uint8_t> p = read_bytes(player_path(player));
-    std::string pp = player_path(player);
-    EXPECT_EQ(kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(),
-                         module_path, 0),
-              0);
-    return k;
-}
-
-uint16_t per(const engine_ptr &k, int c = 0) { return k->aud[c].per; }
-uint8_t vol(const engine_ptr &k, int c = 0) { return k->aud[c].vol; }
-// Byte offset of the sample being played by channel c.
-uint32_t play_addr(const engine_ptr &k, int c = 0) { return uint32_t(k->ch[c].data - k->ram); }
-
-class PtkEffects : public ::testing::Test {
+class Ptk : public ::testing::Test {
   protected:
-    void SetUp() override { PTK_REQUIRE_PLAYER("PTK-Prowiz"); }
+    void SetUp() override {
+        for (const char *p : {"PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV"}) PTK_REQUIRE_PLAYER(p);
+    }
 };
 
 }  // namespace
 
-TEST_F(PtkEffects, NoteStartsSampleWithItsVolumeAndQueuesTheLoop) {
-    mod_builder m = base_module(1);
-    note(m, 0, 0, 0, 428, 1);
-    note(m, 0, 0, 1, 856, 2);   // slow enough to be still in the first pass after a tick
-    engine_ptr k = open_player(mod_finish(m));
-    run_ticks(k.get(), 1);
-    EXPECT_EQ(per(k, 0), 428);
-    EXPECT_EQ(vol(k, 0), 40);
-    EXPECT_TRUE(k->aud[0].dma_running);
-    EXPECT_EQ(play_addr(k, 0), sample_data(1));
-    EXPECT_EQ(vol(k, 1), 64);
-    EXPECT_EQ(play_addr(k, 1), sample_data(1) + 4000);
-    // Sample 2 plays to the end of its loop (10 + 50 words), then the loop
-    // from word 10 is queued; sample 1 has no loop: silence is queued.
-    EXPECT_EQ(k->ch[1].end, 120u);
-    EXPECT_EQ(k->aud[1].lc, sample_data(1) + 4000 + 20);
-    EXPECT_EQ(k->aud[1].len, 50);
-    EXPECT_EQ(k->aud[0].len, 1);
-    EXPECT_NE(k->aud[0].lc, sample_data(1));
-}
-
-TEST_F(PtkEffects, FinetuneFromSampleAndE5x) {
-    mod_builder m = base_module(1);
-    mod_set_sample(m, 0, smp(2000, 40, 0, 1, 1));   // finetune +1
-    note(m, 0, 0, 0, 428, 1);
-    note(m, 0, 1, 0, 428, 2, 0xE, 0x5F);   // finetune -1 for this note
-    note(m, 0, 2, 0, 428, 0);              // keeps -1
-    note(m, 0, 3, 0, 428, 2);              // the sample's own finetune again (0)
-    engine_ptr k = open_player(mod_finish(m));
-    run_ticks(k.get(), 1);
-    EXPECT_EQ(per(k), 425);
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(per(k), 431);
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(per(k), 431);
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(per(k), 428);
-}
-
-TEST_F(PtkEffects, ArpeggioCyclesThreeNotes) {
-    mod_builder m = base_module(1);
-    note(m, 0, 0, 0, 428, 1, 0x0, 0x37);
-    engine_ptr k = open_player(mod_finish(m));
-    const uint16_t expect[] = {428, 360, 285, 428, 360, 285};
-    for (uint16_t e : expect) {
-        run_ticks(k.get(), 1);
-        EXPECT_EQ(per(k), e);
+TEST_F(Ptk, EffectsVariantsAndMixing) {
+    const char *const P = "PTK-Prowiz";
+    const tcase kCases[] = {
+        // Sample 2 plays to its loop's end, then the loop is queued; sample 1
+        // has none: silence is queued.
+        {"note", P, mod({{0, 0, 0, 428, 1}, {0, 0, 1, 856, 2}}), kData,
+         "@1 p0=428 v0=40 d0=1 a0=0 l0=1 q0=0 v1=64 a1=4000 e1=120 c1=4020 l1=50"},
+        // Finetune +1 from the sample; E5F: -1 for the note and the next
+        // without a sample; a sample number brings back the sample's (0).
+        {"finetune", P,
+         mod({{0, 0, 0, 428, 1}, {0, 1, 0, 428, 2, 0xE, 0x5F}, {0, 2, 0, 428, 0}, {0, 3, 0, 428, 2}}, 1,
+             {{2000, 40, 0, 1, 1}, {100, 64, 10, 50}}),
+         0, "@1 p0=425 @7 p0=431 @13 p0=431 @19 p0=428"},
+        {"arpeggio", P, mod({{0, 0, 0, 428, 1, 0, 0x37}}), 0, "@1 p0=428 @2 p0=360 @3 p0=285 @4 p0=428 @5 p0=360"},
+        // 1xx/2xx from tick 1, stopping at 113 and 856; E13 once on tick 0.
+        {"portamento", P,
+         mod({{0, 0, 0, 428, 1, 1, 5}, {0, 0, 1, 120, 1, 1, 0x10}, {0, 0, 2, 428, 1, 2, 5}, {0, 0, 3, 808, 1, 2, 0x30},
+              {0, 1, 0, 0, 0, 0xE, 0x13}}),
+         0, "@3 p0=418 p1=113 p2=438 p3=856 @6 p0=403 @12 p0=400"},
+        // The target is set on tick 0 without a jump, 428 - 5 x 32 after tick
+        // 5; it stops at 214. 300 goes on at 0x20.
+        {"tone portamento", P,
+         mod({{0, 0, 0, 428, 1}, {0, 1, 0, 214, 0, 3, 0x20}, {0, 2, 0, 0, 0, 3}, {0, 3, 0, 0, 0, 3}}), 0,
+         "@7 p0=428 @12 p0=268 @18 p0=214 @24 p0=214"},
+        // Position +16 a tick from 0; offset = sine x depth / 128.
+        {"vibrato", P, mod({{0, 0, 0, 428, 1, 4, 0x48}}), 0, "@1-2 p0=428 @3 p0=434 @4 p0=439 @5 p0=442"},
+        // Tremolo: sine x depth / 64 on volume 40; A02, A30, C50 (64), EB4.
+        {"volume", P,
+         mod({{0, 0, 0, 428, 1, 0xA, 2}, {0, 1, 0, 0, 0, 0xA, 0x30}, {0, 2, 0, 0, 0, 0xC, 0x50},
+              {0, 3, 0, 0, 0, 0xE, 0xB4}, {0, 0, 1, 428, 1, 7, 0x48}}),
+         0, "@1-2 v1=40 @3 v1=52 @4 v1=62 @5-6 v1=64 @6 v0=30 @12 v0=45 @13 v0=64 @19 v0=60 @24 v0=60"},
+        // D12: row 12 (decimal) of the next position; B00 back to position
+        // 0: the 13th tick finds the row played, the song's end (12 x 960).
+        {"break and jump", P, mod({{0, 0, 0, 428, 1, 0xD, 0x12}, {1, 12, 0, 381, 1, 0xB, 0}, {1, 13, 0, 339, 1}}, 3), 0,
+         "@6 p0=428 @7 p0=381 E0=0 @13 p0=428 E0=11520"},
+        {"pattern loop: rows 0-1 three times, not the song's end", P,
+         mod({{0, 0, 0, 428, 1, 0xE, 0x60}, {0, 1, 0, 381, 1, 0xE, 0x62}, {0, 2, 0, 339, 1}}), 0,
+         "@31 p0=381 @37 p0=339 E0=0"},
+        // EE2: row 0 lasts three rows; A01 slides on ticks 1-5 of each pass
+        // and the repeated tick 0s: 40 - 17.
+        {"pattern delay", P, mod({{0, 0, 0, 428, 1, 0xE, 0xE2}, {0, 0, 1, 428, 1, 0xA, 1}, {0, 1, 0, 381, 1}}), 0,
+         "@18 p0=428 v1=23 @19 p0=381"},
+        {"note delay ED3 and cut EC2", P, mod({{0, 0, 0, 428, 1, 0xE, 0xD3}, {0, 0, 1, 428, 1, 0xE, 0xC2}}), kData,
+         "@2 d0=0 v1=40 @3 d0=0 v1=0 @4 d0=1 p0=428 a0=0"},
+        // About 166 samples a tick at period 428: channel 1 has played ~830
+        // after 5 ticks, channel 0 (E92: again on tick 4) ~166.
+        {"retrigger", P, mod({{0, 0, 0, 428, 1, 0xE, 0x92}, {0, 0, 1, 428, 1}}), 0, "@5 P1=8 P0=1"},
+        // 902: 512 bytes in; a note without a command after it: 1024 (the
+        // replay routine adds it to the voice twice); 900: the last offset.
+        {"sample offset", P, mod({{0, 0, 0, 428, 1, 9, 2}, {0, 1, 0, 428, 0}, {0, 2, 0, 428, 1, 9, 0}}), kData,
+         "@1 a0=512 @7 a0=1024 @13 a0=512"},
+        // F96: 150 BPM, CIA value 1773447 / 150 = 11822; (11822 + 1) x 48000 /
+        // 709379 = 800 frames a tick.
+        {"speed and tempo", P, mod({{0, 0, 0, 428, 1, 0xF, 3}, {0, 1, 0, 381, 1, 0xF, 0x96}, {0, 2, 0, 339, 1}}), 0,
+         "@3 p0=428 @4 p0=381 t0=11822 f0=800"},
+        // 64 rows at speed 6, 64 at speed 3: 576 ticks of 20 ms.
+        {"song end at the order list's end", P, mod({{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1, 0xF, 3}}, 2), 0,
+         "@0 L0=11520"},
+        // Ultimate Soundtracker: only the loop plays (from byte 200); 2xy: y
+        // lowers, x raises the period; 1xy is the arpeggio; Fxx does nothing.
+        {"UST", "UltimateSoundtracker",
+         mod({{0, 0, 0, 428, 1, 2, 3}, {0, 0, 1, 428, 1, 2, 0x40}, {0, 0, 2, 428, 1, 1, 0x37},
+              {0, 0, 3, 428, 1, 0xF, 3}, {0, 1, 3, 381, 1}},
+             1, {{1000, 64, 200, 300}}, nullptr, {0}, 120),
+         kData15, "@1 a0=200 e0=600 @3 p0=422 p1=436 p2=285 @6 p3=428 @7 p3=381"},
+        // Soundtracker IV: repeat start in bytes (the first pass ends at byte
+        // 200 + 600); F40 is speed 64, not a tempo.
+        {"ST-IV", "Soundtracker-IV",
+         mod({{0, 0, 0, 428, 1, 0xF, 0x40}, {0, 1, 0, 381, 1}}, 1, {{1000, 64, 200, 300}}, nullptr), kData15,
+         "@1 a0=0 e0=800 c0=200 f0=960 @64 p0=428 @65 p0=381"},
+        // N.T.: the song goes on at the restart position and ends when that
+        // reaches a position already played (tick 768); no option string.
+        {"N.T. restart", P, mod({{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1}}, 2, {{1000, 64}}, "N.T.", {0, 1}, 1), 0,
+         "@769 p0=381 E0=737280", nullptr, nullptr, ""},
+        // A loop past the sample's end in words: the tree's rules say
+        // "type:st24" and the player counts the repeat start in bytes.
+        {"option string", P, mod({{0, 0, 0, 428, 1}}, 1, {{100, 64, 150, 10}}), kData, "@1 c0=150 l0=10", nullptr,
+         "dir/song.mod", "type:st24"},
+        // Channels 0 and 4 add on Paula 0. Sample 2 (one-shot, 4000 bytes at
+        // period 856: 0.965 s) plays on; instrument 3 given without a note
+        // follows it at its end, as Paula's queued block does.
+        {"voices add, a queued instrument", P,
+         mod({{0, 0, 0, 428, 1}, {0, 0, 4, 428, 1}, {0, 0, 1, 856, 2}, {0, 1, 1, 0, 3}}, 1,
+             {{500, 64, 0, 500, 0, 100}, {2000, 64, 0, 1, 0, -60}, {50, 64, 0, 50, 0, 40}}, "8CHN", {}, 0, 8),
+         0, "@2 q0=100 q1=-30 @22 q1=-30 @52 q0=100 q1=20"},
+        // FLT8: position p plays stored pattern p & ~1 for channels 0-3 and
+        // the next for 4-7; orders 0, 2, 1 are pairs 0, 1, 0.
+        {"FLT8", P,
+         mod({{1, 0, 1, 428, 1}, {3, 0, 1, 428, 2}}, 4, {{200, 64, 0, 200, 0, 100}, {200, 64, 0, 200, 0, 40}}, "FLT8",
+             {0, 2, 1}),
+         0, "@3 q1=50 q0=0 @387 q1=20 @771 q1=50"},
+    };
+    for (const tcase &c : kCases) run_case(c);
+    // A sample of bytes 100 at volume V on channel c of N: Paula channel c
+    // mod 4 plays 100 x V / 64 / S at the mixing period 180 (19,705 Hz), S = ceil(N / 4)
+    // rounded up to a power of two; the others 0.
+    const struct {
+        const char *tag;
+        int channels, channel, volume, level;
+    } kMix[] = {{"5CHN", 5, 2, 32, 25}, {"6CHN", 6, 4, 64, 50},  {"8CHN", 8, 7, 64, 50},  {"CD81", 8, 5, 48, 37},
+                {"OKTA", 8, 1, 64, 50}, {"12CH", 12, 9, 64, 25}, {"32CH", 32, 31, 64, 12}, {"TDZ9", 9, 8, 64, 25}};
+    for (const auto &c : kMix) {
+        std::string p = "@3";
+        for (int x = 0; x < 4; x++)
+            p += " p" + std::to_string(x) + "=180 v" + std::to_string(x) + "=64 q" + std::to_string(x) + "=" +
+                 std::to_string(x == c.channel % 4 ? c.level : 0);
+        run_case({c.tag, P,
+                  mod({{0, 0, c.channel, 428, 1}}, 1, {{500, uint8_t(c.volume), 0, 500, 0, 100}}, c.tag, {}, 0,
+                      c.channels),
+                  0, p});
     }
 }
 
-TEST_F(PtkEffects, PortamentoUpDownAndTheirLimits) {
-    mod_builder m = base_module(1);
-    note(m, 0, 0, 0, 428, 1, 0x1, 0x05);
-    note(m, 0, 0, 1, 120, 1, 0x1, 0x10);
-    note(m, 0, 0, 2, 428, 1, 0x2, 0x05);
-    note(m, 0, 0, 3, 808, 1, 0x2, 0x30);
-    note(m, 0, 1, 0, 0, 0, 0xE, 0x13);    // fine slide: once, on tick 0
-    engine_ptr k = open_player(mod_finish(m));
-    run_ticks(k.get(), 3);                 // tick 0 sets, ticks 1, 2 slide
-    EXPECT_EQ(per(k, 0), 418);
-    EXPECT_EQ(per(k, 1), 113);
-    EXPECT_EQ(per(k, 2), 438);
-    EXPECT_EQ(per(k, 3), 856);
-    run_ticks(k.get(), 3);                 // rest of row 0
-    EXPECT_EQ(per(k, 0), 403);
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(per(k, 0), 400);
+TEST_F(Ptk, DamagedModulesAreRefused) {
+    bytes none = mod({});
+    none[950] = 0;   // no positions
+    EXPECT_FALSE(open_player("PTK-Prowiz", none));
+    EXPECT_FALSE(open_player("PTK-Prowiz", mod({}, 1, {}, "M.K.", {60})));   // a pattern beyond the file
+    EXPECT_FALSE(open_player("UltimateSoundtracker", bytes(500, 0)));
+    bytes big = mod({{0, 0, 0, 428, 1}}, 1, {{60000, 64}});
+    big.resize(2108 + 1000);   // a sample longer than the file plays what is there
+    engine_ptr k = open_player("PTK-Prowiz", big);
+    ASSERT_TRUE(k);
+    expect_probes(k.get(), "@1 e0=1000");
 }
 
-TEST_F(PtkEffects, TonePortamentoSlidesToTheNoteAndStops) {
-    mod_builder m = base_module(1);
-    note(m, 0, 0, 0, 428, 1);
-    note(m, 0, 1, 0, 214, 0, 0x3, 0x20);
-    note(m, 0, 2, 0, 0, 0, 0x3, 0x00);     // continues at the same speed
-    note(m, 0, 3, 0, 0, 0, 0x3, 0x00);
-    engine_ptr k = open_player(mod_finish(m));
-    run_ticks(k.get(), 7);                 // row 1 tick 0: the target is set, no jump
-    EXPECT_EQ(per(k), 428);
-    run_ticks(k.get(), 5);
-    EXPECT_EQ(per(k), 428 - 5 * 32);
-    run_ticks(k.get(), 6);                 // would pass 214 on the way: stops there
-    EXPECT_EQ(per(k), 214);
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(per(k), 214);
-}
-
-TEST_F(PtkEffects, VibratoSineAndItsPosition) {
-    mod_builder m = base_module(1);
-    note(m, 0, 0, 0, 428, 1, 0x4, 0x48);   // speed 4, depth 8
-    engine_ptr k = open_player(mod_finish(m));
-    // Position advances by 16 per tick from 0; offset = sine * depth / 128.
-    const uint16_t expect[] = {428, 428, 428 + 6, 428 + 11, 428 + 14};
-    for (uint16_t e : expect) {
-        run_ticks(k.get(), 1);
-        EXPECT_EQ(per(k), e);
+// His Master's Noise: a "Mupp" instrument first plays (first step << 8 |
+// last step) words of its pattern, then each tick the step's 32-byte
+// waveform (queued) at the step's volume x the instrument's / 64, looping
+// from the first step to the last. Plain samples take the finetune byte as
+// a period factor 1 + fine / 256; 7xy steps through a chord table.
+TEST_F(Ptk, HisMastersNoiseSynthSoundsFinetuneAndChords) {
+    bytes m = mod({{0, 0, 0, 428, 1}, {0, 1, 1, 428, 2}, {0, 0, 2, 428, 3, 7, 1}}, 2,
+                  {{0, 48}, {100, 64, 0, 1, 0xFE, 10}, {100, 64, 0, 1, 0, 10}}, "M&K!", {0});
+    memcpy(&m[20], "Mupp\1\1\3", 8);
+    m[953] = 1;   // pattern 1, not in the song, holds the synth sound
+    const uint32_t base = 1084 + 1024;
+    for (uint32_t w = 0; w < 28; w++) memset(&m[base + 32 * w], int(w), 32);
+    const uint8_t waves[4] = {3, 9, 6, 12}, vols[4] = {64, 32, 0x80 | 16, 100};
+    for (int i = 0; i < 4; i++) m[base + 0x380 + i] = waves[i], m[base + 0x3C0 + i] = vols[i];
+    engine_ptr k = open_player("PTK-Prowiz", m);
+    ASSERT_TRUE(k);
+    EXPECT_STREQ(k->epopt, "");
+    // 428 x (1 - 2 / 256) for sample 2; chord table 1: 0, 4, 7, 12, 16, 12.
+    std::vector<probe> p = {{1, 0, 'a', 0}, {1, 0, 'e', 2 * (1 << 8 | 3)}, {7, 1, 'p', 428 - 4}};
+    const int order[7] = {0, 1, 2, 3, 1, 2, 3};   // the steps tick by tick
+    const uint16_t chord[6] = {428, 339, 285, 214, 170, 214};
+    for (int t = 0; t < 7; t++) {
+        int s = order[t], v = 48 * (vols[s] & 0x7F) >> 6;
+        p.insert(p.end(), {{t + 1, 0, 'v', v > 64 ? 64 : v}, {t + 1, 0, 'c', 32 * waves[s]}, {t + 1, 0, 'l', 16}});
+        if (t < 6) p.push_back({t + 1, 2, 'p', chord[t]});
     }
-}
-
-TEST_F(PtkEffects, VolumeCommandsAndTremolo) {
-    mod_builder m = base_module(1);
-    note(m, 0, 0, 0, 428, 1, 0xA, 0x02);   // 40 down by 2 per tick
-    note(m, 0, 1, 0, 0, 0, 0xA, 0x30);     // up by 3
-    note(m, 0, 2, 0, 0, 0, 0xC, 0x50);     // 80 -> 64
-    note(m, 0, 3, 0, 0, 0, 0xE, 0xB4);     // fine down once: 60
-    note(m, 0, 0, 1, 428, 1, 0x7, 0x48);   // tremolo speed 4, depth 8 on volume 40
-    engine_ptr k = open_player(mod_finish(m));
-    // Tremolo: offset = sine(position) * depth / 64, position +16 per tick.
-    const uint8_t trem[] = {40, 40, 40 + 12, 40 + 22, 64, 64};
-    for (uint8_t t : trem) {
-        run_ticks(k.get(), 1);
-        EXPECT_EQ(vol(k, 1), t);
-    }
-    EXPECT_EQ(vol(k, 0), 30);
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(vol(k, 0), 45);
-    run_ticks(k.get(), 1);
-    EXPECT_EQ(vol(k, 0), 64);
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(vol(k, 0), 60);
-    run_ticks(k.get(), 5);
-    EXPECT_EQ(vol(k, 0), 60);
-}
-
-TEST_F(PtkEffects, PatternBreakAndPositionJump) {
-    mod_builder m = base_module(3);
-    note(m, 0, 0, 0, 428, 1, 0xD, 0x12);   // to the next position, row 12 (decimal)
-    note(m, 1, 12, 0, 381, 1, 0xB, 0x00);  // back to position 0: the song's end
-    note(m, 1, 13, 0, 339, 1);
-    engine_ptr k = open_player(mod_finish(m));
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(per(k), 428);
-    run_ticks(k.get(), 1);
-    EXPECT_EQ(per(k), 381);
-    EXPECT_EQ(k->song_end_frame, 0u);
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(per(k), 428);   // position 0 row 0 again
-    EXPECT_EQ(k->song_end_frame, uint64_t(12 * kTick));   // the 13th tick found the row played
-}
-
-TEST_F(PtkEffects, PatternLoopRepeatsRows) {
-    mod_builder m = base_module(1);
-    note(m, 0, 0, 0, 428, 1, 0xE, 0x60);
-    note(m, 0, 1, 0, 381, 1, 0xE, 0x62);   // rows 0-1 three times
-    note(m, 0, 2, 0, 339, 1);
-    engine_ptr k = open_player(mod_finish(m));
-    run_ticks(k.get(), 5 * 6 + 1);
-    EXPECT_EQ(per(k), 381);
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(per(k), 339);
-    EXPECT_EQ(k->song_end_frame, 0u);   // the repeated rows are not the song's end
-}
-
-TEST_F(PtkEffects, PatternDelayHoldsTheRow) {
-    mod_builder m = base_module(1);
-    note(m, 0, 0, 0, 428, 1, 0xE, 0xE2);   // row 0 lasts 3 rows' time
-    note(m, 0, 0, 1, 428, 1, 0xA, 0x01);   // its slide goes on meanwhile
-    note(m, 0, 1, 0, 381, 1);
-    engine_ptr k = open_player(mod_finish(m));
-    run_ticks(k.get(), 18);
-    EXPECT_EQ(per(k), 428);
-    // Ticks 1-5 of each of the three passes slide; the repeated tick 0s
-    // run the running effects too.
-    EXPECT_EQ(vol(k, 1), 40 - 17);
-    run_ticks(k.get(), 1);
-    EXPECT_EQ(per(k), 381);
-}
-
-TEST_F(PtkEffects, NoteDelayAndNoteCut) {
-    mod_builder m = base_module(1);
-    note(m, 0, 0, 0, 428, 1, 0xE, 0xD3);
-    note(m, 0, 0, 1, 428, 1, 0xE, 0xC2);
-    engine_ptr k = open_player(mod_finish(m));
-    run_ticks(k.get(), 2);
-    EXPECT_FALSE(k->aud[0].dma_running);
-    EXPECT_EQ(vol(k, 1), 40);
-    run_ticks(k.get(), 1);
-    EXPECT_FALSE(k->aud[0].dma_running);
-    EXPECT_EQ(vol(k, 1), 0);   // cut on tick 2
-    run_ticks(k.get(), 1);
-    EXPECT_TRUE(k->aud[0].dma_running);
-    EXPECT_EQ(per(k, 0), 428);
-    EXPECT_EQ(play_addr(k, 0), sample_data(1));
-}
-
-TEST_F(PtkEffects, RetriggerRestartsTheSample) {
-    mod_builder m = base_module(1);
-    note(m, 0, 0, 0, 428, 1, 0xE, 0x92);
-    note(m, 0, 0, 1, 428, 1);
-    engine_ptr k = open_player(mod_finish(m));
-    // About 166 samples per tick at period 428. After 5 ticks channel 1 has
-    // played ~830; channel 0 restarted on tick 4 and has played ~166.
-    run_ticks(k.get(), 5);
-    EXPECT_GT(k->ch[1].pos, 700u);
-    EXPECT_LT(k->ch[0].pos, 200u);
-    EXPECT_GT(k->ch[0].pos, 100u);
-}
-
-TEST_F(PtkEffects, SampleOffsetIsAppliedTwiceToTheVoice) {
-    mod_builder m = base_module(1);
-    note(m, 0, 0, 0, 428, 1, 0x9, 0x02);   // starts 512 bytes in
-    note(m, 0, 1, 0, 428, 0);              // the replay routine's quirk: 1024 bytes in
-    note(m, 0, 2, 0, 428, 1, 0x9, 0x00);   // 9 with 0: the last offset again
-    engine_ptr k = open_player(mod_finish(m));
-    run_ticks(k.get(), 1);
-    EXPECT_EQ(play_addr(k), sample_data(1) + 512);
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(play_addr(k), sample_data(1) + 1024);
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(play_addr(k), sample_data(1) + 512);
-}
-
-TEST_F(PtkEffects, SpeedAndCiaTempo) {
-    mod_builder m = base_module(1);
-    note(m, 0, 0, 0, 428, 1, 0xF, 0x03);
-    note(m, 0, 1, 0, 381, 1, 0xF, 0x96);   // 150 BPM
-    note(m, 0, 2, 0, 339, 1);
-    engine_ptr k = open_player(mod_finish(m));
-    run_ticks(k.get(), 3);
-    EXPECT_EQ(per(k), 428);
-    run_ticks(k.get(), 1);
-    EXPECT_EQ(per(k), 381);
-    EXPECT_EQ(uint16_t(k->ram[0xF90000 + 54] << 8 | k->ram[0xF90000 + 55]), 1773447 / 150);
-    EXPECT_EQ(k->frames_per_tick, 800);    // (11823 + 1) x 48000 / 709379, rounded
-}
-
-TEST_F(PtkEffects, SongEndAtTheEndOfTheOrderList) {
-    mod_builder m = base_module(2);
-    note(m, 0, 0, 0, 428, 1);
-    note(m, 1, 0, 0, 381, 1, 0xF, 0x03);
-    engine_ptr k = open_player(mod_finish(m));
-    int32_t reason = 0;
-    // 64 rows at speed 6, then 64 rows at speed 3: 192 + 384 ticks of 20 ms.
-    EXPECT_EQ(kelva_measure_length(k.get(), 0, 0, &reason, nullptr, nullptr), 576u * 20);
-    EXPECT_EQ(reason, 1);
+    expect_probes(k.get(), p, kModule + base);
 }

@@ -1,11 +1,13 @@
-// Helpers for the tests of kelva's ProTracker-family players: open a built
-// player on a module image and step it tick by tick.
+// Helpers for the tests of kelva's tracker players: open a built player on a
+// module image, step it tick by tick and check what it left in Paula.
 #pragma once
 
-#include <cstdint>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <climits>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -15,7 +17,6 @@
 namespace ptk_test {
 
 inline std::string player_path(const char *name) { return std::string(KELVA_BUILD_DATA) + "/players/" + name; }
-
 inline std::vector<uint8_t> read_bytes(const std::string &path) { return read_file_bytes(path); }
 
 // Points KELVA_DATA at the build tree's data tree for the test's lifetime.
@@ -23,20 +24,14 @@ struct data_tree_env {
     std::string old;
     bool had = false;
     data_tree_env() {
-        if (const char *v = getenv("KELVA_DATA")) {
-            old = v;
-            had = true;
-        }
+        if (const char *v = getenv("KELVA_DATA")) old = v, had = true;
         setenv("KELVA_DATA", KELVA_BUILD_DATA, 1);
     }
-    ~data_tree_env() {
-        if (had) setenv("KELVA_DATA", old.c_str(), 1);
-        else unsetenv("KELVA_DATA");
-    }
+    ~data_tree_env() { had ? setenv("KELVA_DATA", old.c_str(), 1) : unsetenv("KELVA_DATA"); }
 };
 
-// Frames of one 50 Hz tick at 48 kHz.
-constexpr int32_t kTick = 960;
+constexpr int32_t kTick = 960;          // frames of one 50 Hz tick at 48 kHz
+constexpr uint32_t kModule = 0x010000;  // where the engine loads the module
 
 // Renders `n` ticks: afterwards the player's tick routine has run n times
 // more (the first call of a fresh engine runs it at once).
@@ -45,39 +40,23 @@ inline void run_ticks(kelva *k, int n) {
     for (int i = 0; i < n; i++) kelva_render(k, buf.data(), kTick);
 }
 
-constexpr uint32_t kModule = 0x010000;
+inline void be16(std::vector<uint8_t> &v, size_t at, uint16_t x) { v[at] = uint8_t(x >> 8), v[at + 1] = uint8_t(x); }
+inline void be32(std::vector<uint8_t> &v, size_t at, uint32_t x) { be16(v, at, uint16_t(x >> 16)), be16(v, at + 2, x); }
+inline void le16(std::vector<uint8_t> &v, size_t at, uint16_t x) { v[at] = uint8_t(x), v[at + 1] = uint8_t(x >> 8); }
+inline void le32(std::vector<uint8_t> &v, size_t at, uint32_t x) { le16(v, at, uint16_t(x)), le16(v, at + 2, x >> 16); }
 
-inline void be16(std::vector<uint8_t> &v, size_t at, uint16_t x) {
-    v[at] = uint8_t(x >> 8);
-    v[at + 1] = uint8_t(x);
-}
-inline void be32(std::vector<uint8_t> &v, size_t at, uint32_t x) {
-    be16(v, at, uint16_t(x >> 16));
-    be16(v, at + 2, uint16_t(x));
-}
-inline void le16(std::vector<uint8_t> &v, size_t at, uint16_t x) {
-    v[at] = uint8_t(x);
-    v[at + 1] = uint8_t(x >> 8);
-}
-inline void le32(std::vector<uint8_t> &v, size_t at, uint32_t x) {
-    le16(v, at, uint16_t(x));
-    le16(v, at + 2, uint16_t(x >> 16));
-}
-
-// Opens a built player on a module image (no paths); null when kelva_open fails.
-inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod) {
+// Opens a built player on a module image; null when kelva_open fails.
+inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod, const char *path = nullptr) {
     kelva_global_init();
     engine_ptr k = make_engine(48000);
     std::string pp = player_path(player);
     std::vector<uint8_t> p = read_bytes(pp);
-    if (kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), nullptr,
-                   0) != 0)
-        return nullptr;
-    return k;
+    bool ok = !kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), path, 0);
+    return ok ? std::move(k) : nullptr;
 }
 
-// The block the software mixer most recently handed Paula channel x (the
-// one queued behind the playing block, or restarted at the tick).
+// The block AUDxLC/AUDxLEN name: for a software-mixed channel the one the
+// mixer handed Paula channel x last.
 inline std::vector<int8_t> mixed(const engine_ptr &k, int x) {
     const int8_t *b = reinterpret_cast<const int8_t *>(k->ram + (k->aud[x].lc & 0xFFFFFF));
     return std::vector<int8_t>(b, b + 2 * k->aud[x].len);
@@ -86,8 +65,119 @@ inline std::vector<int8_t> mixed(const engine_ptr &k, int x) {
 }  // namespace ptk_test
 
 // Skips the current test when the player was not built.
-#define PTK_REQUIRE_PLAYER(name)                                                                  \
-    do {                                                                                          \
-        if (ptk_test::read_bytes(ptk_test::player_path(name)).empty())                            \
-            GTEST_SKIP() << "player " << name << " not built (no m68k cross compiler?)";        \
+#define PTK_REQUIRE_PLAYER(name)                                                       \
+    do {                                                                               \
+        if (ptk_test::read_bytes(ptk_test::player_path(name)).empty())                 \
+            GTEST_SKIP() << "player " << name << " not built (no m68k cross compiler?)"; \
     } while (0)
+
+// Table-driven checks: a pattern cell of any of the formats and a probe of
+// what a player left after a number of ticks.
+namespace trk {
+
+using namespace ptk_test;
+using bytes = std::vector<uint8_t>;
+
+// note: a period, a note number or a format's code; vol: the volume column
+// of formats that have one (-1: none).
+struct cell {
+    int pat, row, ch;
+    uint16_t note;
+    uint8_t smp, fx = 0, param = 0;
+    int vol = -1;
+};
+
+// A ProTracker-style cell: sample bits 4-7 over a 12-bit period, bits 0-3
+// over the command, then the parameter.
+inline void put_cell(std::vector<uint8_t> &m, size_t at, const cell &c) {
+    m[at] = uint8_t((c.smp & 0xF0) | c.note >> 8), m[at + 1] = uint8_t(c.note);
+    m[at + 2] = uint8_t((c.smp & 15) << 4 | (c.fx & 15)), m[at + 3] = c.param;
+}
+
+// Probes, written "@tick" or "@first-last" (ticks since the open) then
+// what, Paula channel, '=' and value ("@1 p0=428 v0=40 @7-9 p0=431"). What:
+//   p v l d  AUDxPER, AUDxVOL, AUDxLEN, DMA running
+//   c a      AUDxLC, the start of the block playing, less the case's base
+//   e P      the end of the block playing (bytes), its position in hundreds
+//   q Q      every byte of the block AUDxLC/LEN name (INT_MIN when they
+//            differ), its first byte
+//   t f      the CIA-A timer value the player set, frames per tick
+//   E x      the frame of the song's end, kelva_song_ended
+//   L        the measured length in ms (-reason when not by the song's end)
+struct probe {
+    int tick, ch;
+    char what;
+    int64_t value;
+};
+
+inline int64_t observe(kelva *k, int ch, char what, uint32_t base) {
+    const audio_latch &a = k->aud[ch];
+    const paula_channel &c = k->ch[ch];
+    const int8_t *q = reinterpret_cast<const int8_t *>(k->ram + (a.lc & 0xFFFFFF));
+    int32_t reason = 0;
+    switch (what) {
+        case 'p': return a.per;
+        case 'v': return a.vol;
+        case 'l': return a.len;
+        case 'd': return a.dma_running;
+        case 'c': return int64_t(a.lc) - base;
+        case 'a': return int64_t(c.data - k->ram) - base;
+        case 'e': return c.end;
+        case 'P': return c.pos / 100;
+        case 'Q': return q[0];
+        case 't': return k->ram[kGlobals + 54] << 8 | k->ram[kGlobals + 55];
+        case 'f': return k->frames_per_tick;
+        case 'E': return int64_t(k->song_end_frame);
+        case 'x': return kelva_song_ended(k);
+        case 'L': {
+            uint64_t ms = kelva_measure_length(k, 0, 0, &reason, nullptr, nullptr);
+            return reason == 1 ? int64_t(ms) : -reason;
+        }
+        case 'q': return std::all_of(q, q + 2 * a.len, [q](int8_t b) { return b == q[0]; }) ? q[0] : INT_MIN;
+    }
+    ADD_FAILURE() << "no probe '" << what << "'";
+    return INT64_MIN;
+}
+
+// Runs the engine to each probe's tick in turn and checks the probe.
+inline void expect_probes(kelva *k, std::vector<probe> probes, uint32_t base = 0) {
+    std::stable_sort(probes.begin(), probes.end(), [](const probe &x, const probe &y) { return x.tick < y.tick; });
+    int done = 0;
+    for (const probe &p : probes) {
+        if (p.tick > done) run_ticks(k, p.tick - done), done = p.tick;
+        EXPECT_EQ(observe(k, p.ch, p.what, base), p.value) << p.what << p.ch << " at tick " << p.tick;
+    }
+}
+inline void expect_probes(kelva *k, const char *text, uint32_t base = 0) {
+    std::vector<probe> probes;
+    int from = 0, to = 0, n = 0;
+    char what;
+    for (long long v, ch; *(text += strspn(text, " ")); text += n) {
+        if (sscanf(text, "@%d-%d%n", &from, &to, &n) == 2 || (sscanf(text, "@%d%n", &from, &n) == 1 && (to = from, 1)))
+            continue;
+        ASSERT_EQ(sscanf(text, "%c%lld=%lld%n", &what, &ch, &v, &n), 3) << "probe text: " << text;
+        for (int t = from; t <= to; t++) probes.push_back({t, int(ch), what, v});
+    }
+    expect_probes(k, probes, base);
+}
+
+// A synthetic module, the player to open it with (under `path`, which lets
+// the data tree's rules give an option string) and the probes it must pass.
+struct tcase {
+    const char *what, *player;
+    bytes image;
+    uint32_t base;   // subtracted from the 'a' and 'c' probes
+    std::string probes;
+    const char *format = nullptr, *path = nullptr, *epopt = nullptr;
+};
+inline void run_case(const tcase &c) {
+    SCOPED_TRACE(c.what);
+    data_tree_env env;
+    engine_ptr k = open_player(c.player, c.image, c.path);
+    ASSERT_TRUE(k);
+    EXPECT_STREQ(c.format ? kelva_get_format_name(k.get()) : nullptr, c.format);
+    EXPECT_STREQ(c.epopt ? k->epopt : nullptr, c.epopt);
+    expect_probes(k.get(), c.probes.c_str(), c.base);
+}
+
+}  // namespace trk

@@ -1,55 +1,180 @@
-// kelva's players of the SoundFX, Game Music Creator, Images Music System
-// and PolyTracker formats: synthetic modules pin each format's effects by
-// the Paula latches (the four-channel players) or by the mixed buffer the
-// software mixer hands Paula (PolyTracker); the shared real modules are
-// identified and played.
-//
-// Timing: a fresh engine runs the tick routine at once, so after
-// run_ticks(k, 1 + r * speed + t) a player has just done tick t of row r.
+// kelva's SoundFX, Game Music Creator, Images Music System, PolyTracker,
+// Oktalyzer and DIGI Booster players on synthetic modules: notes and effects
+// by the Paula latches or by the blocks the software mixer hands Paula
+// (ptk_support.h's probes), tempos, song ends and damaged files. After tick
+// 1 + r x speed + t a player has just done tick t of row r.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
-#include <cstring>
 
 #include "ptk_support.h"
 
-using namespace ptk_test;
+using namespace trk;
 
 namespace {
 
-uint32_t play_addr(const engine_ptr &k, int c) { return uint32_t(k->ch[c].data - k->ram); }
+bytes put(bytes m, size_t at, std::initializer_list<uint8_t> v) { return std::copy(v.begin(), v.end(), &m[at]), m; }
+bytes cut(bytes m, size_t size) { return m.resize(size), m; }
+bytes set32(bytes m, size_t at, uint32_t v) { return be32(m, at, v), m; }
+std::vector<int8_t> ramp(int n, int shift = 0) {
+    std::vector<int8_t> r;
+    for (int i = 0; i < n; i++) r.push_back(int8_t(i >> shift));
+    return r;
+}
 
-// ---- SoundFX -------------------------------------------------------------
+// SoundFX 1.3 ("SONG", 15 samples) or 2.0 ("SO31", 31), one pattern:
+// sample 1 = 4000 bytes, volume 40, no loop; 2 = 200 bytes, volume 64,
+// looping from byte 100 for 50 words; 17 (2.0) = 2000 bytes, volume 30.
+bytes sfx(const std::vector<cell> &cells, uint16_t delay = 14187, bool v20 = false) {
+    const size_t n = v20 ? 31 : 15, infos = 4 * n + 20, pattern = infos + 30 * n + 130 + (v20 ? 4 : 0);
+    bytes m(pattern + 1024 + 6200, 0);
+    be32(m, 0, 4000), be32(m, 4, 200), be32(m, 64, v20 ? 2000 : 0), be16(m, 4 * n + 4, delay);
+    memcpy(&m[4 * n], v20 ? "SO31" : "SONG", 4);
+    const uint16_t info[12] = {2000, 40, 0, 1, 100, 64, 100, 50, 1000, 30, 0, 1};
+    for (int i = 0; i < 12; i++) be16(m, infos + 30 * (i < 8 ? i / 4 : 16) + 22 + 2 * (i % 4), info[i]);
+    m[infos + 30 * n] = 1;   // song length
+    for (const cell &c : cells) put_cell(m, pattern + size_t(c.row * 16 + c.ch * 4), c);
+    return m;
+}
+constexpr uint32_t kSfxData = kModule + 80 + 450 + 130 + 1024, kSfx20Data = kModule + 144 + 930 + 134 + 1024;
 
-// A SoundFX module of one pattern, 1.3 (15 samples) or 2.0 (31): sample 1
-// = 4000 bytes, volume 40, no loop; sample 2 = 200 bytes, volume 64,
-// looping from byte 100 for 50 words; 2.0 adds sample 17 = 2000 bytes.
-struct sfx_song {
-    std::vector<uint8_t> bytes;
-    size_t pattern;
-    uint32_t data;
-    explicit sfx_song(uint16_t delay = 14187, bool v20 = false) {
-        const size_t n = v20 ? 31 : 15, infos = 4 * n + 20;
-        pattern = infos + 30 * n + 130 + (v20 ? 4 : 0);
-        data = kModule + uint32_t(pattern) + 1024;
-        bytes.assign(pattern + 1024 + 6200, 0);
-        be32(bytes, 0, 4000);
-        be32(bytes, 4, 200);
-        if (v20) be32(bytes, 64, 2000);
-        memcpy(&bytes[4 * n], v20 ? "SO31" : "SONG", 4);
-        be16(bytes, 4 * n + 4, delay);
-        const uint16_t info[3][4] = {{2000, 40, 0, 1}, {100, 64, 100, 50}, {1000, 30, 0, 1}};
-        for (int i = 0; i < 3; i++)
-            for (int f = 0; f < 4; f++) be16(bytes, infos + 30 * (i == 2 ? 16 : i) + 22 + 2 * f, info[i][f]);
-        bytes[infos + 30 * n] = 1;   // song length
+// Game Music Creator: positions 0, 1 = patterns 0, 1; sample 1 = 2000
+// bytes, volume 40, its loop 1000 bytes in for 200 words; 2 = 100 bytes,
+// volume 64, a loop of two words (none).
+bytes gmc(const std::vector<cell> &cells) {
+    bytes m(444 + 2048 + 2100, 0);
+    be32(m, 0, 0x30000), be16(m, 4, 1000), be16(m, 6, 40), be32(m, 8, 0x30000 + 1000), be16(m, 12, 200);
+    be32(m, 16, 0x40000), be16(m, 20, 50), be16(m, 22, 64), be16(m, 28, 2), be32(m, 240, 2), be16(m, 246, 1024);
+    for (const cell &c : cells) put_cell(m, 444 + size_t(c.pat * 1024 + c.row * 16 + c.ch * 4), c);
+    return m;
+}
+
+// Images Music System: two stored patterns of 3-byte cells, the song plays
+// 1 then 0; sample 1 = 400 bytes, volume 48, looping from word 100 for 50.
+constexpr uint32_t kImsSamples = 1084 + 2 * 768;
+bytes ims(const std::vector<cell> &cells) {
+    bytes m(kImsSamples + 400, 0);
+    memcpy(&m[0], "ims test", 8);
+    be16(m, 42, 200), m[45] = 48, be16(m, 46, 100), be16(m, 48, 50), be32(m, 1080, kImsSamples), m[950] = 2, m[952] = 1;
+    for (const cell &c : cells) {
+        size_t at = 1084 + size_t(c.pat * 768 + c.row * 12 + c.ch * 3);
+        m[at] = uint8_t(c.note | (c.smp & 0x10) << 2), m[at + 1] = uint8_t((c.smp & 15) << 4 | c.fx);
+        m[at + 2] = c.param;
     }
-    void cell(int row, int ch, uint16_t note, uint8_t smp, uint8_t fx = 0, uint8_t param = 0) {
-        size_t at = pattern + size_t(row) * 16 + size_t(ch) * 4;
-        be16(bytes, at, uint16_t(note | (smp & 0x10) << 8));
-        bytes[at + 2] = uint8_t((smp & 15) << 4 | fx);
-        bytes[at + 3] = param;
-    }
+    return m;
+}
+
+// PolyTracker: channels at their pans, instruments (8-bit samples stored as
+// differences, looping whole, at a C-4 rate), orders, packed patterns.
+struct ptm_ins {
+    std::vector<int8_t> data;
+    uint8_t volume = 64;
+    uint16_t rate = 8363;
 };
+ptm_ins level(int8_t v, uint8_t volume = 64) { return {std::vector<int8_t>(64, v), volume}; }
+bytes ptm(const bytes &pans, const std::vector<ptm_ins> &ins, const bytes &orders, int patterns,
+          const std::vector<cell> &cells) {
+    bytes m(608 + 80 * ins.size(), 0);
+    memcpy(&m[0], "ptm test", 8), memcpy(&m[44], "PTMF", 4), m[28] = 0x1A;
+    le16(m, 32, uint16_t(orders.size())), le16(m, 34, uint16_t(ins.size()));
+    le16(m, 36, uint16_t(patterns)), le16(m, 38, uint16_t(pans.size()));
+    std::copy(pans.begin(), pans.end(), &m[64]);
+    for (size_t i = 0; i < 256; i++) m[96 + i] = i < orders.size() ? orders[i] : 255;
+    for (int p = 0; p < patterns; p++) {
+        m.resize((m.size() + 15) & ~size_t(15)), le16(m, 352 + 2 * size_t(p), uint16_t(m.size() / 16));
+        for (int r = 0; r < 64; r++, m.push_back(0))
+            for (const cell &c : cells) {
+                if (c.pat != p || c.row != r) continue;
+                uint8_t f = uint8_t(c.ch | (c.note || c.smp ? 0x20 : 0) | (c.fx || c.param ? 0x40 : 0));
+                m.push_back(f |= c.vol >= 0 ? 0x80 : 0);
+                if (f & 0x20) m.insert(m.end(), {c.note ? uint8_t(c.note) : uint8_t(255), c.smp});
+                if (f & 0x40) m.insert(m.end(), {c.fx, c.param});
+                if (f & 0x80) m.push_back(uint8_t(c.vol));
+            }
+    }
+    for (size_t i = 0, h = 608; i < ins.size(); i++, h += 80) {
+        m[h] = 1 | 4, m[h + 13] = ins[i].volume;   // a looping sample
+        le16(m, h + 14, ins[i].rate), le32(m, h + 18, uint32_t(m.size()));
+        le32(m, h + 22, uint32_t(ins[i].data.size())), le32(m, h + 30, uint32_t(ins[i].data.size()));
+        for (size_t j = 0; j < ins[i].data.size(); j++)
+            m.push_back(uint8_t(ins[i].data[j] - (j ? ins[i].data[j - 1] : 0)));
+    }
+    return m;
+}
+
+// Oktalyzer: CMOD flags (a split channel pair each), samples, orders,
+// patterns of `rows` rows of note, sample, effect, parameter bytes; speed 6.
+struct okt_sample {
+    std::vector<int8_t> data;
+    uint16_t mode = 2;   // 0: split channels only, 1: own channels only, 2: both
+    uint8_t volume = 64;
+    uint16_t loop_start = 0, loop_len = 0;   // words
+};
+okt_sample okt_level(int8_t v, uint16_t mode, uint8_t volume = 64, size_t n = 16384) {
+    return {std::vector<int8_t>(n, v), mode, volume};
+}
+bytes okt(const std::array<uint16_t, 4> &cmod, const std::vector<okt_sample> &samples, const bytes &orders,
+          const std::vector<cell> &cells, int rows = 64, const char *magic = "OKTASONG") {
+    size_t channels = 4 + size_t(std::count_if(cmod.begin(), cmod.end(), [](uint16_t f) { return f != 0; })), at;
+    bytes m(magic, magic + 8);
+    auto chunk = [&m](const char *id, size_t len) {
+        size_t o = m.size();
+        m.resize(o + 8 + len, 0), memcpy(&m[o], id, 4), be32(m, o + 4, uint32_t(len));
+        return o + 8;
+    };
+    at = chunk("CMOD", 8);
+    for (int i = 0; i < 4; i++) be16(m, at + 2 * i, cmod[i]);
+    at = chunk("SAMP", 36 * 32);
+    for (const okt_sample &s : samples) {
+        be32(m, at + 20, uint32_t(s.data.size())), be16(m, at + 24, s.loop_start), be16(m, at + 26, s.loop_len);
+        m[at + 29] = s.volume, be16(m, at + 30, s.mode), at += 32;
+    }
+    be16(m, chunk("SPEE", 2), 6), be16(m, chunk("SLEN", 2), 1), be16(m, chunk("PLEN", 2), uint16_t(orders.size()));
+    std::copy(orders.begin(), orders.end(), &m[chunk("PATT", 128)]);
+    at = chunk("PBOD", 2 + size_t(rows) * channels * 4);
+    be16(m, at, uint16_t(rows));
+    for (const cell &c : cells) {
+        uint8_t *x = &m[at + 2 + (size_t(c.row) * channels + size_t(c.ch)) * 4];
+        x[0] = uint8_t(c.note), x[1] = c.smp, x[2] = c.fx, x[3] = c.param;
+    }
+    for (const okt_sample &s : samples) memcpy(&m[chunk("SBOD", s.data.size())], s.data.data(), s.data.size());
+    return m;
+}
+
+// DIGI Booster (packed): samples at volume 64, patterns of a row mask each
+// and the rows' cells.
+struct digi_sample {
+    std::vector<int8_t> data;
+    uint32_t loop_start = 0, loop_len = 0;
+};
+digi_sample digi_level(int8_t v, size_t n = 4096) { return {std::vector<int8_t>(n, v), 0, uint32_t(n)}; }
+bytes digi(int channels, const std::vector<digi_sample> &samples, const bytes &orders, int patterns,
+           const std::vector<cell> &cells) {
+    bytes m(1572, 0);
+    memcpy(&m[0], "DIGI Booster module\0V1.6", 24);
+    m[24] = 0x16, m[25] = uint8_t(channels), m[26] = 1, m[46] = uint8_t(patterns - 1);
+    m[47] = uint8_t(orders.size() - 1);
+    std::copy(orders.begin(), orders.end(), &m[48]);
+    for (size_t i = 0; i < samples.size(); i++) {
+        be32(m, 176 + 4 * i, uint32_t(samples[i].data.size())), be32(m, 300 + 4 * i, samples[i].loop_start);
+        be32(m, 424 + 4 * i, samples[i].loop_len), m[548 + i] = 64;
+    }
+    for (int p = 0; p < patterns; p++) {
+        bytes masks(64, 0), body;
+        for (int r = 0; r < 64; r++)
+            for (int ch = 0; ch < 8; ch++)
+                for (const cell &x : cells)
+                    if (x.pat == p && x.row == r && x.ch == ch) {
+                        masks[size_t(r)] |= uint8_t(0x80 >> ch), body.resize(body.size() + 4);
+                        put_cell(body, body.size() - 4, x);
+                    }
+        m.insert(m.end(), {uint8_t((64 + body.size()) >> 8), uint8_t(64 + body.size())});
+        m.insert(m.end(), masks.begin(), masks.end()), m.insert(m.end(), body.begin(), body.end());
+    }
+    for (const digi_sample &s : samples) m.insert(m.end(), s.data.begin(), s.data.end());
+    return m;
+}
 
 class Trackers : public ::testing::Test {
   protected:
@@ -62,442 +187,272 @@ class Trackers : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Trackers, SoundFxNotesVolumesAndCommands) {
-    sfx_song s;
-    s.cell(0, 0, 428, 1, 5, 10);      // volume 40 + 10
-    s.cell(0, 1, 856, 2, 6, 80);      // volume 64 - 80: 0
-    s.cell(0, 2, 428, 2);
-    s.cell(1, 2, 0xFFFE, 0);          // STP
-    s.cell(1, 0, 0xFFFD, 2);          // PIC: the sample number is not even read
-    s.cell(2, 1, 0xFFFC, 0);          // BRK: row 2 is the pattern's last
-    s.cell(3, 0, 320, 0);
-    engine_ptr k = open_player("SoundFX", s.bytes);
-    ASSERT_TRUE(k);
-    run_ticks(k.get(), 1);
-    EXPECT_EQ(k->aud[0].per, 428);
-    EXPECT_EQ(k->aud[0].vol, 50);
-    EXPECT_EQ(play_addr(k, 0), s.data);
-    EXPECT_EQ(k->aud[0].len, 1);                         // no loop: silence queued
-    EXPECT_EQ(k->aud[1].vol, 0);
-    EXPECT_EQ(k->aud[2].lc, s.data + 4000 + 100);   // the loop is queued
-    EXPECT_EQ(k->aud[2].len, 50);
-    run_ticks(k.get(), 6);
-    EXPECT_FALSE(k->aud[2].dma_running);
-    EXPECT_EQ(k->aud[0].vol, 50);
-    run_ticks(k.get(), 12);                              // rows 2 and (after BRK) 0 again
-    EXPECT_EQ(k->aud[0].per, 428);
-    EXPECT_TRUE(kelva_song_ended(k.get()));
+TEST_F(Trackers, NotesEffectsTemposAndMixes) {
+    okt_sample rel{ramp(1000), 2, 64, 100, 100};   // words 100-199 loop
+    const bytes own =
+        okt({0, 0, 0, 0}, {rel, okt_level(30, 0)}, {0}, {{0, 0, 0, 13, 0}, {0, 0, 1, 13, 1}, {0, 1, 0, 0, 0, 27}});
+    const uint32_t own_data = kModule + uint32_t(own.size() - 16384 - 8 - 1000);
+    const bytes twelve(12, 0);
+    const std::vector<cell> jump = {{0, 0, 0, 13, 0, 28, 0x13}, {0, 1, 1, 0, 0, 25, 0x10}};
+    auto d = [](bytes orders, std::vector<cell> cells) {   // speed 1 (F01 on row 0): a row is a tick of 20 ms
+        cells.push_back({0, 0, 1, 0, 0, 0xF, 1});
+        return digi(2, {digi_level(50)}, orders, 2, cells);
+    };
+    okt_sample s = okt_level(50, 1, 40, 64);
+    s.loop_len = 32;
+    auto o = [&s](uint8_t fx, uint8_t param) { return okt({0, 0, 0, 0}, {s}, {0}, {{0, 0, 0, 13, 0, fx, param}}); };
+    const tcase kCases[] = {
+        // 5/6: volume up/down (to 0); STP stops; PIC does not even read the
+        // sample; BRK makes row 2 the pattern's last, then the song ends.
+        {"SoundFX commands", "SoundFX",
+         sfx({{0, 0, 0, 428, 1, 5, 10}, {0, 0, 1, 856, 2, 6, 80}, {0, 0, 2, 428, 2}, {0, 1, 2, 0xFFFE, 0},
+              {0, 1, 0, 0xFFFD, 2}, {0, 2, 1, 0xFFFC, 0}, {0, 3, 0, 320, 0}}),
+         kSfxData, "@1 p0=428 v0=50 a0=0 l0=1 v1=0 c2=4100 l2=50 @7 d2=0 v0=50 @19 p0=428 x0=1"},
+        // On the ticks between rows: arpeggio 1 (+3, +7 semitones), bend 2
+        // (+3 / -2 a tick), 7: towards two semitones lower (480) by 5.
+        {"SoundFX effects", "SoundFX",
+         sfx({{0, 0, 0, 428, 1, 1, 0x37}, {0, 0, 1, 428, 1, 2, 0x30}, {0, 0, 2, 428, 1, 2, 2},
+              {0, 0, 3, 428, 1, 7, 0x25}}),
+         kSfxData, "@2 p0=360 p3=428 @3 p0=285 p3=433 @4 p0=428 @5 p0=285 @6 p0=360 p1=443 p2=418 p3=448"},
+        // Delay 28374: 709379 / 28375 = 25 Hz, 1920 frames a tick: row 1
+        // (the seventh tick) comes after 10560 frames at the earliest.
+        {"SoundFX CIA delay", "SoundFX", sfx({{0, 0, 0, 428, 1}, {0, 1, 0, 381, 1}}, 28374), kSfxData,
+         "@11 p0=428 @13 p0=381"},
+        // 2.0: sample bit 4 in the note word; 17's data after 1's and 2's.
+        {"SoundFX 2.0", "SoundFX", sfx({{0, 0, 0, 428, 17}, {0, 0, 1, 428, 2}}, 14187, true), kSfx20Data,
+         "@1 a0=4200 v0=30 a1=4000", "SoundFX 2.0"},
+        // 1: slide every tick, row ticks too; the volume is written on the
+        // tick after the note; loops by address; 8 speed, 4 break, 5 jump.
+        {"Game Music Creator", "GameMusicCreator",
+         gmc({{0, 0, 0, 428, 1, 1, 3}, {0, 0, 1, 428, 2, 3, 20}, {0, 1, 0, 0, 0, 8, 2}, {0, 1, 2, 856, 2, 4, 0},
+              {1, 0, 3, 320, 2, 5, 0}}),
+         kModule + 444 + 2048,
+         "@1 p0=428 v0=0 a0=0 c0=1000 l0=200 l1=1 @2 p0=425 v0=40 v1=20 @7 p0=410 @9 p3=320 x0=0 @11 x0=1"},
+        // Notes are semitones, 16 = 856; 63 is none; D10: row 16 (decimal)
+        // of the next position; A02 slides down.
+        {"Images Music System", "ImagesMusicSystem",
+         ims({{1, 0, 0, 16, 1}, {1, 0, 1, 13, 1}, {1, 0, 2, 4, 1}, {1, 0, 3, 40, 1}, {1, 1, 0, 63, 0, 0xD, 0x10},
+              {0, 16, 1, 28, 1, 0xA, 2}}),
+         kModule + kImsSamples, "@1 p0=856 p1=1017 p2=1712 p3=214 a0=0 c0=200 e0=300 v0=48 @7 p0=856 @15 p1=428 v1=44"},
+        // Six channels: pans 0-7 left (Paula 0 gets channels 0 and 2, Paula 3
+        // channel 1), 8-15 right (Paula 1: 3 and 5, Paula 2: 4); every channel
+        // gets the busiest Paula channel's share: level x heard volume >> 7.
+        // Volume 32 is heard as 42 (64 x 0.5^0.6), 16 as 28; G32 on row 1
+        // halves every volume: (127 x 64 + 127 x 42) >> 7 = 105, ...
+        {"PolyTracker levels", "PolyTracker",
+         ptm({0, 3, 7, 8, 12, 15}, {level(127), level(127, 32)}, {0}, 1,
+             {{0, 0, 0, 49, 1}, {0, 0, 1, 49, 2}, {0, 0, 2, 49, 1, 0, 0, 32}, {0, 0, 3, 49, 1}, {0, 0, 4, 49, 1},
+              {0, 0, 5, 49, 1, 0, 0, 64}, {0, 1, 4, 0, 0, 16, 32}}),
+         0, "@1 q0=105 q3=41 q1=127 q2=63 @7 q2=41 q3=27"},
+        // One loop for the whole song at speed 1: pattern 0 plays rows 0 1 2
+        // 1 2 3 .. 63 (66), pattern 1 returns to row 1 (the loop's target):
+        // 0..5, 1..63 (69); then position 0 row 0 comes again.
+        {"PolyTracker pattern loop", "PolyTracker",
+         ptm({0, 15}, {level(50)}, {0, 1}, 2,
+             {{0, 0, 0, 49, 1, 0xF, 1}, {0, 1, 1, 0, 0, 0xE, 0x60}, {0, 2, 0, 0, 0, 0xE, 0x61},
+              {1, 5, 0, 0, 0, 0xE, 0x61}}),
+         0, "@0 L0=2700"},
+        // F80: 128 BPM, a tick of 2.5 / 128 s = 13855.06 E-clock cycles; the
+        // CIA counts its value plus one.
+        {"PolyTracker tempo", "PolyTracker", ptm({0}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1, 0xF, 0x80}}), 0,
+         "@1 t0=13854"},
+        // An own channel plays to the loop's end (byte 400) and queues the
+        // loop. On release (27, row 1, 120 ms) the loop's pass under way (200
+        // bytes at 428: 24.1 ms each from 48.3 ms) ends at 120.7 ms and
+        // bytes 400-999 play, silence queued; they last 72.4 ms. Mode 0
+        // samples are for split channels only.
+        {"Oktalyzer own channels", "Oktalyzer", own, own_data,
+         "@1 e0=400 c0=200 l0=100 d1=0 @7 a0=400 e0=600 l0=1 @12 e0=2 q0=0"},
+        // CMOD 0 1 0 0: channels 1 and 2 mixed on Paula 1 at full level (7-bit
+        // samples), 550 samples at period 129 a tick (70950 Paula clocks, the
+        // tick 70938); the pair's volume is Paula's, set by either channel and
+        // kept by notes; mode 1 samples do not play there; 100 + 100 holds at
+        // the limit.
+        {"Oktalyzer split channels", "Oktalyzer",
+         okt({0, 1, 0, 0}, {okt_level(40, 2, 48), okt_level(20, 0), okt_level(100, 1), okt_level(100, 2)}, {0},
+             {{0, 0, 1, 13, 0}, {0, 0, 2, 25, 1}, {0, 1, 2, 0, 0, 31, 32}, {0, 2, 1, 13, 2}, {0, 3, 1, 13, 3},
+              {0, 3, 2, 13, 3}}),
+         0, "@1 p1=129 v1=64 q1=60 l1=275 @7 v1=32 q1=60 @13 q1=60 @22 q1=127 v1=32"},
+        // Oktalyzer's effects on an own channel (Paula 0), note 13 = C-2 (428),
+        // sample volume 40, on every tick of the row, the first included (n -
+        // 2 = 480, n + 3 = 360, ... in the period table).
+        {"OKT 1: period down", "Oktalyzer", o(1, 5), 0, "@1 p0=423 @2 p0=418 @3 p0=413 @4 p0=408 v0=40"},
+        {"OKT 2: period up", "Oktalyzer", o(2, 16), 0, "@1 p0=444 @2 p0=460 @3 p0=476 @4 p0=492 v0=40"},
+        {"OKT 10: n - 2, n, n + 3", "Oktalyzer", o(10, 0x23), 0, "@1 p0=480 @2 p0=428 @3 p0=360 @4 p0=480 v0=40"},
+        {"OKT 11: n, n + 3, n, n - 2", "Oktalyzer", o(11, 0x23), 0, "@1 p0=428 @2 p0=360 @3 p0=428 @4 p0=480 v0=40"},
+        {"OKT 12: -, n + 2, n + 3, n", "Oktalyzer", o(12, 0x23), 0, "@1 p0=428 @2 p0=381 @3 p0=360 @4 p0=428 v0=40"},
+        {"OKT 13: note down every tick", "Oktalyzer", o(13, 2), 0, "@1 p0=480 @2 p0=538 @3 p0=604 @4 p0=678 v0=40"},
+        {"OKT 30: note up every tick", "Oktalyzer", o(30, 1), 0, "@1 p0=404 @2 p0=381 @3 p0=360 @4 p0=339 v0=40"},
+        {"OKT 17: note up once", "Oktalyzer", o(17, 3), 0, "@1 p0=360 @4 p0=360 v0=40"},
+        {"OKT 21: note down once", "Oktalyzer", o(21, 3), 0, "@1 p0=508 @4 p0=508 v0=40"},
+        {"OKT 31: volume", "Oktalyzer", o(31, 0x20), 0, "@1 v0=32 @4 v0=32 p0=428"},
+        {"OKT 31: down 2 every tick", "Oktalyzer", o(31, 0x42), 0, "@1 v0=38 @2 v0=36 @3 v0=34 @4 p0=428 v0=32"},
+        {"OKT 31: up 1 every tick", "Oktalyzer", o(31, 0x51), 0, "@1 v0=41 @2 v0=42 @3 v0=43 @4 p0=428 v0=44"},
+        {"OKT 31: down 3 once", "Oktalyzer", o(31, 0x63), 0, "@1 v0=37 @4 p0=428 v0=37"},
+        {"OKT 31: up 4 once", "Oktalyzer", o(31, 0x74), 0, "@1 v0=44 @4 p0=428 v0=44"},
+        // Speed $13 on row 0, a jump to position "10" (decimal) on row 1:
+        // positions 0 and 10 play two rows each, then 10 comes again.
+        // OKTASONG keeps 4 bits of the speed (3), OKTASNG2 5 (19).
+        {"OKTASONG", "Oktalyzer", okt({0, 0, 0, 0}, {okt_level(50, 1)}, twelve, jump, 4), 0, "@0 L0=240"},
+        {"OKTASNG2", "Oktalyzer", okt({0, 0, 0, 0}, {okt_level(50, 1)}, twelve, jump, 4, "OKTASNG2"), 0, "@0 L0=1520"},
+        // Channels 0 and 1 on Paula 0, 2 (and 3) on 1, 4 and 5 (C20) on 2, 6
+        // and 7 on 3, each at half level: (100 x 64 + 60 x 64) >> 7 = 80, ...
+        // F20 on row 1: 32 BPM, a tick of 2.5 / 32 s = 55420.2 E-clock cycles.
+        {"DIGI Booster pairs", "DIGIBooster",
+         digi(8, {digi_level(100), digi_level(60)}, {0}, 1,
+              {{0, 0, 0, 428, 1}, {0, 0, 1, 428, 2}, {0, 0, 2, 428, 1}, {0, 0, 5, 428, 2, 0xC, 32}, {0, 0, 6, 428, 1},
+               {0, 0, 7, 428, 1}, {0, 1, 0, 0, 0, 0xF, 32}}),
+         0, "@1 q0=80 q1=50 q2=15 q3=100 @7 t0=55419"},
+        // DIGI Booster song lengths in rows of 20 ms.
+        {"break to row 10 (decimal): 2 + 54", "DIGIBooster", d({0}, {{0, 1, 0, 0, 0, 0xD, 0x10}}), 0, "@0 L0=1120"},
+        {"loop rows 2..4 twice more: 64 + 6", "DIGIBooster",
+         d({0}, {{0, 2, 0, 0, 0, 0xE, 0x60}, {0, 4, 0, 0, 0, 0xE, 0x62}}), 0, "@0 L0=1400"},
+        {"pattern delay of two rows: 64 + 2", "DIGIBooster", d({0}, {{0, 1, 0, 0, 0, 0xE, 0xE2}}), 0, "@0 L0=1320"},
+        {"F00 starts the song again: 4", "DIGIBooster", d({0}, {{0, 3, 0, 0, 0, 0xF, 0}}), 0, "@0 L0=80"},
+        {"jump back to position 0: 64 + 1", "DIGIBooster", d({0, 1}, {{1, 0, 0, 0, 0, 0xB, 0}}), 0, "@0 L0=1300"},
+        // A jump held by a pattern delay: the delay's row is position 1's
+        // first, which goes on from its second row: 2 + 1 + 63.
+        {"jump and delay in a row", "DIGIBooster", d({0, 1}, {{0, 1, 0, 0, 0, 0xB, 1}, {0, 1, 1, 0, 0, 0xE, 0xE1}}), 0,
+         "@0 L0=1320"},
+    };
+    for (const tcase &c : kCases) run_case(c);
 }
 
-TEST_F(Trackers, SoundFxEffectsOnTheTicksBetweenRows) {
-    sfx_song s;
-    s.cell(0, 0, 428, 1, 1, 0x37);    // arpeggio: +3, +7 semitones
-    s.cell(0, 1, 428, 1, 2, 0x30);    // bend: period +3 per tick
-    s.cell(0, 2, 428, 1, 2, 0x02);    // bend: period -2 per tick
-    s.cell(0, 3, 428, 1, 7, 0x25);    // step to 2 semitones lower at 5 per tick
-    engine_ptr k = open_player("SoundFX", s.bytes);
-    ASSERT_TRUE(k);
-    run_ticks(k.get(), 1);
-    const uint16_t arp[5] = {360, 285, 428, 285, 360};
-    const uint16_t step[4] = {433, 438, 443, 448};   // on towards 480, two semitones below
-    for (int t = 0; t < 5; t++) {
-        run_ticks(k.get(), 1);
-        EXPECT_EQ(k->aud[0].per, arp[t]) << t;
-        EXPECT_EQ(k->aud[1].per, 428 + 3 * (t + 1)) << t;
-        EXPECT_EQ(k->aud[2].per, 428 - 2 * (t + 1)) << t;
-        EXPECT_EQ(k->aud[3].per, t == 0 ? 428 : step[t - 1]) << t;
+// Oktalyzer's split voices do not loop: a long ramp (a step every 4 bytes,
+// 0..63) alone on Paula 0 moves by 549 x (129 / period) / 4 over a block.
+// Note slides and arpeggios change the note; period slides do nothing.
+TEST_F(Trackers, OktalyzerSplitVoicesPlayNotesNotPeriods) {
+    okt_sample r{ramp(8192, 2), 0};
+    for (int8_t &v : r.data) v &= 63;
+    const struct {
+        uint8_t note, fx, param;
+        uint16_t per[3];
+    } kCases[] = {{1, 30, 6, {604, 428, 302}}, {13, 1, 20, {428, 428, 428}}, {13, 10, 0x23, {480, 428, 360}}};
+    for (const auto &c : kCases) {
+        SCOPED_TRACE(::testing::Message() << "effect " << int(c.fx));
+        engine_ptr k = open_player("Oktalyzer", okt({1, 0, 0, 0}, {r}, {0}, {{0, 0, 0, c.note, 0, c.fx, c.param}}));
+        ASSERT_TRUE(k);
+        for (int t = 0; t < 3; t++) {
+            run_ticks(k.get(), 1);
+            std::vector<int8_t> b = mixed(k, 0);
+            double moved = 549.0 * 129 / c.per[t] / 4, off = std::fmod(b.back() - b.front() - moved + 96, 64.0) - 32;
+            EXPECT_NEAR(off, 0, 1.5) << "tick " << t;
+        }
     }
 }
 
-TEST_F(Trackers, SoundFxTicksAtTheModulesCiaRate) {
-    sfx_song s(28374);   // half the 50 Hz rate
-    s.cell(0, 0, 428, 1);
-    s.cell(1, 0, 381, 1);
-    engine_ptr k = open_player("SoundFX", s.bytes);
+// PolyTracker's pitch: rate x 2^((note - 49) / 12) samples a second, mixed
+// at 3546895 / 124 a second, shown by how far a looping 256-byte ramp
+// advances over a block. Pans 0 and 15 give Paula 0 (left) and 1 (right),
+// then 3 and 2.
+TEST_F(Trackers, PolyTrackerPitchFromNoteAndRateAndSlides) {
+    engine_ptr k = open_player("PolyTracker", ptm({0, 15, 0, 15}, {{ramp(256)}, {ramp(256), 64, 16726}}, {0}, 1,
+                                                  {{0, 0, 0, 49, 1}, {0, 0, 1, 61, 1}, {0, 0, 2, 49, 2, 1, 0x10},
+                                                   {0, 0, 3, 52, 1, 0, 0x47}}));   // slide up 16 units x 4; arpeggio
     ASSERT_TRUE(k);
-    // The first tick (at once) asks for 709379 / 28375 = 25 Hz, 1920 frames a
-    // tick: the seventh tick, row 1, comes after 10560 frames at the earliest.
-    run_ticks(k.get(), 11);
-    EXPECT_EQ(k->aud[0].per, 428);
-    run_ticks(k.get(), 2);
-    EXPECT_EQ(k->aud[0].per, 381);
+    run_ticks(k.get(), 1);
+    const double block = double(mixed(k, 0).size() - 1), mix = 3546895.0 / 124;
+    auto advance = [&](int x) {
+        std::vector<int8_t> b = mixed(k, x);
+        return b.size() < 2 ? -1 : uint8_t(b[b.size() - 1] - b[0]);
+    };
+    auto expected = [&](int note, double rate) { return rate * std::pow(2.0, (note - 49) / 12.0) / mix * block; };
+    EXPECT_NEAR(advance(0), expected(49, 8363), 1.0);
+    EXPECT_NEAR(advance(1), expected(61, 8363), 1.0);
+    EXPECT_NEAR(advance(3), expected(49, 16726), 1.0);   // an octave above the usual C-4 rate
+    run_ticks(k.get(), 3);
+    // Period 1712 / 2 (the faster sample) - 3 x 64 = 664: 14317056 / 664 Hz.
+    EXPECT_NEAR(advance(3), 14317056.0 / 664 / mix * block, 1.0);
+    EXPECT_NEAR(advance(2), expected(52, 8363), 1.0);   // tick 3: the note itself again
 }
 
-TEST_F(Trackers, SoundFx20HasThirtyOneSamplesWithBit4InTheNote) {
-    sfx_song s(14187, true);
-    s.cell(0, 0, 428, 17);
-    s.cell(0, 1, 428, 2);
-    engine_ptr k = open_player("SoundFX", s.bytes);
+// DIGI Booster on channel 0 alone (Paula 0): the level (sample x volume /
+// 128) at ticks 0..5 of row 1 (speed 6), after row 0 set things up; the
+// block mixed for a tick lasts through the tick of the CIA value, at most
+// 1024 bytes, overrunning it by at most 0.05 %.
+TEST_F(Trackers, DigiBoosterEffectsByTheMixedLevel) {
+    digi_sample steps{std::vector<int8_t>(4096, 0)};   // 4 KB of 0, 4 KB of 100, 0 up to 64 KB + 4 KB, 4 KB of 100
+    steps.data.resize(8192, 100), steps.data.resize(65536 + 4096, 0), steps.data.resize(65536 + 8192, 100);
+    const struct {
+        cell row0, row1;
+        std::vector<int> levels;
+    } kCases[] = {
+        {{0, 0, 0, 0, 0}, {0, 1, 0, 856, 1, 9, 0x10}, {50, 50, 50, 50, 50, 50}},              // offset 4096
+        {{0, 0, 0, 0, 0, 0xE, 0x81}, {0, 1, 0, 856, 1, 9, 0x10}, {50, 50, 50, 50, 50, 50}},   // + 65536
+        {{0, 0, 0, 0, 0, 0xE, 0x81}, {0, 1, 0, 856, 1, 9, 0}, {0, 0, 0, 0, 0, 0}},            // 65536 only
+        // A04 slides on row 0's ticks but the last (64 -> 44); A00 goes on
+        // with 4 from there: volumes 40, 36, 32, 28, 24, 24.
+        {{0, 0, 0, 856, 3, 0xA, 0x04}, {0, 1, 0, 0, 0, 0xA, 0}, {31, 28, 25, 21, 18, 18}},
+        {{0, 0, 0, 856, 3}, {0, 1, 0, 0, 0, 0xE, 0xC2}, {50, 50, 0, 0, 0, 0}},         // cut at tick 2
+        {{0, 0, 0, 856, 3}, {0, 1, 0, 0, 0, 0xE, 0x40}, {0, 0, 0, 0, 0, 0}},           // stop
+        {{0, 0, 0, 0, 0, 0xE, 0x50}, {0, 1, 0, 856, 3}, {0, 0, 0, 0, 0, 0}},           // channel off
+        {{0, 0, 0, 856, 3}, {0, 1, 0, 0, 0, 0xC, 0x50}, {50, 50, 50, 50, 50, 50}},     // volume 80 heard as 64
+        {{0, 0, 0, 0, 0}, {0, 1, 0, 856, 2, 0xE, 0x30}, {63}},                    // E30: the ramp from its end
+        {{0, 0, 0, 0, 0}, {0, 1, 0, 856, 2}, {0}},                                // forwards from its start
+    };
+    for (const auto &c : kCases) {
+        SCOPED_TRACE(::testing::Message() << "row 1 effect " << int(c.row1.fx) << " " << int(c.row1.param));
+        engine_ptr k = open_player("DIGIBooster",
+                                   digi(2, {steps, {ramp(128)}, digi_level(100)}, {0}, 1, {c.row0, c.row1}));
+        ASSERT_TRUE(k);
+        std::vector<probe> p;
+        for (size_t t = 0; t < c.levels.size(); t++) p.push_back({7 + int(t), 0, 'Q', c.levels[t]});
+        expect_probes(k.get(), p);
+    }
+    // F20 on row 1: 32 BPM, the CIA value 55419 (see above).
+    engine_ptr k =
+        open_player("DIGIBooster", digi(8, {digi_level(100)}, {0}, 1, {{0, 0, 0, 428, 1}, {0, 1, 0, 0, 0, 0xF, 32}}));
     ASSERT_TRUE(k);
-    EXPECT_STREQ(kelva_get_format_name(k.get()), "SoundFX 2.0");
-    run_ticks(k.get(), 1);
-    EXPECT_EQ(play_addr(k, 0), s.data + 4000 + 200);   // after the data of samples 1 and 2
-    EXPECT_EQ(k->aud[0].vol, 30);
-    EXPECT_EQ(play_addr(k, 1), s.data + 4000);
+    for (auto [ticks, timer, slack] : {std::tuple(1, 14187, 0.0005), std::tuple(6, 55419, 0.002)}) {
+        run_ticks(k.get(), ticks);
+        for (int x = 0; x < 4; x++) {
+            double clocks = 5.0 * (timer + 1), block = double(k->aud[x].per) * 2 * k->aud[x].len;
+            EXPECT_LE(2 * k->aud[x].len, 1024);
+            EXPECT_GE(block, clocks);
+            EXPECT_LE(block, clocks * (1 + slack));
+        }
+    }
 }
 
-// ---- Game Music Creator ------------------------------------------------------
-
-namespace {
-
-// Two positions of patterns 0 and 1; sample 1 = 2000 bytes, volume 40,
-// its loop 1000 bytes in for 200 words; sample 2 = 100 bytes, volume 64.
-struct gmc_song {
-    std::vector<uint8_t> bytes;
-    static constexpr uint32_t kData = kModule + 444 + 2048;
-    gmc_song() : bytes(444 + 2048 + 2100, 0) {
-        be32(bytes, 0, 0x30000);
-        be16(bytes, 4, 1000);
-        be16(bytes, 6, 40);
-        be32(bytes, 8, 0x30000 + 1000);
-        be16(bytes, 12, 200);
-        be32(bytes, 16, 0x40000);
-        be16(bytes, 20, 50);
-        be16(bytes, 22, 64);
-        be16(bytes, 28, 2);   // a loop of two words: none
-        be32(bytes, 240, 2);
-        be16(bytes, 246, 1024);
-    }
-    void cell(int pattern, int row, int ch, uint16_t period, uint8_t smp, uint8_t fx = 0, uint8_t param = 0) {
-        size_t at = 444 + size_t(pattern) * 1024 + size_t(row) * 16 + size_t(ch) * 4;
-        be16(bytes, at, period);
-        bytes[at + 2] = uint8_t(smp << 4 | fx);
-        bytes[at + 3] = param;
-    }
-};
-
-}  // namespace
-
-TEST_F(Trackers, GameMusicCreatorSlidesEveryTickAndWritesTheVolumeAfterTheNote) {
-    gmc_song s;
-    s.cell(0, 0, 0, 428, 1, 1, 3);    // slide up 3 per tick, also on row ticks
-    s.cell(0, 0, 1, 428, 2, 3, 20);   // volume 20
-    s.cell(0, 1, 0, 0, 0, 8, 2);      // speed 2; the slide goes on
-    s.cell(0, 1, 2, 856, 2, 4, 0);    // break: position 1 follows row 1
-    s.cell(1, 0, 3, 320, 2, 5, 0);    // jump back to position 0: the song's end
-    engine_ptr k = open_player("GameMusicCreator", s.bytes);
-    ASSERT_TRUE(k);
-    run_ticks(k.get(), 1);
-    EXPECT_EQ(k->aud[0].per, 428);
-    EXPECT_EQ(k->aud[0].vol, 0);                      // silent until the next tick
-    EXPECT_EQ(play_addr(k, 0), gmc_song::kData);
-    EXPECT_EQ(k->aud[0].lc, gmc_song::kData + 1000);  // the loop, by its address
-    EXPECT_EQ(k->aud[0].len, 200);
-    EXPECT_EQ(k->aud[1].len, 1);                      // two words: no loop
-    run_ticks(k.get(), 1);
-    EXPECT_EQ(k->aud[0].per, 425);
-    EXPECT_EQ(k->aud[0].vol, 40);
-    EXPECT_EQ(k->aud[1].vol, 20);
-    run_ticks(k.get(), 5);                            // row 1 on the seventh tick
-    EXPECT_EQ(k->aud[0].per, 428 - 6 * 3);
-    run_ticks(k.get(), 2);                            // speed 2: position 1, row 0
-    EXPECT_EQ(k->aud[3].per, 320);
-    EXPECT_FALSE(kelva_song_ended(k.get()));
-    run_ticks(k.get(), 2);
-    EXPECT_TRUE(kelva_song_ended(k.get()));
-}
-
-// ---- Images Music System ---------------------------------------------------------
-
-namespace {
-
-// Two stored patterns, the song plays pattern 1 then 0; sample 1 = 400
-// bytes, volume 48, looping from word 100 for 50 words.
-struct ims_song {
-    std::vector<uint8_t> bytes;
-    static constexpr uint32_t kSamples = 1084 + 2 * 768;
-    ims_song() : bytes(kSamples + 400, 0) {
-        memcpy(&bytes[0], "ims test", 8);
-        be16(bytes, 20 + 22, 200);
-        bytes[20 + 25] = 48;
-        be16(bytes, 20 + 26, 100);
-        be16(bytes, 20 + 28, 50);
-        bytes[950] = 2;
-        bytes[952] = 1;
-        bytes[953] = 0;
-        be32(bytes, 1080, kSamples);
-    }
-    void cell(int pattern, int row, int ch, uint8_t note, uint8_t smp, uint8_t fx = 0, uint8_t param = 0) {
-        size_t at = 1084 + size_t(pattern) * 768 + size_t(row) * 12 + size_t(ch) * 3;
-        bytes[at] = uint8_t(note | (smp & 0x10) << 2);
-        bytes[at + 1] = uint8_t((smp & 15) << 4 | fx);
-        bytes[at + 2] = param;
-    }
-};
-
-}  // namespace
-
-TEST_F(Trackers, ImagesMusicSystemNotesAreSemitonesFromC1AtNote16) {
-    ims_song s;
-    const uint8_t notes[4] = {16, 13, 4, 40};
-    const uint16_t periods[4] = {856, 1017, 1712, 214};
-    for (int c = 0; c < 4; c++) s.cell(1, 0, c, notes[c], 1);
-    s.cell(1, 1, 0, 63, 0, 0xD, 0x10);   // note 63: none; break to row 16 of pattern 0
-    s.cell(0, 16, 1, 28, 1, 0xA, 0x02);  // volume slide down 2
-    engine_ptr k = open_player("ImagesMusicSystem", s.bytes);
-    ASSERT_TRUE(k);
-    run_ticks(k.get(), 1);
-    for (int c = 0; c < 4; c++) EXPECT_EQ(k->aud[c].per, periods[c]) << c;
-    EXPECT_EQ(play_addr(k, 0), kModule + ims_song::kSamples);
-    EXPECT_EQ(k->aud[0].lc, kModule + ims_song::kSamples + 200);
-    EXPECT_EQ(k->ch[0].end, 300u);                   // played to the loop's end
-    EXPECT_EQ(k->aud[0].vol, 48);
-    run_ticks(k.get(), 6);
-    EXPECT_EQ(k->aud[0].per, 856);
-    run_ticks(k.get(), 6 + 2);                       // row 16 of pattern 0, tick 2
-    EXPECT_EQ(k->aud[1].per, 428);
-    EXPECT_EQ(k->aud[1].vol, 44);
+TEST_F(Trackers, DamagedFilesAreRefusedOrCut) {
+    const bytes im = ims({}), pt = ptm({0, 15}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1}});
+    const bytes ok = okt({0, 1, 0, 0}, {okt_level(50, 2)}, {0}, {{0, 0, 0, 13, 0}});
+    const bytes dg = digi(4, {digi_level(50)}, {0, 1}, 2, {{0, 0, 0, 428, 1}});
+    const struct {
+        const char *what, *player;
+        bytes image;
+        bool opens;
+    } kCases[] = {
+        {"IMS as made", "ImagesMusicSystem", im, true},
+        {"IMS: not a whole number of patterns", "ImagesMusicSystem", set32(im, 1080, kImsSamples + 1), false},
+        {"IMS: a pattern not stored", "ImagesMusicSystem", put(im, 953, {2}), false},
+        {"IMS: patterns beyond the file", "ImagesMusicSystem", set32(im, 1080, uint32_t(im.size() + 4 * 768)), false},
+        {"PTM as made", "PolyTracker", pt, true},
+        {"PTM: a row naming channel 0 twice", "PolyTracker",
+         ptm({0, 15}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1}, {0, 0, 0, 50, 1}}), false},
+        {"PTM: 33 channels", "PolyTracker", put(pt, 38, {33}), false},
+        {"PTM: the only order names a missing pattern", "PolyTracker", put(pt, 96, {7}), false},
+        {"PTM: cut in the pattern, the missing rows are empty", "PolyTracker", cut(pt, 700), true},
+        {"OKT as made", "Oktalyzer", ok, true},
+        {"OKT: OKTASONX", "Oktalyzer", put(ok, 7, {'X'}), false},
+        {"OKT: no CMOD chunk", "Oktalyzer", put(ok, 8, {'X'}), false},
+        {"OKT: a missing pattern", "Oktalyzer", okt({0, 0, 0, 0}, {okt_level(50, 1)}, {1}, {}), false},
+        {"OKT: no positions", "Oktalyzer", okt({0, 0, 0, 0}, {okt_level(50, 1)}, {}, {}), false},
+        {"OKT: a pattern of no rows", "Oktalyzer", okt({0, 0, 0, 0}, {okt_level(50, 1)}, {0}, {}, 0), false},
+        {"OKT: cut in the pattern", "Oktalyzer", cut(ok, 8 + 16 + 8 + 36 * 32 + 3 * 10 + 8 + 128 + 8 + 100), true},
+        {"DIGI as made", "DIGIBooster", dg, true},
+        {"DIGI: magic", "DIGIBooster", put(dg, 19, {'X'}), false},
+        {"DIGI: no channels", "DIGIBooster", put(dg, 25, {0}), false},
+        {"DIGI: 9 channels", "DIGIBooster", put(dg, 25, {9}), false},
+        {"DIGI: 129 positions", "DIGIBooster", put(dg, 47, {128}), false},
+        {"DIGI: a position of a missing pattern", "DIGIBooster", put(dg, 49, {2}), false},
+        {"DIGI: a packed size other than its masks give", "DIGIBooster", put(dg, 1573, {0xFF}), false},
+        {"DIGI: cut in the second pattern", "DIGIBooster", cut(dg, 1572 + 70), false},
+        {"DIGI: the sample cut to the file", "DIGIBooster", cut(dg, dg.size() - 100), true},
+    };
+    for (const auto &c : kCases) EXPECT_EQ(bool(open_player(c.player, c.image)), c.opens) << c.what;
+    engine_ptr k = open_player("ImagesMusicSystem", im);
     char title[32];
     kelva_get_module_name(k.get(), title, sizeof title);
     EXPECT_STREQ(title, "ims test");
-}
-
-TEST_F(Trackers, ImagesMusicSystemRefusesALayoutThatDoesNotAddUp) {
-    ims_song s;
-    std::vector<uint8_t> bad = s.bytes;
-    be32(bad, 1080, ims_song::kSamples + 1);   // not a whole number of patterns
-    EXPECT_FALSE(open_player("ImagesMusicSystem", bad));
-    bad = s.bytes;
-    bad[953] = 2;                               // a pattern that is not stored
-    EXPECT_FALSE(open_player("ImagesMusicSystem", bad));
-    bad = s.bytes;
-    be32(bad, 1080, uint32_t(bad.size()) + 768 * 4);
-    EXPECT_FALSE(open_player("ImagesMusicSystem", bad));
-}
-
-// ---- PolyTracker -------------------------------------------------------------
-
-namespace {
-
-// A PolyTracker module: channels with their pan positions, instruments (8-bit
-// samples of given bytes, stored as differences, looping whole), orders and
-// cells. Patterns are written row by row at the paragraph after the
-// instruments.
-struct ptm_cell {
-    int pattern, row, channel;
-    uint8_t note, ins;
-    int vol;   // -1: none
-    uint8_t cmd, param;
-};
-
-struct ptm_instrument {
-    std::vector<int8_t> sample;
-    uint8_t volume = 64;
-    uint16_t rate = 8363;
-};
-
-std::vector<uint8_t> ptm_module(const std::vector<uint8_t> &pans, const std::vector<ptm_instrument> &ins,
-                                const std::vector<uint8_t> &orders, int patterns, const std::vector<ptm_cell> &cells) {
-    std::vector<uint8_t> m(608 + 80 * ins.size(), 0);
-    memcpy(&m[0], "ptm test", 8);
-    m[28] = 0x1A;
-    le16(m, 32, uint16_t(orders.size()));
-    le16(m, 34, uint16_t(ins.size()));
-    le16(m, 36, uint16_t(patterns));
-    le16(m, 38, uint16_t(pans.size()));
-    memcpy(&m[44], "PTMF", 4);
-    for (size_t c = 0; c < pans.size(); c++) m[64 + c] = pans[c];
-    for (size_t i = 0; i < 256; i++) m[96 + i] = i < orders.size() ? orders[i] : 255;
-    for (int p = 0; p < patterns; p++) {
-        while (m.size() % 16) m.push_back(0);
-        le16(m, 352 + 2 * size_t(p), uint16_t(m.size() / 16));
-        for (int r = 0; r < 64; r++) {
-            for (const ptm_cell &c : cells) {
-                if (c.pattern != p || c.row != r) continue;
-                uint8_t flags = uint8_t(c.channel | (c.note || c.ins ? 0x20 : 0) | (c.cmd || c.param ? 0x40 : 0) |
-                                        (c.vol >= 0 ? 0x80 : 0));
-                m.push_back(flags);
-                if (flags & 0x20) m.insert(m.end(), {c.note ? c.note : uint8_t(255), c.ins});
-                if (flags & 0x40) m.insert(m.end(), {c.cmd, c.param});
-                if (flags & 0x80) m.push_back(uint8_t(c.vol));
-            }
-            m.push_back(0);
-        }
-    }
-    for (size_t i = 0; i < ins.size(); i++) {
-        size_t h = 608 + 80 * i;
-        m[h] = 1 | 4;   // a looping sample
-        m[h + 13] = ins[i].volume;
-        le16(m, h + 14, ins[i].rate);
-        le32(m, h + 18, uint32_t(m.size()));
-        le32(m, h + 22, uint32_t(ins[i].sample.size()));
-        le32(m, h + 30, uint32_t(ins[i].sample.size()));
-        int8_t last = 0;
-        for (int8_t v : ins[i].sample) {
-            m.push_back(uint8_t(v - last));
-            last = v;
-        }
-    }
-    return m;
-}
-
-ptm_instrument ramp() {
-    ptm_instrument i;
-    for (int v = 0; v < 256; v++) i.sample.push_back(int8_t(v));
-    return i;
-}
-
-ptm_instrument level(int8_t v, uint8_t volume = 64) {
-    ptm_instrument i;
-    i.sample.assign(64, v);
-    i.volume = volume;
-    return i;
-}
-
-// How far a looping 256-byte ramp advanced over a block: the voice's step
-// in bytes per mixed sample, times the block's length less one.
-int ramp_advance(const std::vector<int8_t> &b) { return uint8_t(b.back() - b.front()); }
-
-// The step a note plays at: rate x 2^((note - 49) / 12) samples a second,
-// mixed at 3546895 / 124 a second.
-double expected_advance(int note, double rate, size_t block) {
-    return rate * std::pow(2.0, (note - 49) / 12.0) / (3546895.0 / 124) * double(block - 1);
-}
-
-}  // namespace
-
-TEST_F(Trackers, PolyTrackerPitchFromNoteAndRateAndSlides) {
-    ptm_instrument fast = ramp();
-    fast.rate = 16726;   // an octave above the usual C-4 rate
-    auto m = ptm_module({0, 15, 0, 15}, {ramp(), fast}, {0}, 1,
-                        {{0, 0, 0, 49, 1, -1, 0, 0},
-                         {0, 0, 1, 61, 1, -1, 0, 0},
-                         {0, 0, 2, 49, 2, -1, 0x1, 0x10},     // slide up 16 a tick: 64 units
-                         {0, 0, 3, 52, 1, -1, 0x0, 0x47}});   // arpeggio +4, +7
-    engine_ptr k = open_player("PolyTracker", m);
-    ASSERT_TRUE(k);
-    run_ticks(k.get(), 1);
-    // Pans 0 and 15 give Paula channels 0 (left) and 1 (right), then 3 and 2.
-    const size_t block = mixed(k, 0).size();
-    EXPECT_NEAR(ramp_advance(mixed(k, 0)), expected_advance(49, 8363, block), 1.0);
-    EXPECT_NEAR(ramp_advance(mixed(k, 1)), expected_advance(61, 8363, block), 1.0);
-    EXPECT_NEAR(ramp_advance(mixed(k, 3)), expected_advance(49, 16726, block), 1.0);
-    run_ticks(k.get(), 3);   // ticks 1, 2, 3 of row 0
-    // Period 1712 / 2 (the faster sample) - 3 x 64 = 664: 14317056 / 664 Hz.
-    EXPECT_NEAR(ramp_advance(mixed(k, 3)), 14317056.0 / 664 / (3546895.0 / 124) * double(block - 1), 1.0);
-    // Tick 3 of the arpeggio: the note itself again; tick 2 was +7.
-    EXPECT_NEAR(ramp_advance(mixed(k, 2)), expected_advance(52, 8363, block), 1.0);
-}
-
-TEST_F(Trackers, PolyTrackerLevelsThroughTheLoudnessCurveAndAnEvenMix) {
-    // Six channels: three left (Paula 0 gets two, Paula 3 one), three right
-    // (Paula 1 two, Paula 2 one). Every channel gets the share of the
-    // busiest Paula channel: a level of 100 at volume 64 mixes to 100 x 64
-    // >> 7. Volume 32 is heard as 41 (64 x 0.5^0.6); global volume 32 then
-    // halves every channel's volume before the curve.
-    auto m = ptm_module({0, 3, 7, 8, 12, 15}, {level(100), level(100, 32)}, {0}, 1,
-                        {{0, 0, 0, 49, 1, -1, 0, 0},
-                         {0, 0, 1, 49, 2, -1, 0, 0},
-                         {0, 0, 2, 49, 1, 32, 0, 0},
-                         {0, 0, 3, 49, 1, -1, 0, 0},
-                         {0, 0, 4, 49, 1, -1, 0, 0},
-                         {0, 0, 5, 49, 1, 64, 0, 0},
-                         {0, 1, 4, 0, 0, -1, 16, 32}});
-    engine_ptr k = open_player("PolyTracker", m);
-    ASSERT_TRUE(k);
-    run_ticks(k.get(), 1);
-    auto all = [](const std::vector<int8_t> &b, int v) {
-        for (int8_t x : b)
-            if (x != v) return false;
-        return true;
-    };
-    EXPECT_TRUE(all(mixed(k, 0), (100 * 64 + 100 * 41) >> 7));   // channels 0 and 2
-    EXPECT_TRUE(all(mixed(k, 3), (100 * 41) >> 7));              // channel 1 (its instrument's volume)
-    EXPECT_TRUE(all(mixed(k, 1), (100 * 64 + 100 * 64) >> 7));   // channels 3 and 5
-    EXPECT_TRUE(all(mixed(k, 2), (100 * 64) >> 7));              // channel 4
-    run_ticks(k.get(), 6);   // row 1: global volume 32
-    EXPECT_TRUE(all(mixed(k, 2), (100 * 41) >> 7));
-    EXPECT_TRUE(all(mixed(k, 3), (100 * 28) >> 7));              // 16 is heard as 28
-}
-
-TEST_F(Trackers, PolyTrackerPatternLoopIsOneForTheWholeSong) {
-    // Speed 1: a row is 20 ms. Pattern 0: channel 1 sets the loop's row (1),
-    // channel 0 loops once: rows 0 1 2 1 2 3 .. 63 (66 rows). Pattern 1:
-    // its loop returns to row 1, the target pattern 0 set: rows 0..5, 1..63
-    // (69 rows). The song ends when row 0 of position 0 comes again.
-    auto m = ptm_module({0, 15}, {level(50)}, {0, 1}, 2,
-                        {{0, 0, 0, 49, 1, -1, 0xF, 1},
-                         {0, 1, 1, 0, 0, -1, 0xE, 0x60},
-                         {0, 2, 0, 0, 0, -1, 0xE, 0x61},
-                         {1, 5, 0, 0, 0, -1, 0xE, 0x61}});
-    engine_ptr k = open_player("PolyTracker", m);
-    ASSERT_TRUE(k);
-    int32_t reason = 0;
-    EXPECT_EQ(kelva_measure_length(k.get(), 0, 0, &reason, nullptr, nullptr), uint64_t(66 + 69) * 20);
-    EXPECT_EQ(reason, 1);
-}
-
-TEST_F(Trackers, PolyTrackerTempoGivesTheTickItsExactLength) {
-    // F80: 128 beats per minute, a tick of 2.5 / 128 s = 13855.06 E-clock
-    // cycles; the CIA counts its value plus one.
-    auto m = ptm_module({0}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1, -1, 0xF, 0x80}});
-    engine_ptr k = open_player("PolyTracker", m);
-    ASSERT_TRUE(k);
-    run_ticks(k.get(), 1);
-    const uint8_t *timer = k->ram + 0xF90000 + 54;
-    EXPECT_EQ(timer[0] << 8 | timer[1], 13854);
-}
-
-TEST_F(Trackers, PolyTrackerRefusesDamagedFiles) {
-    auto good = ptm_module({0, 15}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1, -1, 0, 0}});
-    ASSERT_TRUE(open_player("PolyTracker", good));
-    auto twice = ptm_module({0, 15}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1, -1, 0, 0}, {0, 0, 0, 50, 1, -1, 0, 0}});
-    EXPECT_FALSE(open_player("PolyTracker", twice));   // a row names channel 0 twice
-    auto bad = good;
-    le16(bad, 38, 33);   // 33 channels
-    EXPECT_FALSE(open_player("PolyTracker", bad));
-    bad = good;
-    bad[96] = 7;         // the only order names a pattern that does not exist
-    EXPECT_FALSE(open_player("PolyTracker", bad));
-    bad = good;
-    bad.resize(700);     // cut inside the pattern: the missing rows are empty
-    EXPECT_TRUE(open_player("PolyTracker", bad));
-}
-
-// ---- The shared real modules -------------------------------------------------------
-
-TEST_F(Trackers, RealModulesAreIdentifiedAndPlay) {
-    KELVA_REQUIRE_SHARED("testdata/modules/other");
-    kelva_global_init();
-    data_tree_env env;
-    const struct {
-        const char *file, *name_as, *player, *format;
-    } kModules[] = {
-        {"other/SFX.Crockett's_theme", nullptr, "SoundFX", "SoundFX 1.3"},
-        {"other/gmc.ingame", nullptr, "GameMusicCreator", "Game Music Creator"},
-        {"other/redoctober-sub-docking.ims", nullptr, "ImagesMusicSystem", "Images Music System"},
-        {"other/redoctober-sub-docking.ims", "sub-docking.st", "ImagesMusicSystem", "Images Music System"},
-        {"other/rew_vibr.ptm", nullptr, "PolyTracker", "PolyTracker"},
-        {"other/pattern_loop_ptm.ptm", nullptr, "PolyTracker", "PolyTracker"},
-        {"other/yyde2.digi", nullptr, "DIGIBooster", "DIGI Booster 1.4"},
-        {"okt/OKT.Yes-PartII", nullptr, "Oktalyzer", "Oktalyzer"},
-        {"okt/demosong 1.okta", nullptr, "Oktalyzer", "Oktalyzer"},
-        {"okt/distortion.okt", nullptr, "Oktalyzer", "Oktalyzer"},
-        {"okt/lumme.okta", nullptr, "Oktalyzer", "Oktalyzer"},
-        {"okt/orbit.okta", nullptr, "Oktalyzer", "Oktalyzer"},
-        {"okt/45.okt2", nullptr, "Oktalyzer", "Oktalyzer (OKTASNG2)"},
-    };
-    for (const auto &m : kModules) {
-        SCOPED_TRACE(m.file);
-        std::string path = shared_dir() + "/testdata/modules/" + m.file;
-        std::vector<uint8_t> data = read_bytes(path);
-        if (data.empty()) GTEST_SKIP() << path << " not found";
-        std::string as = m.name_as ? m.name_as : path;
-        char player[4096];
-        ASSERT_EQ(kelva_identify(as.c_str(), data.data(), uint32_t(data.size()), player, sizeof player), 1);
-        EXPECT_EQ(std::string(player), player_path(m.player));
-        engine_ptr k = make_engine(48000);
-        std::vector<uint8_t> p = read_bytes(player);
-        ASSERT_EQ(kelva_open(k.get(), p.data(), uint32_t(p.size()), data.data(), uint32_t(data.size()), player,
-                             as.c_str(), 0),
-                  0);
-        EXPECT_STREQ(kelva_get_format_name(k.get()), m.format);
-        std::vector<float> buf(4800 * 2);
-        float peak = 0;
-        for (int i = 0; i < 30; i++) {   // 3 s
-            kelva_render(k.get(), buf.data(), 4800);
-            for (float v : buf) peak = std::max(peak, std::fabs(v));
-        }
-        EXPECT_GT(peak, 1.0f / 1024) << "silent";
-    }
 }

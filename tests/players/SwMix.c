@@ -1,14 +1,9 @@
 /* SwMix: the shared software mixer (players/lib/swmix.c) on Paula channel 0,
- * for the mixer's tests. The module sets up the voices (big-endian):
- *
- *   +0   'SWMX'
- *   +4   word: mixing period; +6 word: block size in bytes
- *   +8   word: number of voices (1..8)
- *   +10  per voice, 20 bytes: long sample offset in the module, long
- *        length, long loop start, long loop length (bytes), word period,
- *        word volume
- *
- * StartInt starts the voices and the mixing; EndSound stops it. */
+ * for the mixer's tests. The module (big-endian): 'SWMX', word mixing
+ * period, word block size in bytes, word voice count (1..8), then per voice
+ * longs sample offset in the module, length, loop start, loop length
+ * (bytes) and words period, volume. StartInt starts the voices and the
+ * mixing; EndSound stops it. */
 #include "kelva_player.h"
 #include "swmix.h"
 
@@ -40,8 +35,7 @@ KELVA_ROUTINE(init_player) {
 }
 
 KELVA_ROUTINE(start_int) {
-    (void)g;
-    (void)d0;
+    (void)g, (void)d0;
     uint16_t n = word_at(8);
     swmix_channel_init(&channel, 0, voice_list, n);
     /* The mixing period must be known before the voices' steps. */
@@ -59,20 +53,15 @@ KELVA_ROUTINE(start_int) {
 }
 
 KELVA_ROUTINE(end_sound) {
-    (void)g;
-    (void)d0;
+    (void)g, (void)d0;
     swmix_stop(channels, 1);
     return 0;
 }
 
 static const char name[] = "SwMix";
 
-const uint32_t tags[] = {
-    DTP_PlayerName, (uint32_t)name,
-    DTP_InitPlayer, (uint32_t)init_player_entry,
-    DTP_StartInt, (uint32_t)start_int_entry,
-    DTP_EndSound, (uint32_t)end_sound_entry,
-    0,
-};
+const uint32_t tags[] = {DTP_PlayerName, (uint32_t)name,           DTP_InitPlayer, (uint32_t)init_player_entry,
+                         DTP_StartInt,   (uint32_t)start_int_entry, DTP_EndSound,   (uint32_t)end_sound_entry,
+                         0};
 
 KELVA_PLAYER_HEADER(tags);
