@@ -236,14 +236,15 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
          kModule + kImsSamples, "@1 p0=856 p1=1017 p2=1712 p3=214 a0=0 c0=200 e0=300 v0=48 @7 p0=856 @15 p1=428 v1=44"},
         // Six channels: pans 0-7 left (Paula 0 gets channels 0 and 2, Paula 3
         // channel 1), 8-15 right (Paula 1: 3 and 5, Paula 2: 4); every channel
-        // gets the busiest Paula channel's share: level x heard volume >> 7.
+        // gets the busiest Paula channel's share, each voice rounded down on
+        // its own (a volume table per voice): level x heard volume >> 7.
         // Volume 32 is heard as 42 (64 x 0.5^0.6), 16 as 28; G32 on row 1
-        // halves every volume: (127 x 64 + 127 x 42) >> 7 = 105, ...
+        // halves every volume: (127 x 64 >> 7) + (127 x 42 >> 7) = 104, ...
         {"PolyTracker levels", "PolyTracker",
          ptm({0, 3, 7, 8, 12, 15}, {level(127), level(127, 32)}, {0}, 1,
              {{0, 0, 0, 49, 1}, {0, 0, 1, 49, 2}, {0, 0, 2, 49, 1, 0, 0, 32}, {0, 0, 3, 49, 1}, {0, 0, 4, 49, 1},
               {0, 0, 5, 49, 1, 0, 0, 64}, {0, 1, 4, 0, 0, 16, 32}}),
-         0, "@1 q0=105 q3=41 q1=127 q2=63 @7 q2=41 q3=27"},
+         0, "@1 q0=104 q3=41 q1=126 q2=63 @7 q2=41 q3=27"},
         // One loop for the whole song at speed 1: pattern 0 plays rows 0 1 2
         // 1 2 3 .. 63 (66), pattern 1 returns to row 1 (the loop's target):
         // 0..5, 1..63 (69); then position 0 row 0 comes again.
