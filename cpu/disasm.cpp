@@ -43,10 +43,13 @@ uint32_t da_fetch32(kelva *k, uint32_t *pc) {
 }  // namespace
 
 // "%s" with no operands, "%-7s %s" with one, "%-7s %s,%s" with two.
+// Longer texts are cut at kTextMax - 1 characters.
 void da_emit(char *out, const char *mnemonic, const char *op1, const char *op2) {
-    if (!op1 || !*op1) snprintf(out, kTextMax, "%s", mnemonic);
-    else if (!op2 || !*op2) snprintf(out, kTextMax, "%-7s %s", mnemonic, op1);
-    else snprintf(out, kTextMax, "%-7s %s,%s", mnemonic, op1, op2);
+    int n;
+    if (!op1 || !*op1) n = snprintf(out, kTextMax, "%s", mnemonic);
+    else if (!op2 || !*op2) n = snprintf(out, kTextMax, "%-7s %s", mnemonic, op1);
+    else n = snprintf(out, kTextMax, "%-7s %s,%s", mnemonic, op1, op2);
+    if (n < 0) out[0] = 0;
 }
 
 // Indexed operand: brief "(d8,base,Xn.s*scale)" or the full format with its
