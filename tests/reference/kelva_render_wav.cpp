@@ -89,31 +89,20 @@ int main(int argc, char **argv) {
     uint64_t length_ms = kelva_measure_length(m, 600000, 30000, &reason, nullptr, nullptr);
     kelva_destroy(m);
 
-    // When the measurement stopped at a repetition of the loudness envelope (a song whose parts
-    // repeat for a long time) or at its time limit (a song longer than 10 minutes), play on to
-    // the player's own end signal as well, so its song end can be checked too (up to an hour).
-    uint64_t player_end_ms = reason == 1 ? length_ms : 0;
-    std::vector<float> block(4096 * 2);
-    if (reason != 1) {
-        kelva *e = open_engine(s);
-        if (!e) return 1;
-        uint64_t limit = (reason == 3 ? 3600 : 600) * 48000;
-        for (uint64_t f = 0; f < limit && !kelva_song_ended(e); f += 480) kelva_render(e, block.data(), 480);
-        if (kelva_song_ended(e)) player_end_ms = uint64_t(kelva_played_ms(e));   // to 10 ms
-        kelva_destroy(e);
-    }
-
+    // Then SECONDS are rendered, or less when the measurement found the song's end. When it stopped
+    // at a repetition of the loudness envelope (a song whose parts repeat for a long time) or at its
+    // time limit (a song longer than 10 minutes), the engine plays on to the player's own end signal
+    // as well, so its song end can be checked too (up to an hour, to 10 ms).
     kelva *k = open_engine(s);
     if (!k) return 1;
-    uint64_t want = uint64_t(seconds * 48000), done = 0;
+    uint64_t want = uint64_t(seconds * 48000), player_end_ms = reason == 1 ? length_ms : 0;
+    uint64_t limit = reason == 1 ? 0 : uint64_t(reason == 3 ? 3600 : 600) * 48000, done = 0;
     if (reason == 1) want = std::min<uint64_t>(want, length_ms * 48);
-    std::vector<float> pcm;
-    pcm.reserve(want * 2);
-    while (done < want) {
-        int32_t n = int32_t(std::min<uint64_t>(4096, want - done));
-        kelva_render(k, block.data(), n);
-        pcm.insert(pcm.end(), block.begin(), block.begin() + 2 * n);
-        done += uint64_t(n);
+    std::vector<float> pcm(want * 2), block(480 * 2);
+    for (; done < want || (done < limit && !player_end_ms); done += 480) {
+        kelva_render(k, block.data(), 480);
+        if (done < want) std::copy_n(block.begin(), 2 * std::min<uint64_t>(480, want - done), pcm.begin() + 2 * done);
+        if (!player_end_ms && kelva_song_ended(k)) player_end_ms = uint64_t(kelva_played_ms(k));
     }
     kelva_close(k);
     kelva_destroy(k);
@@ -121,6 +110,6 @@ int main(int argc, char **argv) {
     const char *slash = strrchr(s.player_path, '/');
     printf("player=%s name=%s format=\"%s\" length_ms=%llu reason=%d player_end_ms=%llu rendered_s=%.3f\n",
            slash ? slash + 1 : s.player_path, name, format.c_str(), (unsigned long long)length_ms, reason,
-           (unsigned long long)player_end_ms, double(done) / 48000.0);
+           (unsigned long long)player_end_ms, double(want) / 48000.0);
     return 0;
 }
