@@ -29,32 +29,20 @@ SECONDS = 60
 # The reference of each folder kelva plays, and of the modules whose reference differs from their
 # folder's.
 REFERENCE = {
-    "debian": "openmpt",
-    "st15": "openmpt",
-    "variants": "openmpt",
-    "effects": "openmpt",
-    "multichannel": "openmpt",
-    # Startrekker AM synth sounds: openmpt123 plays them silent.
-    "startrekker-am": "xmp",
+    **dict.fromkeys(("debian", "st15", "variants", "effects", "multichannel", "med", "okt"), "openmpt"),
     "ahx": "envelope",
     "hvl": "envelope",
-    "med": "openmpt",
-    "okt": "openmpt",
+    # Startrekker AM synth sounds: openmpt123 plays them silent.
+    "startrekker-am": "xmp",
     # openmpt123 does not load Game Music Creator and Images Music System modules; PolyTracker's
     # loudness curve and its song-wide pattern loop are xmp's (openmpt123 plays
     # pattern_loop_ptm's loops per channel: 59.6 s against 10 s).
-    "other/gmc.ingame": "xmp",
-    "other/redoctober-sub-docking.ims": "xmp",
-    "other/rew_vibr.ptm": "xmp",
-    "other/pattern_loop_ptm.ptm": "xmp",
+    **dict.fromkeys(("other/gmc.ingame", "other/redoctober-sub-docking.ims", "other/rew_vibr.ptm",
+                     "other/pattern_loop_ptm.ptm"), "xmp"),
     # MED 2/3/4 songs: openmpt123 does not load them.
-    "med/med3song.med": "xmp",
-    "med/Synth-a-sysmic.med": "xmp",
-    "med/med4song.med": "xmp",
+    **dict.fromkeys(("med/med3song.med", "med/Synth-a-sysmic.med", "med/med4song.med"), "xmp"),
     # Synthetic sounds: openmpt123 plays them silent.
-    "med/chip_happy.med": "xmp",
-    "med/med_synth_diff_speeds.med": "xmp",
-    "med/moods-yeah.med": "xmp",
+    **dict.fromkeys(("med/chip_happy.med", "med/med_synth_diff_speeds.med", "med/moods-yeah.med"), "xmp"),
     # openmpt123 plays this song's octave samples differently from both xmp and kelva (per track
     # its envelopes correlate 0.57-0.87 with xmp's, kelva's 0.975-0.999).
     "med/memories of anna.mmd1": "xmp",
@@ -86,13 +74,10 @@ def orbit_keep_first_speed(data):
     first pattern at the starting speed 15 (335.3 s; xmp and Oktalyzer's replay 323.0 s). The
     volume command sets the value the pair starts with (64) and can go; with it gone, openmpt123
     keeps the speed."""
-    data, at, chunks = bytearray(data), 8, {}
-    while at + 8 <= len(data):   # the first chunk of each name: its data offset
-        chunks.setdefault(bytes(data[at:at + 4]), at + 8)
-        at += 8 + int.from_bytes(data[at + 4:at + 8], "big")
-    split = sum(1 for i in range(4) if data[chunks[b"CMOD"] + 2 * i:chunks[b"CMOD"] + 2 * i + 2] != b"\0\0")
-    cell = chunks[b"PBOD"] + 2 + 4 * 1   # pattern 0, row 0, channel 1
-    assert split == 3 and data[cell + 2:cell + 4] == bytes([31, 64])
+    data = bytearray(data)
+    cmod, cell = data.find(b"CMOD") + 8, data.find(b"PBOD") + 8 + 2 + 4 * 1   # pattern 0, row 0, channel 1
+    split = bytes([0, 1, 0, 1, 0, 1, 0, 0])   # channels 0-2 split, 3 not: 7 channels
+    assert data[cmod:cmod + 8] == split and data[cell + 2:cell + 4] == bytes([31, 64])
     data[cell + 2:cell + 4] = b"\0\0"
     return bytes(data)
 
@@ -291,15 +276,12 @@ def compare_one(path, tool, tree, shared, work):
 
 
 def list_modules(root, args):
-    folders = [f for f in REFERENCE if "/" not in f]
     names = [a for a in args if not a.startswith("--folders=")]
-    for a in args:
-        if a.startswith("--folders="):
-            folders = [f for f in a[len("--folders="):].split(",") if f]
+    folders = [f for a in args if a.startswith("--folders=") for f in a[len("--folders="):].split(",") if f]
     if names:
         return [os.path.join(root, m) for m in names]
-    return [os.path.join(root, d, f) for d in sorted(folders) if os.path.isdir(os.path.join(root, d))
-            for f in sorted(os.listdir(os.path.join(root, d)))
+    return [os.path.join(root, d, f) for d in sorted(folders or [f for f in REFERENCE if "/" not in f])
+            if os.path.isdir(os.path.join(root, d)) for f in sorted(os.listdir(os.path.join(root, d)))
             if f != "SOURCES.md" and not f.endswith(COMPANION_SUFFIXES)]
 
 
