@@ -8,17 +8,7 @@
 TEST_NAME=aud
 . "$(dirname "$0")/lib.sh"
 parse_args "plugin players data demo modules" "$@"
-[ -f "$ARG_PLUGIN" ] || { echo "aud_test: plugin not found: '$ARG_PLUGIN'" >&2; exit 1; }
-aud_require_host
-for p in Tone SongEnd Subsong; do
-    [ -f "$ARG_PLAYERS/$p" ] || skip "test player $p not found in '$ARG_PLAYERS' (built with the m68k toolchain)"
-done
-aud_begin
-aud_prepare "$(readlink -f "$ARG_PLUGIN")"
-
-DATA=$T/kelva_data MUS=$T/music
-mkdir -p "$DATA/players/ENV"
-for p in Tone SongEnd Subsong; do cp "$ARG_PLAYERS/$p" "$DATA/players/$p"; done
+aud_setup Tone SongEnd Subsong
 printf 'not a hunk file\n' > "$DATA/players/Broken"
 printf '%s prefixes=%s\n' Tone kvt SongEnd dw,fc Subsong kvsub Broken brk > "$DATA/eagleplayer.conf"
 # tone.kvt: an extension nobody lists, found by content probing; a steady tone. end.dw: ends after
@@ -44,13 +34,8 @@ check_wav end.dw 4096 4096
 
 # ---- 3. subtunes: Audacious expands them only when a file is added, so the file is added
 # again until the scanner has stored the count
-add_file "$MUS/five.kvsub"
-end_ms=$(($(now_ms) + 120000))
-while [ "$(nentries)" != 5 ] && [ "$(now_ms)" -lt $end_ms ] && alive "$APID"; do
-    sleep 0.5
-    add_file "$MUS/five.kvsub"
-    sleep 0.3
-done
+add_five() { sleep 0.3; add_file "$MUS/five.kvsub"; sleep 0.3; [ "$(nentries)" = 5 ]; }
+wait_for 120 add_five
 expect_eq "five.kvsub entries" "$(nentries)" "5"
 if [ "$(nentries)" = 5 ]; then
     expect_eq "five.kvsub entry 3" "$(at playlist-song-filename 3)" "$MUS/five.kvsub?3"
@@ -82,14 +67,15 @@ check "bad.brk: 'failed to start' logged" log_has "kelva: $MUS/bad.brk failed to
 check "Audacious still runs" aud_answers
 check_loaded
 stop_all
-# What Audacious recorded about the plugin (file-name extensions are listed as "scheme").
-expect_eq "registry name" "$(reg_field name)" "kelva Amiga Music"
-expect_eq "registry priority" "$(reg_field priority)" "1"
-expect_eq "registry subtune support" "$(reg_field subtunes)" "2"
-expect_eq "registry extensions" "$(reg_field scheme)" \
-    "mod med mmd0 mmd1 mmd2 ahx thx hvl fc fc13 fc14 smod sng dw bd okt dmu mug ptm tfmx mdat aon st digi gmc sfx ml"\
-" vss ims"
-expect_eq "registry settings page" "$(reg_field config)" "1"
+# What Audacious recorded about the plugin: its name, priority, subtune support, file-name
+# extensions ("scheme") and settings page.
+while read -r key want; do expect_eq "registry $key" "$(reg_field "$key")" "$want"; done <<'EOF'
+name kelva Amiga Music
+priority 1
+subtunes 2
+scheme mod med mmd0 mmd1 mmd2 ahx thx hvl fc fc13 fc14 smod sng dw bd okt dmu mug ptm tfmx mdat aon st digi gmc sfx ml vss ims
+config 1
+EOF
 
 # ---- second run: the real data tree where a user installs it
 if [ ! -f "$ARG_DATA/eagleplayer.conf" ] || [ ! -f "$ARG_DATA/players/PTK-Prowiz" ]; then
@@ -130,10 +116,8 @@ seek_song() { # NAME SECONDS
     local st="" try r pre n equal start_ok end_diff what="seek in $1 to $2 s"
     [ -f "$T/full/$1.wav" ] || { echo "skip the seek in $1: it was not played"; return; }
     add_file "$MUS/$1"
-    at playlist-jump 1
-    [ "$(at playlist-stop-after-status)" = on ] || at playlist-stop-after-toggle
     for try in 1 2 3; do   # on a very loaded machine it may end before the pause arrives
-        rm -f "$T/out"/*.wav
+        stop_after 1
         at playback-play playback-pause
         st=$(at playback-status)
         [ "$st" = paused ] && break
@@ -145,7 +129,7 @@ seek_song() { # NAME SECONDS
     at playback-seek "$2"
     at playback-pause
     wait_stopped "$try"
-    WAV=$(ls -1tr "$T/out"/*.wav 2>/dev/null | head -n1)
+    first_wav
     [ -n "$WAV" ] || { fail "$what: the file writer wrote nothing"; return; }
     r=$(python3 "$AUDFILES" seek "$T/full/$1.wav" "$WAV" $(($2 * 48000)))
     echo "     $what: $r (frames before the seek, frames compared, equal, start ok, end difference)"

@@ -1,15 +1,6 @@
 #!/usr/bin/env python3
-"""audfiles.py -- what the integration tests read from files; one command a run:
-
-  info WAV                "format frames rate channels peak silent" (silent: the fraction of 100 ms
-                          blocks whose peak is below 1/1024)
-  seek FULL SEEK TARGET   a playback with a seek to frame TARGET against the unseeked one FULL:
-                          "frames_before frames_compared equal start_ok end_difference" or "error ..."
-  title MOD               the title a ProTracker module's name gives: its first 20 bytes (up to a NUL)
-                          as ISO-8859-1 without control bytes and padding, or the file name when no
-                          letter or digit is left
-  kelva-info JSON         "player length_ms" of the first file in `kelva info --json` output
-"""
+"""audfiles.py -- what the integration tests read from files, one command a run: info WAV, seek
+FULL SEEK TARGET, title MOD, kelva-info JSON (each function says what it prints)."""
 import array
 import json
 import os
@@ -27,30 +18,29 @@ def chunks(path):
 
 
 def info(path):
+    """"format frames rate channels peak silent" of a float WAV (silent: the fraction of 100 ms blocks
+    whose peak is below 1/1024); another format is named by its tag and bits, without figures."""
     c = chunks(path)
-    if b'fmt ' not in c:
-        return 'none 0 0 0 0 1'
-    tag, ch, rate, _, _, bits = struct.unpack('<HHIIHH', c[b'fmt '][:16])
-    kinds = {(3, 32): ('float', 'f', 1.0), (1, 16): ('pcm16', 'h', 32768.0)}
-    if (tag, bits) not in kinds:
-        return 'other%d 0 %d %d 0 1' % (bits, rate, ch)
-    kind, code, scale = kinds[(tag, bits)]
-    a, data = array.array(code), c.get(b'data', b'')
-    a.frombytes(data[:len(data) // a.itemsize * a.itemsize])
+    tag, ch, rate, _, _, bits = struct.unpack('<HHIIHH', c.get(b'fmt ', bytes(16))[:16])
+    if (tag, bits) != (3, 32):
+        return 'tag%d/%dbit 0 %d %d 0 1' % (tag, bits, rate, ch)
+    data = c.get(b'data', b'')
+    a = array.array('f', data[:len(data) // 4 * 4])
     if sys.byteorder != 'little':
         a.byteswap()
-    peak = max(map(abs, a)) / scale if a else 0.0
     step = max(rate // 10, 1) * max(ch, 1)
-    blocks = [a[i:i + step] for i in range(0, len(a), step)]
-    quiet = sum(1 for b in blocks if max(map(abs, b)) / scale < 1 / 1024)
-    return '%s %d %d %d %.4f %.3f' % (kind, len(a) // max(ch, 1), rate, ch, peak, quiet / max(len(blocks), 1))
+    quiet = sum(1 for i in range(0, len(a), step) if max(map(abs, a[i:i + step])) < 1 / 1024)
+    return 'float %d %d %d %.4f %.3f' % (len(a) // max(ch, 1), rate, ch, max(map(abs, a), default=0.0),
+                                         quiet / max(-(-len(a) // step), 1))
 
 
 def seek(full_path, seek_path, target):
-    """The seek restarts the song and renders up to the target silently, so the audio after it must
-    equal the unseeked playback from the target on; before it stands what was written before the
-    pause (the song's start). The 100 ms at the target may also occur earlier (a repeated passage):
-    every frame-aligned place is tried, and the first after which everything is equal wins."""
+    """"frames_before frames_compared equal start_ok end_difference" of a playback with a seek to
+    frame TARGET against the unseeked one, or "error ...". The seek restarts the song and renders up
+    to the target silently, so the audio after it must equal the unseeked playback from the target
+    on; before it stands what was written before the pause (the song's start). The 100 ms at the
+    target may also occur earlier (a repeated passage): every frame-aligned place is tried, and the
+    first after which everything is equal wins."""
     full, sk, s, F = chunks(full_path)[b'data'], chunks(seek_path).get(b'data', b''), int(target), 8
     pat = full[s * F:(s + 4800) * F]
     a = array.array('f', pat)
@@ -74,12 +64,15 @@ def seek(full_path, seek_path, target):
 
 
 def title(path):
+    """The title a ProTracker module's name gives: its first 20 bytes (up to a NUL) as ISO-8859-1
+    without control bytes and padding, or the file name when no letter or digit is left."""
     raw = open(path, 'rb').read()[:20].split(b'\0')[0]
     text = ''.join(chr(b) for b in raw if 0x20 <= b < 0x7F or b >= 0xA0).replace('\xa0', ' ').strip()
     return text if any(c.isalnum() for c in text) else os.path.basename(path)
 
 
 def kelva_info(text):
+    """"player length_ms" of the first file in `kelva info --json` output."""
     try:
         e = json.loads(text)[0]
         return '%s %s' % (e.get('player', 'none'), e['subsongs'][0]['length_ms'])

@@ -1,32 +1,20 @@
 #!/usr/bin/env bash
 # hostile_test.sh -- kelva inside the real Audacious, headless (the harness of lib.sh), fed a
 # playlist of hostile files.
-#
-#   hostile_test.sh --plugin kelva.so --players DIR --data DIR [--modules DIR] [--demo FILE]
-#                   [--keep] [--verbose]
-#
-# The data tree holds kelva's real players (from the data tree DIR) and the Misbehave test player, whose tick routine
-# loops forever (each tick costs the whole step budget). The playlist (table below): random bytes
-# under listed extensions; real modules (from --modules; the demo tune when none is at hand) cut
-# after their header or in their patterns; the endless player; an empty file; a folder. Every
-# entry is played: it must stop by itself (it ended or was refused) or when stopped after a few
-# seconds, and Audacious must answer after each. The log must hold the plugin's "kelva: "
-# messages naming refused files, and no crash report.
+#   hostile_test.sh --plugin kelva.so --players DIR --data DIR [--modules DIR] [--demo FILE] [--keep] [--verbose]
+# The data tree holds kelva's real players (from --data) and the Misbehave test player, whose tick
+# routine loops forever. The playlist (table below): random bytes under listed extensions; real
+# modules cut after their header or in their patterns; the endless player; an empty file; a folder.
+# Each entry must stop by itself (ended or refused) or when stopped after a few seconds, Audacious
+# answering after each; the log must name refused files in "kelva: " messages and hold no crash.
 # Exit: 0 pass, 1 fail, 77 skipped (Audacious, the file writer or the players missing).
 TEST_NAME=hostile
 . "$(dirname "$0")/lib.sh"
 parse_args "plugin players data modules demo" "$@"
-[ -f "$ARG_PLUGIN" ] || { echo "hostile_test: plugin not found: '$ARG_PLUGIN'" >&2; exit 1; }
-aud_require_host
-[ -f "$ARG_PLAYERS/Misbehave" ] || skip "test player Misbehave not found in '$ARG_PLAYERS' (built with the m68k toolchain)"
+aud_setup Misbehave
 [ -f "$ARG_DATA/players/PTK-Prowiz" ] || skip "player PTK-Prowiz not found in '$ARG_DATA/players' (m68k toolchain)"
-aud_begin
-aud_prepare "$(readlink -f "$ARG_PLUGIN")"
-
-DATA=$T/kelva_data MUS=$T/music M=${ARG_MODULES:-none}
-mkdir -p "$DATA/players/ENV"
+M=${ARG_MODULES:-none}
 for p in "$ARG_DATA"/players/*; do [ -f "$p" ] && cp "$p" "$DATA/players/"; done
-cp "$ARG_PLAYERS/Misbehave" "$DATA/players/Misbehave"
 cat > "$DATA/eagleplayer.conf" <<'CONF'
 PTK-Prowiz prefixes=mod,mod15,m15,st,nst,stk,ptk epopt=type:pt30
 UltimateSoundtracker prefixes=ust,fc

@@ -1,7 +1,7 @@
 # lib.sh -- the harness of the integration tests (sourced): a headless Audacious with a throw-away
-# configuration (its own HOME, XDG folders and D-Bus session), the file writer as output (WAV,
-# float) into $T/out, content probing on, openmpt, modplug and ffaudio disabled, and kelva.so in a
-# private copy of its plugin folder. Every process started here is stopped by its PID.
+# configuration (own HOME, XDG folders, D-Bus session), the file writer as output (WAV, float),
+# content probing on, the other tracker plugins off, and kelva.so in a private copy of its plugin
+# folder. Every process started here is stopped by its PID.
 set -u
 export LC_ALL=C
 FAILS=0 KEEP=0 VERBOSE=0 APID="" DPID="" T="" AUD_RUN=0 ALOG="" WAV="" LEN="" HOW=""
@@ -14,12 +14,9 @@ fail() { echo "FAIL $*"; FAILS=$((FAILS + 1)); }
 expect_eq() { # WHAT GOT EXPECTED
     if [ "$2" = "$3" ]; then pass "$1: $2"; else fail "$1: got '$2', expected '$3'"; fi
 }
+in_range() { awk -v v="$1" -v lo="$2" -v hi="$3" 'BEGIN { exit !(v ~ /^-?[0-9.]+$/ && v >= lo && v <= hi) }'; }
 expect_in() { # WHAT VALUE LOW HIGH: a number within [LOW, HIGH]
-    if awk -v v="$2" -v lo="$3" -v hi="$4" 'BEGIN { exit !(v ~ /^-?[0-9.]+$/ && v >= lo && v <= hi) }'; then
-        pass "$1: $2 (within $3..$4)"
-    else
-        fail "$1: got '$2', expected $3..$4"
-    fi
+    if in_range "$2" "$3" "$4"; then pass "$1: $2 (within $3..$4)"; else fail "$1: got '$2', expected $3..$4"; fi
 }
 check() { # WHAT COMMAND...: passes when the command succeeds
     local what=$1
@@ -31,32 +28,19 @@ uri() { printf 'file://%s' "$1"; }   # the paths made by the tests need no escap
 now_ms() { date +%s%3N; }
 
 # parse_args "NAME..." ARGS...: --keep, --verbose and "--NAME VALUE" for each NAME, as ARG_NAME
-# (upper case, '-' as '_'; empty when not given).
+# (upper case; empty when not given).
 parse_args() {
     local names=" $1 " n
     shift
     for n in $names; do printf -v "ARG_${n^^}" '%s' ""; done
     while [ $# -gt 0 ]; do
+        n=${1#--}
         case "$1" in
-            --keep | --verbose) n=${1#--}; printf -v "${n^^}" 1; shift ;;
-            *) n=${1#--}
-               [[ $names == *" $n "* && $# -ge 2 ]] || { echo "usage: $0$(printf ' --%s X' $names)" >&2; exit 1; }
+            --keep | --verbose) printf -v "${n^^}" 1; shift ;;
+            *) [[ $names == *" $n "* && $# -ge 2 ]] || { echo "usage: $0$(printf ' --%s X' $names)" >&2; exit 1; }
                printf -v "ARG_${n^^}" '%s' "$2"; shift 2 ;;
         esac
     done
-}
-
-aud_require_host() {
-    local c
-    for c in audacious:audacious audtool:audacious dbus-daemon:dbus python3:python3; do
-        command -v "${c%%:*}" >/dev/null || skip "${c%%:*} is not installed (package ${c#*:})"
-    done
-    AUDBIN=$(readlink -f "$(command -v audacious)")
-    SYS_PLUGIN_DIR=$(pkg-config --variable=plugin_dir audacious 2>/dev/null || true)
-    for c in "$SYS_PLUGIN_DIR" /usr/lib/*/audacious /usr/lib/audacious; do
-        [ -d "$c/Output" ] && SYS_PLUGIN_DIR=$c && break
-    done
-    [ -f "$SYS_PLUGIN_DIR/Output/filewriter.so" ] || skip "no Audacious file writer plugin (package audacious-plugins)"
 }
 
 alive() { [ -n "$1" ] && kill -0 "$1" 2>/dev/null; }
@@ -87,7 +71,18 @@ wait_for() { # SECONDS COMMAND...: polls until the command succeeds (while Audac
     done
 }
 
+# aud_begin: the host's programs (or a skip), the temporary folder $T and the traps.
 aud_begin() {
+    local c
+    for c in audacious:audacious audtool:audacious dbus-daemon:dbus python3:python3; do
+        command -v "${c%%:*}" >/dev/null || skip "${c%%:*} is not installed (package ${c#*:})"
+    done
+    AUDBIN=$(readlink -f "$(command -v audacious)")
+    SYS_PLUGIN_DIR=$(pkg-config --variable=plugin_dir audacious 2>/dev/null || true)
+    for c in "$SYS_PLUGIN_DIR" /usr/lib/*/audacious /usr/lib/audacious; do
+        [ -d "$c/Output" ] && SYS_PLUGIN_DIR=$c && break
+    done
+    [ -f "$SYS_PLUGIN_DIR/Output/filewriter.so" ] || skip "no Audacious file writer plugin (package audacious-plugins)"
     T=$(mktemp -d "/tmp/kelva-$TEST_NAME-XXXXXX") || exit 1
     trap 'stop_all; if [ "$KEEP" = 1 ]; then echo "kept: $T"; else rm -rf "$T"; fi' EXIT
     trap 'exit 130' INT
@@ -126,13 +121,27 @@ aud_prepare() {
     } > "$T/config/audacious/plugin-registry"
 }
 
+# aud_setup PLAYER...: aud_begin and aud_prepare for the plugin --plugin (a build fault when
+# missing), and a data tree $DATA with the test players named, from --players (or a skip).
+aud_setup() {
+    local p
+    [ -f "$ARG_PLUGIN" ] || { echo "$TEST_NAME: plugin not found: '$ARG_PLUGIN'" >&2; exit 1; }
+    aud_begin
+    aud_prepare "$(readlink -f "$ARG_PLUGIN")"
+    DATA=$T/kelva_data MUS=$T/music
+    mkdir -p "$DATA/players/ENV"
+    for p in "$@"; do
+        cp "$ARG_PLAYERS/$p" "$DATA/players/$p" 2>/dev/null || skip "no test player $p in '$ARG_PLAYERS' (m68k toolchain)"
+    done
+}
+
 aud_start() { # [VAR=VALUE...]: the private D-Bus, then "audacious -H" with that environment
     AUD_RUN=$((AUD_RUN + 1))
     ALOG=$T/aud-$AUD_RUN.log
     rm -f "$T/bus"
     dbus-daemon --session --nofork --nopidfile --address="$BUS" > "$T/dbus.log" 2>&1 &
     DPID=$!
-    wait_for 5 test -S "$T/bus" || { cat "$T/dbus.log"; echo "$TEST_NAME: private dbus-daemon did not start"; exit 1; }
+    wait_for 5 test -S "$T/bus" || { cat "$T/dbus.log"; echo "$TEST_NAME: no private dbus-daemon"; exit 1; }
     env -u DISPLAY -u WAYLAND_DISPLAY -u SESSION_MANAGER -u KELVA_DATA \
         HOME="$T/home" XDG_CONFIG_HOME="$T/config" XDG_DATA_HOME="$T/xdg" XDG_CACHE_HOME="$T/cache" \
         XDG_RUNTIME_DIR="$T/run" DBUS_SESSION_BUS_ADDRESS="$BUS" "$@" \

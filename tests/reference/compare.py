@@ -3,12 +3,11 @@
 
 Usage: compare.py RENDER_TOOL DATA_TREE SHARED_DIR WORK_DIR [--folders=A,B] [MODULE...]
 
-Renders the first 60 s of every module of the folders named (all of REFERENCE's by default) under
-SHARED_DIR/testdata/modules/, or of the modules named as folder/file, with kelva (RENDER_TOOL) and
-with the reference REFERENCE names, and compares lengths and 100 ms RMS envelopes (audiocmp.py at
-the best alignment, or the envelope a folder stores). A module fails when its length differs by
-more than 1 s or its envelope correlation is below 0.95, unless KNOWN lists the difference with its
-reason. Exits 0 when nothing fails, 1 otherwise, 77 when a tool or the data is missing.
+Renders the first 60 s of the modules (of the folders named, all of REFERENCE's by default, under
+SHARED_DIR/testdata/modules/, or named as folder/file) with kelva and with the reference REFERENCE
+names, and compares their lengths and 100 ms RMS envelopes. A module fails when its length differs
+by more than 1 s or its envelope correlation is below 0.95, unless KNOWN lists the difference with
+its reason. Exits 0 when nothing fails, 1 otherwise, 77 when a tool or the data is missing.
 """
 
 import array
@@ -313,16 +312,15 @@ def main():
         return 2
     tool, tree, shared, work = sys.argv[1:5]
     root = os.path.join(shared, "testdata", "modules")
-    if not os.path.isdir(root) or not os.path.exists(os.path.join(shared, "tools", "audiocmp.py")):
-        print("SKIP: shared test data not found in " + shared)
-        return 77
-    if not os.path.exists(os.path.join(tree, "players", "PTK-Prowiz")):
-        print("SKIP: the players were not built (no cross toolchain?)")
-        return 77
     modules = list_modules(root, sys.argv[5:])
-    for kind in {reference_of(os.path.relpath(p, root)) for p in modules} & set(TOOLS):
-        if not shutil.which(TOOLS[kind][0]):
-            print("SKIP: %s is not installed" % TOOLS[kind][0])
+    programs = sorted({TOOLS[k][0] for k in (reference_of(os.path.relpath(p, root)) for p in modules) if k in TOOLS})
+    for missing, what in [(not os.path.exists(os.path.join(shared, "tools", "audiocmp.py")) or not os.path.isdir(root),
+                           "shared test data not found in " + shared),
+                          (not os.path.exists(os.path.join(tree, "players", "PTK-Prowiz")),
+                           "the players were not built (no cross toolchain?)")] + \
+            [(not shutil.which(p), p + " is not installed") for p in programs]:
+        if missing:
+            print("SKIP: " + what)
             return 77
     os.makedirs(work, exist_ok=True)
     with concurrent.futures.ThreadPoolExecutor(max_workers=2) as ex:
