@@ -1,9 +1,6 @@
-# Integration tests (label "integration"): kelva's plugin in a headless Audacious with a private
-# configuration (tests/integration/lib.sh). plugin_audacious: the test players, then the build's
-# data tree with the demo tune and real modules; plugin_hostile_files: a playlist of hostile files
-# with the real players and the endlessly looping test player; plugin_install: `cmake --install`
-# under a temporary DESTDIR, then the installed tool and plugin used. Exit code 77: Audacious, a
-# player or the demo tune missing (parts that need the shared modules skip with a message).
+# The integration tests (tests/integration/): kelva's plugin in a headless Audacious with the test
+# players and the build's data tree, fed hostile files, and installed as a user would. Exit code 77:
+# Audacious, a player or the demo tune missing (parts that need the shared modules say they skip).
 if(KELVA_BUILD_PLUGIN AND TARGET kelva_aud)
   set(args --plugin $<TARGET_FILE:kelva_aud> --players ${CMAKE_BINARY_DIR}/tests/players --data ${KELVA_BUILD_DATA}
       --demo ${CMAKE_BINARY_DIR}/demo/demo.mod --modules ${KELVA_SHARED_DIR}/testdata/modules)

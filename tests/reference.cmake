@@ -1,7 +1,5 @@
-# The reference comparison (label "reference"): compare.py renders the shared test modules with
-# kelva (kelva_render_wav) and with the reference its REFERENCE table names (openmpt123, xmp or a
-# stored envelope), 60 s each, two at a time, and compares lengths and loudness envelopes. The
-# tests skip (77) without a reference program, the shared data or the players.
+# The reference comparison (tests/reference/compare.py): kelva's renders of the shared test modules
+# against openmpt123, xmp or stored envelopes; skips (77) without those, the shared data or the players.
 add_executable(kelva_render_wav ${CMAKE_CURRENT_LIST_DIR}/reference/kelva_render_wav.cpp)
 target_link_libraries(kelva_render_wav PRIVATE kelva_engine)
 find_package(Python3 COMPONENTS Interpreter)

@@ -69,31 +69,24 @@ check_loaded
 stop_all
 # What Audacious recorded about the plugin: its name, priority, subtune support, file-name
 # extensions ("scheme") and settings page.
-while read -r key want; do expect_eq "registry $key" "$(reg_field "$key")" "$want"; done <<'EOF'
-name kelva Amiga Music
-priority 1
-subtunes 2
-scheme mod med mmd0 mmd1 mmd2 ahx thx hvl fc fc13 fc14 smod sng dw bd okt dmu mug ptm tfmx mdat aon st digi gmc sfx ml vss ims
-config 1
-EOF
+expect_eq "registry name" "$(reg_field name)" "kelva Amiga Music"
+expect_eq "registry priority" "$(reg_field priority)" "1"
+expect_eq "registry subtune support" "$(reg_field subtunes)" "2"
+expect_eq "registry extensions" "$(reg_field scheme)" \
+    "mod med mmd0 mmd1 mmd2 ahx thx hvl fc fc13 fc14 smod sng dw bd okt dmu mug ptm tfmx mdat aon st digi"\
+" gmc sfx ml vss ims"
+expect_eq "registry settings page" "$(reg_field config)" "1"
 
 # ---- second run: the real data tree where a user installs it
-if [ ! -f "$ARG_DATA/eagleplayer.conf" ] || [ ! -f "$ARG_DATA/players/PTK-Prowiz" ]; then
-    echo "skip the real players: no data tree with eagleplayer.conf and players/PTK-Prowiz in '$ARG_DATA'"
-    aud_finish_report
-fi
-mkdir -p "$T/xdg/kelva_data"
-cp -R "$ARG_DATA/." "$T/xdg/kelva_data/"
+[ -f "$ARG_DATA/eagleplayer.conf" ] && [ -f "$ARG_DATA/players/PTK-Prowiz" ] ||
+    { echo "skip the real players: no eagleplayer.conf and players/PTK-Prowiz in '$ARG_DATA'"; aud_finish_report; }
+cp -R "$ARG_DATA" "$T/xdg/kelva_data"
 aud_start
 # name lowest highest length (ms): the demo tune 46.08 to 46.2 s as its source gives it; the
 # modules what two independent players measure, one 20 ms tick either way.
 while read -r name lo hi src; do
-    if [ -f "$src" ]; then
-        cp "$src" "$MUS/$name"
-        play_song "$name" "$(python3 "$AUDFILES" title "$MUS/$name")" "$lo" "$hi"
-    else
-        echo "skip $name: '$src' not found"
-    fi
+    cp "$src" "$MUS/$name" 2>/dev/null || { echo "skip $name: '$src' not found"; continue; }
+    play_song "$name" "$(python3 "$AUDFILES" title "$MUS/$name")" "$lo" "$hi"
 done <<EOF
 demo.mod 46080 46200 ${ARG_DEMO:-none}
 AnarchyMenu1.mod 147820 147860 $(find "${ARG_MODULES:-none}" -name AnarchyMenu1.mod 2>/dev/null | head -n1)

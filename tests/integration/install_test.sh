@@ -1,14 +1,10 @@
 #!/usr/bin/env bash
 # install_test.sh -- kelva installed as a user would, then used.
-#
 #   install_test.sh --build DIR [--cmake CMAKE] [--demo FILE] [--keep] [--verbose]
-#
-# Runs "cmake --install DIR" staged under a temporary DESTDIR (the plugin's destination is
-# Audacious' own plugin folder, an absolute path, so a plain --prefix would write into the
-# system's folder) and checks the layout; then the installed "kelva info" measures the demo tune
-# with the installed tree as the per-user data tree (XDG_DATA_HOME), and the installed kelva.so in
-# a headless Audacious (the harness of lib.sh) with that tree lists "kelva Amiga Music" with its
-# settings page, shows the demo tune's length and plays it.
+# "cmake --install DIR" is staged under a temporary DESTDIR (the plugin goes to Audacious' own plugin
+# folder, an absolute path, so a plain --prefix would write into the system's folder) and its layout
+# checked; then the installed "kelva info" and the installed kelva.so in a headless Audacious (lib.sh)
+# use the installed tree as the per-user data tree (XDG_DATA_HOME) for the demo tune.
 # Exit: 0 pass, 1 fail, 77 skipped (cmake, Audacious, the demo tune or the ProTracker player missing).
 TEST_NAME=install
 . "$(dirname "$0")/lib.sh"
@@ -39,8 +35,8 @@ ProTracker player|-f|$R/share/kelva_data/players/PTK-Prowiz
 ENV: folder|-d|$R/share/kelva_data/players/ENV
 EOF
 if command -v nm >/dev/null && [ -f "$PLUGIN" ]; then
-    expect_eq "symbols kelva.so gives the host" \
-        "$(nm -D --defined-only "$PLUGIN" | awk '$2 ~ /^[BDTVW]$/ { print $3 }' | sort | paste -sd ' ')" "aud_plugin_instance"
+    syms=$(nm -D --defined-only "$PLUGIN" | awk '$2 ~ /^[BDTVW]$/ { print $3 }' | sort | paste -sd ' ')
+    expect_eq "symbols kelva.so gives the host" "$syms" "aud_plugin_instance"
 fi
 expect_eq "files outside the prefix and the plugin folder" \
     "$(cd "$DEST" && find . -type f | grep -v -e "^.$PREFIX/" -e "^.$SYS_PLUGIN_DIR/" | head -n3)" ""

@@ -50,16 +50,13 @@ wait_gone() { # PID SECONDS
     ! alive "$1"
 }
 at() { DBUS_SESSION_BUS_ADDRESS=$BUS timeout 10 audtool "$@" 2>/dev/null; }
-stop_pid() { # PID: TERM, then KILL after 5 s
-    alive "$1" || return 0
-    kill -TERM "$1" 2>/dev/null
-    wait_gone "$1" 5 || kill -KILL "$1" 2>/dev/null
-    wait "$1" 2>/dev/null
-}
-stop_all() {
+stop_all() { # Audacious (asked to shut down, then TERM, then KILL), then the D-Bus daemon
+    local p
     alive "$APID" && at shutdown >/dev/null && wait_gone "$APID" 10
-    stop_pid "$APID"
-    stop_pid "$DPID"
+    for p in $APID $DPID; do
+        alive "$p" && kill -TERM "$p" 2>/dev/null && ! wait_gone "$p" 5 && kill -KILL "$p" 2>/dev/null
+        wait "$p" 2>/dev/null
+    done
     APID="" DPID=""
 }
 wait_for() { # SECONDS COMMAND...: polls until the command succeeds (while Audacious, once started, lives)
@@ -131,7 +128,7 @@ aud_setup() {
     DATA=$T/kelva_data MUS=$T/music
     mkdir -p "$DATA/players/ENV"
     for p in "$@"; do
-        cp "$ARG_PLAYERS/$p" "$DATA/players/$p" 2>/dev/null || skip "no test player $p in '$ARG_PLAYERS' (m68k toolchain)"
+        cp "$ARG_PLAYERS/$p" "$DATA/players/$p" 2>/dev/null || skip "test player $p not in '$ARG_PLAYERS'"
     done
 }
 

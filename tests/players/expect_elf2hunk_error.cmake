@@ -1,7 +1,5 @@
-# Builds a deliberately broken player source and checks that elf2hunk refuses it with the expected
-# message and leaves no output file behind (ctest runs this with -P).
-#   -DCC=<m68k gcc> -DFLAGS=<;-list> -DLDFLAGS=<;-list> -DELF2HUNK=<tool>
-#   -DSRC=<file.S> -DWORK=<dir> -DEXPECT=<regex>
+# cmake -DCC=<m68k gcc> -DFLAGS=<;-list> -DLDFLAGS=<;-list> -DELF2HUNK=<tool> -DSRC=<file.S> -DWORK=<dir>
+#   -DEXPECT=<regex> -P: builds a deliberately broken player; elf2hunk must refuse it as EXPECT says, leaving no output.
 file(MAKE_DIRECTORY ${WORK})
 macro(build_step what)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc ERROR_VARIABLE err)

@@ -217,15 +217,14 @@ def envelope_reference(folder_dir, name):
 
 
 def reference_render(kind, path, out, res):
-    """Renders with the reference program; sets res["ref_s"]; returns an error text or None."""
+    """Renders with the reference program (RuntimeError when it fails); sets res["ref_s"] for openmpt123."""
     r = run([a.format(out=out, src=path) for a in TOOLS[kind]])
     if r.returncode != 0 or not os.path.exists(out):
-        return "%s failed: %s" % (TOOLS[kind][0], (r.stderr.strip() or r.stdout.strip())[-200:])
+        raise RuntimeError("%s failed: %s" % (TOOLS[kind][0], (r.stderr.strip() or r.stdout.strip())[-200:]))
     if kind == "openmpt":
         r = run(["openmpt123", "--info", "--subsong", "0", path])
         m = re.search(r"Duration\.*:\s*(?:(\d+):)?(\d+):(\d+(?:\.\d+)?)", r.stdout + r.stderr)
         res["ref_s"] = int(m.group(1) or 0) * 3600 + int(m.group(2)) * 60 + float(m.group(3)) if m else None
-    return None
 
 
 def reference_of(name):
@@ -248,23 +247,21 @@ def compare_one(path, tool, tree, shared, work):
         if kind == "envelope":
             ref_env, res["ref_s"] = envelope_reference(os.path.dirname(path), os.path.basename(path))
             if ref_env is None:
-                res["error"] = "no reference envelope"
-            else:
-                res.update(corr=pearson(rms_envelope(a), ref_env), offset_ms=0)
+                raise RuntimeError("no reference envelope")
+            res.update(corr=pearson(rms_envelope(a), ref_env), offset_ms=0)
             return res
         source = path
         if name in REFERENCE_PATCH:
             source = stem + ".patched"
             with open(path, "rb") as f, open(source, "wb") as g:
                 g.write(REFERENCE_PATCH[name](f.read()))
-        err = reference_render(kind, source, b, res)
-        if err:
-            res["error"] = err
-            return res
+        reference_render(kind, source, b, res)
         d = json.loads(run([sys.executable, os.path.join(shared, "tools", "audiocmp.py"), a, b]).stdout)
         res.update(corr=d["env_corr"], offset_ms=d["offset_ms"], rms_db=d.get("rms_ratio_db"), worst=d.get("worst_5s"))
         if kind == "xmp":   # its render is the whole song
             res["ref_s"] = d["b"]["duration_s"]
+    except RuntimeError as e:
+        res["error"] = str(e)
     except (ValueError, LookupError, OSError) as e:
         res["error"] = "comparison failed: %s" % e
     finally:

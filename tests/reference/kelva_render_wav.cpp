@@ -1,12 +1,7 @@
-// kelva_render_wav: renders a module with kelva's player selection and engine to a 32-bit float
-// stereo WAV file and measures its length, for the reference comparison (compare.py).
-//
-//   kelva_render_wav MODULE OUT.wav [SECONDS]
-//
-// Renders SECONDS (default 60) at 48 kHz with the A500 filter model and full stereo separation, or
-// less when the song ends earlier (at the frame where the player reported its end). Prints one line
+// kelva_render_wav MODULE OUT.wav [SECONDS]: renders a module with kelva's player selection (players
+// from KELVA_DATA or the installed tree) and engine to a float stereo WAV file, 48 kHz, A500 filter,
+// full separation, and measures its length, for the reference comparison (compare.py). Prints
 //   player=<file> name=<name> format="<format>" length_ms=<n> reason=<r> player_end_ms=<n> rendered_s=<s>
-// Finds the players through KELVA_DATA (or the installed tree).
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
