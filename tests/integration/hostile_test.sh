@@ -15,16 +15,11 @@ aud_setup Misbehave
 [ -f "$ARG_DATA/players/PTK-Prowiz" ] || skip "player PTK-Prowiz not found in '$ARG_DATA/players' (m68k toolchain)"
 M=${ARG_MODULES:-none}
 for p in "$ARG_DATA"/players/*; do [ -f "$p" ] && cp "$p" "$DATA/players/"; done
-cat > "$DATA/eagleplayer.conf" <<'CONF'
-PTK-Prowiz prefixes=mod,mod15,m15,st,nst,stk,ptk epopt=type:pt30
-UltimateSoundtracker prefixes=ust,fc
-Soundtracker-IV prefixes=st4
-Oktalyzer prefixes=okt
-DIGIBooster prefixes=digi
-AHX prefixes=ahx,thx
-HivelyTracker prefixes=hvl
-Misbehave prefixes=kvloop
-CONF
+{
+    echo "PTK-Prowiz prefixes=mod,mod15,m15,st,nst,stk,ptk epopt=type:pt30"
+    printf '%s prefixes=%s\n' UltimateSoundtracker ust,fc Soundtracker-IV st4 Oktalyzer okt DIGIBooster digi \
+        AHX ahx,thx HivelyTracker hvl Misbehave kvloop
+} > "$DATA/eagleplayer.conf"
 first() { find "$@" -type f 2>/dev/null | sort | head -n1; }
 MOD=$(first "$M" -iname '*.mod' -size +30k -size -400k) AHX=$(first "$M/ahx" -name 'AHX.*')
 OKT=$(first "$M/okt" -name '*.okta')

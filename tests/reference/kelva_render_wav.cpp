@@ -35,24 +35,6 @@ bool write_wav(const char *path, const std::vector<float> &pcm) {
     return fclose(f) == 0;
 }
 
-struct Song {
-    std::vector<uint8_t> player, mod;
-    char player_path[4096];
-    const char *mod_path;
-};
-
-kelva *open_engine(const Song &s) {
-    kelva *k = kelva_create(48000);
-    if (!k) return nullptr;
-    kelva_set_model(k, 0);
-    kelva_set_separation(k, 1.0f);
-    if (kelva_open(k, s.player.data(), uint32_t(s.player.size()), s.mod.data(), uint32_t(s.mod.size()),
-                   s.player_path, s.mod_path, 0) == 0)
-        return k;
-    kelva_destroy(k);
-    return nullptr;
-}
-
 int fail(const char *what, const char *path) {
     fprintf(stderr, "kelva_render_wav: %s %s\n", what, path);
     return 1;
@@ -68,14 +50,25 @@ int main(int argc, char **argv) {
     double seconds = argc > 3 ? atof(argv[3]) : 60.0;
     if (!(seconds > 0 && seconds <= 3600)) seconds = 60.0;
     kelva_global_init();
-    Song s{};
-    s.mod_path = argv[1];
-    if (!read_file(argv[1], s.mod)) return fail("cannot read", argv[1]);
-    if (!kelva_identify(argv[1], s.mod.data(), uint32_t(s.mod.size()), s.player_path, sizeof s.player_path))
+    std::vector<uint8_t> mod, player;
+    char player_path[4096];
+    if (!read_file(argv[1], mod)) return fail("cannot read", argv[1]);
+    if (!kelva_identify(argv[1], mod.data(), uint32_t(mod.size()), player_path, sizeof player_path))
         return fail("no player for", argv[1]);
-    if (!read_file(s.player_path, s.player)) return fail("cannot read", s.player_path);
+    if (!read_file(player_path, player)) return fail("cannot read", player_path);
+    auto open_engine = [&]() -> kelva * {
+        kelva *k = kelva_create(48000);
+        if (!k) return nullptr;
+        kelva_set_model(k, 0);
+        kelva_set_separation(k, 1.0f);
+        if (kelva_open(k, player.data(), uint32_t(player.size()), mod.data(), uint32_t(mod.size()), player_path,
+                       argv[1], 0) == 0)
+            return k;
+        kelva_destroy(k);
+        return nullptr;
+    };
     // Length first, on an engine of its own, measured as the plugin and the command-line tool do.
-    kelva *m = open_engine(s);
+    kelva *m = open_engine();
     if (!m) return fail("cannot open with its player:", argv[1]);
     char name[256];
     kelva_get_player_name(m, name, sizeof name);
@@ -88,7 +81,7 @@ int main(int argc, char **argv) {
     // at a repetition of the loudness envelope (a song whose parts repeat for a long time) or at its
     // time limit (a song longer than 10 minutes), the engine plays on to the player's own end signal
     // as well, so its song end can be checked too (up to an hour, to 10 ms).
-    kelva *k = open_engine(s);
+    kelva *k = open_engine();
     if (!k) return 1;
     uint64_t want = uint64_t(seconds * 48000), player_end_ms = reason == 1 ? length_ms : 0;
     uint64_t limit = reason == 1 ? 0 : uint64_t(reason == 3 ? 3600 : 600) * 48000, done = 0;
@@ -102,9 +95,9 @@ int main(int argc, char **argv) {
     kelva_close(k);
     kelva_destroy(k);
     if (!write_wav(argv[2], pcm)) return fail("cannot write", argv[2]);
-    const char *slash = strrchr(s.player_path, '/');
+    const char *slash = strrchr(player_path, '/');
     printf("player=%s name=%s format=\"%s\" length_ms=%llu reason=%d player_end_ms=%llu rendered_s=%.3f\n",
-           slash ? slash + 1 : s.player_path, name, format.c_str(), (unsigned long long)length_ms, reason,
+           slash ? slash + 1 : player_path, name, format.c_str(), (unsigned long long)length_ms, reason,
            (unsigned long long)player_end_ms, double(want) / 48000.0);
     return 0;
 }
