@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
-# aud_test.sh -- kelva inside the real Audacious, headless (the harness of lib.sh).
-#   aud_test.sh --plugin kelva.so --players DIR --data DIR --demo FILE --modules DIR [--keep] [--verbose]
-# First run: a data tree (KELVA_DATA) made from the test players in DIR, the files below. Second
-# run: kelva's real data tree (--data) where a user installs it (XDG_DATA_HOME/kelva_data), playing
-# the demo tune and two real ProTracker modules, and seeks; parts whose files are absent are
-# skipped with a message. Exit: 0 pass, 1 fail, 77 skipped (Audacious or test players missing).
+# aud_test.sh --plugin kelva.so --players DIR --data DIR --demo FILE --modules DIR [--keep] [--verbose]
+# kelva in the real Audacious, headless (lib.sh): first with a data tree (KELVA_DATA) of test players
+# and the files below; then with the real data tree where a user installs it (XDG_DATA_HOME), playing
+# the demo tune and two real modules, and seeking. Parts whose files are absent say they skip.
 TEST_NAME=aud
 . "$(dirname "$0")/lib.sh"
 parse_args "plugin players data demo modules" "$@"
@@ -125,7 +123,6 @@ seek_song() { # NAME SECONDS
     first_wav
     [ -n "$WAV" ] || { fail "$what: the file writer wrote nothing"; return; }
     r=$(python3 "$AUDFILES" seek "$T/full/$1.wav" "$WAV" $(($2 * 48000)))
-    echo "     $what: $r (frames before the seek, frames compared, equal, start ok, end difference)"
     [ "${r#error}" = "$r" ] || { fail "$what: $r"; return; }
     read -r pre n equal start_ok end_diff <<< "$r"
     expect_eq "$what: audio after it equals playback from $2 s ($n frames)" "$equal" 1

@@ -1,6 +1,5 @@
 #!/usr/bin/env python3
-"""audfiles.py -- what the integration tests read from files, one command a run: info WAV, seek
-FULL SEEK TARGET, title MOD, kelva-info JSON (each function says what it prints)."""
+"""audfiles.py info WAV | seek FULL SEEK TARGET | title MOD | kelva-info JSON: what the tests read."""
 import array
 import json
 import os

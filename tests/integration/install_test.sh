@@ -42,9 +42,8 @@ expect_eq "files outside the prefix and the plugin folder" \
     "$(cd "$DEST" && find . -type f | grep -v -e "^.$PREFIX/" -e "^.$SYS_PLUGIN_DIR/" | head -n3)" ""
 
 # ---- the installed tool finds the installed tree
-mkdir -p "$T/empty"
 read -r player ms <<< "$(python3 "$AUDFILES" kelva-info \
-    "$(env -u KELVA_DATA HOME="$T/empty" XDG_DATA_HOME="$R/share" "$R/bin/kelva" info --json "$DEMO" 2>&1)")"
+    "$(env -u KELVA_DATA HOME="$T/home" XDG_DATA_HOME="$R/share" "$R/bin/kelva" info --json "$DEMO" 2>&1)")"
 expect_eq "installed kelva info: player" "$player" "PTK-Prowiz"
 expect_in "installed kelva info: length (ms)" "$ms" 46080 46200
 

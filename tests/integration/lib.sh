@@ -27,8 +27,7 @@ log_has() { grep -q -F "$1" "$ALOG"; }
 uri() { printf 'file://%s' "$1"; }   # the paths made by the tests need no escapes
 now_ms() { date +%s%3N; }
 
-# parse_args "NAME..." ARGS...: --keep, --verbose and "--NAME VALUE" for each NAME, as ARG_NAME
-# (upper case; empty when not given).
+# parse_args "NAME..." ARGS...: --keep, --verbose and "--NAME VALUE" for each NAME, as ARG_NAME ("" if not given)
 parse_args() {
     local names=" $1 " n
     shift
@@ -44,11 +43,7 @@ parse_args() {
 }
 
 alive() { [ -n "$1" ] && kill -0 "$1" 2>/dev/null; }
-wait_gone() { # PID SECONDS
-    local n=$(($2 * 20))
-    while alive "$1" && [ $n -gt 0 ]; do sleep 0.05; n=$((n - 1)); done
-    ! alive "$1"
-}
+wait_gone() { timeout "$2" tail --pid="$1" -s 0.05 -f /dev/null; }   # PID SECONDS
 at() { DBUS_SESSION_BUS_ADDRESS=$BUS timeout 10 audtool "$@" 2>/dev/null; }
 stop_all() { # Audacious (asked to shut down, then TERM, then KILL), then the D-Bus daemon
     local p
@@ -82,8 +77,7 @@ aud_begin() {
     [ -f "$SYS_PLUGIN_DIR/Output/filewriter.so" ] || skip "no Audacious file writer plugin (package audacious-plugins)"
     T=$(mktemp -d "/tmp/kelva-$TEST_NAME-XXXXXX") || exit 1
     trap 'stop_all; if [ "$KEEP" = 1 ]; then echo "kept: $T"; else rm -rf "$T"; fi' EXIT
-    trap 'exit 130' INT
-    trap 'exit 143' TERM
+    trap 'exit 143' INT TERM
     BUS="unix:path=$T/bus"
     mkdir -p "$T/home" "$T/config/audacious" "$T/xdg" "$T/cache" "$T/run" "$T/out" "$T/music"
     chmod 700 "$T/run"
@@ -110,12 +104,11 @@ aud_prepare() {
     printf '%s\n' "[audacious]" resume_playback_on_startup=FALSE slow_probe=TRUE output_bit_depth=-1 \
         metadata_fallbacks=FALSE stop_after_current_song=FALSE "[filewriter]" fileext=0 "file_path=$(uri "$T/out")" \
         save_original=FALSE filenamefromtags=FALSE use_suffix=FALSE prependnumber=FALSE > "$T/config/audacious/config"
-    {
-        printf 'format 10\noutput %s\nenabled 1\n' "$SYS_PLUGIN_DIR/Output/filewriter.so"
-        for d in openmpt modplug ffaudio; do
-            [ -e "$PDIR/Input/$d.so" ] && printf 'input %s\nenabled 0\n' "$PDIR/Input/$d.so"
-        done
-    } > "$T/config/audacious/plugin-registry"
+    so=$T/config/audacious/plugin-registry
+    printf 'format 10\noutput %s\nenabled 1\n' "$SYS_PLUGIN_DIR/Output/filewriter.so" > "$so"
+    for d in openmpt modplug ffaudio; do
+        [ -e "$PDIR/Input/$d.so" ] && printf 'input %s\nenabled 0\n' "$PDIR/Input/$d.so" >> "$so"
+    done
 }
 
 # aud_setup PLAYER...: aud_begin and aud_prepare for the plugin --plugin (a build fault when
@@ -232,14 +225,10 @@ play_song() {
     mv "$WAV" "$T/full/$1.wav"
 }
 
-aud_finish_report() {
-    local log
-    for log in "$T"/aud-*.log; do
-        [ "$VERBOSE" = 1 ] || [ $FAILS -gt 0 ] || break
-        echo "---- $(basename "$log"): kelva's messages, then the log without INFO/DEBUG"
-        grep -F 'kelva: ' "$log" | sort | uniq -c | head -40
-        grep -v -E '^(INFO|DEBUG) ' "$log" | tail -40
-    done
+aud_finish_report() { # on failure or with --verbose the logs without INFO/DEBUG lines, then the verdict
+    if [ "$VERBOSE" = 1 ] || [ $FAILS -gt 0 ]; then
+        grep -H -v -E '^(INFO|DEBUG) ' "$T"/aud-*.log | uniq -c | tail -80
+    fi
     [ $FAILS -eq 0 ] && { echo "PASS"; exit 0; }
     echo "$FAILS check(s) failed"
     exit 1

@@ -47,10 +47,9 @@ REFERENCE = {
     "med/memories of anna.mmd1": "xmp",
 }
 
-# How the references render: openmpt123 60 s with the Amiga resampler, A500, hard panning (its
-# duration from --info); xmp the whole song (its length the duration) with its Paula mixer and full
-# separation. "envelope": the folder's REFERENCE-ENVELOPES.tsv, the 100 ms RMS envelope of the
-# first 60 s by the format's own replayer, and the duration SOURCES.md gives for it.
+# The references: openmpt123 renders 60 s with the Amiga resampler, A500, hard panning (duration from
+# --info); xmp the whole song (its duration) with its Paula mixer, full separation; "envelope" is the
+# folder's REFERENCE-ENVELOPES.tsv (100 ms RMS of the first 60 s by the format's own replayer).
 TOOLS = {
     "openmpt": ["openmpt123", "--batch", "--quiet", "--samplerate", "48000", "--channels", "2", "--float",
                 "--subsong", "0", "--stereo", "200", "--ctl", "render.resampler.emulate_amiga=1",
@@ -202,18 +201,14 @@ def pearson(x, y):
 
 def envelope_reference(folder_dir, name):
     """The stored envelope of a module and the duration the SOURCES.md column "hvl2wav" gives."""
-    env, dur, header = None, None, None
     with open(os.path.join(folder_dir, "REFERENCE-ENVELOPES.tsv"), encoding="utf-8") as f:
-        for line in f:
-            if line.startswith(name + "\t"):
-                env = [float(v) for v in line.split("\t", 1)[1].split()]
+        env = next(([float(v) for v in line.split("\t", 1)[1].split()] for line in f if line.startswith(name + "\t")),
+                   None)
     with open(os.path.join(folder_dir, "SOURCES.md"), encoding="utf-8") as f:
-        for cells in ([c.strip() for c in line.strip().strip("|").split("|")] for line in f if line.startswith("|")):
-            header = header or cells
-            m = re.fullmatch(r"(\d+):(\d+(?:\.\d+)?)", cells[[i for i, h in enumerate(header) if "hvl2wav" in h][0]])
-            if cells[0] == name and m:
-                dur = int(m.group(1)) * 60 + float(m.group(2))
-    return env, dur
+        rows = [[c.strip() for c in line.strip().strip("|").split("|")] for line in f if line.startswith("|")]
+    col = [i for i, h in enumerate(rows[0]) if "hvl2wav" in h][0]
+    m = next((re.fullmatch(r"(\d+):(\d+(?:\.\d+)?)", r[col]) for r in rows if r[0] == name), None)
+    return env, int(m.group(1)) * 60 + float(m.group(2)) if m else None
 
 
 def reference_render(kind, path, out, res):
