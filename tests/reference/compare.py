@@ -1,30 +1,13 @@
 #!/usr/bin/env python3
-"""compare.py - kelva's players against independent renderers on the shared
-test modules.
+"""compare.py - kelva's players against independent renderers on the shared test modules.
 
 Usage: compare.py RENDER_TOOL DATA_TREE SHARED_DIR WORK_DIR [--folders=A,B] [MODULE...]
 
-For every module of the folders listed in FOLDERS under
-SHARED_DIR/testdata/modules/ (or of the folders named by --folders, or the
-named modules, given as folder/file):
-  - renders the first 60 s with kelva (tests/reference/kelva_render_wav: 48 kHz,
-    A500 filter, separation 1.0) and measures kelva's song length;
-  - takes the reference the module's folder (or REFERENCE) names:
-      openmpt   renders 60 s with openmpt123 (Amiga resampler, A500, hard
-                panning) and reads openmpt123's duration;
-      xmp       renders the whole song with xmp (Paula mixer, full
-                separation); its length is the duration;
-      envelope  the folder's REFERENCE-ENVELOPES.tsv (the 100 ms RMS envelope
-                of the first 60 s by the format's own replayer) and the
-                duration SOURCES.md gives for that replayer;
-  - compares the renders with SHARED_DIR/tools/audiocmp.py (envelope
-    correlation at the best alignment), or kelva's 100 ms RMS envelope with
-    the stored one.
-Prints one line per module with every figure, then a summary. A module fails
-when its length differs by more than 1 s or its envelope correlation is
-below 0.95, unless the difference is listed in KNOWN with its reason. Exits 0
-when nothing fails, 1 otherwise, 77 when a tool or the data is missing
-(ctest's skip code).
+Renders the first 60 s of the modules (of the folders named, all of REFERENCE's by default, under
+SHARED_DIR/testdata/modules/, or named as folder/file) with kelva and with the reference REFERENCE
+names, and compares their lengths and 100 ms RMS envelopes. A module fails when its length differs
+by more than 1 s or its envelope correlation is below 0.95, unless KNOWN lists the difference with
+its reason. Exits 0 when nothing fails, 1 otherwise, 77 when a tool or the data is missing.
 """
 
 import array
@@ -34,6 +17,7 @@ import math
 import os
 import re
 import shutil
+import statistics
 import subprocess
 import sys
 
@@ -41,81 +25,62 @@ LENGTH_TOLERANCE_S = 1.0
 CORR_THRESHOLD = 0.95
 SECONDS = 60
 
-# The folders whose formats kelva plays, and the reference for each.
-FOLDERS = {
-    "debian": "openmpt",
-    "st15": "openmpt",
-    "variants": "openmpt",
-    "effects": "openmpt",
-    "multichannel": "openmpt",
-    # Startrekker AM synth sounds: openmpt123 plays them silent.
-    "startrekker-am": "xmp",
+# The reference of each folder kelva plays, and of the modules whose reference differs from their
+# folder's.
+REFERENCE = {
+    **dict.fromkeys(("debian", "st15", "variants", "effects", "multichannel", "med", "okt"), "openmpt"),
     "ahx": "envelope",
     "hvl": "envelope",
-    "med": "openmpt",
-    "okt": "openmpt",
-}
-
-# Modules whose reference differs from their folder's: module -> reference.
-# openmpt123 does not load Game Music Creator and Images Music System
-# modules; PolyTracker's loudness curve and its song-wide pattern loop are
-# xmp's (openmpt123 plays pattern_loop_ptm's loops per channel: 59.6 s
-# against 10 s).
-REFERENCE = {
-    "other/gmc.ingame": "xmp",
-    "other/redoctober-sub-docking.ims": "xmp",
-    "other/rew_vibr.ptm": "xmp",
-    "other/pattern_loop_ptm.ptm": "xmp",
+    # Startrekker AM synth sounds: openmpt123 plays them silent.
+    "startrekker-am": "xmp",
+    # openmpt123 does not load Game Music Creator and Images Music System modules; PolyTracker's
+    # loudness curve and its song-wide pattern loop are xmp's (openmpt123 plays
+    # pattern_loop_ptm's loops per channel: 59.6 s against 10 s).
+    **dict.fromkeys(("other/gmc.ingame", "other/redoctober-sub-docking.ims", "other/rew_vibr.ptm",
+                     "other/pattern_loop_ptm.ptm"), "xmp"),
     # MED 2/3/4 songs: openmpt123 does not load them.
-    "med/med3song.med": "xmp",
-    "med/Synth-a-sysmic.med": "xmp",
-    "med/med4song.med": "xmp",
+    **dict.fromkeys(("med/med3song.med", "med/Synth-a-sysmic.med", "med/med4song.med"), "xmp"),
     # Synthetic sounds: openmpt123 plays them silent.
-    "med/chip_happy.med": "xmp",
-    "med/med_synth_diff_speeds.med": "xmp",
-    "med/moods-yeah.med": "xmp",
-    # openmpt123 plays this song's octave samples differently from both xmp
-    # and kelva (per track its envelopes correlate 0.57-0.87 with xmp's,
-    # kelva's 0.975-0.999).
+    **dict.fromkeys(("med/chip_happy.med", "med/med_synth_diff_speeds.med", "med/moods-yeah.med"), "xmp"),
+    # openmpt123 plays this song's octave samples differently from both xmp and kelva (per track
+    # its envelopes correlate 0.57-0.87 with xmp's, kelva's 0.975-0.999).
     "med/memories of anna.mmd1": "xmp",
 }
 
-
-def okt_chunks(data):
-    """(name, data offset, length) of an Oktalyzer song's chunks."""
-    at, out = 8, []
-    while at + 8 <= len(data):
-        length = int.from_bytes(data[at + 4:at + 8], "big")
-        out.append((data[at:at + 4], at + 8, length))
-        at += 8 + length
-    return out
+# The references: openmpt123 renders 60 s with the Amiga resampler, A500, hard panning (duration from
+# --info); xmp the whole song (its duration) with its Paula mixer, full separation; "envelope" is the
+# folder's REFERENCE-ENVELOPES.tsv (100 ms RMS of the first 60 s by the format's own replayer).
+TOOLS = {
+    "openmpt": ["openmpt123", "--batch", "--quiet", "--samplerate", "48000", "--channels", "2", "--float",
+                "--subsong", "0", "--stereo", "200", "--ctl", "render.resampler.emulate_amiga=1",
+                "--ctl", "render.resampler.emulate_amiga_type=a500", "--end-time", str(SECONDS), "--force",
+                "-o", "{out}", "{src}"],
+    "xmp": ["xmp", "--nocmd", "--norc", "-q", "-d", "wav", "-o", "{out}", "-f", "48000", "-A", "-P", "100",
+            "-t", "1200", "{src}"],
+}
 
 
 def okt_as_oktasong(data):
-    """OKTASNG2 songs have the OKTASONG chunks under another tag, which
-    neither reference knows; the reference plays them retagged."""
+    """OKTASNG2 songs have the OKTASONG chunks under another tag, which neither reference knows;
+    the reference plays them retagged."""
     return b"OKTASONG" + data[8:]
 
 
 def orbit_keep_first_speed(data):
-    """openmpt123 drops the speed command (28, speed 4) of orbit.okta's first
-    row, channel 0, because channel 1 of the same split channel sets the
-    volume (31) on that row: it plays the first pattern at the starting
-    speed 15 (335.3 s; xmp and Oktalyzer's replay 323.0 s). The volume
-    command sets the value the pair starts with (64) and can go; with it
-    gone, openmpt123 keeps the speed."""
+    """openmpt123 drops the speed command (28, speed 4) of orbit.okta's first row, channel 0,
+    because channel 1 of the same split channel sets the volume (31) on that row: it plays the
+    first pattern at the starting speed 15 (335.3 s; xmp and Oktalyzer's replay 323.0 s). The
+    volume command sets the value the pair starts with (64) and can go; with it gone, openmpt123
+    keeps the speed."""
     data = bytearray(data)
-    chunks = okt_chunks(data)
-    channels = 4 + sum(1 for i in range(4) if data[chunks[0][1] + 2 * i:chunks[0][1] + 2 * i + 2] != b"\0\0")
-    pattern0 = [c for c in chunks if c[0] == b"PBOD"][0]
-    cell = pattern0[1] + 2 + 4 * 1   # row 0, channel 1
-    assert channels == 7 and data[cell + 2:cell + 4] == bytes([31, 64])
+    cmod, cell = data.find(b"CMOD") + 8, data.find(b"PBOD") + 8 + 2 + 4 * 1   # pattern 0, row 0, channel 1
+    split = bytes([0, 1, 0, 1, 0, 1, 0, 0])   # channels 0-2 split, 3 not: 7 channels
+    assert data[cmod:cmod + 8] == split and data[cell + 2:cell + 4] == bytes([31, 64])
     data[cell + 2:cell + 4] = b"\0\0"
     return bytes(data)
 
 
-# Modules whose reference renders a patched copy: module -> function of the
-# file's bytes.
+# Modules whose reference renders a patched copy: module -> function of the file's bytes.
 REFERENCE_PATCH = {
     "okt/45.okt2": okt_as_oktasong,
     "okt/orbit.okta": orbit_keep_first_speed,
@@ -179,11 +144,12 @@ KNOWN = {
                                "as OpenMPT's current synth model, runs on to the next volume, waveform, WAI or END), "
                                "resumes WAI n a step late and steps the waveform sequence at the volume sequence's "
                                "speed (byte-identical renders for waveform speeds 1 and 3); in a copy at tempo 33 "
-                               "without 0E, with the sequences rewritten so that kelva's rules act as xmp's, the tracks "
-                               "alone correlate 0.92/0.999/0.994/0.91 (0.71/0.88/0.92/0.95 unrewritten; tracks 0 and "
-                               "3 0.99/0.96 without instrument numbers on their portamento lines, which the two treat "
-                               "differently); tracks 0 and 3 echo the same sounds on one side, so their sum depends on "
-                               "the waves' phases (0.53 as a pair even then, other pairs 0.94-0.99)"),
+                               "without 0E, with the sequences rewritten so that kelva's rules act as xmp's, "
+                               "the tracks alone correlate 0.92/0.999/0.994/0.91 (0.71/0.88/0.92/0.95 unrewritten; "
+                               "tracks 0 and 3 0.99/0.96 without instrument numbers on their portamento lines, "
+                               "which the two treat differently); tracks 0 and 3 echo the same sounds on one side, "
+                               "so their sum depends on the waves' phases (0.53 as a pair even then, "
+                               "other pairs 0.94-0.99)"),
     "med/instruments.mmd3": (("length", "corr"), "BPM mode: F20 sets tempo 32 at 3 lines per beat = 24 BPM, which "
                              "openmpt123 floors at 32 BPM (10.0 s; kelva 13.4 s), and openmpt123 plays the synthetic "
                              "and hybrid sounds (instruments 3, 5-7) silent; in a copy at tempo 44 (33 BPM) the "
@@ -209,218 +175,127 @@ KNOWN = {
 }
 
 
-def run(cmd, env=None, timeout=600):
+def run(cmd, env=None, timeout=900):
     return subprocess.run(cmd, capture_output=True, text=True, env=env, timeout=timeout)
 
 
-def wav_float_stereo(path):
-    """The samples of a 32-bit float stereo WAV as written by kelva_render_wav."""
+def rms_envelope(path, rate=48000, block_ms=100):
+    """RMS of each 100 ms block of a float stereo WAV by kelva_render_wav, both channels together."""
     with open(path, "rb") as f:
         data = f.read()
-    pos = data.find(b"data")
-    samples = array.array("f")
-    samples.frombytes(data[pos + 8:pos + 8 + ((len(data) - pos - 8) // 4) * 4])
+    pos = data.find(b"data") + 8
+    s = array.array("f", data[pos:pos + (len(data) - pos) // 4 * 4])
     if sys.byteorder != "little":
-        samples.byteswap()
-    return samples
-
-
-def wav_frames(path):
-    """Frames in a PCM WAV file (from its header)."""
-    with open(path, "rb") as f:
-        head = f.read(4096)
-    channels = int.from_bytes(head[22:24], "little")
-    bits = int.from_bytes(head[34:36], "little")
-    pos = head.find(b"data")
-    size = os.path.getsize(path) - (pos + 8)
-    return size // (channels * bits // 8)
-
-
-def rms_envelope(samples, rate=48000, block_ms=100):
-    """RMS of each 100 ms block over its left and right samples together."""
+        s.byteswap()
     n = rate * block_ms // 1000 * 2
-    env = []
-    for start in range(0, len(samples) - n + 1, n):
-        block = samples[start:start + n]
-        env.append(math.sqrt(math.fsum(v * v for v in block) / n))
-    return env
+    return [math.sqrt(math.fsum(v * v for v in s[i:i + n]) / n) for i in range(0, len(s) - n + 1, n)]
 
 
 def pearson(x, y):
     n = min(len(x), len(y))
-    if n < 2:
+    try:
+        return statistics.correlation(x[:n], y[:n])
+    except statistics.StatisticsError:   # fewer than two values, or a constant one
         return 0.0
-    x, y = x[:n], y[:n]
-    mx, my = math.fsum(x) / n, math.fsum(y) / n
-    vx = math.fsum((a - mx) ** 2 for a in x)
-    vy = math.fsum((b - my) ** 2 for b in y)
-    if vx <= 0 or vy <= 0:
-        return 0.0
-    return math.fsum((a - mx) * (b - my) for a, b in zip(x, y)) / math.sqrt(vx * vy)
 
 
-def parse_duration(text):
-    """'1:12.120', '00:04.121', '6min15s' -> seconds, else None."""
-    text = text.strip()
-    m = re.fullmatch(r"(?:(\d+):)?(\d+):(\d+(?:\.\d+)?)", text)
-    if m:
-        return int(m.group(1) or 0) * 3600 + int(m.group(2)) * 60 + float(m.group(3))
-    m = re.fullmatch(r"(\d+)min(\d+)s", text)
-    if m:
-        return int(m.group(1)) * 60 + int(m.group(2))
-    return None
+def envelope_reference(folder_dir, name):
+    """The stored envelope of a module and the duration the SOURCES.md column "hvl2wav" gives."""
+    with open(os.path.join(folder_dir, "REFERENCE-ENVELOPES.tsv"), encoding="utf-8") as f:
+        env = next(([float(v) for v in line.split("\t", 1)[1].split()] for line in f if line.startswith(name + "\t")),
+                   None)
+    with open(os.path.join(folder_dir, "SOURCES.md"), encoding="utf-8") as f:
+        rows = [[c.strip() for c in line.strip().strip("|").split("|")] for line in f if line.startswith("|")]
+    col = [i for i, h in enumerate(rows[0]) if "hvl2wav" in h][0]
+    m = next((re.fullmatch(r"(\d+):(\d+(?:\.\d+)?)", r[col]) for r in rows if r[0] == name), None)
+    return env, int(m.group(1)) * 60 + float(m.group(2)) if m else None
 
 
-def sources_durations(folder_dir, column):
-    """file -> duration from the folder's SOURCES.md table column (a header
-    containing `column`)."""
-    out = {}
-    path = os.path.join(folder_dir, "SOURCES.md")
-    if not os.path.exists(path):
-        return out
-    header = None
-    with open(path, encoding="utf-8") as f:
-        for line in f:
-            if not line.startswith("|"):
-                continue
-            cells = [c.strip() for c in line.strip().strip("|").split("|")]
-            if header is None:
-                header = cells
-                continue
-            if set("".join(cells)) <= set("-: "):
-                continue
-            for i, h in enumerate(header):
-                if column in h and i < len(cells):
-                    d = parse_duration(cells[i])
-                    if d is not None:
-                        out[cells[0]] = d
-    return out
-
-
-def reference_envelopes(folder_dir):
-    out = {}
-    path = os.path.join(folder_dir, "REFERENCE-ENVELOPES.tsv")
-    if os.path.exists(path):
-        with open(path, encoding="utf-8") as f:
-            for line in f:
-                if line.startswith("#") or "\t" not in line:
-                    continue
-                name, values = line.rstrip("\n").split("\t", 1)
-                out[name] = [float(v) for v in values.split()]
-    return out
-
-
-def openmpt_duration(path):
-    r = run(["openmpt123", "--info", "--subsong", "0", path])
-    m = re.search(r"Duration\.*:\s*(?:(\d+):)?(\d+):(\d+(?:\.\d+)?)", r.stdout + r.stderr)
-    if not m:
-        return None
-    h = int(m.group(1) or 0)
-    return h * 3600 + int(m.group(2)) * 60 + float(m.group(3))
-
-
-def reference_openmpt(path, out, res):
-    r = run(["openmpt123", "--batch", "--quiet", "--samplerate", "48000", "--channels", "2", "--float",
-             "--subsong", "0", "--stereo", "200", "--ctl", "render.resampler.emulate_amiga=1",
-             "--ctl", "render.resampler.emulate_amiga_type=a500", "--end-time", str(SECONDS),
-             "--force", "-o", out, path])
+def reference_render(kind, path, out, res):
+    """Renders with the reference program (RuntimeError when it fails); sets res["ref_s"] for openmpt123."""
+    r = run([a.format(out=out, src=path) for a in TOOLS[kind]])
     if r.returncode != 0 or not os.path.exists(out):
-        return "openmpt123 failed: " + r.stderr.strip()[-200:]
-    res["ref_s"] = openmpt_duration(path)
-    return None
+        raise RuntimeError("%s failed: %s" % (TOOLS[kind][0], (r.stderr.strip() or r.stdout.strip())[-200:]))
+    if kind == "openmpt":
+        r = run(["openmpt123", "--info", "--subsong", "0", path])
+        m = re.search(r"Duration\.*:\s*(?:(\d+):)?(\d+):(\d+(?:\.\d+)?)", r.stdout + r.stderr)
+        res["ref_s"] = int(m.group(1) or 0) * 3600 + int(m.group(2)) * 60 + float(m.group(3)) if m else None
 
 
-def reference_xmp(path, out, res):
-    # xmp stops at the song's end (no looping); the whole render's length is
-    # its duration. Capped at 20 minutes.
-    r = run(["xmp", "--nocmd", "--norc", "-q", "-d", "wav", "-o", out, "-f", "48000", "-A", "-P", "100",
-             "-t", "1200", path], timeout=900)
-    if r.returncode != 0 or not os.path.exists(out):
-        return "xmp failed: " + (r.stderr.strip() or r.stdout.strip())[-200:]
-    res["ref_s"] = wav_frames(out) / 48000.0
-    return None
+def reference_of(name):
+    return REFERENCE.get(name, REFERENCE.get(name.split("/")[0], "openmpt"))
 
 
 def compare_one(path, tool, tree, shared, work):
     root = os.path.join(shared, "testdata", "modules")
     name = os.path.relpath(path, root)
-    folder = name.split("/")[0]
-    kind = REFERENCE.get(name, FOLDERS.get(folder, "openmpt"))
-    stem = name.replace("/", "_").replace(" ", "_")
-    a = os.path.join(work, stem + ".kelva.wav")
-    b = os.path.join(work, stem + "." + kind + ".wav")
-    env = dict(os.environ, KELVA_DATA=tree)
-    res = {"module": name, "ref": kind}
-    r = run([tool, path, a, str(SECONDS)], env=env)
+    kind, stem = reference_of(name), os.path.join(work, name.replace("/", "_").replace(" ", "_"))
+    a, b, res = stem + ".kelva.wav", stem + "." + kind + ".wav", {"module": name, "ref": reference_of(name)}
+    r = run([tool, path, a, str(SECONDS)], env=dict(os.environ, KELVA_DATA=tree))
     if r.returncode != 0:
         res["error"] = "kelva: " + (r.stderr.strip().splitlines() or ["failed"])[-1]
         return res
     m = re.search(r"player=(\S+).*length_ms=(\d+) reason=(\d+) player_end_ms=(\d+)", r.stdout)
-    res["player"], res["kelva_s"], res["reason"] = m.group(1), int(m.group(2)) / 1000.0, int(m.group(3))
-    res["end_s"] = int(m.group(4)) / 1000.0
+    res.update(player=m.group(1), kelva_s=int(m.group(2)) / 1000.0, reason=int(m.group(3)),
+               end_s=int(m.group(4)) / 1000.0)
     try:
         if kind == "envelope":
-            folder_dir = os.path.join(root, folder)
-            ref_env = reference_envelopes(folder_dir).get(os.path.basename(path))
+            ref_env, res["ref_s"] = envelope_reference(os.path.dirname(path), os.path.basename(path))
             if ref_env is None:
-                res["error"] = "no reference envelope"
-                return res
-            res["ref_s"] = sources_durations(folder_dir, "hvl2wav").get(os.path.basename(path))
-            ours = rms_envelope(wav_float_stereo(a))
-            res["corr"] = pearson(ours, ref_env)
-            res["offset_ms"] = 0
-            n = min(len(ours), len(ref_env))
-            mean_ours, mean_ref = sum(ours[:n]) / max(n, 1), sum(ref_env[:n]) / max(n, 1)
-            res["rms_db"] = 20 * math.log10(mean_ours / mean_ref) if mean_ours > 0 and mean_ref > 0 else None
-        else:
-            source = path
-            if name in REFERENCE_PATCH:
-                source = os.path.join(work, stem + ".patched")
-                with open(path, "rb") as f:
-                    patched = REFERENCE_PATCH[name](f.read())
-                with open(source, "wb") as f:
-                    f.write(patched)
-            err = (reference_openmpt if kind == "openmpt" else reference_xmp)(source, b, res)
-            if source != path:
-                os.remove(source)
-            if err:
-                res["error"] = err
-                return res
-            r = run([sys.executable, os.path.join(shared, "tools", "audiocmp.py"), a, b])
-            d = json.loads(r.stdout)
-            res["corr"] = d["env_corr"]
-            res["offset_ms"] = d["offset_ms"]
-            res["rms_db"] = d.get("rms_ratio_db")
-            res["worst"] = d.get("worst_5s")
-    except (ValueError, KeyError, OSError) as e:
+                raise RuntimeError("no reference envelope")
+            res.update(corr=pearson(rms_envelope(a), ref_env), offset_ms=0)
+            return res
+        source = path
+        if name in REFERENCE_PATCH:
+            source = stem + ".patched"
+            with open(path, "rb") as f, open(source, "wb") as g:
+                g.write(REFERENCE_PATCH[name](f.read()))
+        reference_render(kind, source, b, res)
+        d = json.loads(run([sys.executable, os.path.join(shared, "tools", "audiocmp.py"), a, b]).stdout)
+        res.update(corr=d["env_corr"], offset_ms=d["offset_ms"], rms_db=d.get("rms_ratio_db"), worst=d.get("worst_5s"))
+        if kind == "xmp":   # its render is the whole song
+            res["ref_s"] = d["b"]["duration_s"]
+    except RuntimeError as e:
+        res["error"] = str(e)
+    except (ValueError, LookupError, OSError) as e:
         res["error"] = "comparison failed: %s" % e
     finally:
-        for f in (a, b):
+        for f in (a, b, stem + ".patched"):
             if os.path.exists(f):
                 os.remove(f)
     return res
 
 
 def list_modules(root, args):
-    folders = sorted(FOLDERS)
-    names = []
-    for a in args:
-        if a.startswith("--folders="):
-            folders = [f for f in a[len("--folders="):].split(",") if f]
-        else:
-            names.append(a)
+    names = [a for a in args if not a.startswith("--folders=")]
+    folders = [f for a in args if a.startswith("--folders=") for f in a[len("--folders="):].split(",") if f]
     if names:
         return [os.path.join(root, m) for m in names]
-    out = []
-    for d in folders:
-        folder = os.path.join(root, d)
-        if not os.path.isdir(folder):
-            continue
-        for f in sorted(os.listdir(folder)):
-            if f == "SOURCES.md" or f.endswith(COMPANION_SUFFIXES):
-                continue
-            out.append(os.path.join(folder, f))
-    return out
+    return [os.path.join(root, d, f) for d in sorted(folders or [f for f in REFERENCE if "/" not in f])
+            if os.path.isdir(os.path.join(root, d)) for f in sorted(os.listdir(os.path.join(root, d)))
+            if f != "SOURCES.md" and not f.endswith(COMPANION_SUFFIXES)]
+
+
+def report(r):
+    """Prints a module's line; returns the problems KNOWN does not explain."""
+    exempt, why = KNOWN.get(r["module"], ((), ""))
+    if "error" in r:
+        print("%-40s %s (%s)" % (r["module"], "known: " + why if "error" in exempt else "ERROR", r["error"]))
+        return [] if "error" in exempt else ["error"]
+    # The measured length is what listeners get: the player's song end for players that signal
+    # it, else the first of silence, repetition or the limit.
+    diff = r["kelva_s"] - r["ref_s"] if r.get("ref_s") is not None else float("nan")
+    problems = [p for p, ok in (("length", abs(diff) <= LENGTH_TOLERANCE_S), ("corr", r["corr"] >= CORR_THRESHOLD))
+                if not ok]
+    open_problems = [p for p in problems if p not in exempt]
+    text = "BELOW THRESHOLD (%s)" % ",".join(open_problems) if open_problems else "known: " + why if problems else "ok"
+    print("%-40s %-20s %-8s %9.3f %6d %9.3f %9.3f %+7.3f %8.4f %s" % (
+        r["module"], r["player"], r["ref"], r["kelva_s"], r["reason"], r["end_s"], r.get("ref_s") or 0, diff,
+        r["corr"], text))
+    if problems and r.get("worst"):
+        print("    worst 5 s at %.1f s: %.4f; offset %d ms; level %+.2f dB" % (
+            r["worst"]["start_s"], r["worst"]["env_corr"], r["offset_ms"], r["rms_db"] or 0))
+    return open_problems
 
 
 def main():
@@ -429,55 +304,22 @@ def main():
         return 2
     tool, tree, shared, work = sys.argv[1:5]
     root = os.path.join(shared, "testdata", "modules")
-    if not os.path.isdir(root) or not os.path.exists(os.path.join(shared, "tools", "audiocmp.py")):
-        print("SKIP: shared test data not found in " + shared)
-        return 77
-    if not os.path.exists(os.path.join(tree, "players", "PTK-Prowiz")):
-        print("SKIP: the players were not built (no cross toolchain?)")
-        return 77
     modules = list_modules(root, sys.argv[5:])
-    kinds = {REFERENCE.get(os.path.relpath(p, root), FOLDERS.get(os.path.relpath(p, root).split("/")[0],
-                                                                  "openmpt")) for p in modules}
-    for kind, program in (("openmpt", "openmpt123"), ("xmp", "xmp")):
-        if kind in kinds and not shutil.which(program):
-            print("SKIP: %s is not installed" % program)
+    programs = sorted({TOOLS[k][0] for k in (reference_of(os.path.relpath(p, root)) for p in modules) if k in TOOLS})
+    for missing, what in [(not os.path.exists(os.path.join(shared, "tools", "audiocmp.py")) or not os.path.isdir(root),
+                           "shared test data not found in " + shared),
+                          (not os.path.exists(os.path.join(tree, "players", "PTK-Prowiz")),
+                           "the players were not built (no cross toolchain?)")] + \
+            [(not shutil.which(p), p + " is not installed") for p in programs]:
+        if missing:
+            print("SKIP: " + what)
             return 77
     os.makedirs(work, exist_ok=True)
     with concurrent.futures.ThreadPoolExecutor(max_workers=2) as ex:
         results = list(ex.map(lambda p: compare_one(p, tool, tree, shared, work), modules))
-    failed = []
     print("%-40s %-20s %-8s %9s %6s %9s %9s %7s %8s %s" % (
         "module", "player", "ref", "measured", "reason", "end_s", "ref_s", "diff_s", "env_corr", "verdict"))
-    for r in results:
-        if "error" in r:
-            known = KNOWN.get(r["module"])
-            if known and "error" in known[0]:
-                print("%-40s known: %s (%s)" % (r["module"], known[1], r["error"]))
-            else:
-                print("%-40s ERROR %s" % (r["module"], r["error"]))
-                failed.append(r["module"])
-            continue
-        # The measured length is what listeners get: the player's song end
-        # for players that signal it, else the first of silence, repetition
-        # or the limit.
-        diff = r["kelva_s"] - r["ref_s"] if r.get("ref_s") is not None else float("nan")
-        problems = []
-        if not abs(diff) <= LENGTH_TOLERANCE_S:
-            problems.append("length")
-        if not r["corr"] >= CORR_THRESHOLD:
-            problems.append("corr")
-        known = KNOWN.get(r["module"])
-        open_problems = [p for p in problems if not (known and p in known[0])]
-        verdict = "ok" if not problems else ("known: " + known[1] if not open_problems else
-                                             "BELOW THRESHOLD (" + ",".join(open_problems) + ")")
-        print("%-40s %-20s %-8s %9.3f %6d %9.3f %9.3f %+7.3f %8.4f %s" % (
-            r["module"], r["player"], r["ref"], r["kelva_s"], r["reason"], r["end_s"], r.get("ref_s") or 0,
-            diff, r["corr"], verdict))
-        if problems and r.get("worst"):
-            print("    worst 5 s at %.1f s: %.4f; offset %d ms; level %+.2f dB" % (
-                r["worst"]["start_s"], r["worst"]["env_corr"], r["offset_ms"], r["rms_db"] or 0))
-        if open_problems:
-            failed.append(r["module"])
+    failed = [r["module"] for r in results if report(r)]
     print("%d modules, %d below threshold: %s" % (len(results), len(failed), " ".join(failed) or "none"))
     return 1 if failed else 0
 

@@ -1,14 +1,8 @@
-// kelva_render_wav: renders a module with kelva's player selection and
-// engine to a 32-bit float stereo WAV file, and measures its length, for the
-// reference comparison (tests/reference/compare.py).
-//
-//   kelva_render_wav MODULE OUT.wav [SECONDS]
-//
-// Renders SECONDS (default 60) of audio at 48 kHz with the A500 filter model
-// and full stereo separation, or less when the song ends earlier (at the
-// frame where the player reported its end). Prints one line
-//   player=<name> option=<type> length_ms=<n> reason=<r> rendered_s=<s>
-// Uses KELVA_DATA (or the installed tree) to find the players.
+// kelva_render_wav MODULE OUT.wav [SECONDS]: renders a module with kelva's player selection (players
+// from KELVA_DATA or the installed tree) and engine to a float stereo WAV file, 48 kHz, A500 filter,
+// full separation, and measures its length, for the reference comparison (compare.py). Prints
+//   player=<file> name=<name> format="<format>" length_ms=<n> reason=<r> player_end_ms=<n> rendered_s=<s>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,50 +20,24 @@ bool read_file(const char *path, std::vector<uint8_t> &out) {
     size_t n;
     while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.insert(out.end(), buf, buf + n);
     fclose(f);
-    return true;
+    return !out.empty();
 }
 
-void put16(FILE *f, uint16_t v) {
-    uint8_t b[2] = {uint8_t(v), uint8_t(v >> 8)};
-    fwrite(b, 1, 2, f);
-}
-void put32(FILE *f, uint32_t v) {
-    uint8_t b[4] = {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)};
-    fwrite(b, 1, 4, f);
-}
-
-bool write_wav(const char *path, const std::vector<float> &pcm, uint32_t rate) {
+bool write_wav(const char *path, const std::vector<float> &pcm) {
     FILE *f = fopen(path, "wb");
     if (!f) return false;
     uint32_t bytes = uint32_t(pcm.size() * 4);
-    fwrite("RIFF", 1, 4, f);
-    put32(f, 36 + bytes);
-    fwrite("WAVEfmt ", 1, 8, f);
-    put32(f, 16);
-    put16(f, 3);   // IEEE float
-    put16(f, 2);
-    put32(f, rate);
-    put32(f, rate * 8);
-    put16(f, 8);
-    put16(f, 32);
-    fwrite("data", 1, 4, f);
-    put32(f, bytes);
-    fwrite(pcm.data(), 4, pcm.size(), f);   // little-endian host
+    // A 48 kHz stereo IEEE-float WAV header as eleven little-endian words ("RIFF", "WAVE", "fmt ", "data").
+    const uint32_t h[11] = {0x46464952, 36 + bytes, 0x45564157, 0x20746d66, 16, 3 | 2 << 16, 48000, 48000 * 8,
+                            8 | 32 << 16, 0x61746164, bytes};
+    fwrite(h, sizeof h, 1, f);
+    fwrite(pcm.data(), 4, pcm.size(), f);
     return fclose(f) == 0;
 }
 
-kelva *open_engine(const std::vector<uint8_t> &player, const std::vector<uint8_t> &mod, const char *player_path,
-                   const char *mod_path) {
-    kelva *k = kelva_create(48000);
-    if (!k) return nullptr;
-    kelva_set_model(k, 0);
-    kelva_set_separation(k, 1.0f);
-    if (kelva_open(k, player.data(), uint32_t(player.size()), mod.data(), uint32_t(mod.size()), player_path,
-                   mod_path, 0) != 0) {
-        kelva_destroy(k);
-        return nullptr;
-    }
-    return k;
+int fail(const char *what, const char *path) {
+    fprintf(stderr, "kelva_render_wav: %s %s\n", what, path);
+    return 1;
 }
 
 }  // namespace
@@ -83,72 +51,53 @@ int main(int argc, char **argv) {
     if (!(seconds > 0 && seconds <= 3600)) seconds = 60.0;
     kelva_global_init();
     std::vector<uint8_t> mod, player;
-    if (!read_file(argv[1], mod) || mod.empty()) {
-        fprintf(stderr, "kelva_render_wav: cannot read %s\n", argv[1]);
-        return 1;
-    }
     char player_path[4096];
-    if (!kelva_identify(argv[1], mod.data(), uint32_t(mod.size()), player_path, sizeof player_path)) {
-        fprintf(stderr, "kelva_render_wav: no player for %s\n", argv[1]);
-        return 1;
-    }
-    if (!read_file(player_path, player)) {
-        fprintf(stderr, "kelva_render_wav: cannot read %s\n", player_path);
-        return 1;
-    }
-    // Length first, on an engine of its own.
-    kelva *m = open_engine(player, mod, player_path, argv[1]);
-    if (!m) {
-        fprintf(stderr, "kelva_render_wav: %s does not open with %s\n", argv[1], player_path);
-        return 1;
-    }
+    if (!read_file(argv[1], mod)) return fail("cannot read", argv[1]);
+    if (!kelva_identify(argv[1], mod.data(), uint32_t(mod.size()), player_path, sizeof player_path))
+        return fail("no player for", argv[1]);
+    if (!read_file(player_path, player)) return fail("cannot read", player_path);
+    auto open_engine = [&]() -> kelva * {
+        kelva *k = kelva_create(48000);
+        if (!k) return nullptr;
+        kelva_set_model(k, 0);
+        kelva_set_separation(k, 1.0f);
+        if (kelva_open(k, player.data(), uint32_t(player.size()), mod.data(), uint32_t(mod.size()), player_path,
+                       argv[1], 0) == 0)
+            return k;
+        kelva_destroy(k);
+        return nullptr;
+    };
+    // Length first, on an engine of its own, measured as the plugin and the command-line tool do.
+    kelva *m = open_engine();
+    if (!m) return fail("cannot open with its player:", argv[1]);
     char name[256];
     kelva_get_player_name(m, name, sizeof name);
-    std::string option = kelva_get_format_name(m);
+    std::string format = kelva_get_format_name(m);
     int32_t reason = 0;
-    // Measured as the plugin and the command-line tool measure it.
     uint64_t length_ms = kelva_measure_length(m, 600000, 30000, &reason, nullptr, nullptr);
     kelva_destroy(m);
 
-    // When the measurement stopped at a repetition of the loudness envelope
-    // (a song whose parts repeat for a long time) or at its time limit (a
-    // song longer than 10 minutes), play on to the player's own end signal
-    // as well, so its song end can be checked too (up to an hour).
-    uint64_t player_end_ms = reason == 1 ? length_ms : 0;
-    if (reason != 1) {
-        kelva *e = open_engine(player, mod, player_path, argv[1]);
-        if (!e) return 1;
-        std::vector<float> scratch(480 * 2);   // 10 ms steps: the end to 10 ms
-        uint64_t limit_s = reason == 3 ? 3600 : 600;
-        for (uint64_t f = 0; f < limit_s * 48000 && !kelva_song_ended(e); f += 480)
-            kelva_render(e, scratch.data(), 480);
-        if (kelva_song_ended(e)) player_end_ms = uint64_t(kelva_played_ms(e));
-        kelva_destroy(e);
-    }
-
-    kelva *k = open_engine(player, mod, player_path, argv[1]);
+    // Then SECONDS are rendered, or less when the measurement found the song's end. When it stopped
+    // at a repetition of the loudness envelope (a song whose parts repeat for a long time) or at its
+    // time limit (a song longer than 10 minutes), the engine plays on to the player's own end signal
+    // as well, so its song end can be checked too (up to an hour, to 10 ms).
+    kelva *k = open_engine();
     if (!k) return 1;
-    uint64_t want = uint64_t(seconds * 48000);
+    uint64_t want = uint64_t(seconds * 48000), player_end_ms = reason == 1 ? length_ms : 0;
+    uint64_t limit = reason == 1 ? 0 : uint64_t(reason == 3 ? 3600 : 600) * 48000, done = 0;
     if (reason == 1) want = std::min<uint64_t>(want, length_ms * 48);
-    std::vector<float> pcm;
-    pcm.reserve(want * 2);
-    std::vector<float> block(4096 * 2);
-    uint64_t done = 0;
-    while (done < want) {
-        int32_t n = int32_t(std::min<uint64_t>(4096, want - done));
-        kelva_render(k, block.data(), n);
-        pcm.insert(pcm.end(), block.begin(), block.begin() + 2 * n);
-        done += uint64_t(n);
+    std::vector<float> pcm(want * 2), block(480 * 2);
+    for (; done < want || (done < limit && !player_end_ms); done += 480) {
+        kelva_render(k, block.data(), 480);
+        if (done < want) std::copy_n(block.begin(), 2 * std::min<uint64_t>(480, want - done), pcm.begin() + 2 * done);
+        if (!player_end_ms && kelva_song_ended(k)) player_end_ms = uint64_t(kelva_played_ms(k));
     }
     kelva_close(k);
     kelva_destroy(k);
-    if (!write_wav(argv[2], pcm, 48000)) {
-        fprintf(stderr, "kelva_render_wav: cannot write %s\n", argv[2]);
-        return 1;
-    }
+    if (!write_wav(argv[2], pcm)) return fail("cannot write", argv[2]);
     const char *slash = strrchr(player_path, '/');
     printf("player=%s name=%s format=\"%s\" length_ms=%llu reason=%d player_end_ms=%llu rendered_s=%.3f\n",
-           slash ? slash + 1 : player_path, name, option.c_str(), (unsigned long long)length_ms, reason,
-           (unsigned long long)player_end_ms, double(done) / 48000.0);
+           slash ? slash + 1 : player_path, name, format.c_str(), (unsigned long long)length_ms, reason,
+           (unsigned long long)player_end_ms, double(want) / 48000.0);
     return 0;
 }
