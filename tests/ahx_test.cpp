@@ -9,9 +9,9 @@
 #include <algorithm>
 #include <cmath>
 
-#include "support/med_ahx.h"
+#include "ptk_support.h"
 
-using namespace med_ahx;
+using namespace ptk_test;
 
 namespace {
 
@@ -80,11 +80,6 @@ instrument tone(uint8_t wave, uint8_t wl = 3, uint8_t width = 0x20) {
     return i;
 }
 
-// The bytes of the block Paula loops on channel c (queued behind the start).
-std::vector<int8_t> looped(kelva *k, int c = 0) {
-    const int8_t *p = reinterpret_cast<const int8_t *>(k->ram + (k->aud[c].lc & 0xFFFFFF));
-    return std::vector<int8_t>(p, p + k->aud[c].len * 2);
-}
 // A square of `len` bytes: low, then `high` bytes high; repeated to 128 bytes.
 std::vector<int8_t> square(size_t len, size_t high) {
     std::vector<int8_t> w(len - high, -128);
@@ -102,7 +97,7 @@ std::vector<int8_t> repeat(const std::vector<int8_t> &w, size_t n = 128) {
 // (its frame, in ticks), 'c' subsongs; of the mixed blocks (430 bytes) of HVL songs: 'm' (min + 128) x 256 +
 // max + 128 of channel 0, 'M' of channel 1, 'z' zero bytes of channel 0, 'Z' of 1.
 int observe(kelva *k, char what) {
-    std::vector<int8_t> b = looped(k);
+    std::vector<int8_t> b = mixed(k, 0);
     const int8_t *x = reinterpret_cast<const int8_t *>(k->ch[what == 'M' || what == 'Z'].data);
     double rms = 0;
     int step = 0;
@@ -139,7 +134,7 @@ void run(const std::vector<ahx_case> &cases) {
         song s;
         s.tracks[1] = c.steps, s.ins = {c.ins};
         if (c.setup) c.setup(s);
-        engine_ptr k = open_as(s.hvl ? "HivelyTracker" : "AHX", build(s), s.sub);
+        engine_ptr k = open_player(s.hvl ? "HivelyTracker" : "AHX", build(s), nullptr, s.sub);
         ASSERT_TRUE(k);
         size_t i = 0;
         expect_trace(k.get(), c.expect, [&] { return observe(k.get(), c.obs[i++ % strlen(c.obs)]); });
@@ -188,20 +183,20 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
             SCOPED_TRACE(std::string(c.what) + (hvl ? " HVL" : ""));
             song s;
             s.hvl = hvl, s.tracks[1] = {{37, 1}}, s.ins = {tone(c.wave, c.wl, c.width)};
-            engine_ptr k = open_as(hvl ? "HivelyTracker" : "AHX", build(s));
+            engine_ptr k = open_player(hvl ? "HivelyTracker" : "AHX", build(s));
             ASSERT_TRUE(k);
             run_ticks(k.get(), 1);
             EXPECT_EQ(k->aud[0].per, 428);
             EXPECT_EQ(k->aud[0].vol, 64);
             EXPECT_TRUE(k->aud[0].dma_running);
-            EXPECT_EQ(looped(k.get()), repeat(c.period));
+            EXPECT_EQ(mixed(k.get(), 0), repeat(c.period));
         }
     }
     // Noise: a new stretch of 0x280 bytes of the table (3 x 0x280) every
     // tick, bit 8 of the generator giving 127.
     song s;
     s.tracks[1] = {{37, 1}}, s.ins = {tone(kNoise)};
-    engine_ptr k = open_as("AHX", build(s));
+    engine_ptr k = open_player("AHX", build(s));
     for (uint32_t t = 0, first = 0, last = 0; t < 4; t++, last = k->aud[0].lc) {
         run_ticks(k.get(), 1);
         first = t ? first : k->aud[0].lc;
@@ -298,7 +293,7 @@ TEST_F(Ahx, HivelyMixesVoicesIntoThePaulaChannels) {
     });
     song s;
     s.hvl = true, s.tracks[1] = {{37, 1}}, s.ins = {with_plist({{kSquare, 0, 0, 7, 49}})};
-    engine_ptr k = open_as("HivelyTracker", build(s));
+    engine_ptr k = open_player("HivelyTracker", build(s));
     ASSERT_TRUE(k);
     run_ticks(k.get(), 2);
     for (int x = 0; x < 4; x++) {
@@ -318,7 +313,7 @@ TEST_F(Ahx, RefusesWhatDoesNotFitTheFile) {
     r64.rows = 64, r65.rows = 65, v16.channels = 16, v17.channels = 17;
     const std::vector<uint8_t> ahx = build(a), hvl = build(h);
     auto patched = [](std::vector<uint8_t> m, size_t at, uint8_t v) { return m[at] = v, m; };
-    EXPECT_TRUE(open_as("AHX", build(r64)) && open_as("AHX", build(v16)));   // the limits themselves
+    EXPECT_TRUE(open_player("AHX", build(r64)) && open_player("AHX", build(v16)));   // the limits themselves
     const std::pair<const char *, std::vector<uint8_t>> cases[] = {
         {"version 2", patched(ahx, 3, 2)},
         {"no positions", patched(ahx, 7, 0)},
@@ -330,7 +325,7 @@ TEST_F(Ahx, RefusesWhatDoesNotFitTheFile) {
         {"HVL with 17 channels", build(v17)},
         {"HVL cut in its tracks", std::vector<uint8_t>(hvl.begin(), hvl.begin() + 30)},
     };
-    for (const auto &c : cases) EXPECT_FALSE(open_as("AHX", c.second)) << c.first;
+    for (const auto &c : cases) EXPECT_FALSE(open_player("AHX", c.second)) << c.first;
 }
 
 TEST_F(Ahx, SharedSongsAreIdentified) {

@@ -8,9 +8,9 @@
 #include <array>
 #include <cmath>
 
-#include "support/med_ahx.h"
+#include "ptk_support.h"
 
-using namespace med_ahx;
+using namespace ptk_test;
 
 namespace {
 
@@ -247,7 +247,7 @@ void run(const std::vector<med_case> &cases) {
         M m;
         m.at(0) = c.first;
         if (c.setup) c.setup(m);
-        engine_ptr k = open_as("MED", build(m), m.sub);
+        engine_ptr k = open_player("MED", build(m), nullptr, m.sub);
         ASSERT_EQ(!k, *c.obs == '!');
         size_t i = 0;
         if (k) expect_trace(k.get(), c.expect, [&] { return observe(k.get(), m, c.obs[i++ % strlen(c.obs)]); });
@@ -459,7 +459,7 @@ TEST_F(Med, Med2SongsLoadTheirInstrumentsFromFiles) {
     for (const auto &file : files) {   // the file follows the module; its sample starts at `second`
         memory_files mf;
         mf.files["/m/bass"] = file.first;
-        engine_ptr k = open_as("MED", f, 0, &mf, "/m/song");
+        engine_ptr k = open_player("MED", f, "/m/song", 0, &mf);
         ASSERT_TRUE(k);
         EXPECT_STREQ(kelva_get_format_name(k.get()), "MED (MED2)");
         run_ticks(k.get(), 1);
@@ -468,7 +468,7 @@ TEST_F(Med, Med2SongsLoadTheirInstrumentsFromFiles) {
         EXPECT_EQ(uint32_t(k->ch[0].data - k->ram), ((kModule + uint32_t(f.size()) + 1) & ~1u) + file.second);
     }
     f.pop_back();   // its only block cut short: refused
-    EXPECT_FALSE(open_as("MED", f));
+    EXPECT_FALSE(open_player("MED", f));
 }
 
 TEST_F(Med, SharedModulesAreIdentified) {

@@ -47,23 +47,6 @@ const module_row kModules[] = {
     {"DIGIBooster", "DIGI Booster 1.4", "other/yyde2.digi"},
 };
 
-// Identifies a module under `as` (its path when empty) and opens it with
-// the player found, as the plugin does.
-engine_ptr open_identified(const std::string &file, std::string *player, std::string as = "") {
-    std::string path = shared_dir() + "/testdata/modules/" + file;
-    std::vector<uint8_t> data = read_bytes(path), p;
-    char found[4096];
-    if (as.empty()) as = path;
-    if (data.empty() || !kelva_identify(as.c_str(), data.data(), uint32_t(data.size()), found, sizeof found))
-        return nullptr;
-    *player = found;
-    p = read_bytes(found);
-    engine_ptr k = make_engine(48000);
-    if (kelva_open(k.get(), p.data(), uint32_t(p.size()), data.data(), uint32_t(data.size()), found, as.c_str(), 0))
-        return nullptr;
-    return k;
-}
-
 class PtkRealModules : public ::testing::Test {
   protected:
     void SetUp() override {
