@@ -1,7 +1,8 @@
 // kelva's AHX and HivelyTracker players on synthetic songs: the waveforms,
 // the envelope, the playlist and track commands, the song's flow and the
 // software mix of HVL songs, pinned by Paula's registers and the bytes it
-// plays after a number of ticks; refused files; the shared songs' identity.
+// plays after a number of ticks; refused files (the shared songs:
+// ptk_modules_test.cpp).
 // A voice plays note (playlist note + track note - 1), or the playlist's
 // note alone when fixed, at the note table's period (25 = 856, 37 = 428,
 // 49 = 214); the envelope steps by (target - start) x 256 / frames a tick.
@@ -326,20 +327,4 @@ TEST_F(Ahx, RefusesWhatDoesNotFitTheFile) {
         {"HVL cut in its tracks", std::vector<uint8_t>(hvl.begin(), hvl.begin() + 30)},
     };
     for (const auto &c : cases) EXPECT_FALSE(open_player("AHX", c.second)) << c.first;
-}
-
-TEST_F(Ahx, SharedSongsAreIdentified) {
-    KELVA_REQUIRE_SHARED("testdata/modules/ahx");
-    KELVA_REQUIRE_SHARED("testdata/modules/hvl");
-    const std::pair<const char *, const char *> songs[] = {   // file, title
-        {"AHX.Karma", "Karma"}, {"AHX.Phaser", "phaser"}, {"AHX.birdie_song", "birdie_song"}, {"AHX.breath", "breath"},
-        {"AHX.elsewhere", "elsewhere"}, {"AHX.plasticity", "plasticity"}, {"AHX.qwertyuiop", "qwertyuiop"},
-        {"AHX.too_far", "too_far"}, {"chiprolled.hvl", "never gonna give you up"}, {"illuminated.hvl", "illuminated"},
-        {"sliding_away.hvl", "sliding away"}, {"sunspots.hvl", "sunspots"},
-        {"waiting_for_a_message.hvl", "Waiting for a message"}};
-    for (const auto &f : songs) {
-        bool hvl = strstr(f.first, ".hvl");
-        expect_identified(std::string(hvl ? "hvl/" : "ahx/") + f.first, hvl ? "HivelyTracker" : "AHX",
-                          hvl ? "HivelyTracker (HVL v0)" : "AHX (THX v1)", f.second);
-    }
 }

@@ -1,8 +1,8 @@
 // kelva's MED/OctaMED player on synthetic MMD modules: notes, each command
 // family, the synthetic sound language, tempo modes, song ends, subsongs,
 // the software-mixed layouts and damaged files, pinned by Paula's registers
-// and the rendered output; MED2 songs with instrument files; the shared
-// modules' identity. Tempo 33 ticks at 50 Hz; the first tick reads line 0,
+// and the rendered output; MED2 songs with instrument files (the shared
+// modules: ptk_modules_test.cpp). Tempo 33 ticks at 50 Hz; the first tick reads line 0,
 // so line r, tick t of a 6-tick line is tick 6r + t.
 #include <algorithm>
 #include <array>
@@ -469,35 +469,4 @@ TEST_F(Med, Med2SongsLoadTheirInstrumentsFromFiles) {
     }
     f.pop_back();   // its only block cut short: refused
     EXPECT_FALSE(open_player("MED", f));
-}
-
-TEST_F(Med, SharedModulesAreIdentified) {
-    KELVA_REQUIRE_SHARED("testdata/modules/med");
-    // Lengths (frames) where the reference comparison excuses its renderer's; a
-    // tick is rounded to whole frames. med3song: 40 lines of 6 ticks at tempo 32
-    // (14631 cycles: 990 frames), 24 at tempo 192 (2438 cycles: 165);
-    // Synth-a-sysmic: 3296 lines of 6 ticks at tempo 35 (13376 cycles: 905).
-    const struct {
-        const char *file, *format, *title;
-        int frames;
-    } rows[] = {
-        {"fair.med", "OctaMED (MMD1)", "fairlight", 0}, {"chip_happy.med", "OctaMED (MMD1)", "", 0},
-        {"med3song.med", "MED (MED3)", "", 40 * 6 * 990 + 24 * 6 * 165}, {"med4song.med", "MED (MED4)", "", 0},
-        {"Synth-a-sysmic.med", "MED (MED4)", "", 3296 * 6 * 905}, {"finetune.med", "MED (MMD0)", "", 0},
-        {"stereo.med", "OctaMED Soundstudio (MMD3)", "Stereo Samples", 0},
-        {"instruments.mmd3", "OctaMED Soundstudio (MMD3)", "MMD3 Instrument Testing", 0},
-        {"memories of anna.mmd1", "OctaMED (MMD1)", "", 0}, {"mmd2_compat_tempo.med", "OctaMED (MMD2)", "<unnamed>", 0},
-        {"LOSTMEDFILES_MMD1.MED", "OctaMED (MMD1)", "", 0}, {"mmd0_compat_tempo.med", "MED (MMD0)", "", 0},
-        {"med_hold_3xx.med", "MED (MMD0)", "Hold + Toneporta (3xx only)", 0},
-        {"med_synth_diff_speeds.med", "OctaMED (MMD1)", "Synth VSpeed != WSpeed", 0},
-        {"moods-yeah.med", "OctaMED Soundstudio (MMD3)", "mOOdS - I Am In :) .... Preview!", 0},
-    };
-    for (const auto &r : rows) {
-        engine_ptr k = expect_identified(std::string("med/") + r.file, "MED", r.format, r.title);
-        int32_t reason = 0;
-        if (k && r.frames) {
-            EXPECT_NEAR(double(kelva_measure_length(k.get(), 0, 0, &reason, nullptr, nullptr)), r.frames / 48.0, 25);
-            EXPECT_EQ(reason, 1);
-        }
-    }
 }

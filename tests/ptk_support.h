@@ -82,22 +82,6 @@ inline engine_ptr open_identified(const std::string &rel, std::string *player, s
     return k;
 }
 
-// The shared module `rel` is identified as `player`'s and opens with `format`
-// and `title`; returns the engine.
-inline engine_ptr expect_identified(const std::string &rel, const char *player, const char *format,
-                                    const char *title) {
-    data_tree_env env;
-    std::string found;
-    char name[64] = "";
-    engine_ptr k = open_identified(rel, &found);
-    if (!k) return ADD_FAILURE() << rel << " not identified or not opened", nullptr;
-    EXPECT_EQ(found, player_path(player)) << rel;
-    EXPECT_STREQ(kelva_get_format_name(k.get()), format) << rel;
-    kelva_get_module_name(k.get(), name, sizeof name);
-    EXPECT_STREQ(name, title) << rel;
-    return k;
-}
-
 // Expected values: (tick, value); tick -1 is before the first tick.
 using trace = std::vector<std::pair<int, int>>;
 inline trace every(int n, std::vector<int> v) {   // the values after ticks 0, n, 2n, ...
