@@ -17,7 +17,7 @@ using namespace trk;
 namespace {
 
 constexpr const char *kPT = "ProTracker (31-instrument M.K.)", *kComp = "Fasttracker / multichannel",
-                     *kAM = "Startrekker AM (FLT4 + .nt)", *kMmd1 = "OctaMED (MMD1)", *kMmd3 = "OctaMED Soundstudio (MMD3)";
+                     *kAM = "Startrekker AM (FLT4 + .nt)", *kMmd3 = "OctaMED Soundstudio (MMD3)";
 
 // Every module file of a folder (companion .nt files aside) is played by
 // the player of the row naming it, as its format, or else by the row naming
@@ -45,7 +45,7 @@ const module_row kModules[] = {
     {"ImagesMusicSystem", "Images Music System", "other/redoctober-sub-docking.ims"},
     {"PolyTracker", "PolyTracker", "other/rew_vibr.ptm|other/pattern_loop_ptm.ptm"},
     {"DIGIBooster", "DIGI Booster 1.4", "other/yyde2.digi"},
-    {"MED", kMmd1, "med/"},
+    {"MED", "OctaMED (MMD1)", "med/"},
     {"MED", "MED (MED3)", "med/med3song.med"},
     {"MED", "MED (MED4)", "med/med4song.med|med/Synth-a-sysmic.med"},
     {"MED", "MED (MMD0)", "med/finetune.med|med/mmd0_compat_tempo.med|med/med_hold_3xx.med"},
@@ -58,7 +58,8 @@ const module_row kModules[] = {
 const std::map<std::string, std::string> kTitles = {
     {"med/fair.med", "fairlight"}, {"med/stereo.med", "Stereo Samples"},
     {"med/instruments.mmd3", "MMD3 Instrument Testing"}, {"med/mmd2_compat_tempo.med", "<unnamed>"},
-    {"med/med_hold_3xx.med", "Hold + Toneporta (3xx only)"}, {"med/med_synth_diff_speeds.med", "Synth VSpeed != WSpeed"},
+    {"med/med_hold_3xx.med", "Hold + Toneporta (3xx only)"},
+    {"med/med_synth_diff_speeds.med", "Synth VSpeed != WSpeed"},
     {"med/moods-yeah.med", "mOOdS - I Am In :) .... Preview!"}, {"ahx/AHX.Karma", "Karma"}, {"ahx/AHX.Phaser", "phaser"},
     {"ahx/AHX.birdie_song", "birdie_song"}, {"ahx/AHX.breath", "breath"}, {"ahx/AHX.elsewhere", "elsewhere"},
     {"ahx/AHX.plasticity", "plasticity"}, {"ahx/AHX.qwertyuiop", "qwertyuiop"}, {"ahx/AHX.too_far", "too_far"},
@@ -89,8 +90,8 @@ TEST_F(PtkRealModules, EachIsPlayedByItsPlayerAsItsFormat) {
         for (const char *f = row.files; *f; f += strcspn(f, "|") + (f[strcspn(f, "|")] == '|'))
             rows[std::string(f, strcspn(f, "|"))] = &row;
     std::vector<std::pair<std::string, std::string>> files = {{"other/redoctober-sub-docking.ims", "sub-docking.st"}};
-    for (const char *folder :
-         {"debian", "st15", "variants", "effects", "multichannel", "startrekker-am", "okt", "other", "med", "ahx", "hvl"})
+    for (const char *folder : {"debian", "st15", "variants", "effects", "multichannel", "startrekker-am", "okt", "other",
+                               "med", "ahx", "hvl"})
         for (const auto &e : std::filesystem::directory_iterator(shared_dir() + "/testdata/modules/" + folder))
             if (e.path().extension() != ".md" && e.path().extension() != ".nt" && e.path().extension() != ".tsv")
                 files.push_back({std::string(folder) + "/" + e.path().filename().string(), ""});
