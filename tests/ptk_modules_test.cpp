@@ -60,7 +60,8 @@ const std::map<std::string, std::string> kTitles = {
     {"med/instruments.mmd3", "MMD3 Instrument Testing"}, {"med/mmd2_compat_tempo.med", "<unnamed>"},
     {"med/med_hold_3xx.med", "Hold + Toneporta (3xx only)"},
     {"med/med_synth_diff_speeds.med", "Synth VSpeed != WSpeed"},
-    {"med/moods-yeah.med", "mOOdS - I Am In :) .... Preview!"}, {"ahx/AHX.Karma", "Karma"}, {"ahx/AHX.Phaser", "phaser"},
+    {"med/moods-yeah.med", "mOOdS - I Am In :) .... Preview!"}, {"ahx/AHX.Karma", "Karma"},
+    {"ahx/AHX.Phaser", "phaser"},
     {"ahx/AHX.birdie_song", "birdie_song"}, {"ahx/AHX.breath", "breath"}, {"ahx/AHX.elsewhere", "elsewhere"},
     {"ahx/AHX.plasticity", "plasticity"}, {"ahx/AHX.qwertyuiop", "qwertyuiop"}, {"ahx/AHX.too_far", "too_far"},
     {"hvl/chiprolled.hvl", "never gonna give you up"}, {"hvl/illuminated.hvl", "illuminated"},
@@ -90,8 +91,8 @@ TEST_F(PtkRealModules, EachIsPlayedByItsPlayerAsItsFormat) {
         for (const char *f = row.files; *f; f += strcspn(f, "|") + (f[strcspn(f, "|")] == '|'))
             rows[std::string(f, strcspn(f, "|"))] = &row;
     std::vector<std::pair<std::string, std::string>> files = {{"other/redoctober-sub-docking.ims", "sub-docking.st"}};
-    for (const char *folder : {"debian", "st15", "variants", "effects", "multichannel", "startrekker-am", "okt", "other",
-                               "med", "ahx", "hvl"})
+    for (const char *folder : {"debian", "st15", "variants", "effects", "multichannel", "startrekker-am", "okt",
+                               "other", "med", "ahx", "hvl"})
         for (const auto &e : std::filesystem::directory_iterator(shared_dir() + "/testdata/modules/" + folder))
             if (e.path().extension() != ".md" && e.path().extension() != ".nt" && e.path().extension() != ".tsv")
                 files.push_back({std::string(folder) + "/" + e.path().filename().string(), ""});
