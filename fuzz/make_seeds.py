@@ -238,9 +238,8 @@ def sfx_seed(samples31=False):
     n = 31 if samples31 else 15
     out = be32(128, 128, 128, 128) + bytes(4 * (n - 4))
     out += (b"SO31" if samples31 else b"SONG") + struct.pack(">H", 14565) + bytes(14)
-    for i in range(n):
-        length = 64 if i < 4 else 0
-        out += ("sfx%d" % i).encode().ljust(22, b"\0") + struct.pack(">HHHH", length, 48, 0, 32 if i % 2 else 1)
+    out += b"".join(("sfx%d" % i).encode().ljust(22, b"\0") + be16(64 if i < 4 else 0, 48, 0, 32 if i % 2 else 1)
+                    for i in range(n))
     out += bytes([2, 0]) + bytes([0, 1]).ljust(128, b"\0") + (bytes(4) if samples31 else b"")
     cells = [(0, 0, 428, 1, 1, 0x37), (0, 1, 0x0358, 2, 2, 0x30), (0, 2, 320, 3, 7, 0x25), (0, 3, 285, 4, 9, 0x12),
              (4, 0, 0xFFFE, 0, 0, 0), (5, 1, 0xFFFD, 2, 5, 0x10), (8, 2, 381, 2, 8, 0x13), (9, 3, 254, 1, 6, 0x08),
@@ -267,9 +266,8 @@ def gmc_seed():
 
 def ims_seed():
     head = b"ims seed".ljust(20, b"\0")
-    for i in range(31):
-        name = ("ims%d" % i).encode().ljust(20, b"\0")
-        head += name + (struct.pack(">hHBBHH", 0, 64, 0, 48, 16, 32) if i < 3 else bytes(10))
+    head += b"".join(("ims%d" % i).encode().ljust(20, b"\0") + (be16(0, 64, 48, 16, 32) if i < 3 else bytes(10))
+                     for i in range(31))
     head += bytes([3, 0]) + bytes([0, 1, 0]).ljust(128, b"\0") + be32(1084 + 2 * 768)
     fx = [(0, 0x37), (3, 0x04), (4, 0x44), (0xA, 0x02), (0xC, 0x20), (0xE, 0x01), (9, 0x01), (7, 0x33),
           (0xF, 0x04), (0xD, 0x10), (0xB, 0x02), (5, 0x01), (6, 0x10), (1, 0x03), (2, 0x03), (0xF, 0x40)]
@@ -280,8 +278,7 @@ def ims_seed():
                 o = p * 768 + r * 12 + c * 3
                 f, param = fx[(r // 4 + c) % len(fx)]
                 note = [4, 13, 16, 28, 40, 52, 62, 63][(r // 4 + c + p) % 8]
-                smp = 1 + (r // 4 + c) % 3
-                pats[o:o + 3] = bytes([note | (0x40 if smp > 15 else 0), (smp & 15) << 4 | f, param])
+                pats[o:o + 3] = bytes([note, (1 + (r // 4 + c) % 3) << 4 | f, param])
     return head + bytes(pats) + SQUARE * 3
 
 
