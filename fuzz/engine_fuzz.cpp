@@ -1,18 +1,11 @@
-// Fuzz target: the whole engine on hostile modules. Every player file in the
-// players folder (the build tree's kelva_data/players, or the folder named by
-// KELVA_FUZZ_PLAYERS) is loaded once. Input byte 0 picks the player (one
-// value more than there are players lets identification choose), byte 1 the
-// subsong; the rest is the module. A byte 0 of 0xFF names the module
-// instead: the bytes after the subsong, up to a NUL (at most 63), are its
-// file name, and identification chooses the player by that name and the
-// module that follows, whatever players exist (seeds for one format keep
-// their player as players are added). A byte 0 of 0xFE is the named form
-// with a companion file: after the name's NUL a big-endian 32-bit length n
-// and n bytes, which the player gets for any file it asks for whose name
-// ends in ".nt" (Startrekker's companion files). The module is opened, one second is
-// rendered in the plugin's block size, it is closed, opened again and its
-// length measured with a small limit. Output must stay finite and the
-// measurement within its limit.
+// Fuzz target: the whole engine on hostile modules, with every player file
+// of the players folder (the build tree's kelva_data/players, or the folder
+// named by KELVA_FUZZ_PLAYERS). The input picks a player by its index, or
+// names the module so that identification picks it (README.md gives the
+// layout, with the companion file served for names ending in ".nt"). The
+// module is opened, one second is rendered in the plugin's block size, it is
+// closed, opened again and its length measured with a small limit. Output
+// must stay finite and the measurement within its limit.
 #include <cmath>
 
 #include "engine/kelva.h"
