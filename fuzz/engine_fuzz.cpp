@@ -1,29 +1,12 @@
-// Fuzz target: the whole engine on hostile modules. Every player file in the
-// players folder (the build tree's kelva_data/players, or the folder named by
-// KELVA_FUZZ_PLAYERS) is loaded once. Input byte 0 picks the player (one
-// value more than there are players lets identification choose), byte 1 the
-// subsong; the rest is the module. A byte 0 of 0xFF names the module
-// instead: the bytes after the subsong, up to a NUL (at most 63), are its
-// file name, and identification chooses the player by that name and the
-// module that follows, whatever players exist (seeds for one format keep
-// their player as players are added). A byte 0 of 0xFE is the named form
-// with a companion file: after the name's NUL a big-endian 32-bit length n
-// and n bytes, which the player gets for any file it asks for whose name
-// ends in ".nt" (Startrekker's companion files). The module is opened, one second is
-// rendered in the plugin's block size, it is closed, opened again and its
-// length measured with a small limit. Output must stay finite and the
-// measurement within its limit.
-#include <dirent.h>
-#include <strings.h>
-#include <sys/stat.h>
-
-#include <algorithm>
+// Fuzz target: the whole engine on hostile modules, with every player file
+// of the players folder (the build tree's kelva_data/players, or the folder
+// named by KELVA_FUZZ_PLAYERS). The input picks a player by its index, or
+// names the module so that identification picks it (README.md gives the
+// layout, with the companion file served for names ending in ".nt"). The
+// module is opened, one second is rendered in the plugin's block size, it is
+// closed, opened again and its length measured with a small limit. Output
+// must stay finite and the measurement within its limit.
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <vector>
 
 #include "engine/kelva.h"
 #include "fuzz_support.h"
@@ -47,49 +30,13 @@ std::vector<player_file> players;
 kelva *k;
 float pcm[kBlock * 2];
 
-bool slurp(const std::string &path, std::vector<uint8_t> *out) {
-    FILE *f = fopen(path.c_str(), "rb");
-    if (!f) return false;
-    out->clear();
-    uint8_t buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0) out->insert(out->end(), buf, buf + n);
-    fclose(f);
-    return !out->empty();
-}
-
 void load_players(const std::string &dir) {
-    DIR *d = opendir(dir.c_str());
-    if (!d) return;
     std::vector<std::string> names;
-    while (dirent *e = readdir(d)) {
-        std::string p = dir + "/" + e->d_name;
-        struct stat st;
-        if (e->d_name[0] != '.' && stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode)) names.push_back(p);
-    }
-    closedir(d);
-    std::sort(names.begin(), names.end());
+    fuzz::list_folder(dir, &names);
     for (const std::string &p : names) {
         player_file f{p, {}};
-        if (slurp(p, &f.bytes)) players.push_back(std::move(f));
+        if (fuzz::read_file(p, &f.bytes) && !f.bytes.empty()) players.push_back(std::move(f));
     }
-}
-
-// The companion file of a 0xFE input, served for names ending in ".nt".
-struct companion_file {
-    const uint8_t *data = nullptr;
-    uint32_t size = 0;
-};
-
-int companion_loader(void *user, const char *path, uint8_t **out, uint32_t *len) {
-    const companion_file *c = static_cast<const companion_file *>(user);
-    size_t n = strlen(path);
-    if (n < 3 || strcasecmp(path + n - 3, ".nt") != 0) return 0;
-    *out = static_cast<uint8_t *>(malloc(c->size ? c->size : 1));
-    if (!*out) return 0;
-    if (c->size) memcpy(*out, c->data, c->size);
-    *len = c->size;
-    return 1;
 }
 
 void render_one_second() {
@@ -129,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     uint32_t choice = first % uint32_t(players.size() + 1);
     int32_t subsong = in.byte() % 4;
     std::string module_path = kModulePath;
-    companion_file companion;
+    fuzz::memory_file companion{nullptr, 0, ".nt"};
     bool with_companion = first == kNamedWithCompanion;
     if (first == kNamedInput || with_companion) {
         std::string name;
@@ -149,7 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             in.size -= companion.size;
         }
     }
-    kelva_set_file_loader(k, with_companion ? companion_loader : nullptr, &companion);
+    kelva_set_file_loader(k, with_companion ? fuzz::memory_file_loader : nullptr, &companion);
     const uint8_t *module = in.data;
     uint32_t len = uint32_t(in.size);
 
@@ -167,13 +114,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     uint32_t code_len = uint32_t(player->bytes.size());
 
     if (kelva_open(k, code, code_len, module, len, player->path.c_str(), module_path.c_str(), subsong) == 0) {
-        char name[64];
-        kelva_get_player_name(k, name, sizeof name);
-        FUZZ_CHECK(memchr(name, '\0', sizeof name) != nullptr);
-        kelva_get_module_name(k, name, sizeof name);
-        FUZZ_CHECK(memchr(name, '\0', sizeof name) != nullptr);
-        kelva_get_author_name(k, name, sizeof name);
-        FUZZ_CHECK(memchr(name, '\0', sizeof name) != nullptr);
+        for (auto get_name : {kelva_get_player_name, kelva_get_module_name, kelva_get_author_name}) {
+            char name[64];
+            get_name(k, name, sizeof name);
+            FUZZ_CHECK(memchr(name, '\0', sizeof name) != nullptr);
+        }
         FUZZ_CHECK(kelva_get_format_name(k) != nullptr);
         FUZZ_CHECK(kelva_get_subsong_count(k) >= 1);
         render_one_second();

@@ -3,9 +3,6 @@
 // base with relocation) and twice through LoadSeg with an in-memory file
 // loader, which must leave the player's hunk table as it was and return
 // either 0 or a segment list inside the allocation slab.
-#include <cstdlib>
-#include <cstring>
-
 #include "amigaos/amigaos.h"
 #include "engine/engine.h"
 #include "fuzz_support.h"
@@ -13,22 +10,6 @@
 namespace {
 
 kelva *k;
-
-struct file_bytes {
-    const uint8_t *data;
-    size_t size;
-};
-
-int memory_loader(void *user, const char *, uint8_t **out_data, uint32_t *out_len) {
-    auto *f = static_cast<file_bytes *>(user);
-    if (f->size == 0) return 0;
-    auto *buf = static_cast<uint8_t *>(malloc(f->size));
-    if (!buf) return 0;
-    memcpy(buf, f->data, f->size);
-    *out_data = buf;
-    *out_len = uint32_t(f->size);
-    return 1;
-}
 
 }  // namespace
 
@@ -59,8 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // As 68k code loads a segment: two requests for the same file.
     uint32_t count = k->hunk_count;
     uint32_t addr0 = k->hunk_addr[0];
-    file_bytes file{data, size};
-    kelva_set_file_loader(k, memory_loader, &file);
+    fuzz::memory_file file{data, size};
+    kelva_set_file_loader(k, fuzz::memory_file_loader, &file);
     k->alloc_ptr = kSlabStart;
     static const char name[] = "fuzz.seg";
     memcpy(k->ram + 0x1000, name, sizeof name);

@@ -23,6 +23,23 @@ def be32(*values):
     return b"".join(struct.pack(">I", v & 0xFFFFFFFF) for v in values)
 
 
+def be16(*values):
+    return b"".join(struct.pack(">H", v & 0xFFFF) for v in values)
+
+
+def cut(data, n):
+    """`data` less its last n bytes: a file cut short."""
+    return data[:len(data) - n] if n else data
+
+
+def blob(size, *fields):
+    """`size` zero bytes with (offset, bytes) fields written over them."""
+    out = bytearray(size)
+    for at, data in fields:
+        out[at:at + len(data)] = data
+    return bytes(out)
+
+
 # ---- hunk executables ----------------------------------------------------
 
 HEADER, CODE, DATA, BSS, RELOC32, NAME, SYMBOL, DEBUG, END = (
@@ -30,36 +47,29 @@ HEADER, CODE, DATA, BSS, RELOC32, NAME, SYMBOL, DEBUG, END = (
 
 
 def hunk_file(sizes, bodies, resident=b""):
-    out = be32(HEADER) + resident + be32(0, len(sizes), 0, len(sizes) - 1)
-    out += b"".join(be32(s) for s in sizes)
-    return out + b"".join(bodies)
+    return be32(HEADER) + resident + be32(0, len(sizes), 0, len(sizes) - 1, *sizes) + b"".join(bodies)
 
 
 def hunk_seeds():
-    seeds = {}
-    # One code hunk of two longs, a rts in it.
-    seeds["minimal"] = hunk_file([2], [be32(CODE, 2) + b"\x4e\x75\x00\x00" + be32(0) + be32(END)])
     # Code + data + bss, relocations between them, a name, symbols, debug.
-    code = be32(CODE, 4) + be32(0, 4, 8, 0x4E754E75)
-    code += be32(NAME, 1) + b"code"
-    code += be32(RELOC32, 2, 1, 0, 4, 1, 2, 8, 0)
-    code += be32(SYMBOL, 1) + b"sym\0" + be32(0) + be32(0)
-    code += be32(DEBUG, 2, 0, 0) + be32(END)
-    data = be32(DATA, 2, 0x11111111, 0x22222222) + be32(RELOC32, 1, 0, 4, 0) + be32(END)
-    bss = be32(BSS, 3) + be32(END)
-    seeds["three-hunks"] = hunk_file([4, 2, 3], [code, data, bss])
-    # Extended memory attributes and chip/fast flags on the size longs.
-    seeds["mem-flags"] = hunk_file([0xC0000002, 0x40000001], [
-        be32(0x40000000 | CODE, 2, 1, 2) + be32(END), be32(0x80000000 | DATA, 1, 3)])
-    # Resident-library names before the table; the last hunk without END.
-    seeds["resident-no-end"] = hunk_file([1, 1], [be32(CODE, 1, 7) + be32(END), be32(BSS, 1)],
-                                         resident=be32(1) + b"lib\0")
-    # A relocation aimed at a hunk that does not exist, and one outside its hunk.
-    seeds["bad-reloc"] = hunk_file([1], [be32(CODE, 1, 0) + be32(RELOC32, 1, 5, 0, 0) + be32(END)])
-    seeds["reloc-outside"] = hunk_file([1], [be32(CODE, 1, 0) + be32(RELOC32, 1, 0, 64, 0) + be32(END)])
-    # A large BSS behind a small header size.
-    seeds["bss-count"] = hunk_file([16], [be32(BSS, 0x100000) + be32(END)])
-    return seeds
+    code = (be32(CODE, 4, 0, 4, 8, 0x4E754E75, NAME, 1) + b"code" + be32(RELOC32, 2, 1, 0, 4, 1, 2, 8, 0, SYMBOL, 1) +
+            b"sym\0" + be32(0, 0, DEBUG, 2, 0, 0, END))
+    data = be32(DATA, 2, 0x11111111, 0x22222222, RELOC32, 1, 0, 4, 0, END)
+    return {
+        # One code hunk of two longs, a rts in it.
+        "minimal": hunk_file([2], [be32(CODE, 2) + b"\x4e\x75\x00\x00" + be32(0, END)]),
+        "three-hunks": hunk_file([4, 2, 3], [code, data, be32(BSS, 3, END)]),
+        # Extended memory attributes and chip/fast flags on the size longs.
+        "mem-flags": hunk_file([0xC0000002, 0x40000001],
+                               [be32(0x40000000 | CODE, 2, 1, 2, END), be32(0x80000000 | DATA, 1, 3)]),
+        # Resident-library names before the table; the last hunk without END.
+        "resident-no-end": hunk_file([1, 1], [be32(CODE, 1, 7, END), be32(BSS, 1)], resident=be32(1) + b"lib\0"),
+        # A relocation aimed at a hunk that does not exist, one outside its
+        # hunk, and a large BSS behind a small header size.
+        "bad-reloc": hunk_file([1], [be32(CODE, 1, 0, RELOC32, 1, 5, 0, 0, END)]),
+        "reloc-outside": hunk_file([1], [be32(CODE, 1, 0, RELOC32, 1, 0, 64, 0, END)]),
+        "bss-count": hunk_file([16], [be32(BSS, 0x100000, END)]),
+    }
 
 
 # ---- modules ---------------------------------------------------------------
@@ -92,28 +102,18 @@ def pattern(effects, sample_count=4, step=4, channels=4, notes=4):
     return b"".join(rows)
 
 
-def mod31(tag, patterns, samples, song_len=None, restart=0, orders=None, channels=4):
-    header = b"fuzz seed".ljust(20, b"\0")
-    for i in range(31):
-        header += samples[i] if i < len(samples) else sample_header("", 0, 0, 0, 1)
-    orders = orders if orders is not None else list(range(len(patterns)))
-    header += bytes([song_len if song_len is not None else len(orders), restart])
-    header += bytes(orders).ljust(128, b"\0") + tag
-    body = b"".join(patterns)
-    return header + body + SQUARE * len(samples)
+def mod31(tag, patterns, samples, song_len=None, restart=0, orders=None):
+    orders = list(range(len(patterns))) if orders is None else orders
+    head = b"fuzz seed".ljust(20, b"\0") + b"".join(samples) + sample_header("", 0, 0, 0, 1) * (31 - len(samples))
+    head += bytes([len(orders) if song_len is None else song_len, restart]) + bytes(orders).ljust(128, b"\0") + tag
+    return head + b"".join(patterns) + SQUARE * len(samples)
 
 
-def mod15(patterns, samples, orders=None, restart=120):
-    header = b"st seed".ljust(20, b"\0")
-    for i in range(15):
-        header += samples[i] if i < len(samples) else sample_header("", 0, 0, 0, 0)
-    orders = orders if orders is not None else list(range(len(patterns)))
-    header += bytes([len(orders), restart]) + bytes(orders).ljust(128, b"\0")
-    # The pattern count comes from the highest order entry (at least 1), so
-    # there are max(orders)+1 patterns before the samples.
-    need = max(max(orders), 1) + 1
-    pats = list(patterns) + [bytes(1024)] * (need - len(patterns))
-    return header + b"".join(pats) + SQUARE * len(samples)
+def mod15(patterns, samples, restart=120):
+    """The pattern count comes from the highest order entry (at least 1): two patterns."""
+    head = b"st seed".ljust(20, b"\0") + b"".join(samples) + sample_header("", 0, 0, 0, 0) * (15 - len(samples))
+    head += bytes([len(patterns), restart]) + bytes(range(len(patterns))).ljust(128, b"\0")
+    return head + b"".join(patterns) + bytes(1024) * (2 - len(patterns)) + SQUARE * len(samples)
 
 
 def looped(i, volume=48):
@@ -128,45 +128,32 @@ def module_seeds():
               (17, 0): (0xE, 0x93), (18, 1): (0xE, 0xC2), (19, 2): (0xE, 0xD1), (21, 3): (0xE, 0x62),
               (22, 0): (0xE, 0x60), (25, 1): (0xF, 0x04), (26, 2): (0xF, 0x7D), (30, 3): (0xE, 0xE2),
               (33, 0): (0xB, 0x01), (40, 1): (0xD, 0x10)}
-    seeds = {}
-    seeds["mk-effects"] = mod31(b"M.K.", [pattern(fx_all), pattern({(63, 0): (0xB, 0x00)})], s)
-    seeds["mk-plain"] = mod31(b"M.K.", [pattern({(0, 0): (0xF, 0x03)})], s)
-    seeds["mk-st24"] = mod31(b"M.K.", [pattern({})], [sample_header("x", 32, 64, 60, 10)] + s[1:])
-    seeds["mk-nt"] = mod31(b"M.K.", [pattern({(0, 0): (0xE, 0x00)})],
-                           [sample_header("a", 64, 64, 0, 0), looped(1)], restart=0)
-    seeds["mk-finetune"] = mod31(b"M.K.", [pattern({})], [sample_header("f", 64, 64, 0, 64, 7)] + s[1:])
-    seeds["mk-restart127"] = mod31(b"M.K.", [pattern({})], s, restart=127)
-    seeds["nt"] = mod31(b"N.T.", [pattern({})], s)
-    seeds["mk-noise"] = mod31(b"M&K!", [pattern({})], s)
-    seeds["flt4"] = mod31(b"FLT4", [pattern({(0, 0): (0xF, 0x06)})], s)
-    seeds["flt4-marks"] = mod31(b"FLT4", [pattern({})], s + [sample_header("mark", 0, 64, 0, 1)])
-    seeds["6chn"] = mod31(b"6CHN", [pattern({}, channels=6)], s, channels=6)
-    seeds["8chn"] = mod31(b"8CHN", [bytes(2048)], s)
-    seeds["octa"] = mod31(b"OCTA", [pattern({})], s)
-    seeds["mk-song-jump"] = mod31(b"M.K.", [pattern({(8, 0): (0xB, 0x01)}), pattern({(8, 0): (0xB, 0x00)})], s,
-                                  orders=[0, 1, 0, 1])
-    s15 = [looped(i) for i in range(4)]
-    seeds["st15-ust"] = mod15([pattern({(0, 0): (0x0, 0x37), (4, 1): (0x0, 0x47), (8, 2): (0x0, 0x25)})], s15)
-    seeds["st15-porta-ust"] = mod15([pattern({(0, 0): (0x1, 0x40), (4, 1): (0x2, 0x50)})], s15)
-    seeds["st15-st4"] = mod15([pattern({(0, 0): (0x5, 0x02), (8, 1): (0xD, 0x01)})], s15)
-    seeds["st15-ptk"] = mod15([pattern({(0, 0): (0xC, 0x20), (4, 1): (0xF, 0x06)})], s15)
-    seeds["st15-disk"] = mod15([pattern({})], [sample_header("st-01:drum", 64, 64, 200, 64)] + s15[1:])
-    # TFMX headers.
-    t = bytearray(2600)
-    t[0:10] = b"TFMX-SONG "
-    t[464:476] = be32(600, 1200, 1800)
-    t[608:612] = b"\xef\xfe\x00\x03"
-    seeds["tfmx-7v"] = bytes(t)
-    t = bytearray(600)
-    t[0:10] = b"TFMX-SONG "
-    t[10:12] = b"by"
-    t[14:16] = b"\x0e\x60"
-    seeds["tfmx-by"] = bytes(t)
-    for variant in (1, 2, 3):
-        t = bytearray(600)
-        t[0:4] = b"TFHD"
-        t[8] = variant
-        seeds["tfhd-%d" % variant] = bytes(t)
+    seeds = {
+        "mk-effects": mod31(b"M.K.", [pattern(fx_all), pattern({(63, 0): (0xB, 0x00)})], s),
+        "mk-plain": mod31(b"M.K.", [pattern({(0, 0): (0xF, 0x03)})], s),
+        "mk-st24": mod31(b"M.K.", [pattern({})], [sample_header("x", 32, 64, 60, 10)] + s[1:]),
+        "mk-nt": mod31(b"M.K.", [pattern({(0, 0): (0xE, 0x00)})], [sample_header("a", 64, 64, 0, 0), looped(1)]),
+        "mk-finetune": mod31(b"M.K.", [pattern({})], [sample_header("f", 64, 64, 0, 64, 7)] + s[1:]),
+        "mk-restart127": mod31(b"M.K.", [pattern({})], s, restart=127),
+        "mk-song-jump": mod31(b"M.K.", [pattern({(8, 0): (0xB, 0x01)}), pattern({(8, 0): (0xB, 0x00)})], s,
+                              orders=[0, 1, 0, 1]),
+        "nt": mod31(b"N.T.", [pattern({})], s),
+        "mk-noise": mod31(b"M&K!", [pattern({})], s),
+        "octa": mod31(b"OCTA", [pattern({})], s),
+        "flt4": mod31(b"FLT4", [pattern({(0, 0): (0xF, 0x06)})], s),
+        "flt4-marks": mod31(b"FLT4", [pattern({})], s + [sample_header("mark", 0, 64, 0, 1)]),
+        "6chn": mod31(b"6CHN", [pattern({}, channels=6)], s),
+        "8chn": mod31(b"8CHN", [bytes(2048)], s),
+        "st15-ust": mod15([pattern({(0, 0): (0x0, 0x37), (4, 1): (0x0, 0x47), (8, 2): (0x0, 0x25)})], s),
+        "st15-porta-ust": mod15([pattern({(0, 0): (0x1, 0x40), (4, 1): (0x2, 0x50)})], s),
+        "st15-st4": mod15([pattern({(0, 0): (0x5, 0x02), (8, 1): (0xD, 0x01)})], s),
+        "st15-ptk": mod15([pattern({(0, 0): (0xC, 0x20), (4, 1): (0xF, 0x06)})], s),
+        "st15-disk": mod15([pattern({})], [sample_header("st-01:drum", 64, 64, 200, 64)] + s[1:]),
+        # TFMX headers.
+        "tfmx-7v": blob(2600, (0, b"TFMX-SONG "), (464, be32(600, 1200, 1800)), (608, b"\xef\xfe\x00\x03")),
+        "tfmx-by": blob(600, (0, b"TFMX-SONG by\0\0\x0e\x60")),
+    }
+    seeds.update({"tfhd-%d" % v: blob(600, (0, b"TFHD"), (8, bytes([v]))) for v in (1, 2, 3)})
     return seeds
 
 
@@ -181,19 +168,19 @@ def multichannel_seeds():
     s = [looped(i) for i in range(3)] + [sample_header("shot", 64, 64, 0, 1)]
     fx = {(0, 0): (0xF, 0x7D), (4, 5): (0x9, 0x01), (8, 6): (0xE, 0x93), (12, 7): (0x3, 0x10),
           (16, 1): (0x0, 0x37), (20, 4): (0xC, 0x20), (24, 9): (0xE, 0xD2), (62, 11): (0xD, 0x00)}
-    seeds = {}
-    twelve = pattern(fx, channels=12, notes=12)
-    # Row 2: instrument numbers without notes on every channel.
-    twelve = bytearray(twelve)
+    # Row 2 of 12CH: instrument numbers without notes on every channel.
+    twelve = bytearray(pattern(fx, channels=12, notes=12))
     for c in range(12):
         twelve[2 * 48 + 4 * c:2 * 48 + 4 * c + 4] = cell(0, 1 + c % 4, 0, 0)
-    seeds["12ch"] = mod31(b"12CH", [bytes(twelve)], s)
-    seeds["32ch"] = mod31(b"32CH", [pattern({(0, 31): (0xA, 0x0F)}, channels=32, notes=32)], s)
-    seeds["5chn"] = mod31(b"5CHN", [pattern({(1, 4): (0xE, 0x61)}, channels=5, notes=5)], s)
-    seeds["tdz3"] = mod31(b"TDZ3", [pattern({}, channels=3, notes=3)], s)
-    # FLT8: orders 0, 2, 1 play the pairs (0, 1), (2, 3) and (0, 1).
-    seeds["flt8"] = mod31(b"FLT8", [pattern({}), pattern({(4, 0): (0xB, 0x01)}), pattern({}), pattern({})], s,
-                          orders=[0, 2, 1])
+    seeds = {
+        "12ch": mod31(b"12CH", [bytes(twelve)], s),
+        "32ch": mod31(b"32CH", [pattern({(0, 31): (0xA, 0x0F)}, channels=32, notes=32)], s),
+        "5chn": mod31(b"5CHN", [pattern({(1, 4): (0xE, 0x61)}, channels=5, notes=5)], s),
+        "tdz3": mod31(b"TDZ3", [pattern({}, channels=3, notes=3)], s),
+        # FLT8: orders 0, 2, 1 play the pairs (0, 1), (2, 3) and (0, 1).
+        "flt8": mod31(b"FLT8", [pattern({}), pattern({(4, 0): (0xB, 0x01)}), pattern({}), pattern({})], s,
+                      orders=[0, 2, 1]),
+    }
     # His Master's Noise: "Mupp" + pattern, first and last step; one synth in
     # pattern 1 (28 waveforms, steps of waveforms and volumes), one naming a
     # pattern past the file, and 7xy chords.
@@ -210,7 +197,7 @@ def multichannel_seeds():
     return seeds
 
 
-def nt_file(records, ident=b"ST1.3 ModuleINFO", cut=0):
+def nt_file(records, ident=b"ST1.3 ModuleINFO", cut_bytes=0):
     """A Startrekker companion file: the identification, then 120-byte
     records from offset 144; a record is (number, waveform, words)."""
     out = bytearray(ident.ljust(144, b"\0"))
@@ -220,8 +207,8 @@ def nt_file(records, ident=b"ST1.3 ModuleINFO", cut=0):
         out[at:at + 6] = b"AM\0\0\0\0"
         values = list(words) + [0] * 15
         values[10] = wf
-        out[at + 6:at + 36] = b"".join(struct.pack(">H", v & 0xFFFF) for v in values[:15])
-    return bytes(out[:len(out) - cut] if cut else out)
+        out[at + 6:at + 36] = be16(*values[:15])
+    return cut(bytes(out), cut_bytes)
 
 
 def am_seeds():
@@ -239,7 +226,7 @@ def am_seeds():
                (5, 7, [255] * 15), (6, 1, [255, 255, 1, 255, 1, 255, 1, 0, 0, 255, 0, 0, 0, 0, 1])]
     return {
         "am": (module, nt_file(records)),
-        "am-cut": (module, nt_file(records[:4], ident=b"AudioSculpture10", cut=30)),
+        "am-cut": (module, nt_file(records[:4], ident=b"AudioSculpture10", cut_bytes=30)),
         "am-bad-id": (module, nt_file(records, ident=b"ST1.4 ModuleINFO")),
         "am-no-nt": (module, None),
     }
@@ -249,11 +236,10 @@ def am_seeds():
 
 def sfx_seed(samples31=False):
     n = 31 if samples31 else 15
-    out = b"".join(be32(128) for _ in range(4)) + bytes(4 * (n - 4))
+    out = be32(128, 128, 128, 128) + bytes(4 * (n - 4))
     out += (b"SO31" if samples31 else b"SONG") + struct.pack(">H", 14565) + bytes(14)
-    for i in range(n):
-        length = 64 if i < 4 else 0
-        out += ("sfx%d" % i).encode().ljust(22, b"\0") + struct.pack(">HHHH", length, 48, 0, 32 if i % 2 else 1)
+    out += b"".join(("sfx%d" % i).encode().ljust(22, b"\0") + be16(64 if i < 4 else 0, 48, 0, 32 if i % 2 else 1)
+                    for i in range(n))
     out += bytes([2, 0]) + bytes([0, 1]).ljust(128, b"\0") + (bytes(4) if samples31 else b"")
     cells = [(0, 0, 428, 1, 1, 0x37), (0, 1, 0x0358, 2, 2, 0x30), (0, 2, 320, 3, 7, 0x25), (0, 3, 285, 4, 9, 0x12),
              (4, 0, 0xFFFE, 0, 0, 0), (5, 1, 0xFFFD, 2, 5, 0x10), (8, 2, 381, 2, 8, 0x13), (9, 3, 254, 1, 6, 0x08),
@@ -266,13 +252,9 @@ def sfx_seed(samples31=False):
 
 
 def gmc_seed():
-    out = b""
-    for i in range(15):
-        if i < 3:
-            out += struct.pack(">IHHIHH", 0x20000 + 256 * i, 64, 40, 0x20000 + 256 * i + 64, 32 if i else 2, 0)
-        else:
-            out += bytes(16)
-    out += bytes(240 - len(out)) + be32(3) + struct.pack(">HHH", 0, 1024, 0) + bytes(194)
+    out = b"".join(struct.pack(">IHHIHH", 0x20000 + 256 * i, 64, 40, 0x20000 + 256 * i + 64, 32 if i else 2, 0)
+                   for i in range(3))
+    out += bytes(240 - len(out)) + be32(3) + be16(0, 1024, 0) + bytes(194)
     pats = [bytearray(1024), bytearray(1024)]
     cells = [(0, 0, 428, 1, 1, 3), (0, 1, 320, 2, 3, 30), (4, 2, 214, 3, 2, 2), (8, 3, 856, 1, 8, 3),
              (12, 0, 381, 2, 6, 0), (16, 1, 254, 3, 7, 0), (20, 2, 0, 0, 4, 0)]
@@ -284,9 +266,8 @@ def gmc_seed():
 
 def ims_seed():
     head = b"ims seed".ljust(20, b"\0")
-    for i in range(31):
-        name = ("ims%d" % i).encode().ljust(20, b"\0")
-        head += name + (struct.pack(">hHBBHH", 0, 64, 0, 48, 16, 32) if i < 3 else bytes(10))
+    head += b"".join(("ims%d" % i).encode().ljust(20, b"\0") + (be16(0, 64, 48, 16, 32) if i < 3 else bytes(10))
+                     for i in range(31))
     head += bytes([3, 0]) + bytes([0, 1, 0]).ljust(128, b"\0") + be32(1084 + 2 * 768)
     fx = [(0, 0x37), (3, 0x04), (4, 0x44), (0xA, 0x02), (0xC, 0x20), (0xE, 0x01), (9, 0x01), (7, 0x33),
           (0xF, 0x04), (0xD, 0x10), (0xB, 0x02), (5, 0x01), (6, 0x10), (1, 0x03), (2, 0x03), (0xF, 0x40)]
@@ -297,12 +278,11 @@ def ims_seed():
                 o = p * 768 + r * 12 + c * 3
                 f, param = fx[(r // 4 + c) % len(fx)]
                 note = [4, 13, 16, 28, 40, 52, 62, 63][(r // 4 + c + p) % 8]
-                smp = 1 + (r // 4 + c) % 3
-                pats[o:o + 3] = bytes([note | (0x40 if smp > 15 else 0), (smp & 15) << 4 | f, param])
+                pats[o:o + 3] = bytes([note, (1 + (r // 4 + c) % 3) << 4 | f, param])
     return head + bytes(pats) + SQUARE * 3
 
 
-def ptm_seed(channels=4, cut=0):
+def ptm_seed(channels=4, cut_bytes=0):
     ins = 3
     head = bytearray(608 + 80 * ins)
     head[0:9] = b"ptm seed\0"
@@ -338,12 +318,12 @@ def ptm_seed(channels=4, cut=0):
         struct.pack_into("<HH4I", head, h + 14, 8363 + 1000 * i, 0, len(head) + len(body) + len(data), 64, 8, 64)
         data += bytes([1] * 32 + [0xFF] * 32)
     out = bytes(head + body + data)
-    return out[:len(out) - cut] if cut else out
+    return cut(out, cut_bytes)
 
 
 # ---- Oktalyzer and DIGI Booster -------------------------------------------------
 
-def okt_seed(cmod=(0, 1, 0, 1), magic=b"OKTASONG", cut=0):
+def okt_seed(cmod=(0, 1, 0, 1), magic=b"OKTASONG", cut_bytes=0):
     """An Oktalyzer song: samples of every mode (looping and not), two
     patterns whose cells use every effect, notes past B-3 and samples that
     do not exist."""
@@ -352,14 +332,10 @@ def okt_seed(cmod=(0, 1, 0, 1), magic=b"OKTASONG", cut=0):
     def chunk(name, data):
         return name + be32(len(data)) + data
 
-    samp = b""
     lengths = [64, 64, 128, 32]
-    for i in range(36):
-        if i < 4:
-            samp += ("okt%d" % i).encode().ljust(20, b"\0") + struct.pack(
-                ">IHHHH", lengths[i], 8 if i % 2 else 0, 16 if i % 2 else 0, 48, i % 3)
-        else:
-            samp += bytes(32)
+    samp = b"".join(("okt%d" % i).encode().ljust(20, b"\0") +
+                    struct.pack(">IHHHH", lengths[i], 8 * (i % 2), 16 * (i % 2), 48, i % 3) for i in range(4))
+    samp += bytes(32 * 32)
     fx = [(1, 3), (2, 5), (10, 0x23), (11, 0x12), (12, 0x34), (13, 1), (15, 1), (17, 2), (21, 2), (24, 0x20),
           (25, 0x01), (27, 0), (28, 0x1F), (30, 1), (31, 0x30), (31, 0x44), (31, 0x52), (31, 0x63), (31, 0x74),
           (31, 0x90), (9, 9)]
@@ -381,10 +357,10 @@ def okt_seed(cmod=(0, 1, 0, 1), magic=b"OKTASONG", cut=0):
     out = (magic + chunk(b"CMOD", struct.pack(">4H", *cmod)) + chunk(b"SAMP", samp) + chunk(b"SPEE", b"\0\4") +
            chunk(b"SLEN", b"\0\2") + chunk(b"PLEN", b"\0\3") + chunk(b"PATT", bytes([0, 1, 0]).ljust(128, b"\0")) +
            pats + sbod)
-    return out[:len(out) - cut] if cut else out
+    return cut(out, cut_bytes)
 
 
-def digi_seed(channels=8, packed=True, cut=0):
+def digi_seed(channels=8, packed=True, cut_bytes=0):
     """A DIGI Booster module with every effect and E command, tempo changes,
     a loop, a pattern delay, F00 and a sample offset past the sample."""
     head = bytearray(1572)
@@ -422,7 +398,7 @@ def digi_seed(channels=8, packed=True, cut=0):
         else:
             body += b"".join(cells.get((r, c), bytes(4)) for c in range(channels) for r in range(64))
     out = bytes(head) + body + SQUARE[:128] + SQUARE[:64] + SQUARE[:96]
-    return out[:len(out) - cut] if cut else out
+    return cut(out, cut_bytes)
 
 
 # ---- AHX and HivelyTracker songs ---------------------------------------------
@@ -503,10 +479,6 @@ def ahx_seeds():
 
 
 # ---- MED/OctaMED modules -------------------------------------------------------
-
-def be16(*values):
-    return b"".join(struct.pack(">H", v & 0xFFFF) for v in values)
-
 
 def mmd(version, songs, insts):
     """An MMD0-MMD3 file: songs = [(blocks, seq, tempo, tempo2, flags, flags2)],
@@ -686,89 +658,58 @@ def named_engine_input(file_name, subsong, module, companion=None):
             companion + module)
 
 
-def write(target, name, data):
-    folder = os.path.join(CORPUS, target)
-    os.makedirs(folder, exist_ok=True)
-    with open(os.path.join(folder, "seed-" + name), "wb") as f:
-        f.write(data)
-
-
 def main():
-    modules_dir = None
-    if len(sys.argv) == 3 and sys.argv[1] == "--modules":
-        modules_dir = sys.argv[2]
-    elif len(sys.argv) != 1:
+    if len(sys.argv) not in (1, 3) or len(sys.argv) == 3 and sys.argv[1] != "--modules":
         sys.exit(__doc__)
-    for name, data in hunk_seeds().items():
-        write("hunk", name, data)
-    modules = module_seeds()
     real = {}
-    if modules_dir:
-        for root, _, files in os.walk(modules_dir):
-            for fn in sorted(files):
-                path = os.path.join(root, fn)
-                if os.path.getsize(path) < 10240 and fn.lower().endswith(".mod"):
-                    with open(path, "rb") as f:
-                        real["real-" + fn.replace(" ", "_")] = f.read()
-    for name, data in modules.items():
-        write("classify", name, data)
-        write("identify", name, bytes([0]) + data)   # as x.mod
-    for name in ("mk-effects", "st15-ust", "tfmx-7v", "tfhd-2"):
-        write("identify", name + "-prefix", bytes([1]) + modules[name])   # as mod.x
-        write("identify", name + "-tfx", bytes([5]) + modules[name])      # as song.tfx
+    for root, _, files in os.walk(sys.argv[2]) if len(sys.argv) == 3 else ():
+        for fn in sorted(files):
+            path = os.path.join(root, fn)
+            if os.path.getsize(path) < 10240 and fn.lower().endswith(".mod"):
+                with open(path, "rb") as f:
+                    real["real-" + fn.replace(" ", "_")] = f.read()
+    mods, multi = module_seeds(), multichannel_seeds()
+    # Identification: as x.mod, and a few as mod.x and song.tfx.
+    identify = {n: bytes([0]) + d for n, d in mods.items()}
+    for n in ("mk-effects", "st15-ust", "tfmx-7v", "tfhd-2"):
+        identify.update({n + "-prefix": bytes([1]) + mods[n], n + "-tfx": bytes([5]) + mods[n]})
     # Engine: byte 0 picks a player by its index in the tree's name order.
     # These seeds were written when the tree held PTK-Prowiz (0),
     # Soundtracker-IV (1) and UltimateSoundtracker (2), 3 letting
     # identification choose; players added since shift the indices (the
     # inputs stay valid, they only reach other players). Seeds of later
-    # formats use the named form below.
-    for name, data in list(modules.items()) + list(real.items()):
-        if name.startswith("tf"):
-            continue
-        write("engine", name, bytes([3, 0]) + data)
-    for name, data in real.items():
-        write("classify", name, data)
-    write("engine", "mk-effects-ptk", bytes([0, 1]) + modules["mk-effects"])
-    write("engine", "mk-effects-st4", bytes([1, 0]) + modules["mk-effects"])
-    write("engine", "st15-st4-ust", bytes([2, 2]) + modules["st15-st4"])
-    write("engine", "flt4-st4", bytes([1, 3]) + modules["flt4"])
-    # SoundFX, Game Music Creator, Images Music System and PolyTracker, named
-    # so that identification picks their players; a truncated PolyTracker
-    # file cuts a pattern and the samples short.
-    for name, file_name, data in (("sfx13", "SFX.seed", sfx_seed()), ("sfx20", "seed.sfx", sfx_seed(True)),
-                                  ("gmc", "gmc.seed", gmc_seed()), ("ims", "seed.ims", ims_seed()),
-                                  ("ims-st", "seed.st", ims_seed()), ("ptm", "seed.ptm", ptm_seed()),
-                                  ("ptm-9ch", "seed.ptm", ptm_seed(9)), ("ptm-cut", "seed.ptm", ptm_seed(32, 600))):
-        write("engine", name, named_engine_input(file_name, 0, data))
+    # formats name their module, so that identification picks their player.
+    engine = {n: bytes([3, 0]) + d for n, d in {**mods, **real}.items() if not n.startswith("tf")}
+    engine.update({"mk-effects-ptk": bytes([0, 1]) + mods["mk-effects"],
+                   "mk-effects-st4": bytes([1, 0]) + mods["mk-effects"],
+                   "st15-st4-ust": bytes([2, 2]) + mods["st15-st4"], "flt4-st4": bytes([1, 3]) + mods["flt4"]})
+    # SoundFX, Game Music Creator, Images Music System (also as a .st),
+    # PolyTracker (a cut file cuts a pattern and the samples short),
     # Oktalyzer (split channels on 0, 2 or 4 Paula channels, the OKTASNG2
-    # tag, a file cut in its patterns) and DIGI Booster (packed and unpacked
-    # patterns, a file cut in its samples), named for their players.
-    for name, file_name, data in (("okt-6ch", "seed.okt", okt_seed()),
-                                  ("okt-8ch", "OKT.seed", okt_seed((1, 1, 1, 1))),
-                                  ("okt-4ch", "seed.okta", okt_seed((0, 0, 0, 0))),
-                                  ("okt2", "seed.okt2", okt_seed((1, 0, 0, 1), b"OKTASNG2")),
-                                  ("okt-cut", "seed.okt", okt_seed(cut=700)),
-                                  ("digi-8ch", "seed.digi", digi_seed()),
-                                  ("digi-3ch-unpacked", "seed.digi", digi_seed(3, False)),
-                                  ("digi-cut", "seed.digi", digi_seed(5, True, 200))):
-        write("engine", name, named_engine_input(file_name, 0, data))
-    for name, data in ahx_seeds().items():
-        write("engine", name, data)
-    # Multichannel, FLT8, TakeTracker, His Master's Noise synths, Startrekker AM.
-    for name, data in multichannel_seeds().items():
-        write("engine", name, named_engine_input("seed.mod", 0, data))
-        write("classify", name, data)
-    for name, (data, nt) in am_seeds().items():
-        write("engine", name, named_engine_input("seed.mod", 0, data, nt))
-    # MED/OctaMED: named inputs, so identification picks the player by name.
-    for name, data in med_seeds().items():
-        ext = "med" if name.startswith("med") else name[:4]
+    # tag, a file cut in its patterns), DIGI Booster (packed and unpacked
+    # patterns, a file cut in its samples).
+    named = {"sfx13": ("SFX.seed", sfx_seed()), "sfx20": ("seed.sfx", sfx_seed(True)), "gmc": ("gmc.seed", gmc_seed()),
+             "ims": ("seed.ims", ims_seed()), "ims-st": ("seed.st", ims_seed()), "ptm": ("seed.ptm", ptm_seed()),
+             "ptm-9ch": ("seed.ptm", ptm_seed(9)), "ptm-cut": ("seed.ptm", ptm_seed(32, 600)),
+             "okt-6ch": ("seed.okt", okt_seed()), "okt-8ch": ("OKT.seed", okt_seed((1, 1, 1, 1))),
+             "okt-4ch": ("seed.okta", okt_seed((0, 0, 0, 0))), "okt-cut": ("seed.okt", okt_seed(cut_bytes=700)),
+             "okt2": ("seed.okt2", okt_seed((1, 0, 0, 1), b"OKTASNG2")), "digi-8ch": ("seed.digi", digi_seed()),
+             "digi-3ch-unpacked": ("seed.digi", digi_seed(3, False)),
+             "digi-cut": ("seed.digi", digi_seed(5, True, 200))}
+    named.update({n: ("seed.mod", d) for n, d in multi.items()})
+    engine.update({n: named_engine_input(f, 0, d) for n, (f, d) in named.items()})
+    engine.update(ahx_seeds())
+    engine.update({n: named_engine_input("seed.mod", 0, d, nt) for n, (d, nt) in am_seeds().items()})
+    for name, data in med_seeds().items():   # MMD2 songs: subsongs 0 and 2
         for sub in (0, 2) if "songs" in name else (0,):
-            write("engine", "med-%s-%d" % (name, sub), named_engine_input("song." + ext, sub, data))
-    for name, data in conf_seeds().items():
-        write("epconf", name, data)
-    for name, data in db_seeds().items():
-        write("songdb", name, data)
+            file_name = "song." + ("med" if name.startswith("med") else name[:4])
+            engine["med-%s-%d" % (name, sub)] = named_engine_input(file_name, sub, data)
+    for target, seeds in (("hunk", hunk_seeds()), ("classify", {**mods, **real, **multi}), ("identify", identify),
+                          ("engine", engine), ("epconf", conf_seeds()), ("songdb", db_seeds())):
+        os.makedirs(os.path.join(CORPUS, target), exist_ok=True)
+        for name, data in seeds.items():
+            with open(os.path.join(CORPUS, target, "seed-" + name), "wb") as f:
+                f.write(data)
 
 
 if __name__ == "__main__":

@@ -1,16 +1,11 @@
 #!/usr/bin/env bash
-# Runs every libFuzzer target of a build for a fixed time each, one after
-# the other, starting from the committed corpus (plus the shared test
-# modules for the classification target when they exist).
+# Runs every libFuzzer target of a build (or the ones named) for a fixed time
+# each, one after the other, from the committed corpus; new inputs go to
+# WORK_DIR/<target>, findings to WORK_DIR/artifacts/<target>-* and make the
+# script fail after the other targets have run (README.md, "Running").
+# Exits 77 when the build holds no libFuzzer programs.
 #
 #   fuzz/run.sh BUILD_DIR SECONDS_PER_TARGET [WORK_DIR] [TARGET...]
-#
-# New inputs go to WORK_DIR/<target> (never into the repository); a crash,
-# sanitizer report, timeout or out-of-memory is written to
-# WORK_DIR/artifacts/<target>-* and makes the script fail after the other
-# targets have run. Exits 77 when the build holds no libFuzzer programs.
-# KELVA_FUZZ_RUNS=N also stops a target after N executions, whichever of
-# the two limits comes first.
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 build=${1:?usage: run.sh BUILD_DIR SECONDS [WORK_DIR] [TARGET...]}

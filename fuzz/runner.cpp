@@ -2,50 +2,10 @@
 // file named on the command line, and every regular file inside each folder
 // named, to LLVMFuzzerTestOneInput, in name order, once each. A crash or a
 // sanitizer report ends the program; otherwise it prints how many inputs ran.
-#include <dirent.h>
-#include <sys/stat.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-#include <vector>
+#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int *argc, char ***argv);
-
-namespace {
-
-bool read_file(const std::string &path, std::vector<uint8_t> *out) {
-    FILE *f = fopen(path.c_str(), "rb");
-    if (!f) return false;
-    out->clear();
-    uint8_t buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0) out->insert(out->end(), buf, buf + n);
-    bool ok = !ferror(f);
-    fclose(f);
-    return ok;
-}
-
-// Regular files of a folder, sorted; names beginning with "." are left out.
-void list_folder(const std::string &dir, std::vector<std::string> *out) {
-    DIR *d = opendir(dir.c_str());
-    if (!d) return;
-    std::vector<std::string> names;
-    while (dirent *e = readdir(d)) {
-        if (e->d_name[0] == '.') continue;
-        std::string p = dir + "/" + e->d_name;
-        struct stat st;
-        if (stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode)) names.push_back(p);
-    }
-    closedir(d);
-    std::sort(names.begin(), names.end());
-    out->insert(out->end(), names.begin(), names.end());
-}
-
-}  // namespace
 
 int main(int argc, char **argv) {
     if (LLVMFuzzerInitialize) LLVMFuzzerInitialize(&argc, &argv);
@@ -59,7 +19,7 @@ int main(int argc, char **argv) {
             return 1;
         }
         if (S_ISDIR(st.st_mode))
-            list_folder(arg, &inputs);
+            fuzz::list_folder(arg, &inputs);
         else
             inputs.push_back(arg);
     }
@@ -69,7 +29,7 @@ int main(int argc, char **argv) {
     }
     std::vector<uint8_t> data;
     for (const std::string &path : inputs) {
-        if (!read_file(path, &data)) {
+        if (!fuzz::read_file(path, &data)) {
             fprintf(stderr, "fuzz runner: cannot read %s\n", path.c_str());
             return 1;
         }

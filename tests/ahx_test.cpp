@@ -1,7 +1,8 @@
 // kelva's AHX and HivelyTracker players on synthetic songs: the waveforms,
 // the envelope, the playlist and track commands, the song's flow and the
 // software mix of HVL songs, pinned by Paula's registers and the bytes it
-// plays after a number of ticks; refused files; the shared songs' identity.
+// plays after a number of ticks; refused files (the shared songs:
+// ptk_modules_test.cpp).
 // A voice plays note (playlist note + track note - 1), or the playlist's
 // note alone when fixed, at the note table's period (25 = 856, 37 = 428,
 // 49 = 214); the envelope steps by (target - start) x 256 / frames a tick.
@@ -9,9 +10,9 @@
 #include <algorithm>
 #include <cmath>
 
-#include "support/med_ahx.h"
+#include "ptk_support.h"
 
-using namespace med_ahx;
+using namespace ptk_test;
 
 namespace {
 
@@ -80,11 +81,6 @@ instrument tone(uint8_t wave, uint8_t wl = 3, uint8_t width = 0x20) {
     return i;
 }
 
-// The bytes of the block Paula loops on channel c (queued behind the start).
-std::vector<int8_t> looped(kelva *k, int c = 0) {
-    const int8_t *p = reinterpret_cast<const int8_t *>(k->ram + (k->aud[c].lc & 0xFFFFFF));
-    return std::vector<int8_t>(p, p + k->aud[c].len * 2);
-}
 // A square of `len` bytes: low, then `high` bytes high; repeated to 128 bytes.
 std::vector<int8_t> square(size_t len, size_t high) {
     std::vector<int8_t> w(len - high, -128);
@@ -102,7 +98,7 @@ std::vector<int8_t> repeat(const std::vector<int8_t> &w, size_t n = 128) {
 // (its frame, in ticks), 'c' subsongs; of the mixed blocks (430 bytes) of HVL songs: 'm' (min + 128) x 256 +
 // max + 128 of channel 0, 'M' of channel 1, 'z' zero bytes of channel 0, 'Z' of 1.
 int observe(kelva *k, char what) {
-    std::vector<int8_t> b = looped(k);
+    std::vector<int8_t> b = mixed(k, 0);
     const int8_t *x = reinterpret_cast<const int8_t *>(k->ch[what == 'M' || what == 'Z'].data);
     double rms = 0;
     int step = 0;
@@ -139,7 +135,7 @@ void run(const std::vector<ahx_case> &cases) {
         song s;
         s.tracks[1] = c.steps, s.ins = {c.ins};
         if (c.setup) c.setup(s);
-        engine_ptr k = open_as(s.hvl ? "HivelyTracker" : "AHX", build(s), s.sub);
+        engine_ptr k = open_player(s.hvl ? "HivelyTracker" : "AHX", build(s), nullptr, s.sub);
         ASSERT_TRUE(k);
         size_t i = 0;
         expect_trace(k.get(), c.expect, [&] { return observe(k.get(), c.obs[i++ % strlen(c.obs)]); });
@@ -188,20 +184,20 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
             SCOPED_TRACE(std::string(c.what) + (hvl ? " HVL" : ""));
             song s;
             s.hvl = hvl, s.tracks[1] = {{37, 1}}, s.ins = {tone(c.wave, c.wl, c.width)};
-            engine_ptr k = open_as(hvl ? "HivelyTracker" : "AHX", build(s));
+            engine_ptr k = open_player(hvl ? "HivelyTracker" : "AHX", build(s));
             ASSERT_TRUE(k);
             run_ticks(k.get(), 1);
             EXPECT_EQ(k->aud[0].per, 428);
             EXPECT_EQ(k->aud[0].vol, 64);
             EXPECT_TRUE(k->aud[0].dma_running);
-            EXPECT_EQ(looped(k.get()), repeat(c.period));
+            EXPECT_EQ(mixed(k.get(), 0), repeat(c.period));
         }
     }
     // Noise: a new stretch of 0x280 bytes of the table (3 x 0x280) every
     // tick, bit 8 of the generator giving 127.
     song s;
     s.tracks[1] = {{37, 1}}, s.ins = {tone(kNoise)};
-    engine_ptr k = open_as("AHX", build(s));
+    engine_ptr k = open_player("AHX", build(s));
     for (uint32_t t = 0, first = 0, last = 0; t < 4; t++, last = k->aud[0].lc) {
         run_ticks(k.get(), 1);
         first = t ? first : k->aud[0].lc;
@@ -298,7 +294,7 @@ TEST_F(Ahx, HivelyMixesVoicesIntoThePaulaChannels) {
     });
     song s;
     s.hvl = true, s.tracks[1] = {{37, 1}}, s.ins = {with_plist({{kSquare, 0, 0, 7, 49}})};
-    engine_ptr k = open_as("HivelyTracker", build(s));
+    engine_ptr k = open_player("HivelyTracker", build(s));
     ASSERT_TRUE(k);
     run_ticks(k.get(), 2);
     for (int x = 0; x < 4; x++) {
@@ -318,7 +314,7 @@ TEST_F(Ahx, RefusesWhatDoesNotFitTheFile) {
     r64.rows = 64, r65.rows = 65, v16.channels = 16, v17.channels = 17;
     const std::vector<uint8_t> ahx = build(a), hvl = build(h);
     auto patched = [](std::vector<uint8_t> m, size_t at, uint8_t v) { return m[at] = v, m; };
-    EXPECT_TRUE(open_as("AHX", build(r64)) && open_as("AHX", build(v16)));   // the limits themselves
+    EXPECT_TRUE(open_player("AHX", build(r64)) && open_player("AHX", build(v16)));   // the limits themselves
     const std::pair<const char *, std::vector<uint8_t>> cases[] = {
         {"version 2", patched(ahx, 3, 2)},
         {"no positions", patched(ahx, 7, 0)},
@@ -330,21 +326,5 @@ TEST_F(Ahx, RefusesWhatDoesNotFitTheFile) {
         {"HVL with 17 channels", build(v17)},
         {"HVL cut in its tracks", std::vector<uint8_t>(hvl.begin(), hvl.begin() + 30)},
     };
-    for (const auto &c : cases) EXPECT_FALSE(open_as("AHX", c.second)) << c.first;
-}
-
-TEST_F(Ahx, SharedSongsAreIdentified) {
-    KELVA_REQUIRE_SHARED("testdata/modules/ahx");
-    KELVA_REQUIRE_SHARED("testdata/modules/hvl");
-    const std::pair<const char *, const char *> songs[] = {   // file, title
-        {"AHX.Karma", "Karma"}, {"AHX.Phaser", "phaser"}, {"AHX.birdie_song", "birdie_song"}, {"AHX.breath", "breath"},
-        {"AHX.elsewhere", "elsewhere"}, {"AHX.plasticity", "plasticity"}, {"AHX.qwertyuiop", "qwertyuiop"},
-        {"AHX.too_far", "too_far"}, {"chiprolled.hvl", "never gonna give you up"}, {"illuminated.hvl", "illuminated"},
-        {"sliding_away.hvl", "sliding away"}, {"sunspots.hvl", "sunspots"},
-        {"waiting_for_a_message.hvl", "Waiting for a message"}};
-    for (const auto &f : songs) {
-        bool hvl = strstr(f.first, ".hvl");
-        expect_identified(std::string(hvl ? "hvl/" : "ahx/") + f.first, hvl ? "HivelyTracker" : "AHX",
-                          hvl ? "HivelyTracker (HVL v0)" : "AHX (THX v1)", f.second);
-    }
+    for (const auto &c : cases) EXPECT_FALSE(open_player("AHX", c.second)) << c.first;
 }

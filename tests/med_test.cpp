@@ -1,16 +1,16 @@
 // kelva's MED/OctaMED player on synthetic MMD modules: notes, each command
 // family, the synthetic sound language, tempo modes, song ends, subsongs,
 // the software-mixed layouts and damaged files, pinned by Paula's registers
-// and the rendered output; MED2 songs with instrument files; the shared
-// modules' identity. Tempo 33 ticks at 50 Hz; the first tick reads line 0,
+// and the rendered output; MED2 songs with instrument files (the shared
+// modules: ptk_modules_test.cpp). Tempo 33 ticks at 50 Hz; the first tick reads line 0,
 // so line r, tick t of a 6-tick line is tick 6r + t.
 #include <algorithm>
 #include <array>
 #include <cmath>
 
-#include "support/med_ahx.h"
+#include "ptk_support.h"
 
-using namespace med_ahx;
+using namespace ptk_test;
 
 namespace {
 
@@ -247,7 +247,7 @@ void run(const std::vector<med_case> &cases) {
         M m;
         m.at(0) = c.first;
         if (c.setup) c.setup(m);
-        engine_ptr k = open_as("MED", build(m), m.sub);
+        engine_ptr k = open_player("MED", build(m), nullptr, m.sub);
         ASSERT_EQ(!k, *c.obs == '!');
         size_t i = 0;
         if (k) expect_trace(k.get(), c.expect, [&] { return observe(k.get(), m, c.obs[i++ % strlen(c.obs)]); });
@@ -459,7 +459,7 @@ TEST_F(Med, Med2SongsLoadTheirInstrumentsFromFiles) {
     for (const auto &file : files) {   // the file follows the module; its sample starts at `second`
         memory_files mf;
         mf.files["/m/bass"] = file.first;
-        engine_ptr k = open_as("MED", f, 0, &mf, "/m/song");
+        engine_ptr k = open_player("MED", f, "/m/song", 0, &mf);
         ASSERT_TRUE(k);
         EXPECT_STREQ(kelva_get_format_name(k.get()), "MED (MED2)");
         run_ticks(k.get(), 1);
@@ -468,36 +468,5 @@ TEST_F(Med, Med2SongsLoadTheirInstrumentsFromFiles) {
         EXPECT_EQ(uint32_t(k->ch[0].data - k->ram), ((kModule + uint32_t(f.size()) + 1) & ~1u) + file.second);
     }
     f.pop_back();   // its only block cut short: refused
-    EXPECT_FALSE(open_as("MED", f));
-}
-
-TEST_F(Med, SharedModulesAreIdentified) {
-    KELVA_REQUIRE_SHARED("testdata/modules/med");
-    // Lengths (frames) where the reference comparison excuses its renderer's; a
-    // tick is rounded to whole frames. med3song: 40 lines of 6 ticks at tempo 32
-    // (14631 cycles: 990 frames), 24 at tempo 192 (2438 cycles: 165);
-    // Synth-a-sysmic: 3296 lines of 6 ticks at tempo 35 (13376 cycles: 905).
-    const struct {
-        const char *file, *format, *title;
-        int frames;
-    } rows[] = {
-        {"fair.med", "OctaMED (MMD1)", "fairlight", 0}, {"chip_happy.med", "OctaMED (MMD1)", "", 0},
-        {"med3song.med", "MED (MED3)", "", 40 * 6 * 990 + 24 * 6 * 165}, {"med4song.med", "MED (MED4)", "", 0},
-        {"Synth-a-sysmic.med", "MED (MED4)", "", 3296 * 6 * 905}, {"finetune.med", "MED (MMD0)", "", 0},
-        {"stereo.med", "OctaMED Soundstudio (MMD3)", "Stereo Samples", 0},
-        {"instruments.mmd3", "OctaMED Soundstudio (MMD3)", "MMD3 Instrument Testing", 0},
-        {"memories of anna.mmd1", "OctaMED (MMD1)", "", 0}, {"mmd2_compat_tempo.med", "OctaMED (MMD2)", "<unnamed>", 0},
-        {"LOSTMEDFILES_MMD1.MED", "OctaMED (MMD1)", "", 0}, {"mmd0_compat_tempo.med", "MED (MMD0)", "", 0},
-        {"med_hold_3xx.med", "MED (MMD0)", "Hold + Toneporta (3xx only)", 0},
-        {"med_synth_diff_speeds.med", "OctaMED (MMD1)", "Synth VSpeed != WSpeed", 0},
-        {"moods-yeah.med", "OctaMED Soundstudio (MMD3)", "mOOdS - I Am In :) .... Preview!", 0},
-    };
-    for (const auto &r : rows) {
-        engine_ptr k = expect_identified(std::string("med/") + r.file, "MED", r.format, r.title);
-        int32_t reason = 0;
-        if (k && r.frames) {
-            EXPECT_NEAR(double(kelva_measure_length(k.get(), 0, 0, &reason, nullptr, nullptr)), r.frames / 48.0, 25);
-            EXPECT_EQ(reason, 1);
-        }
-    }
+    EXPECT_FALSE(open_player("MED", f));
 }

@@ -1,5 +1,6 @@
-// Helpers for the tests of kelva's tracker players: open a built player on a
-// module image, step it tick by tick and check what it left in Paula.
+// Helpers for the tests of kelva's players (trackers, MED, AHX): open a built
+// player on a module image, step it tick by tick and check what it left in
+// Paula; identify the shared modules.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "engine/engine.h"
@@ -45,19 +47,62 @@ inline void be32(std::vector<uint8_t> &v, size_t at, uint32_t x) { be16(v, at, u
 inline void le16(std::vector<uint8_t> &v, size_t at, uint16_t x) { v[at] = uint8_t(x), v[at + 1] = uint8_t(x >> 8); }
 inline void le32(std::vector<uint8_t> &v, size_t at, uint32_t x) { le16(v, at, uint16_t(x)), le16(v, at + 2, x >> 16); }
 
-// Opens a built player on a module image; null when kelva_open fails.
-inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod, const char *path = nullptr) {
+// Opens a built player on a module image (named `path`, at `subsong`, its
+// companion files served from `files`) at full stereo separation; null when
+// kelva_open fails.
+inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod, const char *path = nullptr,
+                              int subsong = 0, memory_files *files = nullptr) {
     kelva_global_init();
     engine_ptr k = make_engine(48000);
+    kelva_set_separation(k.get(), 1.0f);
+    if (files) kelva_set_file_loader(k.get(), memory_loader, files);
     std::string pp = player_path(player);
     std::vector<uint8_t> p = read_bytes(pp);
-    bool ok = !kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), path, 0);
+    bool ok = !kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), path,
+                          subsong);
     return ok ? std::move(k) : nullptr;
 }
 
-// The block AUDxLC/AUDxLEN name: for a software-mixed channel the one the
-// mixer handed Paula channel x last.
-inline std::vector<int8_t> mixed(const engine_ptr &k, int x) {
+// Identifies the shared module `rel` under the name `as` (its path when
+// empty) and opens it with the player found, as the plugin does; null when
+// either fails. `player` gets the player's path.
+inline engine_ptr open_identified(const std::string &rel, std::string *player, std::string as = "") {
+    kelva_global_init();
+    std::string path = shared_dir() + "/testdata/modules/" + rel;
+    std::vector<uint8_t> data = read_bytes(path), p;
+    char found[4096];
+    if (as.empty()) as = path;
+    if (data.empty() || !kelva_identify(as.c_str(), data.data(), uint32_t(data.size()), found, sizeof found))
+        return nullptr;
+    *player = found;
+    p = read_bytes(found);
+    engine_ptr k = make_engine(48000);
+    if (kelva_open(k.get(), p.data(), uint32_t(p.size()), data.data(), uint32_t(data.size()), found, as.c_str(), 0))
+        return nullptr;
+    return k;
+}
+
+// Expected values: (tick, value); tick -1 is before the first tick.
+using trace = std::vector<std::pair<int, int>>;
+inline trace every(int n, std::vector<int> v) {   // the values after ticks 0, n, 2n, ...
+    trace t;
+    for (size_t i = 0; i < v.size(); i++) t.push_back({int(i) * n, v[i]});
+    return t;
+}
+inline trace series(std::vector<int> v) { return every(1, std::move(v)); }
+
+// Runs `k` through the listed ticks (in order), comparing observe() after each.
+template <class F> void expect_trace(kelva *k, const trace &t, F observe) {
+    int done = 0;
+    for (const auto &e : t) {
+        if (e.first + 1 > done) run_ticks(k, e.first + 1 - done), done = e.first + 1;
+        EXPECT_EQ(observe(), e.second) << "tick " << e.first;
+    }
+}
+
+// The block AUDxLC/AUDxLEN name (the one queued behind the block playing):
+// for a software-mixed channel the one the mixer handed Paula channel x last.
+inline std::vector<int8_t> mixed(const kelva *k, int x) {
     const int8_t *b = reinterpret_cast<const int8_t *>(k->ram + (k->aud[x].lc & 0xFFFFFF));
     return std::vector<int8_t>(b, b + 2 * k->aud[x].len);
 }

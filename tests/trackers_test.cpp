@@ -335,7 +335,7 @@ TEST_F(Trackers, OktalyzerSplitVoicesPlayNotesNotPeriods) {
         ASSERT_TRUE(k);
         for (int t = 0; t < 3; t++) {
             run_ticks(k.get(), 1);
-            std::vector<int8_t> b = mixed(k, 0);
+            std::vector<int8_t> b = mixed(k.get(), 0);
             double moved = 549.0 * 129 / c.per[t] / 4, off = std::fmod(b.back() - b.front() - moved + 96, 64.0) - 32;
             EXPECT_NEAR(off, 0, 1.5) << "tick " << t;
         }
@@ -352,9 +352,9 @@ TEST_F(Trackers, PolyTrackerPitchFromNoteAndRateAndSlides) {
                                                    {0, 0, 3, 52, 1, 0, 0x47}}));   // slide up 16 units x 4; arpeggio
     ASSERT_TRUE(k);
     run_ticks(k.get(), 1);
-    const double block = double(mixed(k, 0).size() - 1), mix = 3546895.0 / 124;
+    const double block = double(mixed(k.get(), 0).size() - 1), mix = 3546895.0 / 124;
     auto advance = [&](int x) {
-        std::vector<int8_t> b = mixed(k, x);
+        std::vector<int8_t> b = mixed(k.get(), x);
         return b.size() < 2 ? -1 : uint8_t(b[b.size() - 1] - b[0]);
     };
     auto expected = [&](int note, double rate) { return rate * std::pow(2.0, (note - 49) / 12.0) / mix * block; };
