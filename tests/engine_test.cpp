@@ -120,12 +120,10 @@ TEST_F(Engine, OpenCallsTheRoutinesAndFillsTheGlobals) {
     p.add(DTP_Config, handmade_player::kMark);
     p.add(DTP_InitSound, handmade_player::kMark);
     p.add(DTP_Interrupt, handmade_player::kMark);
-    p.add(DTP_GlobalsPointer, handmade_player::kData);
     std::vector<uint8_t> module(1000, 0x11);
     ASSERT_EQ(open(p.build(), module, 44100, 0, "/a/b/tune.x"), 0);
 
     EXPECT_EQ(ram_get16(k, 0x100), 2u);   // Config and InitSound ran, the tick not yet
-    EXPECT_EQ(ram_get32(k, kPlayerBase + handmade_player::kData), kGlobals);
     EXPECT_EQ(ram_get32(k, kGlobals + 36), kModuleAddr);
     EXPECT_EQ(ram_get32(k, kGlobals + 40), 1000u);
     EXPECT_EQ(k->ram[kModuleAddr + 999], 0x11);
@@ -148,6 +146,15 @@ TEST_F(Engine, OpenCallsTheRoutinesAndFillsTheGlobals) {
     ASSERT_EQ(open(p.build(), module, 44100, 0, "tune.x"), 0);
     EXPECT_EQ(str(ram_get32(k, kGlobals + 24)), "");
     EXPECT_EQ(str(ram_get32(k, kGlobals + 28)), "tune.x");
+
+    // Either globals-pointer tag has the globals' address written where it points.
+    for (uint32_t tag : {DTP_GlobalsPointer, EP_EagleGlobalsPointer}) {
+        handmade_player g;
+        g.add(DTP_InitPlayer, handmade_player::kRet0);
+        g.add(tag, handmade_player::kData);
+        ASSERT_EQ(open(g.build(), module), 0);
+        EXPECT_EQ(ram_get32(k, kPlayerBase + handmade_player::kData), kGlobals) << std::hex << tag;
+    }
 }
 
 TEST_F(Engine, OpenRefusesWhatItCannotDrive) {
@@ -165,6 +172,7 @@ TEST_F(Engine, OpenRefusesWhatItCannotDrive) {
         {nothing.build(), module, 1, "deli_scan_tags: no Interrupt or InitPlayer tag, can't drive\n"},
         {std::vector<uint8_t>(16, 0), module, 1, "hunk: missing HUNK_HEADER\n"},
         {p.build(), {}, 1, ""},   // an empty module
+        {p.build(), {7}, 0, ""},
         // The chip-RAM window holds exactly 983,040 bytes.
         {p.build(), std::vector<uint8_t>(983040, 7), 0, ""},
         {p.build(), std::vector<uint8_t>(983041, 7), 1, "mod_install: 983041 bytes exceeds chip-RAM window (983040)\n"},
@@ -251,6 +259,17 @@ TEST_F(Engine, SetTimerChangesTheTickPeriod) {
     EXPECT_EQ(ticks(), 2u);
     render(480 * 4 - 1);
     EXPECT_EQ(ticks(), 5u);
+    // Every 677 frames (10,000 E-clock ticks, rounded), off the vertical
+    // blank's beat: a tick due one frame into a call is cut out of it and
+    // runs in it.
+    ram_put16(k, kGlobals + DTG_Timer, 9999);
+    op_line_a(k, 0xA40B);
+    EXPECT_EQ(k->frames_per_tick, 677);
+    render(1);
+    render(675);
+    EXPECT_EQ(ticks(), 6u);
+    render(2);
+    EXPECT_EQ(ticks(), 7u);
 }
 
 // Interrupts in the render loop, watched through the IrqOrder player's log,
@@ -492,7 +511,7 @@ TEST_F(Engine, PlayersLoadFilesBesideTheModuleAndThroughDos) {
     files.files["/mods/smp.set"] = bytes;
     ASSERT_EQ(open("Companion", std::vector<uint8_t>(99, 0), 48000, 0, "/mods/tune.x"), 0);
     EXPECT_EQ(k->comp_count, 2u);
-    EXPECT_GE(data(0), kModuleAddr + 99);
+    EXPECT_EQ(data(0), kModuleAddr + 100);   // at the next even address
     EXPECT_EQ(data(4), 16u);
     EXPECT_EQ(memcmp(k->ram + data(0), bytes.data(), 16), 0);
 

@@ -30,6 +30,9 @@ TEST(Reset, LibraryTablesAndGlobals) {
         }
         EXPECT_NE(ram_get32(e, t.base - 6 * t.entries - 6), 0x70004E75u) << std::hex << t.base;
     }
+    // The four calls of each CIA resource enter the host.
+    for (uint32_t base : {0xF86000u, 0xF87000u})
+        for (uint32_t a = base - 24; a < base; a += 6) EXPECT_EQ(ram_get32(e, a) & 0xF000FFFF, 0xA0004E75u) << a;
     // The catch-all table below the globals: 500 entries of $A500.
     for (uint32_t i = 1; i <= 500; i++) ASSERT_EQ(ram_get32(e, 0xF90000 - 6 * i), 0xA5004E75u) << i;
     EXPECT_EQ(ram_get32(e, 0xF90000 - 3006), 0u);
