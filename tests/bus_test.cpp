@@ -61,6 +61,7 @@ TEST_F(Bus, CiaWindowIgnoresAddressBitZeroAndEndsAtItsEdges) {
     write16(k, 0xBFEFFF, 0xABCD);
     EXPECT_EQ(k->cia[0].crb, 0xAB);
     EXPECT_EQ(k->ram[0xBFF000], 0xCD);
+    EXPECT_EQ(read32(k, 0xBFEFFD), 0xABABABCDu);   // CRB three times, then RAM
     // A word straddling in from below: RAM, then CIA-B register 0.
     write16(k, 0xBFCFFF, 0x1122);
     EXPECT_EQ(k->ram[0xBFCFFF], 0x11);

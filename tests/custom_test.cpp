@@ -45,7 +45,7 @@ TEST_F(Custom, DmaconStartsAndStopsChannels) {
     custom_write_word(k, AUD0LCL, 0x0000);   // nor does a location write
     EXPECT_FALSE(k->ch[0].active || k->ch[0].queued);
     custom_write_word(k, DMACON, 0x8200);
-    EXPECT_EQ(k->dmacon, 0x0201);
+    EXPECT_EQ(rd(0xDFF002), 0x0201u);   // DMACONR
     const paula_channel &c = k->ch[0];
     EXPECT_TRUE(c.active && k->aud[0].dma_running);
     EXPECT_EQ(c.data, k->ram + 0x20000);

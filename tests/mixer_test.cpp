@@ -112,13 +112,14 @@ void expect_same_channels(const paula_channel *got, const uint8_t *got_ram, cons
     }
 }
 
-// Four channels at rates whose frames run 36 to 254 ticks: full-scale
+// Four channels at rates whose frames run 36 to 257 ticks: full-scale
 // squares on the left (the output clamps), a 2-byte loop at volume 1
 // (a block end every 226 ticks), a backward block, a block that stops
 // during the second call; the settings, a volume and the stopped channel
 // change between calls, and the filter state carries over.
 TEST(Mixer, BothPathsMatchThePlainOutputPath) {
-    for (int32_t rate : {48000, 44100, 22050, 96000, 14000}) {
+    // 13,850 Hz: frames of 256 ticks and more, beyond the frame tables.
+    for (int32_t rate : {48000, 44100, 22050, 96000, 14000, 13850}) {
         for (uint8_t per_tick : {0, 1}) {
             std::string what = "rate " + std::to_string(rate) + (per_tick ? " per tick" : " fast");
             auto e = make_engine(rate);

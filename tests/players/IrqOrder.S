@@ -1,20 +1,11 @@
-/* IrqOrder: the interrupts a player can install, for the tests of the
- * render loop.
- *
- * A CIA timer interrupt and an audio interrupt fall due in the same output
- * frame, again and again: StartInt starts CIA-B timer A continuously with
- * latch 9999 (10,000 E-clock ticks) and channel 0 looping a block of 100
- * words at period 250 (50,000 Paula clocks = 10,000 E-clock ticks). Both
- * handlers append a mark to one log (1 = CIA, 2 = audio): its first long
- * counts the marks, the bytes after it hold them (at most 60). Neither
- * handler acknowledges its interrupt, so a handler that runs more than once
- * per event shows up in the log as well.
- *
- * A third interrupt falls due on its own: CIA-A timer B, one-shot with
- * latch 3000 (3,001 E-clock ticks, 203.06 frames at 48 kHz), whose handler
- * logs mark 3 and silences channel 0, so the frame it ran after can be
- * heard. A vertical-blank server counts its calls in the long after the
- * log. */
+/* IrqOrder: the interrupts a player can install, for the render loop's
+ * tests. StartInt starts CIA-B timer A continuously at latch 9999 and
+ * channel 0 looping 100 words at period 250, which end together every
+ * 10,000 E-clock ticks; their handlers log marks 1 and 2 without
+ * acknowledging. CIA-A timer B, one-shot at latch 3000, logs mark 3 and
+ * silences channel 0. The log's first long counts the marks (at most 60),
+ * the bytes after it hold them; a vertical-blank server counts its calls
+ * in the long after the log. */
 #include "kelva_player.h"
 
     PLAYER_HEADER tags
