@@ -309,7 +309,10 @@ TEST_F(Engine, RenderingMixesWithSeparation) {
     ASSERT_EQ(open("Tone"), 0);
     render(4800);
     float left = 0, right = 0;
-    for (int i = 2400; i < 4800; i++) left = std::max(left, std::fabs(buf[2 * i])), right = std::max(right, std::fabs(buf[2 * i + 1]));
+    for (int i = 2400; i < 4800; i++) {
+        left = std::max(left, std::fabs(buf[2 * i]));
+        right = std::max(right, std::fabs(buf[2 * i + 1]));
+    }
     EXPECT_GT(left, 0.3f);   // channel 0 is on the left
     EXPECT_EQ(right, 0.0f);
     kelva_set_separation(k, 0.0f);
@@ -493,38 +496,36 @@ TEST_F(Engine, FaultingPlayersDoNotStopPlayback) {
     EXPECT_EQ(k->d[0], 7u);
 }
 
-// Players that reach the host's files: Companion loads "smp.set" from the
-// module's folder (CopyDir, CopyString, LoadFile) and finds it as list entry
-// 1; Dos reads 8 bytes at offset 4 of "data.bin", seeks to learn its size,
-// and runs the code of "DosSegment" loaded by LoadSeg (its data hunk
-// relocated: it answers $4B454C56).
+// The Files player reaches the host's files: its ExtLoad loads "smp.set"
+// from the module's folder (CopyDir, CopyString, LoadFile), found as list
+// entry 1; its InitPlayer reads 8 bytes at offset 4 of "data.bin", seeks to
+// learn its size, and runs the code of "DosSegment" loaded by LoadSeg (its
+// data hunk relocated: it answers $4B454C56).
 TEST_F(Engine, PlayersLoadFilesBesideTheModuleAndThroughDos) {
     memory_files files;
     loader_files = &files;
-    std::vector<uint8_t> bytes(16);
-    for (int i = 0; i < 16; i++) bytes[i] = uint8_t(0xA0 + i);
+    const std::vector<uint8_t> module(99, 0);
     testing::internal::CaptureStderr();
-    ASSERT_EQ(open("Companion", std::vector<uint8_t>(99, 0), 48000, 0, "/mods/tune.x"), 0);
+    ASSERT_EQ(open("Files", module, 48000, 0, "/mods/tune.x"), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "deli_load_companion: cannot open '/mods/smp.set'\n");
     EXPECT_EQ(k->comp_count, 1u);
-    EXPECT_EQ(data(4), 0u);
-    files.files["/mods/smp.set"] = bytes;
-    ASSERT_EQ(open("Companion", std::vector<uint8_t>(99, 0), 48000, 0, "/mods/tune.x"), 0);
-    EXPECT_EQ(k->comp_count, 2u);
-    EXPECT_EQ(data(0), kModuleAddr + 100);   // at the next even address
-    EXPECT_EQ(data(4), 16u);
-    EXPECT_EQ(memcmp(k->ram + data(0), bytes.data(), 16), 0);
+    EXPECT_EQ(data(0), 0u);    // no handle
+    EXPECT_EQ(data(24), 0u);   // no samples
 
-    ASSERT_EQ(open("Dos"), 0);
-    EXPECT_EQ(data(0), 0u);   // no data.bin: no handle
-    files.files["data.bin"] = bytes;
-    files.files["DosSegment"] = read_file_bytes(std::string(KELVA_TEST_PLAYERS) + "/DosSegment");
-    ASSERT_EQ(open("Dos"), 0);
+    std::vector<uint8_t> bytes(16);
+    for (int i = 0; i < 16; i++) bytes[i] = uint8_t(0xA0 + i);
+    files.files = {{"/mods/smp.set", bytes}, {"data.bin", bytes},
+                   {"DosSegment", read_file_bytes(std::string(KELVA_TEST_PLAYERS) + "/DosSegment")}};
+    ASSERT_EQ(open("Files", module, 48000, 0, "/mods/tune.x"), 0);
+    EXPECT_EQ(k->comp_count, 2u);
+    EXPECT_EQ(data(20), kModuleAddr + 100);   // at the next even address
+    EXPECT_EQ(data(24), 16u);
+    EXPECT_EQ(memcmp(k->ram + data(20), bytes.data(), 16), 0);
     EXPECT_EQ(data(0), 1u);                        // the first handle
     EXPECT_EQ(data(4), 8u);                        // bytes read
     EXPECT_EQ(data(8), 16u);                       // size found by seeking
     EXPECT_EQ(data(12), (0x400000u + 4) >> 2);     // segment list at the slab start
     EXPECT_EQ(data(16), 0x4B454C56u);              // the segment's answer
-    EXPECT_EQ(memcmp(k->ram + k->hunk_addr[1] + 20, bytes.data() + 4, 8), 0);
+    EXPECT_EQ(memcmp(k->ram + k->hunk_addr[1] + 28, bytes.data() + 4, 8), 0);
     EXPECT_EQ(k->files[0].data, nullptr);          // closed
 }

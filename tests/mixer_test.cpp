@@ -96,7 +96,8 @@ struct reference_mixer {
                     sum[s] += v;
                 }
             }
-            for (int s = 0; s < 2; s++) out[2 * size_t(f) + size_t(s)] = float(std::clamp(sum[s] / double(n), -1.0, 1.0));
+            for (int s = 0; s < 2; s++)
+                out[2 * size_t(f) + size_t(s)] = float(std::clamp(sum[s] / double(n), -1.0, 1.0));
         }
         return out;
     }
@@ -125,7 +126,8 @@ TEST(Mixer, BothPathsMatchThePlainOutputPath) {
             auto e = make_engine(rate);
             kelva *k = e.get();
             k->mix_per_tick = per_tick;
-            for (uint32_t i = 0; i < 512; i++) k->ram[0x20000 + i] = uint8_t(int8_t(std::lround(120 * std::sin(i * 0.07))));
+            for (uint32_t i = 0; i < 512; i++)
+                k->ram[0x20000 + i] = uint8_t(int8_t(std::lround(120 * std::sin(i * 0.07))));
             for (uint32_t i = 0; i < 256; i++) k->ram[0x30000 + i] = i < 128 ? 0x7F : 0x80;
             set_audio_latches(k, 0, 0x30000, 128, 200, 64);
             set_audio_latches(k, 1, 0x20000, 1, 113, 1);

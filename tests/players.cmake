@@ -6,7 +6,7 @@
 include(${CMAKE_SOURCE_DIR}/cmake/KelvaPlayer.cmake)
 
 set(KELVA_TEST_PLAYERS_DIR ${CMAKE_BINARY_DIR}/tests/players)
-set(KELVA_TEST_PLAYER_NAMES Tone IrqOrder Subsong Companion Dos DosSegment Misbehave)
+set(KELVA_TEST_PLAYER_NAMES Tone IrqOrder Subsong Files DosSegment Misbehave)
 foreach(p ${KELVA_TEST_PLAYER_NAMES})
   kelva_add_player(NAME ${p} SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/${p}.S OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
 endforeach()
