@@ -54,6 +54,10 @@ TEST_F(Cia, ControlRegisterStartLoadAndOneShot) {
     wr(CIAA, CRA, 0x60);   // stop; the other bits are stored
     EXPECT_FALSE(k->cia[0].ta_running);
     EXPECT_EQ(rd(CIAA, CRA), 0x60u);
+    wr(CIAB, CRB, 0x61);   // CRB: the input mode bits are stored only
+    EXPECT_TRUE(k->cia[1].tb_running);
+    EXPECT_EQ(rd(CIAB, CRB), 0x61u);
+    wr(CIAB, CRB, 0x00);
     EXPECT_EQ(rd(CIAB, TBLO), 14u);   // an unloaded timer: 1 frame = 14.78 ticks
 
     // One-shot: the high byte starts it; the underflow stops and reloads it.
