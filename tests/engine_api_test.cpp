@@ -8,68 +8,54 @@
 
 namespace {
 
-TEST(EngineApi, SeparationIsClampedToZeroOne) {
+TEST(EngineApi, SettersClampAndIgnoreWhatTheyDoNotKnow) {
     auto e = make_engine();
     kelva *k = e.get();
     EXPECT_EQ(k->separation, 1.0f);
-    kelva_set_separation(k, -0.5f);
-    EXPECT_EQ(k->separation, 0.0f);
-    kelva_set_separation(k, 7.0f);
-    EXPECT_EQ(k->separation, 1.0f);
-    kelva_set_separation(k, 0.25f);
-    EXPECT_EQ(k->separation, 0.25f);
-    kelva_set_separation(k, std::nanf(""));
-    EXPECT_EQ(k->separation, 0.0f);
+    for (auto [set, want] : {std::pair{-0.5f, 0.0f}, {7.0f, 1.0f}, {0.25f, 0.25f}, {std::nanf(""), 0.0f}}) {
+        kelva_set_separation(k, set);
+        EXPECT_EQ(k->separation, want) << set;
+    }
     kelva_destroy(nullptr);   // ignored
-}
 
-TEST(EngineApi, OnlyModelOneSelectsTheA1200Path) {
-    auto e = make_engine();
-    kelva *k = e.get();
-    double a500 = k->mix.rc_coef;
+    // Only model 1 is the A1200 (its 34 kHz corner passes more than 4.4 kHz).
+    const double a500 = k->mix.rc_coef;
     kelva_set_model(k, 1);
-    EXPECT_EQ(k->model, 1u);
-    EXPECT_EQ(k->mix.model, 1u);
-    double a1200 = k->mix.rc_coef;
-    EXPECT_GT(a1200, a500);   // 34 kHz corner passes more than 4.4 kHz
+    EXPECT_EQ(k->model + k->mix.model, 2u);
+    EXPECT_GT(k->mix.rc_coef, a500);
     for (uint32_t m : {2u, 0u, 0xFFFFFFFFu}) {
         kelva_set_model(k, 1);
         kelva_set_model(k, m);
-        EXPECT_EQ(k->model, 0u) << m;
-        EXPECT_EQ(k->mix.model, 0u) << m;
+        EXPECT_EQ(k->model + k->mix.model, 0u) << m;
         EXPECT_EQ(k->mix.rc_coef, a500) << m;
     }
-}
 
-TEST(EngineApi, LedModeZeroKeepsThePlayersState) {
-    auto e = make_engine();
-    kelva *k = e.get();
+    // LED modes: 0 (Auto) keeps what the player's port write left, 1 off,
+    // 2 on, unknown modes change nothing.
     EXPECT_EQ(k->mix.led_on, 1u);
-    k->mix.led_on = 0;   // as a player's port write left it
-    kelva_set_led_filter(k, 0);
-    EXPECT_EQ(k->mix.led_on, 0u);
-    kelva_set_led_filter(k, 2);
-    EXPECT_EQ(k->mix.led_on, 1u);
-    kelva_set_led_filter(k, 7);   // unknown modes leave it too
-    EXPECT_EQ(k->mix.led_on, 1u);
-    kelva_set_led_filter(k, 1);
-    EXPECT_EQ(k->mix.led_on, 0u);
+    k->mix.led_on = 0;
+    for (auto [mode, led_on] : {std::pair{0u, 0u}, {2u, 1u}, {7u, 1u}, {1u, 0u}}) {
+        kelva_set_led_filter(k, mode);
+        EXPECT_EQ(k->mix.led_on, led_on) << mode;
+    }
     EXPECT_EQ(k->led_mode, 1u);
 }
 
 TEST(EngineApi, PlayedMilliseconds) {
-    auto e = make_engine(48000);
-    e->played_frames = 48000 * 3 + 47;
-    EXPECT_EQ(kelva_played_ms(e.get()), 3000);
-    e->played_frames = 1ull << 40;   // large counts do not overflow
-    EXPECT_EQ(kelva_played_ms(e.get()), int64_t((1ull << 40) * 1000 / 48000));
-    auto z = make_engine(0);
-    ASSERT_NE(z, nullptr);
-    z->played_frames = 1000;
-    EXPECT_EQ(kelva_played_ms(z.get()), 0);
-    auto n = make_engine(-5);
-    n->played_frames = 1000;
-    EXPECT_EQ(kelva_played_ms(n.get()), 0);
+    const struct {
+        int32_t rate;
+        uint64_t frames;
+        int64_t ms;
+    } cases[] = {{48000, 48000 * 3 + 47, 3000},
+                 {48000, 1ull << 40, int64_t((1ull << 40) * 1000 / 48000)},   // no overflow
+                 {0, 1000, 0},
+                 {-5, 1000, 0}};
+    for (const auto &c : cases) {
+        auto e = make_engine(c.rate);
+        ASSERT_NE(e, nullptr);
+        e->played_frames = c.frames;
+        EXPECT_EQ(kelva_played_ms(e.get()), c.ms) << c.rate << " " << c.frames;
+    }
 }
 
 }  // namespace

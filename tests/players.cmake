@@ -1,17 +1,21 @@
 # Test players: small hunk executables built from tests/players/ with the
 # cross toolchain, into <build>/tests/players/<Name>. The tests find them
-# through KELVA_TEST_PLAYERS.
+# through KELVA_TEST_PLAYERS. Envelope plays a tone whose loudness pattern,
+# stop and song end are set by its module; EnvelopeSongEnd is the same with
+# the song-end flag.
 include(${CMAKE_SOURCE_DIR}/cmake/KelvaPlayer.cmake)
 
 set(KELVA_TEST_PLAYERS_DIR ${CMAKE_BINARY_DIR}/tests/players)
-set(KELVA_TEST_PLAYER_NAMES Tone CiaTimer VBlank AudioIrq IrqOrder Subsong Companion Dos DosSegment Misbehave)
+set(KELVA_TEST_PLAYER_NAMES Tone IrqOrder Subsong Files DosSegment Misbehave)
 foreach(p ${KELVA_TEST_PLAYER_NAMES})
   kelva_add_player(NAME ${p} SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/${p}.S OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
 endforeach()
-kelva_add_player(NAME SongEnd SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/SongEnd.c OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
+foreach(p SongEnd Envelope EnvelopeSongEnd)
+  kelva_add_player(NAME ${p} SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/${p}.c OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
+endforeach()
 kelva_add_player(NAME SwMix SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/SwMix.c ${KELVA_PLAYER_LIB}/swmix.c
                  OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
-list(APPEND KELVA_TEST_PLAYER_NAMES SongEnd SwMix)
+list(APPEND KELVA_TEST_PLAYER_NAMES SongEnd Envelope EnvelopeSongEnd SwMix)
 
 target_compile_definitions(kelva_tests PRIVATE KELVA_TEST_PLAYERS="${KELVA_TEST_PLAYERS_DIR}")
 if(KELVA_M68K_CC)

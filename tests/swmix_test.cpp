@@ -28,33 +28,32 @@ class SwMix : public testing::Test {
   protected:
     void SetUp() override {
         kelva_global_init();
-        player_ = read_file_bytes(std::string(KELVA_TEST_PLAYERS) + "/SwMix");
-        if (player_.empty()) GTEST_SKIP() << "test player SwMix not built (no m68k cross compiler?)";
-        eng_ = make_engine(48000);
-        k = eng_.get();
+        if (read_file_bytes(std::string(KELVA_TEST_PLAYERS) + "/SwMix").empty())
+            GTEST_SKIP() << "test player SwMix not built (no m68k cross compiler?)";
     }
-    // The module: 'SWMX', mixing period, block size, voice count, a record
-    // per voice (data offset, length, loop start, loop length, period,
-    // volume), the samples. Returns the first `bytes` of the block playing.
+    // Opens the module: 'SWMX', mixing period 124, block size, voice count,
+    // a record per voice (data offset, length, loop start, loop length,
+    // period, volume), the samples. Returns the first `bytes` of the block
+    // Paula plays.
     std::vector<int8_t> open(uint16_t block, const std::vector<voice_spec> &voices, uint32_t bytes) {
         std::vector<uint8_t> m = {'S', 'W', 'M', 'X', 0, 124, uint8_t(block >> 8), uint8_t(block), 0,
-                                  uint8_t(voices.size())};
-        uint32_t data = uint32_t(10 + 20 * voices.size());
+                                  uint8_t(voices.size())}, samples;
         for (const voice_spec &v : voices) {
-            for (uint32_t x : {data, uint32_t(v.sample.size()), v.loop_start, v.loop_len}) put_be32(m, x);
+            uint32_t at = uint32_t(10 + 20 * voices.size() + samples.size());
+            for (uint32_t x : {at, uint32_t(v.sample.size()), v.loop_start, v.loop_len}) put_be32(m, x);
             m.insert(m.end(), {uint8_t(v.period >> 8), uint8_t(v.period), uint8_t(v.volume >> 8), uint8_t(v.volume)});
-            data += uint32_t(v.sample.size() + (v.sample.size() & 1));
+            samples.insert(samples.end(), v.sample.begin(), v.sample.end());
+            samples.resize((samples.size() + 1) & ~size_t(1));
         }
-        for (const voice_spec &v : voices) {
-            m.insert(m.end(), v.sample.begin(), v.sample.end());
-            if (v.sample.size() & 1) m.push_back(0);
-        }
-        EXPECT_EQ(kelva_open(k, player_.data(), uint32_t(player_.size()), m.data(), uint32_t(m.size()), nullptr, nullptr, 0),
-                  0);
+        m.insert(m.end(), samples.begin(), samples.end());
+        std::vector<uint8_t> player = read_file_bytes(std::string(KELVA_TEST_PLAYERS) + "/SwMix");
+        eng_ = make_engine(48000);
+        k = eng_.get();
+        EXPECT_EQ(kelva_open(k, player.data(), uint32_t(player.size()), m.data(), uint32_t(m.size()), nullptr,
+                             nullptr, 0), 0);
         const int8_t *b = reinterpret_cast<const int8_t *>(k->ch[0].data);
         return b ? std::vector<int8_t>(b, b + bytes) : std::vector<int8_t>();
     }
-    std::vector<uint8_t> player_;
     engine_ptr eng_;
     kelva *k = nullptr;
 };
@@ -68,7 +67,6 @@ TEST_F(SwMix, LevelsOfVoicesAndOneShotEnds) {
     EXPECT_TRUE(k->aud[0].dma_running && k->aud[0].per == 124 && k->aud[0].vol == 64 && k->aud[0].len == 32);
     EXPECT_FALSE(k->aud[1].dma_running);
     // A one-shot sample falls silent at its end (two voices: shift 7).
-    eng_ = make_engine(48000), k = eng_.get();
     got = open(32, {{std::vector<int8_t>(10, 50)}, {std::vector<int8_t>(2, 0)}}, 32);
     for (int i = 0; i < 32; i++) EXPECT_EQ(got[i], i < 10 ? 25 : 0) << i;
 }

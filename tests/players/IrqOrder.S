@@ -1,18 +1,11 @@
-/* IrqOrder: a CIA timer interrupt and an audio interrupt that fall due in
- * the same output frame, again and again.
- *
- * StartInt starts CIA-B timer A continuously with latch 9999 (10,000
- * E-clock ticks) and channel 0 looping a block of 100 words at period 250
- * (50,000 Paula clocks = 10,000 E-clock ticks). Both handlers append a mark
- * to one log (1 = CIA, 2 = audio): its first long counts the marks, the
- * bytes after it hold them (at most 60). Neither handler acknowledges its
- * interrupt, so a handler that runs more than once per event shows up in
- * the log as well.
- *
- * A third interrupt falls due on its own: CIA-A timer B, one-shot with
- * latch 3000 (3,001 E-clock ticks, 203.06 frames at 48 kHz), whose handler
- * logs mark 3 and silences channel 0, so the frame it ran after can be
- * heard. */
+/* IrqOrder: the interrupts a player can install, for the render loop's
+ * tests. StartInt starts CIA-B timer A continuously at latch 9999 and
+ * channel 0 looping 100 words at period 250, which end together every
+ * 10,000 E-clock ticks; their handlers log marks 1 and 2 without
+ * acknowledging. CIA-A timer B, one-shot at latch 3000, logs mark 3 and
+ * silences channel 0. The log's first long counts the marks (at most 60),
+ * the bytes after it hold them; a vertical-blank server counts its calls
+ * in the long after the log. */
 #include "kelva_player.h"
 
     PLAYER_HEADER tags
@@ -29,6 +22,9 @@ init_player:
 
 start_int:
     move.l  a6,-(sp)
+    moveq   #INTB_VERTB,d0
+    lea     vbl_is(pc),a1
+    CALL_EXEC _LVOAddIntServer
     moveq   #INTB_AUD0,d0
     lea     aud_is(pc),a1
     CALL_EXEC _LVOSetIntVector
@@ -84,6 +80,12 @@ mute_handler:
     moveq   #3,d0
     bra.s   log_mark
 
+/* A1 = the frame counter; Z set: let the next server run. */
+vbl_server:
+    addq.l  #1,(a1)
+    moveq   #0,d0
+    rts
+
     .even
 cia_is:
     .space  IS_DATA
@@ -94,6 +96,9 @@ aud_is:
 mute_is:
     .space  IS_DATA
     .long   marks, mute_handler
+vbl_is:
+    .space  IS_DATA
+    .long   frames, vbl_server
 
 ciab_name: .asciz "ciab.resource"
 ciaa_name: .asciz "ciaa.resource"
@@ -104,3 +109,4 @@ name:      .asciz "IrqOrder"
 wave:   .fill 200, 1, 0x40
 marks:  .long 0
         .fill 60, 1, 0
+frames: .long 0

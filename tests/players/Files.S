@@ -1,21 +1,40 @@
-/* Dos: reads a file and loads code through dos.library.
+/* Files: reaches the host's files the two ways a player can.
  *
- * InitPlayer opens "data.bin", seeks to byte 4, reads 8 bytes, seeks to the
- * end to learn the size, and closes it. Then it LoadSegs "DosSegment" (a
- * small hunk executable), calls its first segment's code and keeps the
- * result. Everything it found is left in `results` for a test to read. */
+ * ExtLoad loads a second file ("smp.set") from the module's directory: it
+ * builds the name in the path buffer with the support functions (clear it,
+ * CopyDir, CopyString) and calls LoadFile. InitPlayer asks GetListData for
+ * entry 1 (entry 0 is the module itself) and keeps its address and size.
+ * Then, through dos.library, it opens "data.bin", seeks to byte 4, reads 8
+ * bytes, seeks to the end to learn the size, and closes it; LoadSegs
+ * "DosSegment" (a small hunk executable), calls its first segment's code
+ * and keeps the result. Everything it found is left in `results` for a
+ * test to read. */
 #include "kelva_player.h"
 
     PLAYER_HEADER tags
 
 tags:
     TAG DTP_PlayerName, name
+    TAG DTP_ExtLoad, ext_load
     TAG DTP_InitPlayer, init_player
     TAG_END
+
+ext_load:
+    movea.l DTG_PathArrayPtr(a5),a0
+    clr.b   (a0)                    /* empty the path buffer */
+    CALL_SUPPORT DTG_CopyDir        /* "/mods/" */
+    lea     sample_name(pc),a0
+    CALL_SUPPORT DTG_CopyString     /* "/mods/smp.set" */
+    CALL_SUPPORT DTG_LoadFile       /* D0 = 0 when loaded */
+    rts
 
 init_player:
     movem.l d2-d4/a2/a6,-(sp)
     lea     results,a2
+    moveq   #1,d0
+    CALL_SUPPORT DTG_GetListData    /* A0 = address, D0 = size */
+    move.l  a0,20(a2)               /* results+20: sample address */
+    move.l  d0,24(a2)               /* results+24: sample size */
     movea.l DTG_DOSBase(a5),a6
     move.l  #file_name,d1
     move.l  #MODE_OLDFILE,d2
@@ -60,11 +79,12 @@ init_player:
     movem.l (sp)+,d2-d4/a2/a6
     rts
 
-file_name: .asciz "data.bin"
-seg_name:  .asciz "DosSegment"
-name:      .asciz "Dos"
+sample_name: .asciz "smp.set"
+file_name:   .asciz "data.bin"
+seg_name:    .asciz "DosSegment"
+name:        .asciz "Files"
     .even
 
     .bss
-results: .space 20
+results: .space 28
 buffer:  .space 8
