@@ -16,11 +16,11 @@ int cls(const std::vector<uint8_t> &d) { return mod31_classify(d.data(), uint32_
 // 0, repeat length 1): P1 = 1, P0 = 0, Z1 = 30, Z0 = 0. The order list
 // names pattern 1, so pattern 0 (below the highest entry) is examined.
 mb mk(uint8_t restart, uint8_t song_length = 1) {
-    mb m{mod_new("M.K.", 2)};
+    mb m("M.K.", 2);
     m.song(song_length, restart).order(1, 1).sample(0, smp(100, 64, 0, 1)).samples(1, 31, smp(0, 0, 0, 1));
     return m;
 }
-mb tagged(const char *tag) { return mb{mod_new(tag, 0)}; }
+mb tagged(const char *tag) { return mb(tag, 0); }
 // Empty headers with repeat length 0 (Z0 = 30, Z1 = 0).
 mb mk_z0(uint8_t restart, uint8_t song_length = 1) { return mk(restart, song_length).samples(1, 31, smp(0)); }
 // A finetuned sample: with restart 0 the M.K. analysis gives 7.

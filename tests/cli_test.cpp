@@ -5,12 +5,11 @@
 // tests skip with a message while it is not built.
 #include <gtest/gtest.h>
 #include <sndfile.h>
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -20,8 +19,6 @@
 
 #include "support/temptree.h"
 #include "support/test_support.h"
-
-extern char **environ;
 
 namespace {
 
@@ -36,42 +33,20 @@ struct run_result {
 // Runs the built kelva with `args` in `cwd`, with HOME set to `home`,
 // XDG_DATA_HOME removed and KELVA_DATA set to `data` (when not empty).
 run_result run_kelva(const args_t &args, const std::string &home, const std::string &data, const std::string &cwd) {
-    std::vector<std::string> env, argv_s = {KELVA_CLI};
-    for (char **e = environ; *e; e++) {
-        std::string v = *e;
-        if (v.rfind("HOME=", 0) != 0 && v.rfind("XDG_DATA_HOME=", 0) != 0 && v.rfind("KELVA_DATA=", 0) != 0)
-            env.push_back(v);
-    }
-    env.push_back("HOME=" + home);
-    if (!data.empty()) env.push_back("KELVA_DATA=" + data);
-    argv_s.insert(argv_s.end(), args.begin(), args.end());
-    auto c_strings = [](std::vector<std::string> &v) {
-        std::vector<char *> out;
-        for (std::string &s : v) out.push_back(s.data());
-        out.push_back(nullptr);
-        return out;
+    auto quoted = [](const std::string &s) {
+        std::string q = "'";
+        for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        return q + "'";
     };
-    std::vector<char *> envp = c_strings(env), argv = c_strings(argv_s);
-
-    std::string out_path = home + "/.stdout", err_path = home + "/.stderr";
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&fa, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    // posix_spawn has no portable working-directory action: change ours
-    // around the spawn (the tests run one at a time in this process).
-    std::string old_cwd = std::filesystem::current_path().string();
+    std::string cmd = "cd " + quoted(cwd) + " && env -u XDG_DATA_HOME -u KELVA_DATA HOME=" + quoted(home) +
+                      (data.empty() ? "" : " KELVA_DATA=" + quoted(data)) + " " + quoted(KELVA_CLI);
+    for (const std::string &a : args) cmd += " " + quoted(a);
+    cmd += " </dev/null >" + quoted(home + "/.stdout") + " 2>" + quoted(home + "/.stderr");
+    int status = std::system(cmd.c_str());
     run_result r;
-    pid_t pid = 0;
-    int rc = chdir(cwd.c_str()) == 0 ? posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), envp.data()) : -1;
-    posix_spawn_file_actions_destroy(&fa);
-    if (chdir(old_cwd.c_str()) != 0 || rc != 0) return r;
-    int status = 0;
-    waitpid(pid, &status, 0);
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.out = read_file_text(out_path);
-    r.err = read_file_text(err_path);
+    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.out = read_file_text(home + "/.stdout");
+    r.err = read_file_text(home + "/.stderr");
     return r;
 }
 

@@ -108,12 +108,12 @@ namespace {
 
 // A clean 15-instrument module: highest order m = 1 (so patterns 0 and 1 are
 // stored and pattern 0 is examined), one unlooped sample, song length 2.
-mb st15_module() { return mb{mod_new_st15(2)}.song(2, 120).order(1, 1).sample(0, smp(100, 64, 0, 0, 0, "bass")); }
+mb st15_module() { return mb(nullptr, 2).song(2, 120).order(1, 1).sample(0, smp(100, 64, 0, 0, 0, "bass")); }
 mb st15_cell(uint8_t cmd, uint8_t param, uint32_t pattern = 0) { return st15_module().cell(pattern, 5, 1, cmd, param); }
 
 // A plain ProTracker module: restart 127, every header with repeat length 1
 // (P0 = 0 <= P1, Z0 = 0 <= Z1): classified 0.
-mb pt_module() { return mb{mod_new("M.K.", 1)}.song(1, 127).samples(0, 31, smp(0, 0, 0, 1)); }
+mb pt_module() { return mb("M.K.", 1).song(1, 127).samples(0, 31, smp(0, 0, 0, 1)); }
 
 std::string st15(const std::vector<uint8_t> &d) {
     const char *p = st15_choose_player(d.data(), uint32_t(d.size()));
@@ -128,8 +128,8 @@ const char *const kUst = "UltimateSoundtracker", *const kSt4 = "Soundtracker-IV"
 
 TEST(Fifteen, DecisionRulesInOrder) {
     ASSERT_EQ(st15_module().bytes().size(), 1624u + 1024u + 200u);
-    mb too_many = mb{mod_new_st15(65)}.song(1, 120).order(0, 64);
-    mb sixty_four = mb{mod_new_st15(64)}.song(1, 120).order(0, 63);
+    mb too_many = mb(nullptr, 65).song(1, 120).order(0, 64);
+    mb sixty_four = mb(nullptr, 64).song(1, 120).order(0, 63);
     struct { const char *what; mb m; const char *player; } cases[] = {
         {"clean loops", st15_module(), kUst},
         {"5", st15_cell(5, 0x11), kSt4}, {"6", st15_cell(6, 0x11), kSt4}, {"7", st15_cell(7, 0x11), kSt4},
@@ -155,7 +155,7 @@ TEST(Fifteen, DecisionRulesInOrder) {
         // Implausible modules go to the 31-instrument check.
         {"order 64", too_many, "(classify)"}, {"order 63", sixty_four, kUst},
         // The highest order counts as at least 1: an all-zero order list wants two patterns.
-        {"one pattern", mb{mod_new_st15(1)}.song(1, 120).sample(0, smp(600, 64)), "(classify)"},
+        {"one pattern", mb(nullptr, 1).song(1, 120).sample(0, smp(600, 64)), "(classify)"},
         {"finetune and volume 65", st15_module().sample(4, smp(1, 65, 0, 0, 1)), "(classify)"},
         {"volume 65 alone", st15_module().sample(4, smp(1, 65)), kUst},
     };
@@ -178,14 +178,14 @@ TEST(ModCorrection, SizeTagAndHeaderRouting) {
         EXPECT_EQ(identify("a.mod", st15_module().poke(offset, uint8_t(value)).bytes()), value == 128 ? kUst : "Custom")
             << offset << "=" << value;
 
-    EXPECT_EQ(identify("a.mod", mod_finish(mod_new("M.K.", 1))), kPtk);   // restart 0, only Z0 samples: 6
+    EXPECT_EQ(identify("a.mod", mb("M.K.", 1).bytes()), kPtk);   // restart 0, only Z0 samples: 6
     EXPECT_EQ(identify("a.mod", pt_module().bytes()), "Custom");           // result 0 proposes nothing
-    mb flt{mod_new("FLT4", 1)};
+    mb flt("FLT4", 1);
     EXPECT_EQ(identify("a.mod", flt.bytes()), kPtk);
     EXPECT_EQ(identify("a.mod", flt.sample(4, smp(0, 10)).bytes()), "AudioSculpture");
     t.remove_player("AudioSculpture");   // proposals need their player file
     EXPECT_EQ(identify("a.mod", flt.bytes()), "Custom");
-    auto small = mod_finish(mod_new("8CHN", 0));   // between 1084 and 2651 bytes: the 31-instrument check
+    auto small = mb("8CHN", 0).bytes();   // between 1084 and 2651 bytes: the 31-instrument check
     ASSERT_LT(small.size(), 2652u);
     EXPECT_EQ(identify("a.mod", small), kPtk);
     t.remove_player(kPtk);
@@ -340,23 +340,23 @@ TEST(EpconfOptions, LineSelection) {
 TEST(EpconfOptions, ProTrackerOptionIsRefinedFromTheModule) {
     conf_tree t("PTK-Prowiz prefixes=mod,st epopt=type:pt30\n", {});
     engine_ptr k = make_engine();
-    auto tagged = mod_finish(mod_new("M.K.", 1));
+    auto tagged = mb("M.K.", 1).bytes();
     tagged.resize(1083);
     const std::pair<std::vector<uint8_t>, const char *> cases[] = {
         {pt_module().bytes(), "type:pt30"},
         {pt_module().sample(0, smp(100, 0, 150, 10)).bytes(), "type:st24"},
-        {mod_finish(mod_new("FLT4", 1)), "type:flt4"},
-        {mb{mod_new("FLT4", 1)}.sample(0, smp(0, 1)).bytes(), "type:pt30"},
-        {mod_finish(mod_new("M&K!", 1)), "type:m&k."},
-        {mod_finish(mod_new("N.T.", 1)), "type:nt20"},
+        {mb("FLT4", 1).bytes(), "type:flt4"},
+        {mb("FLT4", 1).sample(0, smp(0, 1)).bytes(), "type:pt30"},
+        {mb("M&K!", 1).bytes(), "type:m&k."},
+        {mb("N.T.", 1).bytes(), "type:nt20"},
         {pt_module().samples(0, 31, smp(0)).bytes(), "type:nt10"},   // R = 127, Z0 > Z1 with L < R: 6
-        {mod_finish(mod_new("6CHN", 1)), "type:comp"},
-        {mod_finish(mod_new("OCTA", 1)), "type:pt30"},
+        {mb("6CHN", 1).bytes(), "type:comp"},
+        {mb("OCTA", 1).bytes(), "type:pt30"},
         {st15_module().bytes(), "type:st20"}, {tagged, "type:st20"}, {{}, "type:st20"},
     };
     for (const auto &[d, option] : cases)
         EXPECT_EQ(resolve(k.get(), "players/PTK-Prowiz", "a/x.mod", d), option) << d.size();
-    EXPECT_EQ(resolve(k.get(), "players/PTK-Prowiz", "a/x.st", mod_finish(mod_new("8CHN", 1))), "type:comp");
+    EXPECT_EQ(resolve(k.get(), "players/PTK-Prowiz", "a/x.st", mb("8CHN", 1).bytes()), "type:comp");
 }
 
 TEST(EpconfNames, FormatAndPlayerNames) {
@@ -457,5 +457,5 @@ TEST(RealModules, BundledConfigurationMapsTheFamily) {
     conf_tree t(read_file_text(conf), {kPtk, kUst, kSt4});
     expect_players({{"Song.MOD", kPtk}, {"mod.Song", kPtk}, {"song.mod15", kPtk}, {"song.ust", kUst}, {"song.st4", kSt4}});
     engine_ptr k = make_engine();
-    EXPECT_EQ(resolve(k.get(), t.player(kPtk).c_str(), "x/Song.mod", mod_finish(mod_new("M.K.", 1))), "type:nt10");
+    EXPECT_EQ(resolve(k.get(), t.player(kPtk).c_str(), "x/Song.mod", mb("M.K.", 1).bytes()), "type:nt10");
 }

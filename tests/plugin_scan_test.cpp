@@ -79,19 +79,6 @@ TEST_F(Scanner, StopWakesAnIdleWorkerAndDropsTheQueue) {
     EXPECT_EQ(reads_of("mem://x.mod"), 0);
 }
 
-TEST_F(Scanner, NextReturnsFalseOnceQuitIsSet) {
-    std::thread waiter([] {
-        std::string uri;
-        EXPECT_FALSE(scan_next(&uri));
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    scan_stop();   // sets the flag and wakes the waiter
-    waiter.join();
-    EXPECT_EQ(scan_cancel_cb(nullptr), 1);
-    scan_quit.store(false);
-    EXPECT_EQ(scan_cancel_cb(nullptr), 0);
-}
-
 // ---- scans of real players through a data tree found by KELVA_DATA ----------------
 
 struct ScanTree : Scanner {
@@ -181,25 +168,6 @@ TEST_F(ScanTree, UnstartableModulesAreRememberedAndFilesWithoutPlayerOrContentsL
     scan_one(uri("x.broken").c_str());
     EXPECT_EQ(cache_val.size(), records);
     EXPECT_EQ(rescanned().size(), 2u);
-}
-
-TEST_F(ScanTree, CancelDuringMeasurementEndsItAtTheNextPoll) {
-    REQUIRE_PLAYER("Tone");
-    const std::string module = "tone to cancel";
-    kelva *k = open_for_scan((dir / "players/Tone").c_str(), (dir / "c.tone").c_str(),
-                             reinterpret_cast<const uint8_t *>(module.data()), uint32_t(module.size()), 0);
-    ASSERT_NE(k, nullptr);
-    int polls = 0;   // the unload arrives while the measurement runs: on the third poll
-    auto cancel = [](void *user) -> int {
-        if (++*static_cast<int *>(user) == 3) scan_quit.exchange(true);
-        return scan_cancel_cb(nullptr);
-    };
-    int32_t reason = 0;
-    uint64_t ms = kelva_measure_length(k, kScanMaxMs, kScanSilenceMs, &reason, cancel, &polls);
-    kelva_destroy(k);
-    EXPECT_EQ(reason, 5);
-    EXPECT_EQ(ms, 0u);
-    EXPECT_EQ(polls, 3);
 }
 
 TEST_F(ScanTree, CancelledMeasurementStoresNothingAndAsksForNoRescan) {
