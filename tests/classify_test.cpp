@@ -48,7 +48,8 @@ TEST(ModClassify, DecisionRules) {
     struct { const char *what; mb m; int kind; } cases[] = {
         // Tags decide without further analysis.
         {"M&K!", tagged("M&K!"), MOD31_MK_NOISE}, {"8CHN", tagged("8CHN"), MOD31_COMP},
-        {"16CH", tagged("16CH"), MOD31_COMP}, {"TDZ3", tagged("TDZ3"), MOD31_COMP}, {"N.T.", tagged("N.T."), MOD31_NT20},
+        {"16CH", tagged("16CH"), MOD31_COMP}, {"TDZ3", tagged("TDZ3"), MOD31_COMP},
+        {"N.T.", tagged("N.T."), MOD31_NT20},
         {"FLT8", tagged("FLT8"), MOD31_PROTRACKER}, {"EXO8", tagged("EXO8"), MOD31_PROTRACKER},
         {"OCTA", tagged("OCTA"), MOD31_PROTRACKER}, {"M!K!", tagged("M!K!"), MOD31_PROTRACKER},
         {"FA04", tagged("FA04"), MOD31_PROTRACKER}, {"CD81", tagged("CD81"), MOD31_PROTRACKER},
@@ -97,7 +98,8 @@ TEST(ModClassify, DecisionRules) {
         // Convention check with the restart inside the song: R = 1, L = 2, one Z0 sample.
         {"R 1, Z1 > 0", mk(1, 2).sample(1, smp(0)), MOD31_NT10},
         {"R 1, no Z1", mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)), MOD31_NT10},
-        {"R 1, no Z1, F20", mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)).cell(0, 0, 0, 15, 0x20), MOD31_COMP},
+        {"R 1, no Z1, F20", mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)).cell(0, 0, 0, 15, 0x20),
+         MOD31_COMP},
         {"L < R", mk(3, 2).sample(1, smp(0)), MOD31_NT20},
         {"two Z0", mk(1, 2).sample(1, smp(0)).sample(2, smp(0)), MOD31_NT20},
         // Restart 0.
@@ -111,28 +113,4 @@ TEST(ModClassify, DecisionRules) {
     auto d = mk(0, 2).cell(0, 0, 0, 14, 0x10).bytes();
     d.resize(1084 + 1023);
     EXPECT_EQ(cls(d), MOD31_NT20);
-}
-
-TEST(ModClassify, TallyCountsCommandsParametersAndSubcommands) {
-    auto d = mk(127)
-                 .cell(0, 0, 0, 0, 0x37)    // arpeggio
-                 .cell(0, 1, 0, 0, 0x00)    // nothing
-                 .cell(0, 2, 1, 1, 0x00)    // portamento up with parameter 0 still counts
-                 .cell(0, 3, 1, 1, 0x1E)
-                 .cell(0, 4, 2, 14, 0xC3)
-                 .cell(0, 5, 3, 15, 0x1F)
-                 .cell(1, 6, 3, 15, 0x20)
-                 .bytes();
-    cell_tally t;
-    tally_patterns(d.data(), uint32_t(d.size()), 1084, 2, &t);
-    EXPECT_EQ(t.count[0], 1u);
-    EXPECT_EQ(t.max_param[0], 0x37u);
-    EXPECT_EQ(t.count[1], 2u);
-    EXPECT_EQ(t.max_param[1], 0x1Eu);
-    EXPECT_EQ(t.ext[12], 1u);
-    EXPECT_EQ(t.speed_lo, 1u);
-    EXPECT_EQ(t.speed_hi, 1u);
-    tally_patterns(d.data(), 1084 + 2048 - 1, 1084, 2, &t);   // pattern 1 no longer whole
-    EXPECT_EQ(t.speed_hi, 0u);
-    EXPECT_EQ(t.speed_lo, 1u);
 }

@@ -76,27 +76,23 @@ void expect_one_line_failure(const run_result &r, const std::string &needle) {
     EXPECT_TRUE(contains(lines[0], needle)) << lines[0] << "\nwants: " << needle;
 }
 
+// An audio file's layout, its peak and its largest |left - right| (stereo).
 struct audio_file {
-    bool ok = false;
-    int rate = 0, channels = 0, format = 0;
-    int64_t frames = 0;
-    float peak = 0, side = 0;   // side: largest |left - right| of a stereo file
+    SF_INFO info{};
+    float peak = 0, side = 0;
 };
 
 audio_file read_audio(const std::string &path) {
     audio_file a;
-    SF_INFO info;
-    memset(&info, 0, sizeof info);
-    SNDFILE *f = sf_open(path.c_str(), SFM_READ, &info);
-    if (!f) return a;
-    a = {true, info.samplerate, info.channels, info.format, info.frames, 0, 0};
+    SNDFILE *f = sf_open(path.c_str(), SFM_READ, &a.info);
     std::vector<float> buf(4096 * 2);
-    for (sf_count_t n; (n = sf_readf_float(f, buf.data(), 4096)) > 0;)
-        for (sf_count_t i = 0; i < n * info.channels; i++) {
+    for (sf_count_t n; f && (n = sf_readf_float(f, buf.data(), 4096)) > 0;)
+        for (sf_count_t i = 0; i < n * a.info.channels; i++) {
             a.peak = std::max(a.peak, std::fabs(buf[size_t(i)]));
-            if (info.channels == 2 && i % 2) a.side = std::max(a.side, std::fabs(buf[size_t(i)] - buf[size_t(i - 1)]));
+            if (a.info.channels == 2 && i % 2)
+                a.side = std::max(a.side, std::fabs(buf[size_t(i)] - buf[size_t(i - 1)]));
         }
-    sf_close(f);
+    if (f) sf_close(f);
     return a;
 }
 
@@ -115,7 +111,8 @@ struct CliTest : testing::Test {
         if (access(test_player("Envelope").c_str(), R_OK) != 0 || access(test_player("Subsong").c_str(), R_OK) != 0)
             GTEST_SKIP() << "test players not built (needs the m68k cross compiler): " << KELVA_TEST_PLAYERS;
         std::filesystem::create_directories(home);
-        ASSERT_TRUE(write_file(data + "/eagleplayer.conf", "# test tree\nEnvelope prefixes=envl\nSubsong prefixes=sub\n"));
+        ASSERT_TRUE(
+            write_file(data + "/eagleplayer.conf", "# test tree\nEnvelope prefixes=envl\nSubsong prefixes=sub\n"));
         for (const char *p : {"Envelope", "Subsong"})
             ASSERT_TRUE(write_file(data + "/players/" + p, read_file_text(test_player(p))));
         const std::pair<const char *, std::vector<uint8_t>> modules[] = {
@@ -143,7 +140,8 @@ TEST_F(CliTest, RenderWritesWhatItWasAskedFor) {
         const char *file, *says;
         int rate, format;
         int64_t frames, tolerance;
-        float min_peak, side;   // side: -1 = at least 0.01 (the default separation keeps channel 0 to one side), 9 = any
+        // side: -1 = at least 0.01 (the default separation keeps channel 0 to one side), 9 = any
+        float min_peak, side;
         size_t records;         // in the database: a count per module and a length per subsong measured
     } cases[] = {
         // The player reports its end after 150 ticks of 960 frames; the length
@@ -152,9 +150,9 @@ TEST_F(CliTest, RenderWritesWhatItWasAskedFor) {
          150 * 960, 960, 0.05f, -1, 2},
         {{"render", "endless.envl", "-o", "out.flac", "--seconds", "1.5", "--rate", "22050"}, "out.flac", "out.flac",
          22050, SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 33075, 0, 0.01f, -1, 4},
-        {{"render", "endless.envl", "--seconds", "1", "--bits", "float", "--separation", "0", "--model", "a1200", "--led",
-          "on"}, "endless.wav" /* the default name */, "endless.wav", 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 0,
-         0.01f, 0, 4},
+        {{"render", "endless.envl", "--seconds", "1", "--bits", "float", "--separation", "0", "--model", "a1200",
+          "--led", "on"}, "endless.wav" /* the default name */, "endless.wav", 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT,
+         48000, 0, 0.01f, 0, 4},
         {{"render", "five.sub", "--subsong", "3", "--seconds", "0.5", "-o", "three.wav"}, "three.wav", "subsong 3 of 5",
          48000, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 24000, 0, 0, 9, 6},
     };
@@ -165,14 +163,12 @@ TEST_F(CliTest, RenderWritesWhatItWasAskedFor) {
         EXPECT_TRUE(contains(r.out, c.says)) << r.out;
         EXPECT_EQ(db().size(), c.records);
         audio_file a = read_audio(work + "/" + c.file);
-        ASSERT_TRUE(a.ok);
-        EXPECT_EQ(a.rate, c.rate);
-        EXPECT_EQ(a.channels, 2);
-        EXPECT_EQ(a.format, c.format);
-        EXPECT_NEAR(double(a.frames), double(c.frames), double(c.tolerance));
+        EXPECT_EQ((std::vector<int>{a.info.samplerate, a.info.channels, a.info.format}),
+                  (std::vector<int>{c.rate, 2, c.format}));
+        EXPECT_NEAR(double(a.info.frames), double(c.frames), double(c.tolerance));
         EXPECT_GE(a.peak, c.min_peak);
-        EXPECT_TRUE(c.side < 0 ? a.side > 0.01f : c.side > 1 || a.side == c.side) << a.side << " (0: separation 0 gives the same "
-                                                                         "signal on both sides)";
+        // Separation 0 gives the same signal on both sides.
+        EXPECT_TRUE(c.side < 0 ? a.side > 0.01f : c.side > 1 || a.side == c.side) << a.side;
     }
 }
 
@@ -191,15 +187,10 @@ TEST_F(CliTest, InfoJsonReportsEveryWayALengthIsFound) {
     ASSERT_EQ(files.size(), 4u);
     for (size_t i = 0; i < 4; i++) {
         const json &f = files[i], &s = f.at("subsongs").at(0);
-        SCOPED_TRACE(expected[i].file);
         EXPECT_EQ(f.at("file"), expected[i].file);
-        EXPECT_EQ(f.at("player"), "Envelope");
-        EXPECT_TRUE(f.at("format").is_string());
-        EXPECT_FALSE(f.contains("error"));
-        EXPECT_EQ(f.at("subsongs").size(), 1u);
-        EXPECT_EQ(s.at("subsong"), 0);
-        EXPECT_EQ(s.at("reason"), expected[i].reason);
-        EXPECT_NEAR(s.at("length_ms").get<double>(), expected[i].ms, 40);
+        EXPECT_TRUE(f.at("player") == "Envelope" && f.at("format").is_string() && !f.contains("error")) << f;
+        EXPECT_TRUE(f.at("subsongs").size() == 1 && s.at("subsong") == 0 && s.at("reason") == expected[i].reason) << f;
+        EXPECT_NEAR(s.at("length_ms").get<double>(), expected[i].ms, 40) << f;
     }
     // The second time every length comes from the database, unchanged.
     json again = parse_json(kelva({"info", "--json", "end.envl", "quiet.envl"}).out);
@@ -272,14 +263,16 @@ TEST_F(CliTest, ScanMeasuresATreeAndASecondScanFindsEverythingKnown) {
 // ---- bad input and usage -------------------------------------------------------------------
 
 TEST_F(CliTest, BadInputsGiveOneLineNamingTheFile) {
-    ASSERT_TRUE(write_file(work + "/noise.bin", noise(0x9E3779B9)) && write_file(work + "/noise.xyz", noise(0x9E3779B9)) &&
+    ASSERT_TRUE(write_file(work + "/noise.bin", noise(0x9E3779B9)) &&
+                write_file(work + "/noise.xyz", noise(0x9E3779B9)) &&
                 write_file(work + "/empty.envl", "") &&
                 write_file(work + "/huge.envl", read_file_text(work + "/end.envl") + std::string(983040, '\0')));
     std::filesystem::create_directories(work + "/folder.envl");
     const std::pair<const char *, const char *> files[] = {
         {"missing.envl", "cannot open missing.envl"},      {"folder.envl", "folder.envl is a directory"},
         {"empty.envl", "empty or unreadable file empty.envl"}, {"noise.bin", "no player matches noise.bin"},
-        {"noise.xyz", "no player matches noise.xyz"},       {"huge.envl", "huge.envl is too large for the emulated Amiga"}};
+        {"noise.xyz", "no player matches noise.xyz"},
+        {"huge.envl", "huge.envl is too large for the emulated Amiga"}};
     for (auto [file, reason] : files)
         for (const char *cmd : {"render", "info", "play"}) {
             SCOPED_TRACE(std::string(cmd) + " " + file);
@@ -387,13 +380,13 @@ TEST_F(CliModuleTest, DemoTuneAndRealModulesHaveTheirLengthsAndTitles) {
     r = kelva({"render", KELVA_DEMO_MOD, "-o", "demo.wav"});
     ASSERT_EQ(r.code, 0) << r.err;
     audio_file a = read_audio(work + "/demo.wav");
-    EXPECT_NEAR(double(a.frames) / 48000.0, 46.08, 0.2);
+    EXPECT_NEAR(double(a.info.frames) / 48000.0, 46.08, 0.2);
     EXPECT_GT(a.peak, 0.1f);
     if (n < 3) GTEST_SKIP() << "shared test data not found (" << KELVA_SHARED_DIR << "/testdata/modules/debian)";
     r = kelva({"render", args[3], "--seconds", "5", "-o", "corpses.flac"});
     ASSERT_EQ(r.code, 0) << r.err;
     a = read_audio(work + "/corpses.flac");
-    EXPECT_EQ(a.frames, 5 * 48000);
+    EXPECT_EQ(a.info.frames, 5 * 48000);
     EXPECT_GT(a.peak, 0.05f);
 }
 

@@ -52,7 +52,8 @@ struct Cpu : testing::Test {
     void vector(int v, uint32_t handler) { write32(k, k->vbr + uint32_t(v) * 4, handler); }
     // The exception frame at A7: format/vector word, SR, PC.
     void expect_frame(uint32_t vec, uint32_t sr_mask, uint32_t sr, uint32_t pc) {
-        EXPECT_EQ((U{read16(k, k->a[7]), read16(k, k->a[7] + 2) & sr_mask, read32(k, k->a[7] + 4)}), (U{vec * 4, sr, pc}));
+        uint32_t sp = k->a[7];
+        EXPECT_EQ((U{read16(k, sp), read16(k, sp + 2) & sr_mask, read32(k, sp + 4)}), (U{vec * 4, sr, pc}));
     }
 };
 
@@ -298,7 +299,8 @@ TEST_F(CpuDisasm, Texts) {
         {{0x0C40, 0x1234}, "cmpi.w  #$1234,d0"}, {{0x0810, 0x0009}, "btst    #9,(a0)"}, {{0x03C2}, "bset    d1,d2"},
         {{0x4E56, 0xFFF0}, "link    a6,#-16"}, {{0x4E43}, "trap    #3"}, {{0x4E74, 0x0008}, "rtd     #8"},
         {{0x4E72, 0x2700}, "stop    #$2700"}, {{0x46FC, 0x2700}, "move    #$2700,sr"}, {{0x40C0}, "move    sr,d0"},
-        {{0x4E60}, "move    a0,usp"}, {{0x003C, 0x001F}, "ori     #$1f,ccr"}, {{0x4EB9, 0x0020, 0x0000}, "jsr     $200000.l"},
+        {{0x4E60}, "move    a0,usp"}, {{0x003C, 0x001F}, "ori     #$1f,ccr"},
+        {{0x4EB9, 0x0020, 0x0000}, "jsr     $200000.l"},
         {{0x4840}, "swap    d0"}, {{0x4850}, "pea     (a0)"}, {{0x57D0}, "seq     (a0)"}, {{0x49C0}, "extb.l  d0"},
         {{0x4E75}, "rts"}, {{0x4E71}, "nop"},
         // Instructions the processor does not execute, and words that are none.
@@ -326,9 +328,10 @@ TEST_F(CpuDisasm, TraceLineLayout) {
     k->a[7] = 0x00EEFFFC;
     char line[512];
     trace_format_step(k, line, sizeof line);
-    EXPECT_EQ(std::string(line), "00001000: f123                      dc.w    $f123                | d 11111111 00000000 "
-                                 "00000000 00000000 00000000 00000000 00000000 00000000  a 00000000 00000000 00000000 "
-                                 "00000000 00000000 00000000 00000000 00eefffc sr 2700\n");
+    EXPECT_EQ(std::string(line),
+              "00001000: f123                      dc.w    $f123                | d 11111111 00000000 "
+              "00000000 00000000 00000000 00000000 00000000 00000000  a 00000000 00000000 00000000 "
+              "00000000 00000000 00000000 00000000 00eefffc sr 2700\n");
     code({0x4EB9, 0x0020, 0x0000});   // three words: three slots and two blank ones
     trace_format_step(k, line, sizeof line);
     EXPECT_EQ(std::string(line).substr(0, 69), "00001000: 4eb9 0020 0000            jsr     $200000.l            | d ");

@@ -1,4 +1,4 @@
-// The data tree: path helpers, the search order for kelva_data, the default
+// The data tree: the search order for kelva_data, the default
 // file loader and the ENV:/ENVARC: mapping.
 #include <gtest/gtest.h>
 
@@ -48,29 +48,6 @@ std::string dload(const std::string &path) {
 }
 
 }   // namespace
-
-TEST(DataTree, PathJoinAndPrefixMatch) {
-    const struct {
-        uint32_t capacity;
-        const char *dir, *name, *out;   // null: refused, nothing written
-    } joins[] = {{8, "abc", "defg", nullptr}, {9, "abc", "defg", "abc/defg"} /* 3 + 1 + 4 + NUL */,
-                 {16, "dir/", "f", "dir//f"} /* no normalisation */, {16, "", "", "/"}, {0, "", "", nullptr}};
-    for (auto j : joins) {
-        char out[16] = "untouched";
-        EXPECT_EQ(path_join(out, j.capacity, j.dir, j.name), j.out ? 1 : 0) << j.capacity << j.dir;
-        EXPECT_STREQ(out, j.out ? j.out : "untouched");
-    }
-
-    const char *p = "EnvArc:Sub/File";
-    EXPECT_EQ(host_match_prefix(p, "envarc:"), p + 7);
-    EXPECT_EQ(host_match_prefix(p, "ENVARC:"), p + 7);
-    EXPECT_EQ(host_match_prefix(p, "env:"), nullptr);
-    EXPECT_EQ(host_match_prefix(p, ""), p);
-    EXPECT_EQ(host_match_prefix("en", "env:"), nullptr);   // shorter than the prefix
-    EXPECT_EQ(host_match_prefix("@x", "`x"), nullptr);     // only A-Z fold
-    EXPECT_EQ(host_match_prefix("[x", "{x"), nullptr);
-    EXPECT_EQ(host_match_prefix("\xC4x", "\xE4x"), nullptr);
-}
 
 TEST(DataTree, KelvaDataWinsWithoutAnyCheckAndOverflowGivesEmpty) {
     env_guard env;

@@ -135,8 +135,9 @@ TEST(Fifteen, DecisionRulesInOrder) {
         {"5", st15_cell(5, 0x11), kSt4}, {"6", st15_cell(6, 0x11), kSt4}, {"7", st15_cell(7, 0x11), kSt4},
         {"8", st15_cell(8, 0x11), kSt4}, {"9", st15_cell(9, 0x11), kSt4}, {"D00", st15_cell(13, 0x00), kPtk},
         {"D05", st15_cell(13, 0x05), kSt4},
-        {"C20", st15_cell(12, 0x20), kPtk}, {"F06", st15_cell(15, 0x06), kPtk}, {"E01: filter", st15_cell(14, 0x01), kPtk},
-        {"other E commands", st15_cell(14, 0x12), kUst}, {"1 30", st15_cell(1, 30), kPtk}, {"2 1", st15_cell(2, 1), kPtk},
+        {"C20", st15_cell(12, 0x20), kPtk}, {"F06", st15_cell(15, 0x06), kPtk},
+        {"E01: filter", st15_cell(14, 0x01), kPtk}, {"other E commands", st15_cell(14, 0x12), kUst},
+        {"1 30", st15_cell(1, 30), kPtk}, {"2 1", st15_cell(2, 1), kPtk},
         {"1 31", st15_cell(1, 31), kUst}, {"2 0: command 2 occurs", st15_cell(2, 0), kUst},
         {"command 2 before the loops", st15_cell(2, 0).sample(0, smp(100, 64, 150, 30)), kUst},
         {"pattern m is not examined", st15_cell(12, 0x20, 1), kUst},
@@ -249,7 +250,9 @@ struct tf {
     tf &le(uint32_t at, uint32_t v) { return be(at, __builtin_bswap32(v)); }
     tf &text(uint32_t at, const char *s) { return memcpy(&d.at(at), s, strlen(s)), *this; }
     tf &mark7v(uint32_t at) { return w16(at, 0xEFFE).w16(at + 2, 0x0003); }
-    tf &offsets(uint32_t steps, uint32_t patterns, uint32_t macros) { return be(464, steps).be(468, patterns).be(472, macros); }
+    tf &offsets(uint32_t steps, uint32_t patterns, uint32_t macros) {
+        return be(464, steps).be(468, patterns).be(472, macros);
+    }
     tf &cut(uint32_t size) { return d.resize(size), *this; }
     tf &byte(uint32_t at, uint8_t v) { return d.at(at) = v, *this; }
 };
@@ -455,7 +458,8 @@ TEST(RealModules, BundledConfigurationMapsTheFamily) {
     std::string conf = std::string(KELVA_BUILD_DATA) + "/eagleplayer.conf";
     if (!std::filesystem::exists(conf)) GTEST_SKIP() << conf << " is not built";
     conf_tree t(read_file_text(conf), {kPtk, kUst, kSt4});
-    expect_players({{"Song.MOD", kPtk}, {"mod.Song", kPtk}, {"song.mod15", kPtk}, {"song.ust", kUst}, {"song.st4", kSt4}});
+    expect_players(
+        {{"Song.MOD", kPtk}, {"mod.Song", kPtk}, {"song.mod15", kPtk}, {"song.ust", kUst}, {"song.st4", kSt4}});
     engine_ptr k = make_engine();
     EXPECT_EQ(resolve(k.get(), t.player(kPtk).c_str(), "x/Song.mod", mb("M.K.", 1).bytes()), "type:nt10");
 }

@@ -150,17 +150,6 @@ TEST_F(LineA, OptionLookup) {
     EXPECT_EQ(flag(0), 0x77);
 }
 
-TEST_F(LineA, ReadStringIsBoundedAndWraps) {
-    memset(k->ram, 'A', kRamSize);
-    char buf[16];
-    memset(buf, 'x', sizeof buf);
-    amiga_read_string(k, 0xFFFFFA, buf, 8);
-    EXPECT_EQ(std::string(buf, 9), std::string("AAAAAAA\0x", 9));   // nothing written past the bound
-    k->ram[2] = 0;   // wraps past $FFFFFF to $000000
-    amiga_read_string(k, 0xFFFFFE, buf, sizeof buf);
-    EXPECT_EQ(std::string(buf), "AAAA");
-}
-
 // Hand-assembled routines at the player base call the library vectors as player code does.
 TEST_F(LineA, TrapsReachedFrom68kCode) {
     kelva_global_init();

@@ -69,7 +69,8 @@ TEST(HostIo, SlurpReadsWholeFilesAndRefusesEmptyOrMissingOnes) {
     ASSERT_NE(data, nullptr);
     EXPECT_EQ(take(data, len), big);
     len = 12345;
-    for (std::string p : {dir / "empty", dir / "missing", dir.path}) EXPECT_EQ(slurp_path(p.c_str(), &len), nullptr) << p;
+    for (std::string p : {dir / "empty", dir / "missing", dir.path})
+        EXPECT_EQ(slurp_path(p.c_str(), &len), nullptr) << p;
     EXPECT_EQ(len, 12345u);
 }
 
@@ -123,7 +124,8 @@ TEST_F(VfsLoad, ExactNamesOtherLetterCaseAndFailures) {
                 write_file(dir / "empty", "") && write_file(dir / "other", "x"));
     const std::pair<std::string, const char *> cases[] = {
         {dir / "Smp.Piano", "piano"}, {"file://" + dir.path + "/Smp.Piano", "piano"},
-        {dir / "with space.bin", "spaced"}, {dir / "SMP.PIANO", "piano"}, {"file://" + dir.path + "/smp.piano", "piano"},
+        {dir / "with space.bin", "spaced"}, {dir / "SMP.PIANO", "piano"},
+        {"file://" + dir.path + "/smp.piano", "piano"},
         {dir / "missing", "-"}, {dir / "empty", "-"} /* opens, but has nothing to give */, {dir / "EMPTY", "-"},
         {dir / "nofolder/other", "-"}, {"relative-name", "-"} /* not convertible to a URI */, {"mem://noslash", "-"}};
     for (const auto &[path, want] : cases) EXPECT_EQ(load(path), want) << path;

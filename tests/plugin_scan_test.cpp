@@ -103,12 +103,12 @@ struct ScanTree : Scanner {
         scan_one((uri(file) + suffix).c_str());
         return contents;
     }
+    static cache_key key(const std::string &contents, int64_t seed) {
+        return cache_make_key(reinterpret_cast<const uint8_t *>(contents.data()), uint32_t(contents.size()), seed);
+    }
     static std::optional<int32_t> stored(const std::string &contents, int64_t seed) {
         int32_t v = 0;
-        if (!cache_lookup(cache_make_key(reinterpret_cast<const uint8_t *>(contents.data()), uint32_t(contents.size()), seed),
-                          &v))
-            return std::nullopt;
-        return v;
+        return cache_lookup(key(contents, seed), &v) ? std::optional<int32_t>(v) : std::nullopt;
     }
     std::string uri(const std::string &rel) const { return "file://" + dir.path + "/" + rel; }
     std::vector<std::string> rescanned() {
@@ -148,8 +148,7 @@ TEST_F(ScanTree, SingleSongIsMeasuredAsSubtuneZero) {
     EXPECT_LE(len, kScanMaxMs);
     // A count of two (here from the database) means subtunes 1 and 2.
     const std::string two = "a count of two";
-    cache_store(cache_make_key(reinterpret_cast<const uint8_t *>(two.data()), uint32_t(two.size()), kSubsongCountSeed),
-                2, "two.tone");
+    cache_store(key(two, kSubsongCountSeed), 2, "two.tone");
     scan("two.tone", two);
     EXPECT_TRUE(stored(two, 1) && stored(two, 2) && !stored(two, 0));
 }
@@ -175,8 +174,7 @@ TEST_F(ScanTree, CancelledMeasurementStoresNothingAndAsksForNoRescan) {
     const std::string module = "quit before measuring";
     // The count is known, so the scan goes straight to measuring, which sees
     // the quit flag at its first poll.
-    cache_store(cache_make_key(reinterpret_cast<const uint8_t *>(module.data()), uint32_t(module.size()),
-                               kSubsongCountSeed), 1, "q.tone");
+    cache_store(key(module, kSubsongCountSeed), 1, "q.tone");
     scan_quit.exchange(true);
     scan("q.tone", module);
     EXPECT_FALSE(stored(module, 0));
