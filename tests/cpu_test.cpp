@@ -302,7 +302,7 @@ TEST_F(CpuDisasm, Texts) {
         {{0x4E60}, "move    a0,usp"}, {{0x003C, 0x001F}, "ori     #$1f,ccr"},
         {{0x4EB9, 0x0020, 0x0000}, "jsr     $200000.l"},
         {{0x4840}, "swap    d0"}, {{0x4850}, "pea     (a0)"}, {{0x57D0}, "seq     (a0)"}, {{0x49C0}, "extb.l  d0"},
-        {{0x4E75}, "rts"}, {{0x4E71}, "nop"},
+        {{0x4E75}, "rts"}, {{0x4E71}, "nop"}, {{0x4240}, "clr.w   d0"}, {{0x4A90}, "tst.l   (a0)"},
         // Instructions the processor does not execute, and words that are none.
         {{0x4800}, "nbcd    d0"}, {{0x0188, 0x0010}, "movep.w d0,16(a0)"}, {{0xE8C0, 0x0105}, "bftst   d0{4:5}"},
         {{0xF123}, "dc.w    $f123"}, {{0x7100}, "dc.w    $7100"}, {{0x4C00, 0x0000}, "dc.w    $4c00"},
@@ -324,14 +324,14 @@ TEST_F(CpuDisasm, Texts) {
 
 TEST_F(CpuDisasm, TraceLineLayout) {
     code({0xF123});
-    k->d[0] = 0x11111111;
+    for (uint32_t i = 0; i < 8; i++) k->d[i] = 0xD0000000 + i, k->a[i] = 0xA0000000 + i;
     k->a[7] = 0x00EEFFFC;
     char line[512];
     trace_format_step(k, line, sizeof line);
     EXPECT_EQ(std::string(line),
-              "00001000: f123                      dc.w    $f123                | d 11111111 00000000 "
-              "00000000 00000000 00000000 00000000 00000000 00000000  a 00000000 00000000 00000000 "
-              "00000000 00000000 00000000 00000000 00eefffc sr 2700\n");
+              "00001000: f123                      dc.w    $f123                | d d0000000 d0000001 "
+              "d0000002 d0000003 d0000004 d0000005 d0000006 d0000007  a a0000000 a0000001 a0000002 "
+              "a0000003 a0000004 a0000005 a0000006 00eefffc sr 2700\n");
     code({0x4EB9, 0x0020, 0x0000});   // three words: three slots and two blank ones
     trace_format_step(k, line, sizeof line);
     EXPECT_EQ(std::string(line).substr(0, 69), "00001000: 4eb9 0020 0000            jsr     $200000.l            | d ");
