@@ -1,12 +1,11 @@
 // eagleplayer.conf: scoring and ties, robustness of the line reader, the
 // ".mod", ".st" and TFMX content corrections, option lookup and refinement,
-// the name getters, and the real modules of the shared test data.
+// the name getters, and the bundled configuration.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <filesystem>
 #include <iterator>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -393,67 +392,8 @@ TEST(EpconfNames, FormatAndPlayerNames) {
 
 // ----------------------------------------------------------- real modules
 
-// Worked out from each file's bytes by the rules, not by running the code:
-// - "M.K." with restart 127: finetune or E1x-EFx (0 for restart 127), or P0 <= P1 and Z0 <= Z1 (0).
-// - gluppobe, waterfal: finetune with restart 0 (7); starpaws: "6CHN" (7); OpenMPT tests with restart 0
-//   and finetune, or an E6x in pattern 0 (PatLoop-Break): 7; the others have no finetune and an order
-//   list of only pattern 0 (nothing examined): P0 = 0 <= P1, Z0 = 0 <= Z1, convention check with
-//   R = 0, NoiseTracker check: 5. blue damage: no E commands or 5/6/7/9 in patterns 0-1, P0 = P1 = 0,
-//   Z0 = 0: 5. FLT4 without marked samples: 2; M&K!: 4; M!K!: 0.
-// - 15-instrument: Crepequs uses commands 5-8; GAMEMUSIC no command in patterns 0..m-1 and clean
-//   loops, lepeltheme only command 1 up to 89; GBUSTERS and cant command 12.
-TEST(RealModules, IdentifiedAndClassified) {
-    KELVA_REQUIRE_SHARED("testdata/modules");
-    const struct {
-        const char *player, *option, *files;   // files: comma-separated, under testdata/modules
-    } groups[] = {
-        {kPtk, "type:pt30",
-         "debian/AnarchyMenu1.mod,debian/The_Last_V8.mod,debian/adventures.mod,debian/android-commando_hiscore.mod,"
-         "debian/astraltr.mod,debian/corpses.mod,debian/dreamfish-green_beret.mod,debian/dreamfish-sanxion.mod,"
-         "debian/dreamfish-uridium2_loader.mod,debian/finally.mod,debian/game.mod,debian/game2.mod,debian/game3.mod,"
-         "debian/hiscore.mod,debian/hiscreen.mod,debian/kaupunki.mod,debian/klovninarki.mod,debian/kollaps-tron.mod,"
-         "debian/menu.mod,variants/jul-paaske.mod"},
-        {kPtk, "type:comp",
-         "debian/gluppobe.mod,debian/starpaws.mod,debian/waterfal.mod,effects/AmigaLimitsFinetune.mod,"
-         "effects/ArpWraparound.mod,effects/DelayBreak.mod,effects/InstrDelay.mod,effects/InstrSwapRetrigger.mod,"
-         "effects/PTInstrSwap.mod,effects/PTInstrVolume.mod,effects/PTRetrigger.mod,effects/PatLoop-Break.mod,"
-         "effects/PatternJump.mod,effects/PortaSwapPT.mod,effects/VibratoReset.mod,effects/finetune.mod,"
-         "effects/ptoffset.mod"},
-        {kPtk, "type:nt20",
-         "effects/NoteDelay-NextRow.mod,effects/PTStoppedSwap.mod,effects/PTSwapEmpty.mod,effects/PTSwapNoLoop.mod,"
-         "effects/PatternDelaysRetrig.mod,effects/PortaSmpChange.mod,effects/PortaTarget.mod,effects/TempoChange.mod,"
-         "variants/blue damage.mod"},
-        {kPtk, "type:flt4", "variants/Tinytune.mod,variants/s0d.mod"},
-        {kPtk, "type:m&k.", "variants/lind.mod"},
-        {kPtk, "type:st20", "st15/GBUSTERS.MOD,st15/cant.mod"},
-        {kSt4, "", "st15/Crepequs.mod"},
-        {kUst, "", "st15/GAMEMUSIC.mod,st15/lepeltheme.mod"},
-    };
-    conf_tree t("PTK-Prowiz prefixes=mod,mod15,st epopt=type:pt30\nUltimateSoundtracker prefixes=ust\n"
-                "Soundtracker-IV prefixes=st4\n",
-                {kPtk, kUst, kSt4, "AudioSculpture"});
-    engine_ptr k = make_engine();
-    std::string root = shared_dir() + "/testdata/modules/";
-    size_t checked = 0;
-    for (const auto &g : groups) {
-        std::istringstream list(g.files);
-        for (std::string file; std::getline(list, file, ',');) {
-            std::string path = root + file;
-            auto data = read_file_bytes(path);
-            char out[4096];
-            ASSERT_EQ(kelva_identify(path.c_str(), data.data(), uint32_t(data.size()), out, sizeof out), 1) << file;
-            EXPECT_EQ(std::string(out), t.player(g.player)) << file;
-            epconf_resolve_epopt(k.get(), out, path.c_str(), data.data(), uint32_t(data.size()));
-            EXPECT_STREQ(k->epopt, g.option) << file;
-            ++checked;
-        }
-    }
-    size_t present = 0;   // every module of the folders is in the table
-    for (const char *sub : {"debian", "effects", "st15", "variants"})
-        for (auto &e : std::filesystem::directory_iterator(root + sub)) present += e.is_regular_file();
-    EXPECT_EQ(checked, present);
-}
-
+// The bundled configuration (each real module's player and format are
+// checked by PtkRealModules).
 TEST(RealModules, BundledConfigurationMapsTheFamily) {
     std::string conf = std::string(KELVA_BUILD_DATA) + "/eagleplayer.conf";
     if (!std::filesystem::exists(conf)) GTEST_SKIP() << conf << " is not built";
