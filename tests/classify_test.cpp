@@ -67,6 +67,7 @@ TEST(ModClassify, DecisionRules) {
         {"finetune 16", mk_ft().sample(5, smp(8, 0, 0, 1, 16)), MOD31_PROTRACKER},
         {"volume 64, finetune 15", mk_ft().sample(5, smp(8, 64, 0, 1, 15)), MOD31_COMP},
         {"order 101", mk_ft().order(5, 101), MOD31_PROTRACKER}, {"order 100", mk_ft().order(5, 100), MOD31_COMP},
+        {"order 101 at position 0", mk_ft().order(0, 101), MOD31_PROTRACKER},
         // A loop past the sample's end if counted in words: repeat start in bytes.
         {"loop past the end", mk(127).sample(7, smp(100, 64, 150, 10)), MOD31_ST24},
         {"loop to the end", mk(127).sample(7, smp(100, 64, 90, 10)), MOD31_PROTRACKER},

@@ -167,7 +167,8 @@ TEST(Fifteen, DecisionRulesInOrder) {
 
 TEST(ModCorrection, SizeTagAndHeaderRouting) {
     conf_tree t("Custom prefixes=mod,st\n", kFamily);
-    EXPECT_EQ(identify("a.mod", std::vector<uint8_t>(1000, 0)), "Custom");   // too short for any check
+    for (const char *name : {"a.mod", "a.st"})   // too short for any check
+        EXPECT_EQ(identify(name, std::vector<uint8_t>(1000, 0)), "Custom") << name;
     auto clean = st15_module().bytes();
     EXPECT_EQ(identify("x/Song.MOD", clean), kUst);   // a clean 15-instrument module ...
     EXPECT_EQ(identify("Song.st", clean), "Custom");   // ... but only for names that end in .mod

@@ -280,6 +280,20 @@ TEST_F(SupportPatch, BadMagicAndBadFlagsOnlyStoreTheResult) {
     EXPECT_EQ(area_now(1), W{0x1234});
 }
 
+// The search gives up after 2^28 word comparisons: 81 per position from $100000
+// on reach that before $800000. What was patched stays; no further entry runs.
+TEST_F(SupportPatch, SearchBudgetEndsTheSearch) {
+    W pat(80, 0);
+    pat.push_back(0x1234);
+    area({0x1234}, 0x100000 + 160);
+    entry(0, pat, W(81, 0x4E71));
+    entry(1, {0x4E71}, {0x1111});
+    block(0x100000, 0x700000);
+    EXPECT_EQ(stderr_of([&] { fn(30); }), "deli_patch: search budget exhausted after 1 patches\n");
+    EXPECT_EQ(result(), (U{0, 1}));
+    EXPECT_EQ(area_now(1, 0x100000), W{0x4E71});
+}
+
 // 200 bytes of captures per attempt: 50 relative (4 bytes) or 100 operand (2 bytes) ones. Each
 // attempt starts with none: a hundred failed attempts that each captured an operand neither fill
 // the space nor leave their captures behind.

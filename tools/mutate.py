@@ -57,7 +57,7 @@ FIRST_TESTS = {
     "hardware": "Paula*:Mixer*:Cia*:Bus*:Custom*:Engine*",
     "cpu": "Cpu*:Vectors*",
     "amigaos": "Hunk*:LineA*:Dos*:Support*:TestPlayers*",
-    "selection": "Epconf*:Fifteen*:ModCorrection*:Tfmx*:RealModules*:ModTag*:ModClassify*:DataTree*",
+    "selection": "Epconf*:Fifteen*:ModCorrection*:Tfmx*:RealModules*:ModTag*:ModClassify*:DataTree*:PtkRealModules*",
     "plugin": "SongDb*:Scanner*:ScanTree*:ScanStorm*:HostIo*:ModuleName*:ModuleText*:ModuleInfo*:Vfs*",
     "cli": "Cli*",
 }
