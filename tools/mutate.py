@@ -211,7 +211,7 @@ def source_files():
 
 def run(cmd, cwd, timeout=None, env=None):
     try:
-        r = subprocess.run(cmd, cwd=cwd, capture_output=True, text=True, timeout=timeout, env=env)
+        r = subprocess.run(cmd, cwd=cwd, capture_output=True, text=True, errors="replace", timeout=timeout, env=env)
         return r.returncode, r.stdout + r.stderr
     except subprocess.TimeoutExpired:
         return None, "timeout"
