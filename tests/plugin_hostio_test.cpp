@@ -51,6 +51,14 @@ TEST(HostIo, LocalNamesAndUris) {
     EXPECT_STREQ(out, "/%zz%4");
     for (const char *bad : {"file:///a%00b", "http://host/x", "file://host/x", "mem://x"})
         EXPECT_EQ(h.uri_to_name(bad, out, sizeof out), 0) << bad;
+    // A folder's entries are URIs of their own, with or without the folder's final slash.
+    temp_dir dir;
+    ASSERT_TRUE(write_file(dir / "a b", "x"));
+    for (std::string folder : {"file://" + dir.path, "file://" + dir.path + "/"}) {
+        std::vector<std::string> entries;
+        ASSERT_TRUE(h.list_folder(folder.c_str(), &entries)) << folder;
+        EXPECT_EQ(entries, std::vector<std::string>{"file://" + dir.path + "/a%20b"}) << folder;
+    }
 }
 
 std::string take(uint8_t *data, uint32_t len) {

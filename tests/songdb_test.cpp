@@ -110,6 +110,10 @@ TEST_F(SongDb, CreatesTheDirectoryAndFallsBackToHome) {
         db_dir(out, sizeof out);
         EXPECT_EQ(std::string(out), want) << (home ? home : "(unset)");
     }
+    setenv("HOME", "/h/me", 1);
+    char small[24];   // one short of "/h/me/.local/share/kelva": no directory rather than a cut one
+    db_dir(small, sizeof small);
+    EXPECT_STREQ(small, "");
 }
 
 TEST_F(SongDb, ConcurrentStoresAndLookupsKeepOneLinePerKey) {
