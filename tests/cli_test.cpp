@@ -17,6 +17,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "plugin/songdb.h"
 #include "support/temptree.h"
 #include "support/test_support.h"
 
@@ -192,6 +193,8 @@ TEST_F(CliTest, InfoJsonReportsEveryWayALengthIsFound) {
         EXPECT_TRUE(f.at("subsongs").size() == 1 && s.at("subsong") == 0 && s.at("reason") == expected[i].reason) << f;
         EXPECT_NEAR(s.at("length_ms").get<double>(), expected[i].ms, 40) << f;
     }
+    // The subsong objects in the documented member order.
+    EXPECT_TRUE(contains(r.out, R"({"subsong":0,"length_ms":12000,"reason":"repetition"})")) << r.out;
     // The second time every length comes from the database, unchanged.
     json again = parse_json(kelva({"info", "--json", "end.envl", "quiet.envl"}).out);
     ASSERT_EQ(again.size(), 2u);
@@ -235,6 +238,26 @@ TEST_F(CliTest, InfoJsonGivesUnplayableFilesAnErrorAndEscapesNames) {
     expect_one_line_failure(r, "missing.envl");
 }
 
+TEST_F(CliTest, TextInfoNamesThePlayerAndACountFromTheDatabaseIsTaken) {
+    // The Envelope player installed as "Renamed": the text names the file and the player's own name.
+    std::string conf = read_file_text(data + "/eagleplayer.conf") + "Renamed prefixes=renv\n";
+    ASSERT_TRUE(write_file(data + "/eagleplayer.conf", conf) &&
+                write_file(data + "/players/Renamed", read_file_text(test_player("Envelope"))) &&
+                write_file(work + "/x.renv", envelope_module(0, 0, 50)));
+    run_result r = kelva({"info", "x.renv"});
+    EXPECT_TRUE(contains(r.out, "  player:   Renamed (Envelope)\n")) << r.out;
+    // A count of two in the database: subsongs 1 and 2.
+    std::vector<uint8_t> two = envelope_module(0, 0, 50, 7);
+    char hex[33];
+    cache_key_hex(cache_make_key(two.data(), uint32_t(two.size()), kSubsongCountSeed), hex);
+    std::string db_text = kDbHeader + std::string("\n") + hex + " 2 two.envl\n";
+    ASSERT_TRUE(write_file(work + "/two.envl", two));
+    ASSERT_TRUE(write_file(home + "/.local/share/kelva/songlengths.db", db_text));
+    r = kelva({"render", "two.envl", "--subsong", "2", "--seconds", "0.5", "-o", "two.wav"});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_TRUE(contains(r.out, "subsong 2 of 2")) << r.out;
+}
+
 // ---- scan ------------------------------------------------------------------------------
 
 TEST_F(CliTest, ScanMeasuresATreeAndASecondScanFindsEverythingKnown) {
@@ -242,18 +265,25 @@ TEST_F(CliTest, ScanMeasuresATreeAndASecondScanFindsEverythingKnown) {
     for (const char *f : {"end.envl", "quiet.envl", "five.sub"})
         ASSERT_TRUE(write_file(tree + "/deep/er/" + f, read_file_text(work + "/" + f)));
     ASSERT_TRUE(write_file(tree + "/loop.envl", read_file_text(work + "/loop.envl")) &&
-                write_file(tree + "/notes.txt", "not a module\n") && write_file(tree + "/empty.envl", ""));
+                write_file(tree + "/notes.txt", "not a module\n") && write_file(tree + "/empty.envl", "") &&
+                write_file(work + "/linked.envl", envelope_module(0, 0, 100)));
+    // A link to a file counts as the file; a dangling one is passed over.
+    std::filesystem::create_symlink(work + "/linked.envl", tree + "/link.envl");
+    std::filesystem::create_symlink(tmp / "nowhere", tree + "/dangling.envl");
     run_result first = kelva({"scan", tree, "--jobs", "2"});
     ASSERT_EQ(first.code, 0) << first.err;
-    // 2.98 + 3 + 12 + 5 x 1 s (the five subsongs fall silent at once) = 22.98 s.
-    for (const char *part : {"4 claimed by a player", "subsongs: 8 (0 already in the database, 8 measured now)",
-                             "failures: 0", "music:    23.0 s in all"})
+    // 2.98 + 2.98 + 12 + 5 x 1 s (the five subsongs fall silent at once) + 1.98 = 24.94 s.
+    for (const char *part : {"5 claimed by a player", "subsongs: 9 (0 already in the database, 9 measured now)",
+                             "failures: 0", "music:    24.9 s in all", "\nspeed:    "})
         EXPECT_TRUE(contains(first.out, part)) << part << " in\n" << first.out;
-    EXPECT_EQ(db().size(), 12u);   // a count record for each file plus a length per subsong
+    EXPECT_EQ(db().size(), 14u);   // a count record for each file plus a length per subsong
+    // A second scan measures only what is new, and tells its speed even for one subsong.
+    ASSERT_TRUE(write_file(tree + "/late.envl", envelope_module(0, 0, 50)));
     run_result second = kelva({"scan", tree, "--jobs", "1"});
     ASSERT_EQ(second.code, 0) << second.err;
-    EXPECT_TRUE(contains(second.out, "subsongs: 8 (8 already in the database, 0 measured now)")) << second.out;
-    EXPECT_EQ(db().size(), 12u) << "a second scan must not add records";
+    for (const char *part : {"subsongs: 10 (9 already in the database, 1 measured now)", "\nspeed:    "})
+        EXPECT_TRUE(contains(second.out, part)) << part << " in\n" << second.out;
+    EXPECT_EQ(db().size(), 16u);
     // What the scan stored is what info then reads.
     json files = parse_json(kelva({"info", "--json", tree + "/loop.envl"}).out);
     EXPECT_EQ(files.at(0).at("subsongs").at(0).at("reason"), "database");
