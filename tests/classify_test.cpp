@@ -87,6 +87,7 @@ TEST(ModClassify, DecisionRules) {
         // convention check; L < R leads on to the NoiseTracker check, which fails on
         // Z0 > Z1, and the tempo check gives 6, or 7 with F20 or more.
         {"R 127", mk(127), MOD31_PROTRACKER}, {"R 127, Z0 > Z1", mk_z0(127), MOD31_NT10},
+        {"R 127, P0 = P1", mk(127).sample(5, smp(8)), MOD31_PROTRACKER},
         {"R 127, F7D", mk_z0(127).cell(0, 0, 0, 15, 0x7D), MOD31_COMP},
         {"R 127, F1F", mk_z0(127).cell(0, 0, 0, 15, 0x1F), MOD31_NT10},
         {"R 127, command 5", mk_z0(127).cell(0, 3, 1, 5, 1), MOD31_COMP},   // tone effects end the convention check
@@ -101,6 +102,9 @@ TEST(ModClassify, DecisionRules) {
         {"R 1, no Z1", mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)), MOD31_NT10},
         {"R 1, no Z1, F20", mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)).cell(0, 0, 0, 15, 0x20),
          MOD31_COMP},
+        {"R 1, one Z1, F20",
+         mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)).sample(2, smp(0, 0, 0, 1)).cell(0, 0, 0, 15, 0x20),
+         MOD31_NT10},
         {"L < R", mk(3, 2).sample(1, smp(0)), MOD31_NT20},
         {"two Z0", mk(1, 2).sample(1, smp(0)).sample(2, smp(0)), MOD31_NT20},
         // Restart 0.

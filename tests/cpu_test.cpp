@@ -193,6 +193,7 @@ TEST_F(Cpu, StaticBtstOfImmediateTakesTheIllegalPath) {
 TEST_F(Cpu, DivideBoundariesAndCheckBounds) {
     const struct { uint16_t op, divisor; uint32_t d0; uint16_t ccr_in; uint32_t want; uint16_t want_ccr; } rows[] = {
         {0x80FC, 1, 0x00020000, N | Z | C | X, 0x00020000, X | N | Z | V | C},   // DIVU overflow: V set, the rest kept
+        {0x81FC, 2, uint32_t(-65536), 0, 0x00008000, N},             // DIVS: -32768 is the lowest quotient that fits
         {0x81FC, 0xFFFF, 0x80000000, 0, 0x80000000, V},              // $80000000 / -1 must not trap the host
     };
     for (const auto &r : rows) {
@@ -204,12 +205,15 @@ TEST_F(Cpu, DivideBoundariesAndCheckBounds) {
         EXPECT_EQ(ccr(), r.want_ccr) << std::hex << r.op << " " << r.d0;
     }
     vector(5, 0x4000);
-    k->pc = 0x1000;
-    k->d[0] = 1234;
-    set_ccr(N | C);
-    run({0x80F9, 0x0000, 0x3000});   // DIVU.W $3000.L,D0 with a zero word there: traps after the divisor words
-    EXPECT_EQ((U{k->pc, k->d[0]}), (U{0x4000, 1234}));
-    expect_frame(5, 0xFFFF, 0x2709, 0x1006);
+    for (uint16_t op : {0x80F9, 0x81F9}) {   // DIVU/DIVS.W $3000.L,D0 with a zero word there: traps after the words
+        k->pc = 0x1000;
+        k->a[7] = 0x8000;
+        k->d[0] = 1234;
+        set_ccr(N | C);
+        run({op, 0x0000, 0x3000});
+        EXPECT_EQ((U{k->pc, k->d[0]}), (U{0x4000, 1234})) << std::hex << op;
+        expect_frame(5, 0xFFFF, 0x2709, 0x1006);
+    }
 
     k->pc = 0x1000;   // CHK.W #5,D0 in bounds changes no flag
     k->d[0] = 5;

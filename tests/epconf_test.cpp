@@ -217,15 +217,25 @@ TEST(ModCorrection, ImagesMusicSystemLayoutLeavesTheSoundtrackerPlayers) {
         return d;
     };
     const size_t short_1k = data_at + 2 * words - 1024;   // sample data at most 1 KB short of the headers
+    auto first_sample = [&](uint16_t length) {   // sample 0 that long, the file grown to fit
+        auto d = ims;
+        uint32_t old = uint32_t(d[42]) << 8 | d[43];
+        d[42] = uint8_t(length >> 8), d[43] = uint8_t(length);
+        d.resize(data_at + 2 * (words - old + length));
+        return d;
+    };
     const std::pair<std::string, std::vector<uint8_t>> cases[] = {
         {"dir/Sub-Docking.ST", ims}, {"sub-docking.mod", ims}, {"st.sub-docking", ims},
         {"a.st", edited(1083, ims[1083] ^ 4, ims.size())},   // the offset is no longer a whole number of patterns
         {"a.st", edited(952, 3, ims.size())},                // the song names a pattern the file does not store
         {"a.st", edited(950, 0, ims.size())},                // an empty song
         {"a.st", edited(0, ims[0], short_1k - 1)},
-        {"b.st", edited(0, ims[0], short_1k)}};
+        {"b.st", edited(0, ims[0], short_1k)}, {"c.st", first_sample(0x8000)} /* 64 KB: the longest sample */,
+        {"d.st", first_sample(0x8001)}};
     for (const auto &[name, d] : cases)
-        EXPECT_EQ(identify(name, d), name == "dir/Sub-Docking.ST" || name == "b.st" ? "ImagesMusicSystem" : kPtk)
+        EXPECT_EQ(identify(name, d), name == "dir/Sub-Docking.ST" || name == "b.st" || name == "c.st"
+                                         ? "ImagesMusicSystem"
+                                         : kPtk)
             << name << " " << d.size();
     // Real Soundtracker modules named .st stay with the Soundtracker players.
     for (const char *f : {"Crepequs.mod", "GAMEMUSIC.mod", "GBUSTERS.MOD", "cant.mod", "lepeltheme.mod"})
