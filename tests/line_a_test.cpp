@@ -144,6 +144,8 @@ TEST_F(LineA, OptionLookup) {
     EXPECT_EQ(result(0) + result(1) + result(2) + result(3), "type:pt30");
     lookup("", {"type", ""}, 2);   // an empty tag clears every flag
     EXPECT_EQ(flag(0) + flag(1), 0);
+    lookup(":", {""}, 1);   // the shortest match: an empty name and the tag ":"
+    EXPECT_EQ((U{flag(0), uint32_t(result(0).size())}), (U{1, 1}));
     EXPECT_EQ(lookup("type:pt30", {"type"}, 0), 0u);   // count 0 touches nothing
     EXPECT_EQ(flag(0), 0x77);
     EXPECT_EQ(lookup("type:pt30", {"type"}, 1, 0xA801), 0u);   // the group's other functions do nothing
