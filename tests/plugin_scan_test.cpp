@@ -178,6 +178,10 @@ TEST_F(ScanTree, CancelledMeasurementStoresNothingAndAsksForNoRescan) {
     scan_quit.exchange(true);
     scan("q.tone", module);
     EXPECT_FALSE(stored(module, 0));
+    // With the count unknown, starting the module finds and stores it; then the scan ends.
+    const std::string unknown = scan("u.tone", "quit after counting");
+    EXPECT_EQ(stored(unknown, kSubsongCountSeed), 1);
+    EXPECT_FALSE(stored(unknown, 0));
     EXPECT_TRUE(rescanned().empty());
 }
 
