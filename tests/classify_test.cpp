@@ -16,11 +16,11 @@ int cls(const std::vector<uint8_t> &d) { return mod31_classify(d.data(), uint32_
 // 0, repeat length 1): P1 = 1, P0 = 0, Z1 = 30, Z0 = 0. The order list
 // names pattern 1, so pattern 0 (below the highest entry) is examined.
 mb mk(uint8_t restart, uint8_t song_length = 1) {
-    mb m{mod_new("M.K.", 2)};
+    mb m("M.K.", 2);
     m.song(song_length, restart).order(1, 1).sample(0, smp(100, 64, 0, 1)).samples(1, 31, smp(0, 0, 0, 1));
     return m;
 }
-mb tagged(const char *tag) { return mb{mod_new(tag, 0)}; }
+mb tagged(const char *tag) { return mb(tag, 0); }
 // Empty headers with repeat length 0 (Z0 = 30, Z1 = 0).
 mb mk_z0(uint8_t restart, uint8_t song_length = 1) { return mk(restart, song_length).samples(1, 31, smp(0)); }
 // A finetuned sample: with restart 0 the M.K. analysis gives 7.
@@ -48,7 +48,8 @@ TEST(ModClassify, DecisionRules) {
     struct { const char *what; mb m; int kind; } cases[] = {
         // Tags decide without further analysis.
         {"M&K!", tagged("M&K!"), MOD31_MK_NOISE}, {"8CHN", tagged("8CHN"), MOD31_COMP},
-        {"16CH", tagged("16CH"), MOD31_COMP}, {"TDZ3", tagged("TDZ3"), MOD31_COMP}, {"N.T.", tagged("N.T."), MOD31_NT20},
+        {"16CH", tagged("16CH"), MOD31_COMP}, {"TDZ3", tagged("TDZ3"), MOD31_COMP},
+        {"N.T.", tagged("N.T."), MOD31_NT20},
         {"FLT8", tagged("FLT8"), MOD31_PROTRACKER}, {"EXO8", tagged("EXO8"), MOD31_PROTRACKER},
         {"OCTA", tagged("OCTA"), MOD31_PROTRACKER}, {"M!K!", tagged("M!K!"), MOD31_PROTRACKER},
         {"FA04", tagged("FA04"), MOD31_PROTRACKER}, {"CD81", tagged("CD81"), MOD31_PROTRACKER},
@@ -66,6 +67,7 @@ TEST(ModClassify, DecisionRules) {
         {"finetune 16", mk_ft().sample(5, smp(8, 0, 0, 1, 16)), MOD31_PROTRACKER},
         {"volume 64, finetune 15", mk_ft().sample(5, smp(8, 64, 0, 1, 15)), MOD31_COMP},
         {"order 101", mk_ft().order(5, 101), MOD31_PROTRACKER}, {"order 100", mk_ft().order(5, 100), MOD31_COMP},
+        {"order 101 at position 0", mk_ft().order(0, 101), MOD31_PROTRACKER},
         // A loop past the sample's end if counted in words: repeat start in bytes.
         {"loop past the end", mk(127).sample(7, smp(100, 64, 150, 10)), MOD31_ST24},
         {"loop to the end", mk(127).sample(7, smp(100, 64, 90, 10)), MOD31_PROTRACKER},
@@ -85,6 +87,7 @@ TEST(ModClassify, DecisionRules) {
         // convention check; L < R leads on to the NoiseTracker check, which fails on
         // Z0 > Z1, and the tempo check gives 6, or 7 with F20 or more.
         {"R 127", mk(127), MOD31_PROTRACKER}, {"R 127, Z0 > Z1", mk_z0(127), MOD31_NT10},
+        {"R 127, P0 = P1", mk(127).sample(5, smp(8)), MOD31_PROTRACKER},
         {"R 127, F7D", mk_z0(127).cell(0, 0, 0, 15, 0x7D), MOD31_COMP},
         {"R 127, F1F", mk_z0(127).cell(0, 0, 0, 15, 0x1F), MOD31_NT10},
         {"R 127, command 5", mk_z0(127).cell(0, 3, 1, 5, 1), MOD31_COMP},   // tone effects end the convention check
@@ -97,7 +100,11 @@ TEST(ModClassify, DecisionRules) {
         // Convention check with the restart inside the song: R = 1, L = 2, one Z0 sample.
         {"R 1, Z1 > 0", mk(1, 2).sample(1, smp(0)), MOD31_NT10},
         {"R 1, no Z1", mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)), MOD31_NT10},
-        {"R 1, no Z1, F20", mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)).cell(0, 0, 0, 15, 0x20), MOD31_COMP},
+        {"R 1, no Z1, F20", mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)).cell(0, 0, 0, 15, 0x20),
+         MOD31_COMP},
+        {"R 1, one Z1, F20",
+         mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)).sample(2, smp(0, 0, 0, 1)).cell(0, 0, 0, 15, 0x20),
+         MOD31_NT10},
         {"L < R", mk(3, 2).sample(1, smp(0)), MOD31_NT20},
         {"two Z0", mk(1, 2).sample(1, smp(0)).sample(2, smp(0)), MOD31_NT20},
         // Restart 0.
@@ -111,28 +118,4 @@ TEST(ModClassify, DecisionRules) {
     auto d = mk(0, 2).cell(0, 0, 0, 14, 0x10).bytes();
     d.resize(1084 + 1023);
     EXPECT_EQ(cls(d), MOD31_NT20);
-}
-
-TEST(ModClassify, TallyCountsCommandsParametersAndSubcommands) {
-    auto d = mk(127)
-                 .cell(0, 0, 0, 0, 0x37)    // arpeggio
-                 .cell(0, 1, 0, 0, 0x00)    // nothing
-                 .cell(0, 2, 1, 1, 0x00)    // portamento up with parameter 0 still counts
-                 .cell(0, 3, 1, 1, 0x1E)
-                 .cell(0, 4, 2, 14, 0xC3)
-                 .cell(0, 5, 3, 15, 0x1F)
-                 .cell(1, 6, 3, 15, 0x20)
-                 .bytes();
-    cell_tally t;
-    tally_patterns(d.data(), uint32_t(d.size()), 1084, 2, &t);
-    EXPECT_EQ(t.count[0], 1u);
-    EXPECT_EQ(t.max_param[0], 0x37u);
-    EXPECT_EQ(t.count[1], 2u);
-    EXPECT_EQ(t.max_param[1], 0x1Eu);
-    EXPECT_EQ(t.ext[12], 1u);
-    EXPECT_EQ(t.speed_lo, 1u);
-    EXPECT_EQ(t.speed_hi, 1u);
-    tally_patterns(d.data(), 1084 + 2048 - 1, 1084, 2, &t);   // pattern 1 no longer whole
-    EXPECT_EQ(t.speed_hi, 0u);
-    EXPECT_EQ(t.speed_lo, 1u);
 }

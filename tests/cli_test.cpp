@@ -5,12 +5,11 @@
 // tests skip with a message while it is not built.
 #include <gtest/gtest.h>
 #include <sndfile.h>
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -18,10 +17,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include "plugin/songdb.h"
 #include "support/temptree.h"
 #include "support/test_support.h"
-
-extern char **environ;
 
 namespace {
 
@@ -36,42 +34,20 @@ struct run_result {
 // Runs the built kelva with `args` in `cwd`, with HOME set to `home`,
 // XDG_DATA_HOME removed and KELVA_DATA set to `data` (when not empty).
 run_result run_kelva(const args_t &args, const std::string &home, const std::string &data, const std::string &cwd) {
-    std::vector<std::string> env, argv_s = {KELVA_CLI};
-    for (char **e = environ; *e; e++) {
-        std::string v = *e;
-        if (v.rfind("HOME=", 0) != 0 && v.rfind("XDG_DATA_HOME=", 0) != 0 && v.rfind("KELVA_DATA=", 0) != 0)
-            env.push_back(v);
-    }
-    env.push_back("HOME=" + home);
-    if (!data.empty()) env.push_back("KELVA_DATA=" + data);
-    argv_s.insert(argv_s.end(), args.begin(), args.end());
-    auto c_strings = [](std::vector<std::string> &v) {
-        std::vector<char *> out;
-        for (std::string &s : v) out.push_back(s.data());
-        out.push_back(nullptr);
-        return out;
+    auto quoted = [](const std::string &s) {
+        std::string q = "'";
+        for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        return q + "'";
     };
-    std::vector<char *> envp = c_strings(env), argv = c_strings(argv_s);
-
-    std::string out_path = home + "/.stdout", err_path = home + "/.stderr";
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&fa, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    // posix_spawn has no portable working-directory action: change ours
-    // around the spawn (the tests run one at a time in this process).
-    std::string old_cwd = std::filesystem::current_path().string();
+    std::string cmd = "cd " + quoted(cwd) + " && env -u XDG_DATA_HOME -u KELVA_DATA HOME=" + quoted(home) +
+                      (data.empty() ? "" : " KELVA_DATA=" + quoted(data)) + " " + quoted(KELVA_CLI);
+    for (const std::string &a : args) cmd += " " + quoted(a);
+    cmd += " </dev/null >" + quoted(home + "/.stdout") + " 2>" + quoted(home + "/.stderr");
+    int status = std::system(cmd.c_str());
     run_result r;
-    pid_t pid = 0;
-    int rc = chdir(cwd.c_str()) == 0 ? posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), envp.data()) : -1;
-    posix_spawn_file_actions_destroy(&fa);
-    if (chdir(old_cwd.c_str()) != 0 || rc != 0) return r;
-    int status = 0;
-    waitpid(pid, &status, 0);
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.out = read_file_text(out_path);
-    r.err = read_file_text(err_path);
+    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.out = read_file_text(home + "/.stdout");
+    r.err = read_file_text(home + "/.stderr");
     return r;
 }
 
@@ -101,27 +77,23 @@ void expect_one_line_failure(const run_result &r, const std::string &needle) {
     EXPECT_TRUE(contains(lines[0], needle)) << lines[0] << "\nwants: " << needle;
 }
 
+// An audio file's layout, its peak and its largest |left - right| (stereo).
 struct audio_file {
-    bool ok = false;
-    int rate = 0, channels = 0, format = 0;
-    int64_t frames = 0;
-    float peak = 0, side = 0;   // side: largest |left - right| of a stereo file
+    SF_INFO info{};
+    float peak = 0, side = 0;
 };
 
 audio_file read_audio(const std::string &path) {
     audio_file a;
-    SF_INFO info;
-    memset(&info, 0, sizeof info);
-    SNDFILE *f = sf_open(path.c_str(), SFM_READ, &info);
-    if (!f) return a;
-    a = {true, info.samplerate, info.channels, info.format, info.frames, 0, 0};
+    SNDFILE *f = sf_open(path.c_str(), SFM_READ, &a.info);
     std::vector<float> buf(4096 * 2);
-    for (sf_count_t n; (n = sf_readf_float(f, buf.data(), 4096)) > 0;)
-        for (sf_count_t i = 0; i < n * info.channels; i++) {
+    for (sf_count_t n; f && (n = sf_readf_float(f, buf.data(), 4096)) > 0;)
+        for (sf_count_t i = 0; i < n * a.info.channels; i++) {
             a.peak = std::max(a.peak, std::fabs(buf[size_t(i)]));
-            if (info.channels == 2 && i % 2) a.side = std::max(a.side, std::fabs(buf[size_t(i)] - buf[size_t(i - 1)]));
+            if (a.info.channels == 2 && i % 2)
+                a.side = std::max(a.side, std::fabs(buf[size_t(i)] - buf[size_t(i - 1)]));
         }
-    sf_close(f);
+    if (f) sf_close(f);
     return a;
 }
 
@@ -140,7 +112,8 @@ struct CliTest : testing::Test {
         if (access(test_player("Envelope").c_str(), R_OK) != 0 || access(test_player("Subsong").c_str(), R_OK) != 0)
             GTEST_SKIP() << "test players not built (needs the m68k cross compiler): " << KELVA_TEST_PLAYERS;
         std::filesystem::create_directories(home);
-        ASSERT_TRUE(write_file(data + "/eagleplayer.conf", "# test tree\nEnvelope prefixes=envl\nSubsong prefixes=sub\n"));
+        ASSERT_TRUE(
+            write_file(data + "/eagleplayer.conf", "# test tree\nEnvelope prefixes=envl\nSubsong prefixes=sub\n"));
         for (const char *p : {"Envelope", "Subsong"})
             ASSERT_TRUE(write_file(data + "/players/" + p, read_file_text(test_player(p))));
         const std::pair<const char *, std::vector<uint8_t>> modules[] = {
@@ -168,7 +141,8 @@ TEST_F(CliTest, RenderWritesWhatItWasAskedFor) {
         const char *file, *says;
         int rate, format;
         int64_t frames, tolerance;
-        float min_peak, side;   // side: -1 = at least 0.01 (the default separation keeps channel 0 to one side), 9 = any
+        // side: -1 = at least 0.01 (the default separation keeps channel 0 to one side), 9 = any
+        float min_peak, side;
         size_t records;         // in the database: a count per module and a length per subsong measured
     } cases[] = {
         // The player reports its end after 150 ticks of 960 frames; the length
@@ -177,9 +151,9 @@ TEST_F(CliTest, RenderWritesWhatItWasAskedFor) {
          150 * 960, 960, 0.05f, -1, 2},
         {{"render", "endless.envl", "-o", "out.flac", "--seconds", "1.5", "--rate", "22050"}, "out.flac", "out.flac",
          22050, SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 33075, 0, 0.01f, -1, 4},
-        {{"render", "endless.envl", "--seconds", "1", "--bits", "float", "--separation", "0", "--model", "a1200", "--led",
-          "on"}, "endless.wav" /* the default name */, "endless.wav", 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 0,
-         0.01f, 0, 4},
+        {{"render", "endless.envl", "--seconds", "1", "--bits", "float", "--separation", "0", "--model", "a1200",
+          "--led", "on"}, "endless.wav" /* the default name */, "endless.wav", 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT,
+         48000, 0, 0.01f, 0, 4},
         {{"render", "five.sub", "--subsong", "3", "--seconds", "0.5", "-o", "three.wav"}, "three.wav", "subsong 3 of 5",
          48000, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 24000, 0, 0, 9, 6},
     };
@@ -190,14 +164,12 @@ TEST_F(CliTest, RenderWritesWhatItWasAskedFor) {
         EXPECT_TRUE(contains(r.out, c.says)) << r.out;
         EXPECT_EQ(db().size(), c.records);
         audio_file a = read_audio(work + "/" + c.file);
-        ASSERT_TRUE(a.ok);
-        EXPECT_EQ(a.rate, c.rate);
-        EXPECT_EQ(a.channels, 2);
-        EXPECT_EQ(a.format, c.format);
-        EXPECT_NEAR(double(a.frames), double(c.frames), double(c.tolerance));
+        EXPECT_EQ((std::vector<int>{a.info.samplerate, a.info.channels, a.info.format}),
+                  (std::vector<int>{c.rate, 2, c.format}));
+        EXPECT_NEAR(double(a.info.frames), double(c.frames), double(c.tolerance));
         EXPECT_GE(a.peak, c.min_peak);
-        EXPECT_TRUE(c.side < 0 ? a.side > 0.01f : c.side > 1 || a.side == c.side) << a.side << " (0: separation 0 gives the same "
-                                                                         "signal on both sides)";
+        // Separation 0 gives the same signal on both sides.
+        EXPECT_TRUE(c.side < 0 ? a.side > 0.01f : c.side > 1 || a.side == c.side) << a.side;
     }
 }
 
@@ -216,16 +188,13 @@ TEST_F(CliTest, InfoJsonReportsEveryWayALengthIsFound) {
     ASSERT_EQ(files.size(), 4u);
     for (size_t i = 0; i < 4; i++) {
         const json &f = files[i], &s = f.at("subsongs").at(0);
-        SCOPED_TRACE(expected[i].file);
         EXPECT_EQ(f.at("file"), expected[i].file);
-        EXPECT_EQ(f.at("player"), "Envelope");
-        EXPECT_TRUE(f.at("format").is_string());
-        EXPECT_FALSE(f.contains("error"));
-        EXPECT_EQ(f.at("subsongs").size(), 1u);
-        EXPECT_EQ(s.at("subsong"), 0);
-        EXPECT_EQ(s.at("reason"), expected[i].reason);
-        EXPECT_NEAR(s.at("length_ms").get<double>(), expected[i].ms, 40);
+        EXPECT_TRUE(f.at("player") == "Envelope" && f.at("format").is_string() && !f.contains("error")) << f;
+        EXPECT_TRUE(f.at("subsongs").size() == 1 && s.at("subsong") == 0 && s.at("reason") == expected[i].reason) << f;
+        EXPECT_NEAR(s.at("length_ms").get<double>(), expected[i].ms, 40) << f;
     }
+    // The subsong objects in the documented member order.
+    EXPECT_TRUE(contains(r.out, R"({"subsong":0,"length_ms":12000,"reason":"repetition"})")) << r.out;
     // The second time every length comes from the database, unchanged.
     json again = parse_json(kelva({"info", "--json", "end.envl", "quiet.envl"}).out);
     ASSERT_EQ(again.size(), 2u);
@@ -269,6 +238,26 @@ TEST_F(CliTest, InfoJsonGivesUnplayableFilesAnErrorAndEscapesNames) {
     expect_one_line_failure(r, "missing.envl");
 }
 
+TEST_F(CliTest, TextInfoNamesThePlayerAndACountFromTheDatabaseIsTaken) {
+    // The Envelope player installed as "Renamed": the text names the file and the player's own name.
+    std::string conf = read_file_text(data + "/eagleplayer.conf") + "Renamed prefixes=renv\n";
+    ASSERT_TRUE(write_file(data + "/eagleplayer.conf", conf) &&
+                write_file(data + "/players/Renamed", read_file_text(test_player("Envelope"))) &&
+                write_file(work + "/x.renv", envelope_module(0, 0, 50)));
+    run_result r = kelva({"info", "x.renv"});
+    EXPECT_TRUE(contains(r.out, "  player:   Renamed (Envelope)\n")) << r.out;
+    // A count of two in the database: subsongs 1 and 2.
+    std::vector<uint8_t> two = envelope_module(0, 0, 50, 7);
+    char hex[33];
+    cache_key_hex(cache_make_key(two.data(), uint32_t(two.size()), kSubsongCountSeed), hex);
+    std::string db_text = kDbHeader + std::string("\n") + hex + " 2 two.envl\n";
+    ASSERT_TRUE(write_file(work + "/two.envl", two));
+    ASSERT_TRUE(write_file(home + "/.local/share/kelva/songlengths.db", db_text));
+    r = kelva({"render", "two.envl", "--subsong", "2", "--seconds", "0.5", "-o", "two.wav"});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_TRUE(contains(r.out, "subsong 2 of 2")) << r.out;
+}
+
 // ---- scan ------------------------------------------------------------------------------
 
 TEST_F(CliTest, ScanMeasuresATreeAndASecondScanFindsEverythingKnown) {
@@ -276,18 +265,25 @@ TEST_F(CliTest, ScanMeasuresATreeAndASecondScanFindsEverythingKnown) {
     for (const char *f : {"end.envl", "quiet.envl", "five.sub"})
         ASSERT_TRUE(write_file(tree + "/deep/er/" + f, read_file_text(work + "/" + f)));
     ASSERT_TRUE(write_file(tree + "/loop.envl", read_file_text(work + "/loop.envl")) &&
-                write_file(tree + "/notes.txt", "not a module\n") && write_file(tree + "/empty.envl", ""));
+                write_file(tree + "/notes.txt", "not a module\n") && write_file(tree + "/empty.envl", "") &&
+                write_file(work + "/linked.envl", envelope_module(0, 0, 100)));
+    // A link to a file counts as the file; a dangling one is passed over.
+    std::filesystem::create_symlink(work + "/linked.envl", tree + "/link.envl");
+    std::filesystem::create_symlink(tmp / "nowhere", tree + "/dangling.envl");
     run_result first = kelva({"scan", tree, "--jobs", "2"});
     ASSERT_EQ(first.code, 0) << first.err;
-    // 2.98 + 3 + 12 + 5 x 1 s (the five subsongs fall silent at once) = 22.98 s.
-    for (const char *part : {"4 claimed by a player", "subsongs: 8 (0 already in the database, 8 measured now)",
-                             "failures: 0", "music:    23.0 s in all"})
+    // 2.98 + 2.98 + 12 + 5 x 1 s (the five subsongs fall silent at once) + 1.98 = 24.94 s.
+    for (const char *part : {"5 claimed by a player", "subsongs: 9 (0 already in the database, 9 measured now)",
+                             "failures: 0", "music:    24.9 s in all", "\nspeed:    "})
         EXPECT_TRUE(contains(first.out, part)) << part << " in\n" << first.out;
-    EXPECT_EQ(db().size(), 12u);   // a count record for each file plus a length per subsong
+    EXPECT_EQ(db().size(), 14u);   // a count record for each file plus a length per subsong
+    // A second scan measures only what is new, and tells its speed even for one subsong.
+    ASSERT_TRUE(write_file(tree + "/late.envl", envelope_module(0, 0, 50)));
     run_result second = kelva({"scan", tree, "--jobs", "1"});
     ASSERT_EQ(second.code, 0) << second.err;
-    EXPECT_TRUE(contains(second.out, "subsongs: 8 (8 already in the database, 0 measured now)")) << second.out;
-    EXPECT_EQ(db().size(), 12u) << "a second scan must not add records";
+    for (const char *part : {"subsongs: 10 (9 already in the database, 1 measured now)", "\nspeed:    "})
+        EXPECT_TRUE(contains(second.out, part)) << part << " in\n" << second.out;
+    EXPECT_EQ(db().size(), 16u);
     // What the scan stored is what info then reads.
     json files = parse_json(kelva({"info", "--json", tree + "/loop.envl"}).out);
     EXPECT_EQ(files.at(0).at("subsongs").at(0).at("reason"), "database");
@@ -297,14 +293,16 @@ TEST_F(CliTest, ScanMeasuresATreeAndASecondScanFindsEverythingKnown) {
 // ---- bad input and usage -------------------------------------------------------------------
 
 TEST_F(CliTest, BadInputsGiveOneLineNamingTheFile) {
-    ASSERT_TRUE(write_file(work + "/noise.bin", noise(0x9E3779B9)) && write_file(work + "/noise.xyz", noise(0x9E3779B9)) &&
+    ASSERT_TRUE(write_file(work + "/noise.bin", noise(0x9E3779B9)) &&
+                write_file(work + "/noise.xyz", noise(0x9E3779B9)) &&
                 write_file(work + "/empty.envl", "") &&
                 write_file(work + "/huge.envl", read_file_text(work + "/end.envl") + std::string(983040, '\0')));
     std::filesystem::create_directories(work + "/folder.envl");
     const std::pair<const char *, const char *> files[] = {
         {"missing.envl", "cannot open missing.envl"},      {"folder.envl", "folder.envl is a directory"},
         {"empty.envl", "empty or unreadable file empty.envl"}, {"noise.bin", "no player matches noise.bin"},
-        {"noise.xyz", "no player matches noise.xyz"},       {"huge.envl", "huge.envl is too large for the emulated Amiga"}};
+        {"noise.xyz", "no player matches noise.xyz"},
+        {"huge.envl", "huge.envl is too large for the emulated Amiga"}};
     for (auto [file, reason] : files)
         for (const char *cmd : {"render", "info", "play"}) {
             SCOPED_TRACE(std::string(cmd) + " " + file);
@@ -377,18 +375,15 @@ struct CliModuleTest : CliTest {
 };
 
 TEST_F(CliModuleTest, DemoTuneAndRealModulesHaveTheirLengthsAndTitles) {
-    // Six positions of 64 rows at speed 6, tempo 125: 46.08 s. The others are the
-    // lengths other players give (testdata/modules/README.md); android-commando
-    // repeats one section for over 30 s: its player's song end, not the
-    // repetition, gives its length.
+    // Six positions of 64 rows at speed 6, tempo 125: 46.08 s; corpses: the
+    // length other players give (testdata/modules/README.md).
     const struct {
         std::string file;
         double seconds;
         const char *title;   // the module's first 20 bytes
     } tunes[] = {{KELVA_DEMO_MOD, 46.08, nullptr},
-                 {shared_dir() + "/testdata/modules/debian/corpses.mod", 55.08, "corpses_in_rain"},
-                 {shared_dir() + "/testdata/modules/debian/android-commando_hiscore.mod", 61.439, "Commando Hiscore"}};
-    size_t n = shared_exists("testdata/modules/debian") ? 3 : 1;
+                 {shared_dir() + "/testdata/modules/debian/corpses.mod", 55.08, "corpses_in_rain"}};
+    size_t n = shared_exists("testdata/modules/debian") ? 2 : 1;
     args_t args = {"info", "--json"};
     for (size_t i = 0; i < n; i++) args.push_back(tunes[i].file);
     run_result r = kelva(args);
@@ -412,14 +407,9 @@ TEST_F(CliModuleTest, DemoTuneAndRealModulesHaveTheirLengthsAndTitles) {
     r = kelva({"render", KELVA_DEMO_MOD, "-o", "demo.wav"});
     ASSERT_EQ(r.code, 0) << r.err;
     audio_file a = read_audio(work + "/demo.wav");
-    EXPECT_NEAR(double(a.frames) / 48000.0, 46.08, 0.2);
+    EXPECT_NEAR(double(a.info.frames) / 48000.0, 46.08, 0.2);
     EXPECT_GT(a.peak, 0.1f);
-    if (n < 3) GTEST_SKIP() << "shared test data not found (" << KELVA_SHARED_DIR << "/testdata/modules/debian)";
-    r = kelva({"render", args[3], "--seconds", "5", "-o", "corpses.flac"});
-    ASSERT_EQ(r.code, 0) << r.err;
-    a = read_audio(work + "/corpses.flac");
-    EXPECT_EQ(a.frames, 5 * 48000);
-    EXPECT_GT(a.peak, 0.05f);
+    if (n < 2) GTEST_SKIP() << "shared test data not found (" << KELVA_SHARED_DIR << "/testdata/modules/debian)";
 }
 
 TEST_F(CliModuleTest, ARandomModThatDoesNotStartIsOneLineAndStoredAsFailed) {

@@ -1,4 +1,4 @@
-// The data tree: path helpers, the search order for kelva_data, the default
+// The data tree: the search order for kelva_data, the default
 // file loader and the ENV:/ENVARC: mapping.
 #include <gtest/gtest.h>
 
@@ -16,9 +16,13 @@
 
 namespace {
 
-std::string data_path_str(const char *rel) {
+// data_path into a buffer of `capacity` bytes ("" when the path does not fit).
+std::string data_path_str(const char *rel, uint32_t capacity = 4095) {
     char out[4096];
-    return data_path(out, sizeof out, rel), out;
+    memset(out, 'x', sizeof out);
+    out[capacity] = '\0';
+    data_path(out, capacity, rel);
+    return out;
 }
 
 // The tree beside the test program: <folder of the executable>/kelva_data.
@@ -49,37 +53,11 @@ std::string dload(const std::string &path) {
 
 }   // namespace
 
-TEST(DataTree, PathJoinAndPrefixMatch) {
-    const struct {
-        uint32_t capacity;
-        const char *dir, *name, *out;   // null: refused, nothing written
-    } joins[] = {{8, "abc", "defg", nullptr}, {9, "abc", "defg", "abc/defg"} /* 3 + 1 + 4 + NUL */,
-                 {16, "dir/", "f", "dir//f"} /* no normalisation */, {16, "", "", "/"}, {0, "", "", nullptr}};
-    for (auto j : joins) {
-        char out[16] = "untouched";
-        EXPECT_EQ(path_join(out, j.capacity, j.dir, j.name), j.out ? 1 : 0) << j.capacity << j.dir;
-        EXPECT_STREQ(out, j.out ? j.out : "untouched");
-    }
-
-    const char *p = "EnvArc:Sub/File";
-    EXPECT_EQ(host_match_prefix(p, "envarc:"), p + 7);
-    EXPECT_EQ(host_match_prefix(p, "ENVARC:"), p + 7);
-    EXPECT_EQ(host_match_prefix(p, "env:"), nullptr);
-    EXPECT_EQ(host_match_prefix(p, ""), p);
-    EXPECT_EQ(host_match_prefix("en", "env:"), nullptr);   // shorter than the prefix
-    EXPECT_EQ(host_match_prefix("@x", "`x"), nullptr);     // only A-Z fold
-    EXPECT_EQ(host_match_prefix("[x", "{x"), nullptr);
-    EXPECT_EQ(host_match_prefix("\xC4x", "\xE4x"), nullptr);
-}
-
 TEST(DataTree, KelvaDataWinsWithoutAnyCheckAndOverflowGivesEmpty) {
     env_guard env;
     setenv("KELVA_DATA", "/nonexistent/tree", 1);
     EXPECT_EQ(data_path_str("players/X"), "/nonexistent/tree/players/X");
-    char small[10];
-    memset(small, 'x', sizeof small);
-    data_path(small, sizeof small, "eagleplayer.conf");
-    EXPECT_STREQ(small, "");
+    EXPECT_EQ(data_path_str("eagleplayer.conf", 10), "");
 }
 
 TEST(DataTree, UserTreeFromXdgThenHome) {
@@ -97,6 +75,7 @@ TEST(DataTree, UserTreeFromXdgThenHome) {
     EXPECT_EQ(data_path_str("players/P"), home / ".local/share/kelva_data/players/P");
     unsetenv("XDG_DATA_HOME");
     EXPECT_EQ(data_path_str("players/P"), home / ".local/share/kelva_data/players/P");
+    EXPECT_EQ(data_path_str("players/P", 10), "");
     // XDG_DATA_HOME set (even without a tree in it) means HOME is not tried.
     setenv("XDG_DATA_HOME", empty.path.c_str(), 1);
     EXPECT_NE(data_path_str("x"), home / ".local/share/kelva_data/x");
@@ -140,9 +119,10 @@ TEST(DataTree, DefaultLoaderReadsWholeFilesFindingNamesCaseInsensitively) {
     std::string bytes("\x00\x01\x02hello\xFF", 9);
     ASSERT_TRUE(write_file(dir / "sub/song.mod", bytes));
     ASSERT_TRUE(write_file(dir / "Tune.Mod", "xyz!"));
-    ASSERT_TRUE(write_file(dir / "empty.bin", ""));
+    ASSERT_TRUE(write_file(dir / "empty.bin", "") && write_file(dir / "Z.bin", "1"));
     EXPECT_EQ(dload(dir / "sub/song.mod"), bytes);
     EXPECT_EQ(dload(dir / "sub/Song.MOD"), bytes);
+    EXPECT_EQ(dload(dir / "z.bin"), "1");   // one byte is a file; Z folds too
     EXPECT_EQ(dload(dir / "SUB/song.mod"), "-");   // only the last component is sought; folders match exactly
     EXPECT_EQ(dload(dir / "sub/Song.MO"), "-");    // the whole length must match
     EXPECT_EQ(dload(dir / "sub/Song.MODX"), "-");

@@ -52,11 +52,10 @@ TEST_F(Dos, SeekFromEachBaseAndClamps) {
     uint32_t h = named(kOpen, "data/forty.bin");
     struct {
         uint32_t offset, mode, old, now;
-    } cases[] = {{uint32_t(-10), 1, 0, 30},         {20, uint32_t(-1), 30, 20},          {uint32_t(-50), 0, 20, 0},
-                 {1000, 0, 0, 40},                 {0x7FFFFFFF, 1, 40, 40},             {0x80000000u, uint32_t(-1), 40, 0},
-                 {5, 0, 0, 5},                     {3, 0, 5, 8}};
+    } cases[] = {{uint32_t(-10), 1, 0, 30}, {20, uint32_t(-1), 30, 20}, {uint32_t(-50), 0, 20, 0}, {1000, 0, 0, 40},
+                 {0x7FFFFFFF, 1, 40, 40}, {0x80000000u, uint32_t(-1), 40, 0}, {5, 0, 0, 5}, {3, 0, 5, 8}};
     for (auto c : cases)
-        EXPECT_EQ((U{call(kSeek, h, c.offset, c.mode), pos()}), (U{c.old, c.now})) << int32_t(c.offset) << " " << int32_t(c.mode);
+        EXPECT_EQ((U{call(kSeek, h, c.offset, c.mode), pos()}), (U{c.old, c.now})) << int32_t(c.offset) << c.mode;
     call(kSeek, h, uint32_t(-10), 1);
     EXPECT_EQ(call(kRead, h, kBuf, 100), 10u);
     EXPECT_EQ(k->ram[kBuf], 130);

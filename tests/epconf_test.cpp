@@ -1,12 +1,11 @@
 // eagleplayer.conf: scoring and ties, robustness of the line reader, the
 // ".mod", ".st" and TFMX content corrections, option lookup and refinement,
-// the name getters, and the real modules of the shared test data.
+// the name getters, and the bundled configuration.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <filesystem>
 #include <iterator>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -108,12 +107,12 @@ namespace {
 
 // A clean 15-instrument module: highest order m = 1 (so patterns 0 and 1 are
 // stored and pattern 0 is examined), one unlooped sample, song length 2.
-mb st15_module() { return mb{mod_new_st15(2)}.song(2, 120).order(1, 1).sample(0, smp(100, 64, 0, 0, 0, "bass")); }
+mb st15_module() { return mb(nullptr, 2).song(2, 120).order(1, 1).sample(0, smp(100, 64, 0, 0, 0, "bass")); }
 mb st15_cell(uint8_t cmd, uint8_t param, uint32_t pattern = 0) { return st15_module().cell(pattern, 5, 1, cmd, param); }
 
 // A plain ProTracker module: restart 127, every header with repeat length 1
 // (P0 = 0 <= P1, Z0 = 0 <= Z1): classified 0.
-mb pt_module() { return mb{mod_new("M.K.", 1)}.song(1, 127).samples(0, 31, smp(0, 0, 0, 1)); }
+mb pt_module() { return mb("M.K.", 1).song(1, 127).samples(0, 31, smp(0, 0, 0, 1)); }
 
 std::string st15(const std::vector<uint8_t> &d) {
     const char *p = st15_choose_player(d.data(), uint32_t(d.size()));
@@ -128,15 +127,16 @@ const char *const kUst = "UltimateSoundtracker", *const kSt4 = "Soundtracker-IV"
 
 TEST(Fifteen, DecisionRulesInOrder) {
     ASSERT_EQ(st15_module().bytes().size(), 1624u + 1024u + 200u);
-    mb too_many = mb{mod_new_st15(65)}.song(1, 120).order(0, 64);
-    mb sixty_four = mb{mod_new_st15(64)}.song(1, 120).order(0, 63);
+    mb too_many = mb(nullptr, 65).song(1, 120).order(0, 64);
+    mb sixty_four = mb(nullptr, 64).song(1, 120).order(0, 63);
     struct { const char *what; mb m; const char *player; } cases[] = {
         {"clean loops", st15_module(), kUst},
         {"5", st15_cell(5, 0x11), kSt4}, {"6", st15_cell(6, 0x11), kSt4}, {"7", st15_cell(7, 0x11), kSt4},
         {"8", st15_cell(8, 0x11), kSt4}, {"9", st15_cell(9, 0x11), kSt4}, {"D00", st15_cell(13, 0x00), kPtk},
         {"D05", st15_cell(13, 0x05), kSt4},
-        {"C20", st15_cell(12, 0x20), kPtk}, {"F06", st15_cell(15, 0x06), kPtk}, {"E01: filter", st15_cell(14, 0x01), kPtk},
-        {"other E commands", st15_cell(14, 0x12), kUst}, {"1 30", st15_cell(1, 30), kPtk}, {"2 1", st15_cell(2, 1), kPtk},
+        {"C20", st15_cell(12, 0x20), kPtk}, {"F06", st15_cell(15, 0x06), kPtk},
+        {"E01: filter", st15_cell(14, 0x01), kPtk}, {"other E commands", st15_cell(14, 0x12), kUst},
+        {"1 30", st15_cell(1, 30), kPtk}, {"2 1", st15_cell(2, 1), kPtk},
         {"1 31", st15_cell(1, 31), kUst}, {"2 0: command 2 occurs", st15_cell(2, 0), kUst},
         {"command 2 before the loops", st15_cell(2, 0).sample(0, smp(100, 64, 150, 30)), kUst},
         {"pattern m is not examined", st15_cell(12, 0x20, 1), kUst},
@@ -155,7 +155,7 @@ TEST(Fifteen, DecisionRulesInOrder) {
         // Implausible modules go to the 31-instrument check.
         {"order 64", too_many, "(classify)"}, {"order 63", sixty_four, kUst},
         // The highest order counts as at least 1: an all-zero order list wants two patterns.
-        {"one pattern", mb{mod_new_st15(1)}.song(1, 120).sample(0, smp(600, 64)), "(classify)"},
+        {"one pattern", mb(nullptr, 1).song(1, 120).sample(0, smp(600, 64)), "(classify)"},
         {"finetune and volume 65", st15_module().sample(4, smp(1, 65, 0, 0, 1)), "(classify)"},
         {"volume 65 alone", st15_module().sample(4, smp(1, 65)), kUst},
     };
@@ -167,7 +167,8 @@ TEST(Fifteen, DecisionRulesInOrder) {
 
 TEST(ModCorrection, SizeTagAndHeaderRouting) {
     conf_tree t("Custom prefixes=mod,st\n", kFamily);
-    EXPECT_EQ(identify("a.mod", std::vector<uint8_t>(1000, 0)), "Custom");   // too short for any check
+    for (const char *name : {"a.mod", "a.st"})   // too short for any check
+        EXPECT_EQ(identify(name, std::vector<uint8_t>(1000, 0)), "Custom") << name;
     auto clean = st15_module().bytes();
     EXPECT_EQ(identify("x/Song.MOD", clean), kUst);   // a clean 15-instrument module ...
     EXPECT_EQ(identify("Song.st", clean), "Custom");   // ... but only for names that end in .mod
@@ -178,14 +179,14 @@ TEST(ModCorrection, SizeTagAndHeaderRouting) {
         EXPECT_EQ(identify("a.mod", st15_module().poke(offset, uint8_t(value)).bytes()), value == 128 ? kUst : "Custom")
             << offset << "=" << value;
 
-    EXPECT_EQ(identify("a.mod", mod_finish(mod_new("M.K.", 1))), kPtk);   // restart 0, only Z0 samples: 6
+    EXPECT_EQ(identify("a.mod", mb("M.K.", 1).bytes()), kPtk);   // restart 0, only Z0 samples: 6
     EXPECT_EQ(identify("a.mod", pt_module().bytes()), "Custom");           // result 0 proposes nothing
-    mb flt{mod_new("FLT4", 1)};
+    mb flt("FLT4", 1);
     EXPECT_EQ(identify("a.mod", flt.bytes()), kPtk);
     EXPECT_EQ(identify("a.mod", flt.sample(4, smp(0, 10)).bytes()), "AudioSculpture");
     t.remove_player("AudioSculpture");   // proposals need their player file
     EXPECT_EQ(identify("a.mod", flt.bytes()), "Custom");
-    auto small = mod_finish(mod_new("8CHN", 0));   // between 1084 and 2651 bytes: the 31-instrument check
+    auto small = mb("8CHN", 0).bytes();   // between 1084 and 2651 bytes: the 31-instrument check
     ASSERT_LT(small.size(), 2652u);
     EXPECT_EQ(identify("a.mod", small), kPtk);
     t.remove_player(kPtk);
@@ -216,15 +217,25 @@ TEST(ModCorrection, ImagesMusicSystemLayoutLeavesTheSoundtrackerPlayers) {
         return d;
     };
     const size_t short_1k = data_at + 2 * words - 1024;   // sample data at most 1 KB short of the headers
+    auto first_sample = [&](uint16_t length) {   // sample 0 that long, the file grown to fit
+        auto d = ims;
+        uint32_t old = uint32_t(d[42]) << 8 | d[43];
+        d[42] = uint8_t(length >> 8), d[43] = uint8_t(length);
+        d.resize(data_at + 2 * (words - old + length));
+        return d;
+    };
     const std::pair<std::string, std::vector<uint8_t>> cases[] = {
         {"dir/Sub-Docking.ST", ims}, {"sub-docking.mod", ims}, {"st.sub-docking", ims},
         {"a.st", edited(1083, ims[1083] ^ 4, ims.size())},   // the offset is no longer a whole number of patterns
         {"a.st", edited(952, 3, ims.size())},                // the song names a pattern the file does not store
         {"a.st", edited(950, 0, ims.size())},                // an empty song
         {"a.st", edited(0, ims[0], short_1k - 1)},
-        {"b.st", edited(0, ims[0], short_1k)}};
+        {"b.st", edited(0, ims[0], short_1k)}, {"c.st", first_sample(0x8000)} /* 64 KB: the longest sample */,
+        {"d.st", first_sample(0x8001)}};
     for (const auto &[name, d] : cases)
-        EXPECT_EQ(identify(name, d), name == "dir/Sub-Docking.ST" || name == "b.st" ? "ImagesMusicSystem" : kPtk)
+        EXPECT_EQ(identify(name, d), name == "dir/Sub-Docking.ST" || name == "b.st" || name == "c.st"
+                                         ? "ImagesMusicSystem"
+                                         : kPtk)
             << name << " " << d.size();
     // Real Soundtracker modules named .st stay with the Soundtracker players.
     for (const char *f : {"Crepequs.mod", "GAMEMUSIC.mod", "GBUSTERS.MOD", "cant.mod", "lepeltheme.mod"})
@@ -249,7 +260,9 @@ struct tf {
     tf &le(uint32_t at, uint32_t v) { return be(at, __builtin_bswap32(v)); }
     tf &text(uint32_t at, const char *s) { return memcpy(&d.at(at), s, strlen(s)), *this; }
     tf &mark7v(uint32_t at) { return w16(at, 0xEFFE).w16(at + 2, 0x0003); }
-    tf &offsets(uint32_t steps, uint32_t patterns, uint32_t macros) { return be(464, steps).be(468, patterns).be(472, macros); }
+    tf &offsets(uint32_t steps, uint32_t patterns, uint32_t macros) {
+        return be(464, steps).be(468, patterns).be(472, macros);
+    }
     tf &cut(uint32_t size) { return d.resize(size), *this; }
     tf &byte(uint32_t at, uint8_t v) { return d.at(at) = v, *this; }
 };
@@ -340,23 +353,23 @@ TEST(EpconfOptions, LineSelection) {
 TEST(EpconfOptions, ProTrackerOptionIsRefinedFromTheModule) {
     conf_tree t("PTK-Prowiz prefixes=mod,st epopt=type:pt30\n", {});
     engine_ptr k = make_engine();
-    auto tagged = mod_finish(mod_new("M.K.", 1));
+    auto tagged = mb("M.K.", 1).bytes();
     tagged.resize(1083);
     const std::pair<std::vector<uint8_t>, const char *> cases[] = {
         {pt_module().bytes(), "type:pt30"},
         {pt_module().sample(0, smp(100, 0, 150, 10)).bytes(), "type:st24"},
-        {mod_finish(mod_new("FLT4", 1)), "type:flt4"},
-        {mb{mod_new("FLT4", 1)}.sample(0, smp(0, 1)).bytes(), "type:pt30"},
-        {mod_finish(mod_new("M&K!", 1)), "type:m&k."},
-        {mod_finish(mod_new("N.T.", 1)), "type:nt20"},
+        {mb("FLT4", 1).bytes(), "type:flt4"},
+        {mb("FLT4", 1).sample(0, smp(0, 1)).bytes(), "type:pt30"},
+        {mb("M&K!", 1).bytes(), "type:m&k."},
+        {mb("N.T.", 1).bytes(), "type:nt20"},
         {pt_module().samples(0, 31, smp(0)).bytes(), "type:nt10"},   // R = 127, Z0 > Z1 with L < R: 6
-        {mod_finish(mod_new("6CHN", 1)), "type:comp"},
-        {mod_finish(mod_new("OCTA", 1)), "type:pt30"},
+        {mb("6CHN", 1).bytes(), "type:comp"},
+        {mb("OCTA", 1).bytes(), "type:pt30"},
         {st15_module().bytes(), "type:st20"}, {tagged, "type:st20"}, {{}, "type:st20"},
     };
     for (const auto &[d, option] : cases)
         EXPECT_EQ(resolve(k.get(), "players/PTK-Prowiz", "a/x.mod", d), option) << d.size();
-    EXPECT_EQ(resolve(k.get(), "players/PTK-Prowiz", "a/x.st", mod_finish(mod_new("8CHN", 1))), "type:comp");
+    EXPECT_EQ(resolve(k.get(), "players/PTK-Prowiz", "a/x.st", mb("8CHN", 1).bytes()), "type:comp");
 }
 
 TEST(EpconfNames, FormatAndPlayerNames) {
@@ -390,72 +403,14 @@ TEST(EpconfNames, FormatAndPlayerNames) {
 
 // ----------------------------------------------------------- real modules
 
-// Worked out from each file's bytes by the rules, not by running the code:
-// - "M.K." with restart 127: finetune or E1x-EFx (0 for restart 127), or P0 <= P1 and Z0 <= Z1 (0).
-// - gluppobe, waterfal: finetune with restart 0 (7); starpaws: "6CHN" (7); OpenMPT tests with restart 0
-//   and finetune, or an E6x in pattern 0 (PatLoop-Break): 7; the others have no finetune and an order
-//   list of only pattern 0 (nothing examined): P0 = 0 <= P1, Z0 = 0 <= Z1, convention check with
-//   R = 0, NoiseTracker check: 5. blue damage: no E commands or 5/6/7/9 in patterns 0-1, P0 = P1 = 0,
-//   Z0 = 0: 5. FLT4 without marked samples: 2; M&K!: 4; M!K!: 0.
-// - 15-instrument: Crepequs uses commands 5-8; GAMEMUSIC no command in patterns 0..m-1 and clean
-//   loops, lepeltheme only command 1 up to 89; GBUSTERS and cant command 12.
-TEST(RealModules, IdentifiedAndClassified) {
-    KELVA_REQUIRE_SHARED("testdata/modules");
-    const struct {
-        const char *player, *option, *files;   // files: comma-separated, under testdata/modules
-    } groups[] = {
-        {kPtk, "type:pt30",
-         "debian/AnarchyMenu1.mod,debian/The_Last_V8.mod,debian/adventures.mod,debian/android-commando_hiscore.mod,"
-         "debian/astraltr.mod,debian/corpses.mod,debian/dreamfish-green_beret.mod,debian/dreamfish-sanxion.mod,"
-         "debian/dreamfish-uridium2_loader.mod,debian/finally.mod,debian/game.mod,debian/game2.mod,debian/game3.mod,"
-         "debian/hiscore.mod,debian/hiscreen.mod,debian/kaupunki.mod,debian/klovninarki.mod,debian/kollaps-tron.mod,"
-         "debian/menu.mod,variants/jul-paaske.mod"},
-        {kPtk, "type:comp",
-         "debian/gluppobe.mod,debian/starpaws.mod,debian/waterfal.mod,effects/AmigaLimitsFinetune.mod,"
-         "effects/ArpWraparound.mod,effects/DelayBreak.mod,effects/InstrDelay.mod,effects/InstrSwapRetrigger.mod,"
-         "effects/PTInstrSwap.mod,effects/PTInstrVolume.mod,effects/PTRetrigger.mod,effects/PatLoop-Break.mod,"
-         "effects/PatternJump.mod,effects/PortaSwapPT.mod,effects/VibratoReset.mod,effects/finetune.mod,"
-         "effects/ptoffset.mod"},
-        {kPtk, "type:nt20",
-         "effects/NoteDelay-NextRow.mod,effects/PTStoppedSwap.mod,effects/PTSwapEmpty.mod,effects/PTSwapNoLoop.mod,"
-         "effects/PatternDelaysRetrig.mod,effects/PortaSmpChange.mod,effects/PortaTarget.mod,effects/TempoChange.mod,"
-         "variants/blue damage.mod"},
-        {kPtk, "type:flt4", "variants/Tinytune.mod,variants/s0d.mod"},
-        {kPtk, "type:m&k.", "variants/lind.mod"},
-        {kPtk, "type:st20", "st15/GBUSTERS.MOD,st15/cant.mod"},
-        {kSt4, "", "st15/Crepequs.mod"},
-        {kUst, "", "st15/GAMEMUSIC.mod,st15/lepeltheme.mod"},
-    };
-    conf_tree t("PTK-Prowiz prefixes=mod,mod15,st epopt=type:pt30\nUltimateSoundtracker prefixes=ust\n"
-                "Soundtracker-IV prefixes=st4\n",
-                {kPtk, kUst, kSt4, "AudioSculpture"});
-    engine_ptr k = make_engine();
-    std::string root = shared_dir() + "/testdata/modules/";
-    size_t checked = 0;
-    for (const auto &g : groups) {
-        std::istringstream list(g.files);
-        for (std::string file; std::getline(list, file, ',');) {
-            std::string path = root + file;
-            auto data = read_file_bytes(path);
-            char out[4096];
-            ASSERT_EQ(kelva_identify(path.c_str(), data.data(), uint32_t(data.size()), out, sizeof out), 1) << file;
-            EXPECT_EQ(std::string(out), t.player(g.player)) << file;
-            epconf_resolve_epopt(k.get(), out, path.c_str(), data.data(), uint32_t(data.size()));
-            EXPECT_STREQ(k->epopt, g.option) << file;
-            ++checked;
-        }
-    }
-    size_t present = 0;   // every module of the folders is in the table
-    for (const char *sub : {"debian", "effects", "st15", "variants"})
-        for (auto &e : std::filesystem::directory_iterator(root + sub)) present += e.is_regular_file();
-    EXPECT_EQ(checked, present);
-}
-
+// The bundled configuration (each real module's player and format are
+// checked by PtkRealModules).
 TEST(RealModules, BundledConfigurationMapsTheFamily) {
     std::string conf = std::string(KELVA_BUILD_DATA) + "/eagleplayer.conf";
     if (!std::filesystem::exists(conf)) GTEST_SKIP() << conf << " is not built";
     conf_tree t(read_file_text(conf), {kPtk, kUst, kSt4});
-    expect_players({{"Song.MOD", kPtk}, {"mod.Song", kPtk}, {"song.mod15", kPtk}, {"song.ust", kUst}, {"song.st4", kSt4}});
+    expect_players(
+        {{"Song.MOD", kPtk}, {"mod.Song", kPtk}, {"song.mod15", kPtk}, {"song.ust", kUst}, {"song.st4", kSt4}});
     engine_ptr k = make_engine();
-    EXPECT_EQ(resolve(k.get(), t.player(kPtk).c_str(), "x/Song.mod", mod_finish(mod_new("M.K.", 1))), "type:nt10");
+    EXPECT_EQ(resolve(k.get(), t.player(kPtk).c_str(), "x/Song.mod", mb("M.K.", 1).bytes()), "type:nt10");
 }

@@ -127,7 +127,7 @@ TEST_F(Hunk, SkippedBlocksAndMaskedFlags) {
     EXPECT_EQ((L{k->hunk_size[0], offset}), (L{64, 28}));
 }
 
-TEST_F(Hunk, EmptyCodeHunkAndBssClearing) {
+TEST_F(Hunk, EmptyHunksBssClearingAndTheHunkCount) {
     // An empty code hunk and a 16-byte BSS hunk.
     L v = {0x3F3, 0, 2, 0, 1, 0, 4, 0x3E9, 0, 0x3F2, 0x3EB, 4, 0x3F2};
     for (uint32_t count : {4u, 0x3FFFFFFFu}) {   // a larger BSS count clears only the hunk
@@ -137,6 +137,11 @@ TEST_F(Hunk, EmptyCodeHunkAndBssClearing) {
         for (uint32_t i = 0; i < 16; i++) EXPECT_EQ(k->ram[0x200000 + i], 0) << i;
         EXPECT_EQ(k->ram[0x200010], 0xAA);
     }
+    L most = {0x3F3, 0, 64, 0, 63};   // 64 empty code hunks: the most a file may have
+    most.resize(5 + 64, 0);
+    for (int h = 0; h < 64; h++) most.insert(most.end(), {0x3E9, 0, 0x3F2});
+    EXPECT_EQ(load(most), 1) << err;
+    EXPECT_EQ(k->hunk_count, 64u);
 }
 
 // ---- LoadSeg --------------------------------------------------------------

@@ -144,21 +144,12 @@ TEST_F(LineA, OptionLookup) {
     EXPECT_EQ(result(0) + result(1) + result(2) + result(3), "type:pt30");
     lookup("", {"type", ""}, 2);   // an empty tag clears every flag
     EXPECT_EQ(flag(0) + flag(1), 0);
+    lookup(":", {""}, 1);   // the shortest match: an empty name and the tag ":"
+    EXPECT_EQ((U{flag(0), uint32_t(result(0).size())}), (U{1, 1}));
     EXPECT_EQ(lookup("type:pt30", {"type"}, 0), 0u);   // count 0 touches nothing
     EXPECT_EQ(flag(0), 0x77);
     EXPECT_EQ(lookup("type:pt30", {"type"}, 1, 0xA801), 0u);   // the group's other functions do nothing
     EXPECT_EQ(flag(0), 0x77);
-}
-
-TEST_F(LineA, ReadStringIsBoundedAndWraps) {
-    memset(k->ram, 'A', kRamSize);
-    char buf[16];
-    memset(buf, 'x', sizeof buf);
-    amiga_read_string(k, 0xFFFFFA, buf, 8);
-    EXPECT_EQ(std::string(buf, 9), std::string("AAAAAAA\0x", 9));   // nothing written past the bound
-    k->ram[2] = 0;   // wraps past $FFFFFF to $000000
-    amiga_read_string(k, 0xFFFFFE, buf, sizeof buf);
-    EXPECT_EQ(std::string(buf), "AAAA");
 }
 
 // Hand-assembled routines at the player base call the library vectors as player code does.

@@ -51,6 +51,14 @@ TEST(HostIo, LocalNamesAndUris) {
     EXPECT_STREQ(out, "/%zz%4");
     for (const char *bad : {"file:///a%00b", "http://host/x", "file://host/x", "mem://x"})
         EXPECT_EQ(h.uri_to_name(bad, out, sizeof out), 0) << bad;
+    // A folder's entries are URIs of their own, with or without the folder's final slash.
+    temp_dir dir;
+    ASSERT_TRUE(write_file(dir / "a b", "x"));
+    for (std::string folder : {"file://" + dir.path, "file://" + dir.path + "/"}) {
+        std::vector<std::string> entries;
+        ASSERT_TRUE(h.list_folder(folder.c_str(), &entries)) << folder;
+        EXPECT_EQ(entries, std::vector<std::string>{"file://" + dir.path + "/a%20b"}) << folder;
+    }
 }
 
 std::string take(uint8_t *data, uint32_t len) {
@@ -69,7 +77,8 @@ TEST(HostIo, SlurpReadsWholeFilesAndRefusesEmptyOrMissingOnes) {
     ASSERT_NE(data, nullptr);
     EXPECT_EQ(take(data, len), big);
     len = 12345;
-    for (std::string p : {dir / "empty", dir / "missing", dir.path}) EXPECT_EQ(slurp_path(p.c_str(), &len), nullptr) << p;
+    for (std::string p : {dir / "empty", dir / "missing", dir.path})
+        EXPECT_EQ(slurp_path(p.c_str(), &len), nullptr) << p;
     EXPECT_EQ(len, 12345u);
 }
 
@@ -123,7 +132,8 @@ TEST_F(VfsLoad, ExactNamesOtherLetterCaseAndFailures) {
                 write_file(dir / "empty", "") && write_file(dir / "other", "x"));
     const std::pair<std::string, const char *> cases[] = {
         {dir / "Smp.Piano", "piano"}, {"file://" + dir.path + "/Smp.Piano", "piano"},
-        {dir / "with space.bin", "spaced"}, {dir / "SMP.PIANO", "piano"}, {"file://" + dir.path + "/smp.piano", "piano"},
+        {dir / "with space.bin", "spaced"}, {dir / "SMP.PIANO", "piano"},
+        {"file://" + dir.path + "/smp.piano", "piano"},
         {dir / "missing", "-"}, {dir / "empty", "-"} /* opens, but has nothing to give */, {dir / "EMPTY", "-"},
         {dir / "nofolder/other", "-"}, {"relative-name", "-"} /* not convertible to a URI */, {"mem://noslash", "-"}};
     for (const auto &[path, want] : cases) EXPECT_EQ(load(path), want) << path;

@@ -57,7 +57,7 @@ FIRST_TESTS = {
     "hardware": "Paula*:Mixer*:Cia*:Bus*:Custom*:Engine*",
     "cpu": "Cpu*:Vectors*",
     "amigaos": "Hunk*:LineA*:Dos*:Support*:TestPlayers*",
-    "selection": "Epconf*:Fifteen*:ModCorrection*:Tfmx*:RealModules*:ModTag*:ModClassify*:DataTree*",
+    "selection": "Epconf*:Fifteen*:ModCorrection*:Tfmx*:RealModules*:ModTag*:ModClassify*:DataTree*:PtkRealModules*",
     "plugin": "SongDb*:Scanner*:ScanTree*:ScanStorm*:HostIo*:ModuleName*:ModuleText*:ModuleInfo*:Vfs*",
     "cli": "Cli*",
 }
@@ -211,7 +211,7 @@ def source_files():
 
 def run(cmd, cwd, timeout=None, env=None):
     try:
-        r = subprocess.run(cmd, cwd=cwd, capture_output=True, text=True, timeout=timeout, env=env)
+        r = subprocess.run(cmd, cwd=cwd, capture_output=True, text=True, errors="replace", timeout=timeout, env=env)
         return r.returncode, r.stdout + r.stderr
     except subprocess.TimeoutExpired:
         return None, "timeout"
