@@ -154,6 +154,8 @@ TEST_F(CliTest, RenderWritesWhatItWasAskedFor) {
         {{"render", "endless.envl", "--seconds", "1", "--bits", "float", "--separation", "0", "--model", "a1200",
           "--led", "on"}, "endless.wav" /* the default name */, "endless.wav", 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT,
          48000, 0, 0.01f, 0, 4},
+        {{"render", "endless.envl", "--seconds", "0.2", "--bits", "32", "-o", "f32.wav"}, "f32.wav", "f32.wav", 48000,
+         SF_FORMAT_WAV | SF_FORMAT_FLOAT, 9600, 0, 0.01f, -1, 4},
         {{"render", "five.sub", "--subsong", "3", "--seconds", "0.5", "-o", "three.wav"}, "three.wav", "subsong 3 of 5",
          48000, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 24000, 0, 0, 9, 6},
     };
@@ -245,6 +247,7 @@ TEST_F(CliTest, TextInfoNamesThePlayerAndACountFromTheDatabaseIsTaken) {
                 write_file(data + "/players/Renamed", read_file_text(test_player("Envelope"))) &&
                 write_file(work + "/x.renv", envelope_module(0, 0, 50)));
     run_result r = kelva({"info", "x.renv"});
+    EXPECT_EQ(r.out.rfind("x.renv\n  title:    ", 0), 0u) << r.out;   // the file's line comes first
     EXPECT_TRUE(contains(r.out, "  player:   Renamed (Envelope)\n")) << r.out;
     // A count of two in the database: subsongs 1 and 2.
     std::vector<uint8_t> two = envelope_module(0, 0, 50, 7);

@@ -352,6 +352,7 @@ TEST_F(Engine, MeasureEndsAtSongEndSilenceLimitOrRepetition) {
         {"EnvelopeSongEnd", envelope_module(2250, 0, 9001), 48000, 150000, 3000, -1, 150000, 3},
         {"Tone", std::vector<uint8_t>(8, 0), 48000, 5000, 1000, 1, 5000, 3},
         {"Tone", std::vector<uint8_t>(8, 0), 48000, 5000, 1000, 0, 1000, 2},
+        {"Tone", std::vector<uint8_t>(8, 0), 48000, 1, 1000, 1, 1, 3},   // the shortest limit is still one
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.player) + " " + std::to_string(c.ms));
