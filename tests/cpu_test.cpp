@@ -307,8 +307,10 @@ TEST_F(CpuDisasm, Texts) {
         {{0x4EB9, 0x0020, 0x0000}, "jsr     $200000.l"},
         {{0x4840}, "swap    d0"}, {{0x4850}, "pea     (a0)"}, {{0x57D0}, "seq     (a0)"}, {{0x49C0}, "extb.l  d0"},
         {{0x4E75}, "rts"}, {{0x4E71}, "nop"}, {{0x4240}, "clr.w   d0"}, {{0x4A90}, "tst.l   (a0)"},
+        {{0x4AD0}, "tas     (a0)"}, {{0xD250}, "add.w   (a0),d1"},
         // Instructions the processor does not execute, and words that are none.
         {{0x4800}, "nbcd    d0"}, {{0x0188, 0x0010}, "movep.w d0,16(a0)"}, {{0xE8C0, 0x0105}, "bftst   d0{4:5}"},
+        {{0xE9C0, 0x2105}, "bfextu  d0{4:5},d2"},
         {{0xF123}, "dc.w    $f123"}, {{0x7100}, "dc.w    $7100"}, {{0x4C00, 0x0000}, "dc.w    $4c00"},
     };
     for (const auto &[words, want] : cases) EXPECT_EQ(text(words), want) << std::hex << words[0];
