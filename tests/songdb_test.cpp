@@ -49,7 +49,8 @@ TEST_F(SongDb, LoadsValidLinesAndSkipsBadOnes) {
              "0000000000000001000000000000000g 6 non-hex digit\n"
              "00000000000000010000000000000003 no number\n"
              "\x01\x02\xff garbage \n"
-             "\n"
+             "\n" +
+             std::string(9000, 'x') + "\n"   // longer than a read: its pieces are skipped, the rest still loads
              "0000000000000001000000000000000A -1 upper-case hex is still hex\n");
     reopen();
     EXPECT_EQ((V{look(1, 2), look(1, 10), look(1, 3), int32_t(cache_val.size())}), (V{183000, -1, kNone, 2}));
