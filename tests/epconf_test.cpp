@@ -131,6 +131,7 @@ TEST(Fifteen, DecisionRulesInOrder) {
     mb sixty_four = mb(nullptr, 64).song(1, 120).order(0, 63);
     struct { const char *what; mb m; const char *player; } cases[] = {
         {"clean loops", st15_module(), kUst},
+        {"a note in the first cell, after the 128 orders", st15_module().w16(600, 0x0358), kUst},
         {"5", st15_cell(5, 0x11), kSt4}, {"6", st15_cell(6, 0x11), kSt4}, {"7", st15_cell(7, 0x11), kSt4},
         {"8", st15_cell(8, 0x11), kSt4}, {"9", st15_cell(9, 0x11), kSt4}, {"D00", st15_cell(13, 0x00), kPtk},
         {"D05", st15_cell(13, 0x05), kSt4},
