@@ -80,6 +80,14 @@ TEST(HostIo, SlurpReadsWholeFilesAndRefusesEmptyOrMissingOnes) {
     for (std::string p : {dir / "empty", dir / "missing", dir.path})
         EXPECT_EQ(slurp_path(p.c_str(), &len), nullptr) << p;
     EXPECT_EQ(len, 12345u);
+    // Through the URI: -1 when nothing opens (no local file behind it, or missing), 0 when empty.
+    uint8_t *got = nullptr;
+    host_ops local = host_ops_local();
+    EXPECT_EQ(local.read_uri("http://example.org/big.bin", &got, &len), -1);
+    EXPECT_EQ(local.read_uri(("file://" + dir / "missing").c_str(), &got, &len), -1);
+    EXPECT_EQ(local.read_uri(("file://" + dir / "empty").c_str(), &got, &len), 0);
+    ASSERT_EQ(local.read_uri(("file://" + dir / "big.bin").c_str(), &got, &len), 1);
+    EXPECT_EQ(take(got, len), big);
 }
 
 TEST(ModuleName, UriAndSuffixBecomeALocalFileName) {
