@@ -64,10 +64,12 @@ TEST_F(LineA, LibrariesResourcesAndMemoryTypes) {
     k->ram[0x300001] = 'o';
     EXPECT_EQ(trap(0xA002, 0, 0x300000), kDosBase);
     EXPECT_EQ(trap(0xA300, 8), kSlabStart);
-    // TypeOfMem: chip below the player base, fast below the libraries, nothing above.
+    // TypeOfMem, as a player calls it through exec's jump table (-534): chip
+    // below the player base, fast below the libraries, nothing above.
     const std::pair<uint32_t, uint32_t> types[] = {{0, 3}, {0x1FFFFF, 3}, {0x200000, 5}, {0xF7FFFF, 5}, {0xF80000, 0},
                                                    {0xFFFFFF, 0}};
-    for (auto [addr, type] : types) EXPECT_EQ(trap(0xA004, 0, addr), type) << std::hex << addr;
+    const uint16_t type_of_mem = uint16_t(read16(k, kExecBase - 534));
+    for (auto [addr, type] : types) EXPECT_EQ(trap(type_of_mem, 0, addr), type) << std::hex << addr;
 }
 
 TEST_F(LineA, InterruptsAndUnknownFunctions) {
