@@ -263,6 +263,7 @@ TEST_F(CliTest, TextInfoNamesThePlayerAndACountFromTheDatabaseIsTaken) {
     r = kelva({"render", "two.envl", "--subsong", "2", "--seconds", "0.5", "-o", "two.wav"});
     EXPECT_EQ(r.code, 0) << r.err;
     EXPECT_TRUE(contains(r.out, "subsong 2 of 2")) << r.out;
+    EXPECT_EQ(parse_json(kelva({"info", "--json", "two.envl"}).out).at(0).at("subsongs").size(), 2u);
 }
 
 // ---- scan ------------------------------------------------------------------------------
