@@ -80,6 +80,10 @@ TEST(DataTree, UserTreeFromXdgThenHome) {
     setenv("XDG_DATA_HOME", empty.path.c_str(), 1);
     EXPECT_NE(data_path_str("x"), home / ".local/share/kelva_data/x");
     EXPECT_NE(data_path_str("x"), empty / "kelva_data/x");
+    // Neither set (a daemon's environment): no per-user tree.
+    unsetenv("XDG_DATA_HOME");
+    unsetenv("HOME");
+    EXPECT_NE(data_path_str("players/P"), home / ".local/share/kelva_data/players/P");
 }
 
 // Both program-side cases in one test: the second creates the tree beside
