@@ -11,7 +11,8 @@
 TEST(ModuleText, LatinOneBecomesUtf8WithoutControlBytesOrPadding) {
     const std::pair<const char *, const char *> cases[] = {
         {"astral_trip", "astral_trip"}, {"  corpses in rain   ", "corpses in rain"},
-        {"Caf\xe9 \xa0", "Caf\xc3\xa9"} /* e acute; a no-break space trimmed */, {"x\xb0", "x\xc2\xb0"}, {"9", "9"},
+        {"Caf\xe9 \xa0", "Caf\xc3\xa9"} /* e acute; a no-break space trimmed */, {"x\xb0", "x\xc2\xb0"},
+        {"9", "9"}, {"z", "z"},
         {"\x01tit\x0dle\x7f\x9b!", "title!"} /* C0, DEL and C1 dropped */,
         // Nothing readable: garbage, so the caller falls back to the file name.
         {"", ""}, {"\x01\x02\x03\x04", ""}, {"   ---   ", ""}, {nullptr, ""}};
