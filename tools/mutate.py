@@ -4,6 +4,7 @@
 Usage:
   tools/mutate.py [--count N] [--seed S] [--jobs J] [--timeout SEC]
                   [--work DIR] [--only PATH_PREFIX] [--list] [--report FILE]
+                  [--again REPORT]
 
 Generates mutants of the product sources (engine/, hardware/, cpu/,
 amigaos/, selection/, plugin/, cli/): each is one small change of the kind a
@@ -16,7 +17,10 @@ slip of the keyboard makes -
   swap    two neighbouring statements swapped
 
 The candidate places are listed in a fixed order and N of them are drawn
-with a seeded generator, so the same seed gives the same mutants. The
+with a seeded generator, so the same seed gives the same mutants. With
+--again, the mutants of an earlier JSON report that still apply to the
+sources are tested instead (with --only, those of that path): a check that
+a change of the tests keeps killing what it killed before. The
 mutants are applied one at a time to a private copy of the source tree
 (WORK/src, refreshed from this checkout at the start; your checkout is never
 touched), which is rebuilt incrementally (kelva_tests and the kelva tool)
@@ -251,6 +255,7 @@ def main():
     ap.add_argument("--only", default="", help="mutate only files whose path starts with this")
     ap.add_argument("--list", action="store_true", help="print the drawn mutants and stop")
     ap.add_argument("--report", default="", help="also write the results as JSON here")
+    ap.add_argument("--again", default="", help="test the mutants of this JSON report again instead of drawing")
     args = ap.parse_args()
 
     every = []
@@ -259,10 +264,16 @@ def main():
             continue
         with open(os.path.join(ROOT, rel), encoding="utf-8") as f:
             every.extend(candidates(rel, f.read()))
-    rng = random.Random(args.seed)
-    drawn = sorted(rng.sample(every, min(args.count, len(every))), key=lambda c: (c[0], c[1], c[2]))
-    print("%d mutation places in %d files; %d drawn with seed %d" % (
-        len(every), len({c[0] for c in every}), len(drawn), args.seed))
+    if args.again:
+        with open(args.again, encoding="utf-8") as f:
+            wanted = {r["mutant"] for r in json.load(f)["results"]}
+        drawn = [c for c in every if describe(c) in wanted]
+        print("%d of the %d mutants of %s found again" % (len(drawn), len(wanted), args.again))
+    else:
+        rng = random.Random(args.seed)
+        drawn = sorted(rng.sample(every, min(args.count, len(every))), key=lambda c: (c[0], c[1], c[2]))
+        print("%d mutation places in %d files; %d drawn with seed %d" % (
+            len(every), len({c[0] for c in every}), len(drawn), args.seed))
     if args.list:
         for c in drawn:
             print("  " + describe(c))
