@@ -1,11 +1,9 @@
 # The reference comparison (tests/reference/compare.py): kelva's renders of the shared test modules
 # against openmpt123, xmp or stored envelopes; skips (77) without those, the shared data or the players.
-add_executable(kelva_render_wav ${CMAKE_CURRENT_LIST_DIR}/reference/kelva_render_wav.cpp)
-target_link_libraries(kelva_render_wav PRIVATE kelva_engine)
 find_package(Python3 COMPONENTS Interpreter)
 function(kelva_reference name timeout)
   add_test(NAME reference_${name}
-    COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_LIST_DIR}/reference/compare.py $<TARGET_FILE:kelva_render_wav>
+    COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_LIST_DIR}/reference/compare.py $<TARGET_FILE:kelva>
       ${KELVA_BUILD_DATA} ${KELVA_SHARED_DIR} ${CMAKE_CURRENT_BINARY_DIR}/reference_${name} ${ARGN})
   set_tests_properties(reference_${name} PROPERTIES LABELS reference SKIP_RETURN_CODE 77 TIMEOUT ${timeout})
 endfunction()

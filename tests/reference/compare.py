@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """compare.py - kelva's players against independent renderers on the shared test modules.
 
-Usage: compare.py RENDER_TOOL DATA_TREE SHARED_DIR WORK_DIR [--folders=A,B] [MODULE...]
+Usage: compare.py KELVA DATA_TREE SHARED_DIR WORK_DIR [--folders=A,B] [MODULE...]
 
 Renders the first 60 s of the modules (of the folders named, all of REFERENCE's by default, under
 SHARED_DIR/testdata/modules/, or named as folder/file) with kelva and with the reference REFERENCE
@@ -180,7 +180,7 @@ def run(cmd, env=None, timeout=900):
 
 
 def rms_envelope(path, rate=48000, block_ms=100):
-    """RMS of each 100 ms block of a float stereo WAV by kelva_render_wav, both channels together."""
+    """RMS of each 100 ms block of a float stereo WAV by kelva, both channels together."""
     with open(path, "rb") as f:
         data = f.read()
     pos = data.find(b"data") + 8
@@ -231,13 +231,19 @@ def compare_one(path, tool, tree, shared, work):
     name = os.path.relpath(path, root)
     kind, stem = reference_of(name), os.path.join(work, name.replace("/", "_").replace(" ", "_"))
     a, b, res = stem + ".kelva.wav", stem + "." + kind + ".wav", {"module": name, "ref": reference_of(name)}
-    r = run([tool, path, a, str(SECONDS)], env=dict(os.environ, KELVA_DATA=tree))
+    # As a user runs it: the length measured (into a song-length database of the module's own), then 60 s
+    # rendered, or less when the song is shorter; A500 filter, full separation, float samples.
+    env = dict(os.environ, KELVA_DATA=tree, XDG_DATA_HOME=stem + ".db")
+    info = run([tool, "info", "--json", path], env=env)
+    r = run([tool, "render", path, "-o", a, "--bits", "float", "--separation", "1", "--seconds", str(SECONDS)],
+            env=env) if info.returncode == 0 else info
+    shutil.rmtree(stem + ".db", ignore_errors=True)
     if r.returncode != 0:
         res["error"] = "kelva: " + (r.stderr.strip().splitlines() or ["failed"])[-1]
         return res
-    m = re.search(r"player=(\S+).*length_ms=(\d+) reason=(\d+) player_end_ms=(\d+)", r.stdout)
-    res.update(player=m.group(1), kelva_s=int(m.group(2)) / 1000.0, reason=int(m.group(3)),
-               end_s=int(m.group(4)) / 1000.0)
+    info = json.loads(info.stdout)[0]
+    res.update(player=info["player"], kelva_s=info["subsongs"][0]["length_ms"] / 1000.0,
+               reason=info["subsongs"][0]["reason"])
     try:
         if kind == "envelope":
             ref_env, res["ref_s"] = envelope_reference(os.path.dirname(path), os.path.basename(path))
@@ -289,8 +295,8 @@ def report(r):
                 if not ok]
     open_problems = [p for p in problems if p not in exempt]
     text = "BELOW THRESHOLD (%s)" % ",".join(open_problems) if open_problems else "known: " + why if problems else "ok"
-    print("%-40s %-20s %-8s %9.3f %6d %9.3f %9.3f %+7.3f %8.4f %s" % (
-        r["module"], r["player"], r["ref"], r["kelva_s"], r["reason"], r["end_s"], r.get("ref_s") or 0, diff,
+    print("%-40s %-20s %-8s %9.3f %-10s %9.3f %+7.3f %8.4f %s" % (
+        r["module"], r["player"], r["ref"], r["kelva_s"], r["reason"], r.get("ref_s") or 0, diff,
         r["corr"], text))
     if problems and r.get("worst"):
         print("    worst 5 s at %.1f s: %.4f; offset %d ms; level %+.2f dB" % (
@@ -317,8 +323,8 @@ def main():
     os.makedirs(work, exist_ok=True)
     with concurrent.futures.ThreadPoolExecutor(max_workers=2) as ex:
         results = list(ex.map(lambda p: compare_one(p, tool, tree, shared, work), modules))
-    print("%-40s %-20s %-8s %9s %6s %9s %9s %7s %8s %s" % (
-        "module", "player", "ref", "measured", "reason", "end_s", "ref_s", "diff_s", "env_corr", "verdict"))
+    print("%-40s %-20s %-8s %9s %-10s %9s %7s %8s %s" % (
+        "module", "player", "ref", "measured", "reason", "ref_s", "diff_s", "env_corr", "verdict"))
     failed = [r["module"] for r in results if report(r)]
     print("%d modules, %d below threshold: %s" % (len(results), len(failed), " ".join(failed) or "none"))
     return 1 if failed else 0
