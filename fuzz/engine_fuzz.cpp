@@ -1,11 +1,7 @@
-// Fuzz target: the whole engine on hostile modules, with every player file
-// of the players folder (the build tree's kelva_data/players, or the folder
-// named by KELVA_FUZZ_PLAYERS). The input picks a player by its index, or
-// names the module so that identification picks it (README.md gives the
-// layout, with the companion file served for names ending in ".nt"). The
-// module is opened, one second is rendered in the plugin's block size, it is
-// closed, opened again and its length measured with a small limit. Output
-// must stay finite and the measurement within its limit.
+// Fuzz target: the whole engine on hostile modules with the real players
+// (README.md gives the input's layout): open, one second of rendering in the
+// plugin's block size, close, open again and measure the length with a small
+// limit. Output must stay finite and the measurement within its limit.
 #include <cmath>
 
 #include "fuzz_support.h"

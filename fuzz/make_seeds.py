@@ -14,8 +14,9 @@ touched.
 import os
 import struct
 import sys
+from pathlib import Path
 
-HERE = os.path.dirname(os.path.abspath(__file__))
+HERE = Path(__file__).resolve().parent
 
 
 def be32(*v):
@@ -24,6 +25,11 @@ def be32(*v):
 
 def be16(*v):
     return struct.pack(">%dH" % len(v), *(x & 0xFFFF for x in v))
+
+
+def commands(text):
+    """(command, parameter) pairs from hex words "CCPP"."""
+    return [divmod(int(w, 16), 256) for w in text.split()]
 
 
 def at(size, *fields):
@@ -229,8 +235,7 @@ def ims_seed():
     head = b"ims seed".ljust(20, b"\0") + b"".join(
         ("ims%d" % i).encode().ljust(20, b"\0") + (be16(0, 64, 48, 16, 32) if i < 3 else bytes(10)) for i in range(31))
     head += bytes([3, 0]) + bytes([0, 1, 0]).ljust(128, b"\0") + be32(1084 + 2 * 768)
-    fx = [(0, 0x37), (3, 0x04), (4, 0x44), (0xA, 0x02), (0xC, 0x20), (0xE, 0x01), (9, 0x01), (7, 0x33),
-          (0xF, 0x04), (0xD, 0x10), (0xB, 0x02), (5, 0x01), (6, 0x10), (1, 0x03), (2, 0x03), (0xF, 0x40)]
+    fx = commands("0037 0304 0444 0a02 0c20 0e01 0901 0733 0f04 0d10 0b02 0501 0610 0103 0203 0f40")
     pats = at(2 * 768, *((p * 768 + r * 12 + c * 3,
                           bytes([[4, 13, 16, 28, 40, 52, 62, 63][(r // 4 + c + p) % 8],
                                  (1 + (r // 4 + c) % 3) << 4 | fx[(r // 4 + c) % 16][0], fx[(r // 4 + c) % 16][1]]))
@@ -241,10 +246,8 @@ def ims_seed():
 def ptm_seed(channels=4, cut=0):
     head = at(608 + 240, (0, b"ptm seed\0"), (28, b"\x1a"), (32, struct.pack("<6H", 3, 3, 2, channels, 0, 0)),
               (44, b"PTMF"), (64, bytes(c * 5 % 16 for c in range(channels))), (96, bytes([0, 1, 0] + [255] * 253)))
-    fx = [(0, 0x37), (1, 0x04), (2, 0xF2), (3, 0x08), (4, 0x44), (5, 0x02), (6, 0x20), (7, 0x33), (9, 0x01),
-          (10, 0x0F), (11, 0x01), (12, 0x30), (13, 0x10), (14, 0x62), (14, 0x60), (14, 0x93), (14, 0xC2),
-          (14, 0xD1), (14, 0xE1), (15, 0x04), (15, 0x90), (16, 0x30), (17, 0x42), (18, 0x44), (19, 0x21),
-          (20, 0x12), (21, 0x31), (22, 0x21), (23, 0)]
+    fx = commands("0037 0104 02f2 0308 0444 0502 0620 0733 0901 0a0f 0b01 0c30 0d10 0e62 0e60 0e93 0ec2 0ed1 0ee1 "
+                    "0f04 0f90 1030 1142 1244 1321 1412 1531 1621 1700")
     body = b""
     for p in range(2):   # patterns at 16-byte boundaries, cells on every third (row + channel)
         while (len(head) + len(body)) % 16:
@@ -275,9 +278,8 @@ def okt_seed(cmod=(0, 1, 0, 1), magic=b"OKTASONG", cut=0):
     lengths = [64, 64, 128, 32]
     samp = b"".join(("okt%d" % i).encode().ljust(20, b"\0") +
                     struct.pack(">IHHHH", lengths[i], 8 * (i % 2), 16 * (i % 2), 48, i % 3) for i in range(4))
-    fx = [(1, 3), (2, 5), (10, 0x23), (11, 0x12), (12, 0x34), (13, 1), (15, 1), (17, 2), (21, 2), (24, 0x20),
-          (25, 0x01), (27, 0), (28, 0x1F), (30, 1), (31, 0x30), (31, 0x44), (31, 0x52), (31, 0x63), (31, 0x74),
-          (31, 0x90), (9, 9)]
+    fx = commands("0103 0205 0a23 0b12 0c34 0d01 0f01 1102 1502 1820 1901 1b00 1c1f 1e01 1f30 1f44 1f52 1f63 1f74 "
+                    "1f90 0909")
     pats = b""
     for p, rows in enumerate((32, 16)):
         cells = at(rows * channels * 4, *((4 * (r * channels + c), bytes([[13, 1, 36, 25, 40, 0][(r + c) % 6],
@@ -297,11 +299,8 @@ def digi_seed(channels=8, packed=True, cut=0):
     head = at(1572, (0, b"DIGI Booster module\0V1.6"), (24, bytes([0x16, channels, packed])),
               (46, bytes([1, 2, 0, 1, 0])), (176, be32(128, 64, 96)), (300, be32(32, 0, 32)), (424, be32(32, 0, 32)),
               (548, bytes([48] * 3)), (579, bytes([0, 3, 0xFB])), (610, b"digi seed"))
-    fx = [(0, 0x37), (1, 0x03), (2, 0), (3, 0x08), (4, 0x44), (5, 0x02), (6, 0x20), (7, 0x11), (8, 0x10),
-          (9, 0x01), (0xA, 0x12), (0xC, 0x50), (0xE, 0x01), (0xE, 0x12), (0xE, 0x22), (0xE, 0x30), (0xE, 0x31),
-          (0xE, 0x40), (0xE, 0x50), (0xE, 0x51), (0xE, 0x60), (0xE, 0x62), (0xE, 0x81), (0xE, 0x93), (0xE, 0xA2),
-          (0xE, 0xB2), (0xE, 0xC2), (0xE, 0xD1), (0xE, 0xE1), (0xF, 0x03), (0xF, 0x40), (0xD, 0x10), (0xB, 0x02),
-          (0xF, 0)]
+    fx = commands("0037 0103 0200 0308 0444 0502 0620 0711 0810 0901 0a12 0c50 0e01 0e12 0e22 0e30 0e31 0e40 0e50 "
+                    "0e51 0e60 0e62 0e81 0e93 0ea2 0eb2 0ec2 0ed1 0ee1 0f03 0f40 0d10 0b02 0f00")
     body = b""
     for p in range(2):   # cells on every third (row + channel)
         cells = {(r, c): cell([428, 856, 113, 0, 320, 1000][(r + c) % 6], [1, 2, 3, 0, 31][(r + 2 * c) % 5],
@@ -483,10 +482,8 @@ def med_seeds():
 # ---- eagleplayer.conf and songlengths.db --------------------------------------
 
 def conf_seeds():
-    with open(os.path.join(HERE, "..", "data", "kelva_data", "eagleplayer.conf"), "rb") as f:
-        shipped = f.read()
     return {
-        "shipped": shipped,
+        "shipped": (HERE / ".." / "data" / "kelva_data" / "eagleplayer.conf").read_bytes(),
         "items": (b"A prefixes=mod,x,,y,mod.song epopt=type:pt30 epopt=type:st20\n"
                   b"B prefixes= prefixes=mod epopt=\n"
                   b"#comment\n\n\tA prefixes=tfx\n"
@@ -520,21 +517,18 @@ def main():
         sys.exit(__doc__)
     real = {}
     for root, _, files in os.walk(sys.argv[2]) if len(sys.argv) == 3 else ():
-        for fn in sorted(f for f in files if f.lower().endswith(".mod")):
-            if os.path.getsize(os.path.join(root, fn)) < 10240:
-                with open(os.path.join(root, fn), "rb") as f:
-                    real["real-" + fn.replace(" ", "_")] = f.read()
+        for path in sorted(Path(root, f) for f in files if f.lower().endswith(".mod")):
+            if path.stat().st_size < 10240:
+                real["real-" + path.name.replace(" ", "_")] = path.read_bytes()
     mods, multi = module_seeds(), multichannel_seeds()
     # Identification: as x.mod, and a few as mod.x and song.tfx.
     identify = {n: bytes([0]) + d for n, d in mods.items()}
     for n in ("mk-effects", "st15-ust", "tfmx-7v", "tfhd-2"):
         identify.update({n + "-prefix": bytes([1]) + mods[n], n + "-tfx": bytes([5]) + mods[n]})
-    # Engine: byte 0 picks a player by its index in the tree's name order.
-    # These seeds were written when the tree held PTK-Prowiz (0),
-    # Soundtracker-IV (1) and UltimateSoundtracker (2), 3 letting
-    # identification choose; players added since shift the indices (the
-    # inputs stay valid, they only reach other players). Seeds of later
-    # formats name their module, so that identification picks their player.
+    # Engine: byte 0 picks a player by its index in the tree's name order;
+    # these were written for a tree of PTK-Prowiz, Soundtracker-IV and
+    # UltimateSoundtracker (3: identification chooses). Later formats name
+    # their module, so that identification picks their player.
     engine = {n: bytes([3, 0]) + d for n, d in {**mods, **real}.items() if not n.startswith("tf")}
     engine.update({"mk-effects-ptk": bytes([0, 1]) + mods["mk-effects"],
                    "mk-effects-st4": bytes([1, 0]) + mods["mk-effects"],
@@ -563,10 +557,9 @@ def main():
             engine["med-%s-%d" % (name, sub)] = named("song." + ("med" if name[:3] == "med" else name[:4]), data, sub)
     for target, seeds in (("hunk", hunk_seeds()), ("classify", {**mods, **real, **multi}), ("identify", identify),
                           ("engine", engine), ("epconf", conf_seeds()), ("songdb", db_seeds())):
-        os.makedirs(os.path.join(HERE, "corpus", target), exist_ok=True)
+        (HERE / "corpus" / target).mkdir(parents=True, exist_ok=True)
         for name, data in seeds.items():
-            with open(os.path.join(HERE, "corpus", target, "seed-" + name), "wb") as f:
-                f.write(data)
+            (HERE / "corpus" / target / ("seed-" + name)).write_bytes(data)
 
 
 if __name__ == "__main__":
