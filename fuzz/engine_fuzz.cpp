@@ -3,6 +3,7 @@
 // plugin's block size, close, open again and measure the length with a small
 // limit. Output must stay finite and the measurement within its limit.
 #include <cmath>
+#include <map>
 
 #include "fuzz_support.h"
 
@@ -12,11 +13,7 @@ constexpr int32_t kRate = 48000;
 constexpr int32_t kBlock = 4096;
 constexpr int32_t kMeasureMs = 1000;
 
-struct player_file {
-    std::string path;
-    std::vector<uint8_t> bytes;
-};
-std::vector<player_file> players;
+std::map<std::string, std::vector<uint8_t>> players;   // by path, in name order
 
 }  // namespace
 
@@ -28,10 +25,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 #endif
     std::vector<std::string> names;
     if (dir) fuzz::list_folder(dir, &names);
-    for (const std::string &p : names) {
-        player_file f{p, {}};
-        if (fuzz::read_file(p, &f.bytes) && !f.bytes.empty()) players.push_back(std::move(f));
-    }
+    for (const std::string &p : names)
+        if (!fuzz::read_file(p, &players[p]) || players[p].empty()) players.erase(p);
     if (players.empty()) {
         fprintf(stderr, "engine fuzz: no players found in %s (build them, or set KELVA_FUZZ_PLAYERS)\n",
                 dir ? dir : "(no folder)");
@@ -44,37 +39,39 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > (1u << 20)) return 0;
     kelva *k = fuzz::engine();
-    fuzz::input in{data, size};
-    uint8_t first = in.byte();
+    auto byte = [&]() -> uint8_t { return size ? (size--, *data++) : 0; };   // 0 past the end
+    uint8_t first = byte();
     uint32_t choice = first % uint32_t(players.size() + 1);
-    int32_t subsong = in.byte() % 4;
+    int32_t subsong = byte() % 4;
     std::string module_path = "/fuzz/fuzz.mod";
     fuzz::memory_file companion{nullptr, 0, ".nt"};
     if (first == 0xFF || first == 0xFE) {   // named module, 0xFE with a companion file
         std::string name;
-        for (uint8_t c; in.size > 0 && name.size() < 63 && (c = in.byte()) != 0;)
+        for (uint8_t c; size > 0 && name.size() < 63 && (c = byte()) != 0;)
             name.push_back(c == '/' ? '_' : char(c));
         module_path = "/fuzz/" + name;
         choice = uint32_t(players.size());
         if (first == 0xFE) {
             uint32_t n = 0;
-            for (int i = 0; i < 4; i++) n = n << 8 | in.byte();
-            companion = {in.data, std::min<size_t>(n, in.size), ".nt"};
-            in.data += companion.size;
-            in.size -= companion.size;
+            for (int i = 0; i < 4; i++) n = n << 8 | byte();
+            companion = {data, std::min<size_t>(n, size), ".nt"};
+            data += companion.size;
+            size -= companion.size;
         }
     }
     kelva_set_file_loader(k, first == 0xFE ? fuzz::memory_file_loader : nullptr, &companion);
-    uint32_t len = uint32_t(in.size);
+    uint32_t len = uint32_t(size);
 
-    const player_file *player = choice < players.size() ? &players[choice] : nullptr;
+    auto player = players.end();
     char path[4096];
-    if (!player && kelva_identify(module_path.c_str(), in.data, len, path, sizeof path))
-        for (const player_file &p : players)
-            if (p.path == path) player = &p;
-    if (!player) return 0;   // not identified, or a configured player outside the fuzzed set
+    if (choice < players.size())
+        player = std::next(players.begin(), choice);
+    else if (kelva_identify(module_path.c_str(), data, len, path, sizeof path))
+        player = players.find(path);   // end(): a configured player outside the fuzzed set
+    if (player == players.end()) return 0;
+    const std::vector<uint8_t> &code = player->second;
     auto open = [&] {
-        return kelva_open(k, player->bytes.data(), uint32_t(player->bytes.size()), in.data, len, player->path.c_str(),
+        return kelva_open(k, code.data(), uint32_t(code.size()), data, len, player->first.c_str(),
                           module_path.c_str(), subsong) == 0;
     };
     if (open()) {

@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > (1u << 20)) return 0;
-    FUZZ_CHECK(fuzz::write_file(fuzz::tree_dir() + "/eagleplayer.conf", data, size));
+    FUZZ_CHECK(fuzz::write_file(fuzz::tree_dir + "/eagleplayer.conf", data, size));
     char out[4096];
     for (unsigned i = 0; i < fuzz::kModuleNameCount; i++) {
         const char *name = fuzz::kModuleNames[i];
@@ -40,6 +40,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     // Option lookup for players the configuration may name.
     for (const char *p : {"PTK-Prowiz", "A", "B"})
-        check_options((fuzz::tree_dir() + "/players/" + p).c_str(), "tune.mod", mk_module, sizeof mk_module);
+        check_options((fuzz::tree_dir + "/players/" + p).c_str(), "tune.mod", mk_module, sizeof mk_module);
     return 0;
 }

@@ -102,41 +102,25 @@ inline const char *const kModuleNames[] = {
     "a.st4", "b.m15", "c.mmd0", "unknown.xyz", ".mod", "mod.", "", "dir/", "x.tfmxpro", "x.adsc"};
 constexpr unsigned kModuleNameCount = sizeof kModuleNames / sizeof kModuleNames[0];
 
-inline std::string &tree_dir() {
-    static std::string dir;
-    return dir;
-}
+inline std::string tree_dir;
 
 // Creates a data tree in a temporary folder with kFixedConf and a small file
 // for every player it names but NoFile (so that every content check may
 // propose its player), points KELVA_DATA at it and removes it at exit.
-inline const std::string &make_tree() {
+inline void make_tree() {
     char tmpl[] = "/tmp/kelva-fuzz-XXXXXX";
     FUZZ_CHECK(mkdtemp(tmpl) != nullptr);
-    tree_dir() = tmpl;
-    std::filesystem::create_directories(tree_dir() + "/players/ENV");
-    FUZZ_CHECK(write_file(tree_dir() + "/eagleplayer.conf", kFixedConf, strlen(kFixedConf)));
+    tree_dir = tmpl;
+    std::filesystem::create_directories(tree_dir + "/players/ENV");
+    FUZZ_CHECK(write_file(tree_dir + "/eagleplayer.conf", kFixedConf, strlen(kFixedConf)));
     for (const char *p : {"PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV", "AudioSculpture", "TFMX",
                           "TFMX-Pro", "TFMX-7V", "TFMX-TFHD", "TFMX-Pro-TFHD", "TFMX-7V-TFHD", "MED", "A", "B"})
-        FUZZ_CHECK(write_file(tree_dir() + "/players/" + p, "player", 6));
-    setenv("KELVA_DATA", tree_dir().c_str(), 1);
+        FUZZ_CHECK(write_file(tree_dir + "/players/" + p, "player", 6));
+    setenv("KELVA_DATA", tree_dir.c_str(), 1);
     atexit([] {
         std::error_code ec;
-        std::filesystem::remove_all(tree_dir(), ec);
+        std::filesystem::remove_all(tree_dir, ec);
     });
-    return tree_dir();
 }
-
-// A strictly bounded reader over the fuzzer's input for targets that split
-// it into several fields.
-struct input {
-    const uint8_t *data;
-    size_t size;
-    uint8_t byte() {
-        if (size == 0) return 0;
-        --size;
-        return *data++;
-    }
-};
 
 }  // namespace fuzz

@@ -12,21 +12,22 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > (4u << 20)) return 0;
-    fuzz::input in{data, size};
-    uint8_t sel = in.byte();
+    uint8_t sel = size ? data[0] : 0;
+    const uint8_t *module = size ? data + 1 : data;
+    uint32_t len = uint32_t(size ? size - 1 : 0);
     const char *name = fuzz::kModuleNames[sel % fuzz::kModuleNameCount];
     // Mostly a roomy buffer, sometimes one too small for the player's path.
     uint32_t capacity = (sel & 0x80) ? 1 + (sel & 0x3F) : 4096;
 
     char out[4096];
     memset(out, 'Z', sizeof out);
-    if (!kelva_identify(name, in.data, uint32_t(in.size), out, capacity)) {
+    if (!kelva_identify(name, module, len, out, capacity)) {
         FUZZ_CHECK(out[0] == 'Z');   // left alone on failure
         return 0;
     }
     FUZZ_CHECK(memchr(out, '\0', capacity) != nullptr);
     kelva *k = fuzz::engine();
-    epconf_resolve_epopt(k, out, name, in.data, uint32_t(in.size));
+    epconf_resolve_epopt(k, out, name, module, len);
     FUZZ_CHECK(memchr(k->epopt, '\0', sizeof k->epopt) != nullptr);
     FUZZ_CHECK(kelva_get_format_name(k) != nullptr);
     return 0;

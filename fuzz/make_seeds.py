@@ -379,14 +379,13 @@ def mmd(version, songs, insts):
 
     headers, exps = [], []
     for si, (blocks, seq, tempo, tempo2, flags, flags2) in enumerate(songs):
-        h = add((b"MCN" if si else b"MMD") + bytes([48 + version]), 52)
+        h = add(at(52, (0, (b"MCN" if si else b"MMD") + bytes([48 + version])), (51, bytes([len(songs) - 1]))))
         headers.append(h)
-        out[h + 51] = len(songs) - 1
-        sg = add(b"".join(be16(i[2], i[3]) + bytes([0, 0, 48, 0]) for i in insts), 788)
+        track_vols = [64] * 16 if version < 2 else []   # MMD2 and later: in the section table
+        sg = add(at(788, (0, b"".join(be16(i[2], i[3]) + bytes([0, 0, 48, 0]) for i in insts)),
+                    (504, be16(len(blocks))), (764, be16(tempo) + bytes([0, flags, flags2, tempo2] + track_vols)),
+                    (786, bytes([64, len(insts)]))))
         put(h + 8, be32(sg))
-        put(sg + 504, be16(len(blocks)))
-        put(sg + 764, be16(tempo) + bytes([0, flags, flags2, tempo2]))
-        put(sg + 786, bytes([64, len(insts)]))
         offs, size, skip = [], 3 + (version > 0), 2 + 6 * (version > 0)
         for tracks, lines, cells in blocks:
             b = add(be16(tracks, lines - 1) if version else bytes([tracks, lines - 1]), skip + tracks * lines * size)
@@ -397,7 +396,6 @@ def mmd(version, songs, insts):
         put(h + 16, be32(add(be32(*offs))))
         if version < 2:
             put(sg + 506, be16(len(seq)) + bytes(seq))
-            put(sg + 770, bytes([64] * 16))
         else:   # a play sequence and a section table, track volumes and pans
             ps = add(bytes(40) + be16(len(seq), *seq))
             tbl = add(be32(ps) + bytes(2) + bytes([64] * 16) + bytes([0xF0, 0x10, 0, 8] * 4))

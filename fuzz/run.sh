@@ -1,11 +1,8 @@
 #!/usr/bin/env bash
 # Runs every libFuzzer target of a build (or the ones named) for a fixed time
-# each, one after the other, from the committed corpus; new inputs go to
-# WORK_DIR/<target>, findings to WORK_DIR/artifacts/<target>-* and make the
-# script fail after the other targets have run (README.md, "Running").
-# Exits 77 when the build holds no libFuzzer programs.
-#
-#   fuzz/run.sh BUILD_DIR SECONDS_PER_TARGET [WORK_DIR] [TARGET...]
+# each from the committed corpus (README.md, "Running"); any finding fails it
+# after the other targets have run; exits 77 when the build holds no libFuzzer
+# programs.  Usage: fuzz/run.sh BUILD_DIR SECONDS_PER_TARGET [WORK_DIR] [TARGET...]
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 build=${1:?usage: run.sh BUILD_DIR SECONDS [WORK_DIR] [TARGET...]}
@@ -34,7 +31,7 @@ for t in "${targets[@]}"; do
     -rss_limit_mb=2048 -close_fd_mask=3 -dict="$here/kelva.dict" -artifact_prefix="$work/artifacts/$t-" \
     -print_final_stats=1 "$work/$t" "$here/corpus/$t" "${extra[@]}" > "$work/$t.log" 2>&1
   rc=$?
-  grep -E '^#[0-9]+[[:space:]]+(INITED|DONE)|^stat::(number_of_executed_units|average_exec_per_sec|peak_rss_mb)' "$work/$t.log"
+  grep -E '^#[0-9]+\s+(INITED|DONE)|^stat::(number_of_executed_units|average_exec_per_sec|peak_rss_mb)' "$work/$t.log"
   if [ $rc -ne 0 ]; then
     echo "fuzz $t: FINDING (exit $rc); log $work/$t.log; reproducer in $work/artifacts/"
     grep -m20 -E 'ERROR|SUMMARY|fuzz check failed|Test unit written' "$work/$t.log"

@@ -7,8 +7,6 @@
 
 namespace {
 
-std::string db_file;
-
 void check_and_clear() {
     std::map<cache_key, int32_t> copy;
     {
@@ -26,8 +24,8 @@ void check_and_clear() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    setenv("XDG_DATA_HOME", fuzz::make_tree().c_str(), 1);
-    db_file = fuzz::tree_dir() + "/kelva/songlengths.db";
+    fuzz::make_tree();
+    setenv("XDG_DATA_HOME", fuzz::tree_dir.c_str(), 1);
     return 0;
 }
 
@@ -45,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     db_open();
     db_close();
     std::string text = std::string(kDbHeader) + "\n" + std::string(reinterpret_cast<const char *>(data), size);
-    FUZZ_CHECK(fuzz::write_file(db_file, text.data(), text.size()));
+    FUZZ_CHECK(fuzz::write_file(fuzz::tree_dir + "/kelva/songlengths.db", text.data(), text.size()));
     db_open();
     db_close();
     check_and_clear();
