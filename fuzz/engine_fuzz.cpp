@@ -23,9 +23,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     setenv("KELVA_DATA", KELVA_FUZZ_DATA, 0);   // the real eagleplayer.conf, unless given
     if (!dir) dir = KELVA_FUZZ_DATA "/players";
 #endif
-    std::vector<std::string> names;
-    if (dir) fuzz::list_folder(dir, &names);
-    for (const std::string &p : names)
+    for (const std::string &p : fuzz::list_folder(dir ? dir : ""))
         if (!fuzz::read_file(p, &players[p]) || players[p].empty()) players.erase(p);
     if (players.empty()) {
         fprintf(stderr, "engine fuzz: no players found in %s (build them, or set KELVA_FUZZ_PLAYERS)\n",

@@ -1,8 +1,6 @@
-// Helpers shared by the fuzz targets and the regression runner: the engine
-// they run on, files read from disk and served from memory, a private data
-// tree with a fixed configuration (found through KELVA_DATA), and a check that
-// stops the program when an invariant is broken, so that libFuzzer records
-// the input.
+// Helpers shared by the fuzz targets and the regression runner: the engine, files on disk and in
+// memory, a private data tree, and a check that aborts on a broken invariant so that libFuzzer
+// records the input.
 #pragma once
 
 #include <strings.h>
@@ -53,15 +51,14 @@ inline bool write_file(const std::string &path, const void *data, size_t size) {
     return !f.fail();
 }
 
-// Appends the regular files of a folder, sorted; names beginning with "."
-// are left out.
-inline void list_folder(const std::string &dir, std::vector<std::string> *out) {
+// The regular files of a folder, sorted; names beginning with "." are left out.
+inline std::vector<std::string> list_folder(const std::string &dir) {
     std::vector<std::string> names;
     std::error_code ec;
     for (const auto &e : std::filesystem::directory_iterator(dir, ec))
         if (e.is_regular_file() && e.path().filename().string()[0] != '.') names.push_back(e.path().string());
     std::sort(names.begin(), names.end());
-    out->insert(out->end(), names.begin(), names.end());
+    return names;
 }
 
 // A file served from memory through the engine's file loader (`user`): for
@@ -100,7 +97,7 @@ inline const char kFixedConf[] =
 inline const char *const kModuleNames[] = {
     "x.mod", "mod.x", "/music/Tune.MOD", "file:///music/a%20b.mod", "mdat.song", "song.tfx",
     "a.st4", "b.m15", "c.mmd0", "unknown.xyz", ".mod", "mod.", "", "dir/", "x.tfmxpro", "x.adsc"};
-constexpr unsigned kModuleNameCount = sizeof kModuleNames / sizeof kModuleNames[0];
+constexpr unsigned kModuleNameCount = std::size(kModuleNames);
 
 inline std::string tree_dir;
 

@@ -3,13 +3,10 @@
 
 Usage: make_seeds.py [--modules DIR]
 
-Seeds are small files made here: hunk executables exercising every hunk and
-sub-tag kind, ProTracker-layout modules of each tag and classification
-branch, TFMX headers, a song of every other player's format whose cells use
-every command, configurations and database files. With --modules, the small
-modules of DIR (.mod files under 10 KB) join the engine and classification
-seeds. Reproducers (crash-*/timeout-*/slow-*) and merged inputs are not
-touched.
+Hunk executables of every hunk and sub-tag kind, ProTracker-layout modules of each tag and
+classification branch, TFMX headers, a song of every other player's format whose cells use every
+command, configurations and database files. With --modules, the small .mod files of DIR (under
+10 KB) join the engine and classification seeds. Reproducers and merged inputs are not touched.
 """
 import os
 import struct
@@ -151,9 +148,8 @@ def module_seeds():
 
 
 def multichannel_seeds():
-    """Modules mixed in software (notes on every channel, instrument swaps,
-    retriggers, offsets, a tempo), FLT8 pattern pairs, fewer than four
-    channels and His Master's Noise synth sounds."""
+    """Modules mixed in software (notes on every channel, instrument swaps, retriggers, offsets, a
+    tempo), FLT8 pattern pairs, fewer than four channels and His Master's Noise synth sounds."""
     s = [looped(i) for i in range(3)] + [sample_header("shot", 64, 64, 0, 1)]
     fx = {(0, 0): (0xF, 0x7D), (4, 5): (0x9, 0x01), (8, 6): (0xE, 0x93), (12, 7): (0x3, 0x10),
           (16, 1): (0x0, 0x37), (20, 4): (0xC, 0x20), (24, 9): (0xE, 0xD2), (62, 11): (0xD, 0x00)}
@@ -181,11 +177,8 @@ def multichannel_seeds():
 
 
 def am_seeds():
-    """AudioSculpture: FLT4 modules with AM instruments (empty headers with a
-    volume), each waveform, period fall both ways, vibrato, FQ, tone
-    portamento and volume commands on AM notes, with a companion .nt file
-    (the identification, then 120-byte records from offset 144): whole, cut
-    short, wrongly identified and missing."""
+    """AudioSculpture: FLT4 modules whose AM instruments (empty headers with a volume) use every waveform and
+    command, with their .nt file (120-byte records from 144): whole, cut short, wrongly identified, missing."""
     s = [sample_header("am", 0, 64, 0, 1) for _ in range(5)] + [looped(5)]
     fx = {(0, 0): (0xF, 0x03), (4, 1): (0x3, 0x10), (8, 2): (0xC, 0x10), (12, 3): (0xA, 0x0F),
           (16, 0): (0x4, 0x33)}
@@ -267,9 +260,8 @@ def ptm_seed(channels=4, cut=0):
 # ---- Oktalyzer and DIGI Booster -------------------------------------------------
 
 def okt_seed(cmod=(0, 1, 0, 1), magic=b"OKTASONG", cut=0):
-    """An Oktalyzer song: samples of every mode (looping and not), two
-    patterns whose cells use every effect, notes past B-3 and samples that
-    do not exist."""
+    """An Oktalyzer song: samples of every mode (looping and not), two patterns whose cells use
+    every effect, notes past B-3 and samples that do not exist."""
     channels = 4 + sum(1 for f in cmod if f)
 
     def chunk(name, data):
@@ -503,9 +495,8 @@ def db_seeds():
 
 
 def named(file_name, module, subsong=0, companion=None):
-    """An engine input that names its module (0xFF), so that identification
-    picks the player whatever players the tree holds; with a companion
-    (0xFE), also the file the player finds under the module's name + ".nt"."""
+    """An engine input naming its module (0xFF), so that identification picks the player; with a
+    companion (0xFE), also the file the player finds under the module's name + ".nt"."""
     name = bytes([0xFF if companion is None else 0xFE, subsong]) + file_name.encode("latin-1") + b"\0"
     return name + (b"" if companion is None else be32(len(companion)) + companion) + module
 
@@ -536,15 +527,14 @@ def main():
     engine.update({
         "sfx13": named("SFX.seed", sfx_seed()), "sfx20": named("seed.sfx", sfx_seed(True)),
         "gmc": named("gmc.seed", gmc_seed()), "ims": named("seed.ims", ims_seed()),
-        "ims-st": named("seed.st", ims_seed()),
-        "ptm": named("seed.ptm", ptm_seed()), "ptm-9ch": named("seed.ptm", ptm_seed(9)),
-        "ptm-cut": named("seed.ptm", ptm_seed(32, 600)), "okt-6ch": named("seed.okt", okt_seed()),
-        "okt-8ch": named("OKT.seed", okt_seed((1, 1, 1, 1))), "okt-4ch": named("seed.okta", okt_seed((0, 0, 0, 0))),
-        "okt-cut": named("seed.okt", okt_seed(cut=700)),
-        "okt2": named("seed.okt2", okt_seed((1, 0, 0, 1), b"OKTASNG2")),
-        "digi-8ch": named("seed.digi", digi_seed()), "digi-3ch-unpacked": named("seed.digi", digi_seed(3, False)),
-        "digi-cut": named("seed.digi", digi_seed(5, True, 200)),
-        "ahx1": named("seed.ahx", synth_song(False)), "ahx0-sub2": named("AHX.seed", synth_song(False, 4, 0, 2), 2),
+        "ims-st": named("seed.st", ims_seed()), "ptm": named("seed.ptm", ptm_seed()),
+        "ptm-9ch": named("seed.ptm", ptm_seed(9)), "ptm-cut": named("seed.ptm", ptm_seed(32, 600)),
+        "okt-6ch": named("seed.okt", okt_seed()), "okt-8ch": named("OKT.seed", okt_seed((1, 1, 1, 1))),
+        "okt-4ch": named("seed.okta", okt_seed((0, 0, 0, 0))), "okt-cut": named("seed.okt", okt_seed(cut=700)),
+        "okt2": named("seed.okt2", okt_seed((1, 0, 0, 1), b"OKTASNG2")), "digi-8ch": named("seed.digi", digi_seed()),
+        "digi-3ch-unpacked": named("seed.digi", digi_seed(3, False)),
+        "digi-cut": named("seed.digi", digi_seed(5, True, 200)), "ahx1": named("seed.ahx", synth_song(False)),
+        "ahx0-sub2": named("AHX.seed", synth_song(False, 4, 0, 2), 2),
         "hvl-6ch": named("seed.hvl", synth_song(True, 6, stereo=0)),
         "hvl-16ch-sub1": named("seed.hvl", synth_song(True, 16, speed_mult=4), 1),
         "hvl-4ch": named("seed.hvl", synth_song(True, 4, 0))})

@@ -13,10 +13,9 @@ int main(int argc, char **argv) {
     for (int i = 1; i < argc; i++) {
         if (argv[i][0] == '\0' || argv[i][0] == '-') continue;   // libFuzzer-style flags are ignored
         std::error_code ec;
-        if (std::filesystem::is_directory(argv[i], ec))
-            fuzz::list_folder(argv[i], &inputs);
-        else
-            inputs.push_back(argv[i]);
+        std::vector<std::string> found = fuzz::list_folder(argv[i]);
+        if (!std::filesystem::is_directory(argv[i], ec)) found = {argv[i]};
+        inputs.insert(inputs.end(), found.begin(), found.end());
     }
     if (inputs.empty()) {
         fprintf(stderr, "fuzz runner: no inputs (usage: %s FILE|FOLDER...)\n", argv[0]);
