@@ -45,8 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz::memory_file companion{nullptr, 0, ".nt"};
     if (first == 0xFF || first == 0xFE) {   // named module, 0xFE with a companion file
         std::string name;
-        for (uint8_t c; size > 0 && name.size() < 63 && (c = byte()) != 0;)
-            name.push_back(c == '/' ? '_' : char(c));
+        for (uint8_t c; size > 0 && name.size() < 63 && (c = byte()) != 0;) name.push_back(c == '/' ? '_' : char(c));
         module_path = "/fuzz/" + name;
         choice = uint32_t(players.size());
         if (first == 0xFE) {
@@ -69,8 +68,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (player == players.end()) return 0;
     const std::vector<uint8_t> &code = player->second;
     auto open = [&] {
-        return kelva_open(k, code.data(), uint32_t(code.size()), data, len, player->first.c_str(),
-                          module_path.c_str(), subsong) == 0;
+        return kelva_open(k, code.data(), uint32_t(code.size()), data, len, player->first.c_str(), module_path.c_str(),
+                          subsong) == 0;
     };
     if (open()) {
         for (auto get_name : {kelva_get_player_name, kelva_get_module_name, kelva_get_author_name}) {

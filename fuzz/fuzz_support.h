@@ -110,8 +110,8 @@ inline void make_tree() {
     tree_dir = tmpl;
     std::filesystem::create_directories(tree_dir + "/players/ENV");
     FUZZ_CHECK(write_file(tree_dir + "/eagleplayer.conf", kFixedConf, strlen(kFixedConf)));
-    for (const char *p : {"PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV", "AudioSculpture", "TFMX",
-                          "TFMX-Pro", "TFMX-7V", "TFMX-TFHD", "TFMX-Pro-TFHD", "TFMX-7V-TFHD", "MED", "A", "B"})
+    for (const char *p : {"PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV", "AudioSculpture", "TFMX", "TFMX-Pro",
+                          "TFMX-7V", "TFMX-TFHD", "TFMX-Pro-TFHD", "TFMX-7V-TFHD", "MED", "A", "B"})
         FUZZ_CHECK(write_file(tree_dir + "/players/" + p, "player", 6));
     setenv("KELVA_DATA", tree_dir.c_str(), 1);
     atexit([] {
