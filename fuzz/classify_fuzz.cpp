@@ -14,13 +14,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     int kind = mod31_classify(data, len);
     FUZZ_CHECK(kind >= MOD31_PROTRACKER && kind <= MOD31_COMP);
     if (len < 1084) FUZZ_CHECK(!tagged && kind == 0);
-
-    if (len >= 2652) {
-        const char *st15 = st15_choose_player(data, len);
-        if (st15) FUZZ_CHECK(st15[0] != '\0');
-    }
+    const char *st15 = len >= 2652 ? st15_choose_player(data, len) : nullptr;
+    FUZZ_CHECK(!st15 || st15[0] != '\0');
     const char *tfmx = tfmx_choose_player(data, len);
-    if (tfmx) FUZZ_CHECK(tfmx[0] == 'T');
+    FUZZ_CHECK(!tfmx || tfmx[0] == 'T');
 
     // Pattern tallies from the offsets the checks use, and from one taken
     // from the input itself.

@@ -1,64 +1,64 @@
-// Helpers shared by the fuzz targets and the regression runner: a private
-// data tree in a temporary folder (found through KELVA_DATA), files read from
-// disk and served from memory, and a check that stops the program when an
-// invariant is broken, so that libFuzzer records the input.
+// Helpers shared by the fuzz targets and the regression runner: the engine, files on disk and in
+// memory, a private data tree, and a check that aborts on a broken invariant so that libFuzzer
+// records the input.
 #pragma once
 
-#include <dirent.h>
 #include <strings.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
-// Aborts with a message: the fuzzer saves the input as a crash.
-#define FUZZ_CHECK(cond)                                                          \
-    do {                                                                          \
-        if (!(cond)) {                                                            \
+#include "engine/engine.h"
+
+#define FUZZ_CHECK(cond)                                                                   \
+    do {                                                                                   \
+        if (!(cond)) {                                                                     \
             fprintf(stderr, "fuzz check failed: %s (%s:%d)\n", #cond, __FILE__, __LINE__); \
-            abort();                                                              \
-        }                                                                         \
+            abort();                                                                       \
+        }                                                                                  \
     } while (0)
 
 namespace fuzz {
 
-inline std::string &tree_dir() {
-    static std::string dir;
-    return dir;
+// One engine at 48 kHz, created on first use.
+inline kelva *engine() {
+    static kelva *k = [] {
+        kelva_global_init();
+        return kelva_create(48000);
+    }();
+    FUZZ_CHECK(k != nullptr);
+    return k;
 }
 
 inline bool read_file(const std::string &path, std::vector<uint8_t> *out) {
-    FILE *f = fopen(path.c_str(), "rb");
-    if (!f) return false;
-    out->clear();
-    uint8_t buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0) out->insert(out->end(), buf, buf + n);
-    bool ok = !ferror(f);
-    fclose(f);
-    return ok;
+    std::ifstream f(path, std::ios::binary);
+    out->assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+    return f.is_open() && !f.bad();
 }
 
-// Appends the regular files of a folder, sorted; names beginning with "."
-// are left out.
-inline void list_folder(const std::string &dir, std::vector<std::string> *out) {
-    DIR *d = opendir(dir.c_str());
-    if (!d) return;
+inline bool write_file(const std::string &path, const void *data, size_t size) {
+    std::ofstream f(path, std::ios::binary);
+    f.write(static_cast<const char *>(data), std::streamsize(size));
+    f.close();
+    return !f.fail();
+}
+
+// The regular files of a folder, sorted; names beginning with "." are left out.
+inline std::vector<std::string> list_folder(const std::string &dir) {
     std::vector<std::string> names;
-    while (dirent *e = readdir(d)) {
-        std::string p = dir + "/" + e->d_name;
-        struct stat st;
-        if (e->d_name[0] != '.' && stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode)) names.push_back(p);
-    }
-    closedir(d);
+    std::error_code ec;
+    for (const auto &e : std::filesystem::directory_iterator(dir, ec))
+        if (e.is_regular_file() && e.path().filename().string()[0] != '.') names.push_back(e.path().string());
     std::sort(names.begin(), names.end());
-    out->insert(out->end(), names.begin(), names.end());
+    return names;
 }
 
 // A file served from memory through the engine's file loader (`user`): for
@@ -80,51 +80,44 @@ inline int memory_file_loader(void *user, const char *path, uint8_t **out, uint3
     return 1;
 }
 
-inline bool write_file(const std::string &path, const void *data, size_t size) {
-    FILE *f = fopen(path.c_str(), "wb");
-    if (!f) return false;
-    bool ok = fwrite(data, 1, size, f) == size;
-    return fclose(f) == 0 && ok;
-}
+// The configuration of the identification targets, in the style of the
+// shipped one, and the module names they try: extension and prefix forms,
+// upper case, URIs and names that match nothing.
+inline const char kFixedConf[] =
+    "# fixed configuration of the identification fuzz targets\n"
+    "PTK-Prowiz prefixes=mod,mod15,m15,st,nst,stk,ptk epopt=type:pt30\n"
+    "UltimateSoundtracker prefixes=ust,mod15 epopt=type:st20\n"
+    "Soundtracker-IV prefixes=st4\n"
+    "AudioSculpture prefixes=adsc,as\n"
+    "TFMX prefixes=mdat,tfx,tfm\n"
+    "TFMX-Pro prefixes=tfmxpro\n"
+    "MED prefixes=med,mmd0,mmd1 epopt=unused\n"
+    "  indented prefixes=never\n"
+    "NoFile prefixes=nofile\n";
+inline const char *const kModuleNames[] = {
+    "x.mod", "mod.x", "/music/Tune.MOD", "file:///music/a%20b.mod", "mdat.song", "song.tfx",
+    "a.st4", "b.m15", "c.mmd0", "unknown.xyz", ".mod", "mod.", "", "dir/", "x.tfmxpro", "x.adsc"};
+constexpr unsigned kModuleNameCount = std::size(kModuleNames);
 
-inline void remove_tree() {
-    if (tree_dir().empty()) return;
-    std::string cmd = "rm -rf '" + tree_dir() + "'";
-    if (system(cmd.c_str()) != 0) fprintf(stderr, "fuzz: could not remove %s\n", tree_dir().c_str());
-}
+inline std::string tree_dir;
 
-// Creates a data tree with the given eagleplayer.conf and a small file for
-// each named player (null-terminated list), points KELVA_DATA at it and
-// removes it at exit. Returns the tree's folder.
-inline const std::string &make_tree(const char *conf, const char *const *players) {
+// Creates a data tree in a temporary folder with kFixedConf and a small file
+// for every player it names but NoFile (so that every content check may
+// propose its player), points KELVA_DATA at it and removes it at exit.
+inline void make_tree() {
     char tmpl[] = "/tmp/kelva-fuzz-XXXXXX";
-    if (!mkdtemp(tmpl)) {
-        perror("fuzz: mkdtemp");
-        abort();
-    }
-    tree_dir() = tmpl;
-    mkdir((tree_dir() + "/players").c_str(), 0755);
-    mkdir((tree_dir() + "/players/ENV").c_str(), 0755);
-    std::string c = conf;
-    if (!write_file(tree_dir() + "/eagleplayer.conf", c.data(), c.size())) abort();
-    for (const char *const *p = players; *p; ++p)
-        if (!write_file(tree_dir() + "/players/" + *p, "player", 6)) abort();
-    setenv("KELVA_DATA", tree_dir().c_str(), 1);
-    atexit(remove_tree);
-    return tree_dir();
+    FUZZ_CHECK(mkdtemp(tmpl) != nullptr);
+    tree_dir = tmpl;
+    std::filesystem::create_directories(tree_dir + "/players/ENV");
+    FUZZ_CHECK(write_file(tree_dir + "/eagleplayer.conf", kFixedConf, strlen(kFixedConf)));
+    for (const char *p : {"PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV", "AudioSculpture", "TFMX", "TFMX-Pro",
+                          "TFMX-7V", "TFMX-TFHD", "TFMX-Pro-TFHD", "TFMX-7V-TFHD", "MED", "A", "B"})
+        FUZZ_CHECK(write_file(tree_dir + "/players/" + p, "player", 6));
+    setenv("KELVA_DATA", tree_dir.c_str(), 1);
+    atexit([] {
+        std::error_code ec;
+        std::filesystem::remove_all(tree_dir, ec);
+    });
 }
-
-// A strictly bounded reader over the fuzzer's input for targets that split
-// it into several fields.
-struct input {
-    const uint8_t *data;
-    size_t size;
-    uint8_t byte() {
-        if (size == 0) return 0;
-        uint8_t b = *data++;
-        --size;
-        return b;
-    }
-};
 
 }  // namespace fuzz

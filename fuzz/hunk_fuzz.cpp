@@ -4,26 +4,13 @@
 // loader, which must leave the player's hunk table as it was and return
 // either 0 or a segment list inside the allocation slab.
 #include "amigaos/amigaos.h"
-#include "engine/engine.h"
 #include "fuzz_support.h"
-
-namespace {
-
-kelva *k;
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    kelva_global_init();
-    k = kelva_create(48000);
-    return k ? 0 : 1;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > (1u << 20)) return 0;
     uint32_t len = uint32_t(size);
+    kelva *k = fuzz::engine();
 
-    // As the engine loads a player.
     k->hunk_count = 0;
     uint32_t offset = 0;
     if (hunk_parse_header(k, data, len, &offset)) {
@@ -38,21 +25,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
 
     // As 68k code loads a segment: two requests for the same file.
-    uint32_t count = k->hunk_count;
-    uint32_t addr0 = k->hunk_addr[0];
+    uint32_t count = k->hunk_count, addr0 = k->hunk_addr[0];
     fuzz::memory_file file{data, size};
     kelva_set_file_loader(k, fuzz::memory_file_loader, &file);
     k->alloc_ptr = kSlabStart;
-    static const char name[] = "fuzz.seg";
-    memcpy(k->ram + 0x1000, name, sizeof name);
+    memcpy(k->ram + 0x1000, "fuzz.seg", 9);
     for (int i = 0; i < 2; i++) {
         k->d[1] = 0x1000;
         dos_load_seg(k);
-        uint32_t seg = k->d[0];
-        if (seg != 0) {
-            uint32_t first_block = (seg << 2) - 4;
-            FUZZ_CHECK(first_block >= kSlabStart && first_block < kSlabEnd);
-        }
+        uint32_t first_block = (k->d[0] << 2) - 4;
+        FUZZ_CHECK(k->d[0] == 0 || (first_block >= kSlabStart && first_block < kSlabEnd));
         FUZZ_CHECK(k->alloc_ptr <= kSlabEnd);
         FUZZ_CHECK(k->hunk_count == count && k->hunk_addr[0] == addr0);
     }

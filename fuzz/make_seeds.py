@@ -3,41 +3,38 @@
 
 Usage: make_seeds.py [--modules DIR]
 
-Seeds are small files made here: hunk executables exercising every hunk and
-sub-tag kind, ProTracker-layout modules of each tag and classification
-branch (31 and 15 instruments, with notes, samples and effects so that the
-players do real work), TFMX headers, configurations and database files. With
---modules, the small modules of DIR (.mod files under 10 KB) are added to the
-engine and classification seeds as well. Reproducers of findings are named
-crash-*/timeout-*/slow-* and are not touched.
+Hunk executables of every hunk and sub-tag kind, ProTracker-layout modules of each tag and
+classification branch, TFMX headers, a song of every other player's format whose cells use every
+command, configurations and database files. With --modules, the small .mod files of DIR (under
+10 KB) join the engine and classification seeds. Reproducers and merged inputs are not touched.
 """
 import os
 import struct
 import sys
+from pathlib import Path
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-CORPUS = os.path.join(HERE, "corpus")
-
-
-def be32(*values):
-    return b"".join(struct.pack(">I", v & 0xFFFFFFFF) for v in values)
+HERE = Path(__file__).resolve().parent
 
 
-def be16(*values):
-    return b"".join(struct.pack(">H", v & 0xFFFF) for v in values)
+def be32(*v):
+    return struct.pack(">%dI" % len(v), *(x & 0xFFFFFFFF for x in v))
 
 
-def cut(data, n):
-    """`data` less its last n bytes: a file cut short."""
-    return data[:len(data) - n] if n else data
+def be16(*v):
+    return struct.pack(">%dH" % len(v), *(x & 0xFFFF for x in v))
 
 
-def blob(size, *fields):
+def commands(text):
+    """(command, parameter) pairs from hex words "CCPP"."""
+    return [divmod(int(w, 16), 256) for w in text.split()]
+
+
+def at(size, *fields):
     """`size` zero bytes with (offset, bytes) fields written over them."""
     out = bytearray(size)
-    for at, data in fields:
-        out[at:at + len(data)] = data
-    return bytes(out)
+    for o, data in fields:
+        out[o:o + len(data)] = data
+    return out
 
 
 # ---- hunk executables ----------------------------------------------------
@@ -56,7 +53,6 @@ def hunk_seeds():
             b"sym\0" + be32(0, 0, DEBUG, 2, 0, 0, END))
     data = be32(DATA, 2, 0x11111111, 0x22222222, RELOC32, 1, 0, 4, 0, END)
     return {
-        # One code hunk of two longs, a rts in it.
         "minimal": hunk_file([2], [be32(CODE, 2) + b"\x4e\x75\x00\x00" + be32(0, END)]),
         "three-hunks": hunk_file([4, 2, 3], [code, data, be32(BSS, 3, END)]),
         # Extended memory attributes and chip/fast flags on the size longs.
@@ -64,42 +60,42 @@ def hunk_seeds():
                                [be32(0x40000000 | CODE, 2, 1, 2, END), be32(0x80000000 | DATA, 1, 3)]),
         # Resident-library names before the table; the last hunk without END.
         "resident-no-end": hunk_file([1, 1], [be32(CODE, 1, 7, END), be32(BSS, 1)], resident=be32(1) + b"lib\0"),
-        # A relocation aimed at a hunk that does not exist, one outside its
-        # hunk, and a large BSS behind a small header size.
+        # A relocation to a missing hunk, one outside its hunk, a BSS larger
+        # than its header size.
         "bad-reloc": hunk_file([1], [be32(CODE, 1, 0, RELOC32, 1, 5, 0, 0, END)]),
         "reloc-outside": hunk_file([1], [be32(CODE, 1, 0, RELOC32, 1, 0, 64, 0, END)]),
         "bss-count": hunk_file([16], [be32(BSS, 0x100000, END)]),
     }
 
 
-# ---- modules ---------------------------------------------------------------
+# ---- ProTracker-layout modules -----------------------------------------------
 
 SQUARE = bytes([0x60] * 16 + [0xA0] * 16) * 4   # 128 bytes, 64 words
+PERIODS = [428, 381, 339, 320, 285, 254, 226, 214]
 
 
 def sample_header(name, length, volume, rstart, rlen, finetune=0):
-    return (name.encode()[:22].ljust(22, b"\0") +
-            struct.pack(">HBBHH", length, finetune, volume, rstart, rlen))
+    return name.encode()[:22].ljust(22, b"\0") + struct.pack(">HBBHH", length, finetune, volume, rstart, rlen)
+
+
+def looped(i, volume=48):
+    return sample_header("smp%d" % i, 64, volume, 0, 64)
 
 
 def cell(period, sample, command, param):
     return bytes([(sample & 0xF0) | (period >> 8), period & 0xFF, ((sample & 0x0F) << 4) | command, param])
 
 
-PERIODS = [428, 381, 339, 320, 285, 254, 226, 214]
-
-
 def pattern(effects, sample_count=4, step=4, channels=4, notes=4):
-    rows = []
+    """Notes every `step` rows on the first `notes` channels; effects maps
+    (row, channel) to (command, parameter)."""
+    out = b""
     for r in range(64):
         for c in range(channels):
-            if r % step == 0 and c < notes:
-                period, sample = PERIODS[(r // step + c) % 8], 1 + (r // step + c) % sample_count
-            else:
-                period, sample = 0, 0
-            command, param = effects.get((r, c), (0, 0))
-            rows.append(cell(period, sample, command, param))
-    return b"".join(rows)
+            n = r // step + c
+            note = (PERIODS[n % 8], 1 + n % sample_count) if r % step == 0 and c < notes else (0, 0)
+            out += cell(*note, *effects.get((r, c), (0, 0)))
+    return out
 
 
 def mod31(tag, patterns, samples, song_len=None, restart=0, orders=None):
@@ -114,10 +110,6 @@ def mod15(patterns, samples, restart=120):
     head = b"st seed".ljust(20, b"\0") + b"".join(samples) + sample_header("", 0, 0, 0, 0) * (15 - len(samples))
     head += bytes([len(patterns), restart]) + bytes(range(len(patterns))).ljust(128, b"\0")
     return head + b"".join(patterns) + bytes(1024) * (2 - len(patterns)) + SQUARE * len(samples)
-
-
-def looped(i, volume=48):
-    return sample_header("smp%d" % i, 64, volume, 0, 64)
 
 
 def module_seeds():
@@ -137,9 +129,6 @@ def module_seeds():
         "mk-restart127": mod31(b"M.K.", [pattern({})], s, restart=127),
         "mk-song-jump": mod31(b"M.K.", [pattern({(8, 0): (0xB, 0x01)}), pattern({(8, 0): (0xB, 0x00)})], s,
                               orders=[0, 1, 0, 1]),
-        "nt": mod31(b"N.T.", [pattern({})], s),
-        "mk-noise": mod31(b"M&K!", [pattern({})], s),
-        "octa": mod31(b"OCTA", [pattern({})], s),
         "flt4": mod31(b"FLT4", [pattern({(0, 0): (0xF, 0x06)})], s),
         "flt4-marks": mod31(b"FLT4", [pattern({})], s + [sample_header("mark", 0, 64, 0, 1)]),
         "6chn": mod31(b"6CHN", [pattern({}, channels=6)], s),
@@ -149,30 +138,33 @@ def module_seeds():
         "st15-st4": mod15([pattern({(0, 0): (0x5, 0x02), (8, 1): (0xD, 0x01)})], s),
         "st15-ptk": mod15([pattern({(0, 0): (0xC, 0x20), (4, 1): (0xF, 0x06)})], s),
         "st15-disk": mod15([pattern({})], [sample_header("st-01:drum", 64, 64, 200, 64)] + s[1:]),
-        # TFMX headers.
-        "tfmx-7v": blob(2600, (0, b"TFMX-SONG "), (464, be32(600, 1200, 1800)), (608, b"\xef\xfe\x00\x03")),
-        "tfmx-by": blob(600, (0, b"TFMX-SONG by\0\0\x0e\x60")),
+        "tfmx-7v": bytes(at(2600, (0, b"TFMX-SONG "), (464, be32(600, 1200, 1800)), (608, b"\xef\xfe\x00\x03"))),
+        "tfmx-by": bytes(at(600, (0, b"TFMX-SONG by\0\0\x0e\x60"))),
     }
-    seeds.update({"tfhd-%d" % v: blob(600, (0, b"TFHD"), (8, bytes([v]))) for v in (1, 2, 3)})
+    seeds.update({n: mod31(tag, [pattern({})], s) for n, tag in (("nt", b"N.T."), ("mk-noise", b"M&K!"),
+                                                                  ("octa", b"OCTA"))})
+    seeds.update({"tfhd-%d" % v: bytes(at(600, (0, b"TFHD"), (8, bytes([v])))) for v in (1, 2, 3)})
     return seeds
 
 
-# ---- Multichannel, FLT8, His Master's Noise synths, Startrekker AM -----------
-
 def multichannel_seeds():
-    """Named engine inputs for the ProTracker family beyond four plain
-    channels: modules mixed in software (notes on every channel, instrument
-    swaps, retriggers, offsets, a tempo), FLT8 pattern pairs, fewer than four
-    channels, His Master's Noise synth sounds and Startrekker AM sounds with
-    their companion file."""
+    """Modules mixed in software (notes on every channel, instrument swaps, retriggers, offsets, a
+    tempo), FLT8 pattern pairs, fewer than four channels and His Master's Noise synth sounds."""
     s = [looped(i) for i in range(3)] + [sample_header("shot", 64, 64, 0, 1)]
     fx = {(0, 0): (0xF, 0x7D), (4, 5): (0x9, 0x01), (8, 6): (0xE, 0x93), (12, 7): (0x3, 0x10),
           (16, 1): (0x0, 0x37), (20, 4): (0xC, 0x20), (24, 9): (0xE, 0xD2), (62, 11): (0xD, 0x00)}
     # Row 2 of 12CH: instrument numbers without notes on every channel.
     twelve = bytearray(pattern(fx, channels=12, notes=12))
-    for c in range(12):
-        twelve[2 * 48 + 4 * c:2 * 48 + 4 * c + 4] = cell(0, 1 + c % 4, 0, 0)
-    seeds = {
+    twelve[96:144] = b"".join(cell(0, 1 + c % 4, 0, 0) for c in range(12))
+    # His Master's Noise: "Mupp" + pattern, first and last step; one synth in
+    # pattern 1 (28 waveforms, steps of waveforms and volumes), one naming a
+    # pattern past the file, and 7xy chords.
+    synth = b"".join(bytes((w * 9 + i * 8) & 0xFF for i in range(32)) for w in range(28)).ljust(0x380, b"\0")
+    synth += bytes((i * 5) % 40 for i in range(64)) + bytes((i * 13) & 0xFF for i in range(64))   # some past 28
+    mupp = [sample_header("Mupp\x01\x02\x09", 0, 50, 0, 1), sample_header("Mupp\x7f\x00\x00", 0, 64, 0, 1),
+            sample_header("fine", 64, 64, 0, 64, 0xFE)] + s[:1]
+    hmn = pattern({(0, 2): (0x7, 0x03), (4, 3): (0x7, 0x1A), (8, 0): (0xA, 0x04), (12, 1): (0xC, 0x40)})
+    return {
         "12ch": mod31(b"12CH", [bytes(twelve)], s),
         "32ch": mod31(b"32CH", [pattern({(0, 31): (0xA, 0x0F)}, channels=32, notes=32)], s),
         "5chn": mod31(b"5CHN", [pattern({(1, 4): (0xE, 0x61)}, channels=5, notes=5)], s),
@@ -180,41 +172,13 @@ def multichannel_seeds():
         # FLT8: orders 0, 2, 1 play the pairs (0, 1), (2, 3) and (0, 1).
         "flt8": mod31(b"FLT8", [pattern({}), pattern({(4, 0): (0xB, 0x01)}), pattern({}), pattern({})], s,
                       orders=[0, 2, 1]),
+        "hmn-mupp": mod31(b"M&K!", [hmn, synth], mupp, song_len=1, orders=[0, 1]),
     }
-    # His Master's Noise: "Mupp" + pattern, first and last step; one synth in
-    # pattern 1 (28 waveforms, steps of waveforms and volumes), one naming a
-    # pattern past the file, and 7xy chords.
-    synth = bytearray(1024)
-    for w in range(28):
-        synth[32 * w:32 * w + 32] = bytes([(w * 9 + i * 8) & 0xFF for i in range(32)])
-    for i in range(64):
-        synth[0x380 + i] = (i * 5) % 40          # some beyond the 28 waveforms
-        synth[0x3C0 + i] = (i * 13) & 0xFF
-    mupp = [sample_header("Mupp\x01\x02\x09", 0, 50, 0, 1), sample_header("Mupp\x7f\x00\x00", 0, 64, 0, 1),
-            sample_header("fine", 64, 64, 0, 64, 0xFE)] + s[:1]
-    hmn = pattern({(0, 2): (0x7, 0x03), (4, 3): (0x7, 0x1A), (8, 0): (0xA, 0x04), (12, 1): (0xC, 0x40)})
-    seeds["hmn-mupp"] = mod31(b"M&K!", [hmn, bytes(synth)], mupp, song_len=1, orders=[0, 1])
-    return seeds
-
-
-def nt_file(records, ident=b"ST1.3 ModuleINFO", cut_bytes=0):
-    """A Startrekker companion file: the identification, then 120-byte
-    records from offset 144; a record is (number, waveform, words)."""
-    out = bytearray(ident.ljust(144, b"\0"))
-    for number, wf, words in records:
-        at = 144 + 120 * (number - 1)
-        out.extend(bytes(max(0, at + 120 - len(out))))
-        out[at:at + 6] = b"AM\0\0\0\0"
-        values = list(words) + [0] * 15
-        values[10] = wf
-        out[at + 6:at + 36] = be16(*values[:15])
-    return cut(bytes(out), cut_bytes)
 
 
 def am_seeds():
-    """AudioSculpture: FLT4 modules with AM instruments (empty headers with a
-    volume), each waveform, period fall both ways, vibrato, FQ, tone
-    portamento and volume commands on AM notes; with and without the .nt."""
+    """AudioSculpture: FLT4 modules whose AM instruments (empty headers with a volume) use every waveform and
+    command, with their .nt file (120-byte records from 144): whole, cut short, wrongly identified, missing."""
     s = [sample_header("am", 0, 64, 0, 1) for _ in range(5)] + [looped(5)]
     fx = {(0, 0): (0xF, 0x03), (4, 1): (0x3, 0x10), (8, 2): (0xC, 0x10), (12, 3): (0xA, 0x0F),
           (16, 0): (0x4, 0x33)}
@@ -224,109 +188,80 @@ def am_seeds():
                (3, 2, [255, 0, 255, 128, 4, 64, 2, 60000, 0, 0, 0, 0, 20, 7, 9]),
                (4, 3, [32, 32, 0, 255, 32, 0, 255, 0, 0, 1, 0, 16, 0, 0, 2]),
                (5, 7, [255] * 15), (6, 1, [255, 255, 1, 255, 1, 255, 1, 0, 0, 255, 0, 0, 0, 0, 1])]
-    return {
-        "am": (module, nt_file(records)),
-        "am-cut": (module, nt_file(records[:4], ident=b"AudioSculpture10", cut_bytes=30)),
-        "am-bad-id": (module, nt_file(records, ident=b"ST1.4 ModuleINFO")),
-        "am-no-nt": (module, None),
-    }
+
+    def nt(records, ident=b"ST1.3 ModuleINFO", cut=0):
+        out = at(144 + 120 * len(records), (0, ident))
+        for n, wf, words in records:
+            out[24 + 120 * n:60 + 120 * n] = b"AM\0\0\0\0" + be16(*words[:10], wf, *words[11:])
+        return bytes(out[:len(out) - cut])
+
+    return {"am": (module, nt(records)), "am-cut": (module, nt(records[:4], b"AudioSculpture10", 30)),
+            "am-bad-id": (module, nt(records, b"ST1.4 ModuleINFO")), "am-no-nt": (module, None)}
 
 
 # ---- SoundFX, Game Music Creator, Images Music System, PolyTracker ------------
 
 def sfx_seed(samples31=False):
     n = 31 if samples31 else 15
-    out = be32(128, 128, 128, 128) + bytes(4 * (n - 4))
-    out += (b"SO31" if samples31 else b"SONG") + struct.pack(">H", 14565) + bytes(14)
-    out += b"".join(("sfx%d" % i).encode().ljust(22, b"\0") + be16(64 if i < 4 else 0, 48, 0, 32 if i % 2 else 1)
-                    for i in range(n))
+    out = be32(128, 128, 128, 128) + bytes(4 * (n - 4)) + (b"SO31" if samples31 else b"SONG") + be16(14565)
+    out += bytes(14) + b"".join(("sfx%d" % i).encode().ljust(22, b"\0") +
+                                be16(64 if i < 4 else 0, 48, 0, 32 if i % 2 else 1) for i in range(n))
     out += bytes([2, 0]) + bytes([0, 1]).ljust(128, b"\0") + (bytes(4) if samples31 else b"")
     cells = [(0, 0, 428, 1, 1, 0x37), (0, 1, 0x0358, 2, 2, 0x30), (0, 2, 320, 3, 7, 0x25), (0, 3, 285, 4, 9, 0x12),
              (4, 0, 0xFFFE, 0, 0, 0), (5, 1, 0xFFFD, 2, 5, 0x10), (8, 2, 381, 2, 8, 0x13), (9, 3, 254, 1, 6, 0x08),
              (12, 0, 0xFFFC, 0, 3, 0), (1, 0, 0x1000 | 428, 1, 4, 0)]
-    pats = [bytearray(1024), bytearray(1024)]
-    for row, ch, note, smp, fx, param in cells:
-        for p in pats:
-            p[row * 16 + ch * 4:row * 16 + ch * 4 + 4] = struct.pack(">HBB", note, (smp & 15) << 4 | fx, param)
-    return out + b"".join(pats) + SQUARE * 4
+    pat = at(1024, *((r * 16 + c * 4, struct.pack(">HBB", n, (s & 15) << 4 | f, p)) for r, c, n, s, f, p in cells))
+    return out + pat * 2 + SQUARE * 4
 
 
 def gmc_seed():
     out = b"".join(struct.pack(">IHHIHH", 0x20000 + 256 * i, 64, 40, 0x20000 + 256 * i + 64, 32 if i else 2, 0)
                    for i in range(3))
-    out += bytes(240 - len(out)) + be32(3) + be16(0, 1024, 0) + bytes(194)
-    pats = [bytearray(1024), bytearray(1024)]
+    out = out.ljust(240, b"\0") + be32(3) + be16(0, 1024, 0) + bytes(194)
     cells = [(0, 0, 428, 1, 1, 3), (0, 1, 320, 2, 3, 30), (4, 2, 214, 3, 2, 2), (8, 3, 856, 1, 8, 3),
              (12, 0, 381, 2, 6, 0), (16, 1, 254, 3, 7, 0), (20, 2, 0, 0, 4, 0)]
-    for row, ch, period, smp, fx, param in cells:
-        pats[0][row * 16 + ch * 4:row * 16 + ch * 4 + 4] = struct.pack(">HBB", period, smp << 4 | fx, param)
-    pats[1][0:4] = struct.pack(">HBB", 428, 0x15, 0)   # jump back to position 0
-    return out + b"".join(pats) + SQUARE * 3
+    pat = at(1024, *((r * 16 + c * 4, struct.pack(">HBB", period, s << 4 | f, p)) for r, c, period, s, f, p in cells))
+    return out + pat + at(1024, (0, struct.pack(">HBB", 428, 0x15, 0))) + SQUARE * 3   # 2nd: jump to position 0
 
 
 def ims_seed():
-    head = b"ims seed".ljust(20, b"\0")
-    head += b"".join(("ims%d" % i).encode().ljust(20, b"\0") + (be16(0, 64, 48, 16, 32) if i < 3 else bytes(10))
-                     for i in range(31))
+    head = b"ims seed".ljust(20, b"\0") + b"".join(
+        ("ims%d" % i).encode().ljust(20, b"\0") + (be16(0, 64, 48, 16, 32) if i < 3 else bytes(10)) for i in range(31))
     head += bytes([3, 0]) + bytes([0, 1, 0]).ljust(128, b"\0") + be32(1084 + 2 * 768)
-    fx = [(0, 0x37), (3, 0x04), (4, 0x44), (0xA, 0x02), (0xC, 0x20), (0xE, 0x01), (9, 0x01), (7, 0x33),
-          (0xF, 0x04), (0xD, 0x10), (0xB, 0x02), (5, 0x01), (6, 0x10), (1, 0x03), (2, 0x03), (0xF, 0x40)]
-    pats = bytearray(2 * 768)
-    for p in range(2):
-        for r in range(0, 64, 4):
-            for c in range(4):
-                o = p * 768 + r * 12 + c * 3
-                f, param = fx[(r // 4 + c) % len(fx)]
-                note = [4, 13, 16, 28, 40, 52, 62, 63][(r // 4 + c + p) % 8]
-                pats[o:o + 3] = bytes([note, (1 + (r // 4 + c) % 3) << 4 | f, param])
-    return head + bytes(pats) + SQUARE * 3
+    fx = commands("0037 0304 0444 0a02 0c20 0e01 0901 0733 0f04 0d10 0b02 0501 0610 0103 0203 0f40")
+    pats = at(2 * 768, *((p * 768 + r * 12 + c * 3,
+                          bytes([[4, 13, 16, 28, 40, 52, 62, 63][(r // 4 + c + p) % 8],
+                                 (1 + (r // 4 + c) % 3) << 4 | fx[(r // 4 + c) % 16][0], fx[(r // 4 + c) % 16][1]]))
+                         for p in range(2) for r in range(0, 64, 4) for c in range(4)))
+    return head + pats + SQUARE * 3
 
 
-def ptm_seed(channels=4, cut_bytes=0):
-    ins = 3
-    head = bytearray(608 + 80 * ins)
-    head[0:9] = b"ptm seed\0"
-    head[28] = 0x1A
-    struct.pack_into("<6H", head, 32, 3, ins, 2, channels, 0, 0)
-    head[44:48] = b"PTMF"
-    for c in range(channels):
-        head[64 + c] = (c * 5) % 16
-    head[96:99] = bytes([0, 1, 0])
-    head[99:352] = bytes([255] * 253)
-    fx = [(0, 0x37), (1, 0x04), (2, 0xF2), (3, 0x08), (4, 0x44), (5, 0x02), (6, 0x20), (7, 0x33), (9, 0x01),
-          (10, 0x0F), (11, 0x01), (12, 0x30), (13, 0x10), (14, 0x62), (14, 0x60), (14, 0x93), (14, 0xC2),
-          (14, 0xD1), (14, 0xE1), (15, 0x04), (15, 0x90), (16, 0x30), (17, 0x42), (18, 0x44), (19, 0x21),
-          (20, 0x12), (21, 0x31), (22, 0x21), (23, 0)]
-    body = bytearray()
-    for p in range(2):
+def ptm_seed(channels=4, cut=0):
+    head = at(608 + 240, (0, b"ptm seed\0"), (28, b"\x1a"), (32, struct.pack("<6H", 3, 3, 2, channels, 0, 0)),
+              (44, b"PTMF"), (64, bytes(c * 5 % 16 for c in range(channels))), (96, bytes([0, 1, 0] + [255] * 253)))
+    fx = commands("0037 0104 02f2 0308 0444 0502 0620 0733 0901 0a0f 0b01 0c30 0d10 0e62 0e60 0e93 0ec2 0ed1 0ee1 "
+                    "0f04 0f90 1030 1142 1244 1321 1412 1531 1621 1700")
+    body = b""
+    for p in range(2):   # patterns at 16-byte boundaries, cells on every third (row + channel)
         while (len(head) + len(body)) % 16:
-            body.append(0)
-        struct.pack_into("<H", head, 352 + 2 * p, (len(head) + len(body)) // 16)
-        for r in range(64):
-            for c in range(min(channels, 32)):
-                if (r + c) % 3:
-                    continue
-                f, param = fx[(r + c + p) % len(fx)]
-                note = [49, 61, 37, 254, 73, 25][(r + c) % 6]
-                body += bytes([c | 0xE0, note, 1 + (r + c) % ins, f, param, 40 + c % 24])
-            body.append(0)
-    data = bytearray()
-    for i in range(ins):
-        h = 608 + 80 * i
-        head[h] = [1 | 4, 1, 1 | 4 | 16][i]
-        head[h + 13] = 48
-        struct.pack_into("<HH4I", head, h + 14, 8363 + 1000 * i, 0, len(head) + len(body) + len(data), 64, 8, 64)
-        data += bytes([1] * 32 + [0xFF] * 32)
-    out = bytes(head + body + data)
-    return cut(out, cut_bytes)
+            body += b"\0"
+        head[352 + 2 * p:354 + 2 * p] = struct.pack("<H", (len(head) + len(body)) // 16)
+        body += b"".join(b"".join(bytes([c | 0xE0, [49, 61, 37, 254, 73, 25][(r + c) % 6], 1 + (r + c) % 3,
+                                         *fx[(r + c + p) % len(fx)], 40 + c % 24])
+                                  for c in range(channels) if (r + c) % 3 == 0) + b"\0" for r in range(64))
+    for i in range(3):
+        head[608 + 80 * i] = [1 | 4, 1, 1 | 4 | 16][i]
+        head[621 + 80 * i] = 48
+        struct.pack_into("<HH4I", head, 622 + 80 * i, 8363 + 1000 * i, 0, len(head) + len(body) + 64 * i, 64, 8, 64)
+    out = bytes(head) + body + bytes([1] * 32 + [0xFF] * 32) * 3
+    return out[:len(out) - cut]
 
 
 # ---- Oktalyzer and DIGI Booster -------------------------------------------------
 
-def okt_seed(cmod=(0, 1, 0, 1), magic=b"OKTASONG", cut_bytes=0):
-    """An Oktalyzer song: samples of every mode (looping and not), two
-    patterns whose cells use every effect, notes past B-3 and samples that
-    do not exist."""
+def okt_seed(cmod=(0, 1, 0, 1), magic=b"OKTASONG", cut=0):
+    """An Oktalyzer song: samples of every mode (looping and not), two patterns whose cells use
+    every effect, notes past B-3 and samples that do not exist."""
     channels = 4 + sum(1 for f in cmod if f)
 
     def chunk(name, data):
@@ -335,70 +270,42 @@ def okt_seed(cmod=(0, 1, 0, 1), magic=b"OKTASONG", cut_bytes=0):
     lengths = [64, 64, 128, 32]
     samp = b"".join(("okt%d" % i).encode().ljust(20, b"\0") +
                     struct.pack(">IHHHH", lengths[i], 8 * (i % 2), 16 * (i % 2), 48, i % 3) for i in range(4))
-    samp += bytes(32 * 32)
-    fx = [(1, 3), (2, 5), (10, 0x23), (11, 0x12), (12, 0x34), (13, 1), (15, 1), (17, 2), (21, 2), (24, 0x20),
-          (25, 0x01), (27, 0), (28, 0x1F), (30, 1), (31, 0x30), (31, 0x44), (31, 0x52), (31, 0x63), (31, 0x74),
-          (31, 0x90), (9, 9)]
+    fx = commands("0103 0205 0a23 0b12 0c34 0d01 0f01 1102 1502 1820 1901 1b00 1c1f 1e01 1f30 1f44 1f52 1f63 1f74 "
+                    "1f90 0909")
     pats = b""
-    for p in range(2):
-        rows = 16 if p else 32
-        body = bytearray(2 + rows * channels * 4)
-        struct.pack_into(">H", body, 0, rows)
-        for r in range(rows):
-            for c in range(channels):
-                if (r + c) % 2:
-                    continue
-                f, param = fx[(r + c + p) % len(fx)]
-                note = [13, 1, 36, 25, 40, 0][(r + c) % 6]
-                smp = [0, 1, 2, 3, 40][(r + 2 * c) % 5]
-                body[2 + (r * channels + c) * 4:6 + (r * channels + c) * 4] = bytes([note, smp, f, param])
-        pats += chunk(b"PBOD", bytes(body))
-    sbod = b"".join(chunk(b"SBOD", SQUARE[:n]) for n in lengths)
-    out = (magic + chunk(b"CMOD", struct.pack(">4H", *cmod)) + chunk(b"SAMP", samp) + chunk(b"SPEE", b"\0\4") +
+    for p, rows in enumerate((32, 16)):
+        cells = at(rows * channels * 4, *((4 * (r * channels + c), bytes([[13, 1, 36, 25, 40, 0][(r + c) % 6],
+                                                                          [0, 1, 2, 3, 40][(r + 2 * c) % 5],
+                                                                          *fx[(r + c + p) % len(fx)]]))
+                                          for r in range(rows) for c in range(channels) if (r + c) % 2 == 0))
+        pats += chunk(b"PBOD", be16(rows) + cells)
+    out = (magic + chunk(b"CMOD", be16(*cmod)) + chunk(b"SAMP", samp + bytes(32 * 32)) + chunk(b"SPEE", b"\0\4") +
            chunk(b"SLEN", b"\0\2") + chunk(b"PLEN", b"\0\3") + chunk(b"PATT", bytes([0, 1, 0]).ljust(128, b"\0")) +
-           pats + sbod)
-    return cut(out, cut_bytes)
+           pats + b"".join(chunk(b"SBOD", SQUARE[:n]) for n in lengths))
+    return out[:len(out) - cut]
 
 
-def digi_seed(channels=8, packed=True, cut_bytes=0):
+def digi_seed(channels=8, packed=True, cut=0):
     """A DIGI Booster module with every effect and E command, tempo changes,
     a loop, a pattern delay, F00 and a sample offset past the sample."""
-    head = bytearray(1572)
-    head[0:24] = b"DIGI Booster module\0V1.6"
-    head[24], head[25], head[26], head[46], head[47] = 0x16, channels, 1 if packed else 0, 1, 2
-    head[48:51] = bytes([0, 1, 0])
-    lengths = [128, 64, 96]
-    for i, n in enumerate(lengths):
-        struct.pack_into(">I", head, 176 + 4 * i, n)
-        struct.pack_into(">I", head, 300 + 4 * i, 32 if i != 1 else 0)
-        struct.pack_into(">I", head, 424 + 4 * i, 32 if i != 1 else 0)
-        head[548 + i] = 48
-        head[579 + i] = [0, 3, 0xFB][i]
-    head[610:619] = b"digi seed"
-    fx = [(0, 0x37), (1, 0x03), (2, 0), (3, 0x08), (4, 0x44), (5, 0x02), (6, 0x20), (7, 0x11), (8, 0x10),
-          (9, 0x01), (0xA, 0x12), (0xC, 0x50), (0xE, 0x01), (0xE, 0x12), (0xE, 0x22), (0xE, 0x30), (0xE, 0x31),
-          (0xE, 0x40), (0xE, 0x50), (0xE, 0x51), (0xE, 0x60), (0xE, 0x62), (0xE, 0x81), (0xE, 0x93), (0xE, 0xA2),
-          (0xE, 0xB2), (0xE, 0xC2), (0xE, 0xD1), (0xE, 0xE1), (0xF, 0x03), (0xF, 0x40), (0xD, 0x10), (0xB, 0x02),
-          (0xF, 0)]
+    head = at(1572, (0, b"DIGI Booster module\0V1.6"), (24, bytes([0x16, channels, packed])),
+              (46, bytes([1, 2, 0, 1, 0])), (176, be32(128, 64, 96)), (300, be32(32, 0, 32)), (424, be32(32, 0, 32)),
+              (548, bytes([48] * 3)), (579, bytes([0, 3, 0xFB])), (610, b"digi seed"))
+    fx = commands("0037 0103 0200 0308 0444 0502 0620 0711 0810 0901 0a12 0c50 0e01 0e12 0e22 0e30 0e31 0e40 0e50 "
+                    "0e51 0e60 0e62 0e81 0e93 0ea2 0eb2 0ec2 0ed1 0ee1 0f03 0f40 0d10 0b02 0f00")
     body = b""
-    for p in range(2):
-        cells = {}
-        for r in range(64):
-            for c in range(channels):
-                if (r + c) % 3:
-                    continue
-                f, param = fx[(r // 2 + c + 5 * p) % len(fx)]
-                period = [428, 856, 113, 0, 320, 1000][(r + c) % 6]
-                smp = [1, 2, 3, 0, 31][(r + 2 * c) % 5]
-                cells[(r, c)] = bytes([(smp & 0xF0) | period >> 8, period & 0xFF, (smp & 15) << 4 | f, param])
+    for p in range(2):   # cells on every third (row + channel)
+        cells = {(r, c): cell([428, 856, 113, 0, 320, 1000][(r + c) % 6], [1, 2, 3, 0, 31][(r + 2 * c) % 5],
+                              *fx[(r // 2 + c + 5 * p) % len(fx)])
+                 for r in range(64) for c in range(channels) if (r + c) % 3 == 0}
         if packed:
             masks = bytes(sum(0x80 >> c for c in range(channels) if (r, c) in cells) for r in range(64))
-            data = b"".join(cells[(r, c)] for r in range(64) for c in range(channels) if (r, c) in cells)
-            body += struct.pack(">H", 64 + len(data)) + masks + data
+            data = b"".join(cells.values())
+            body += be16(64 + len(data)) + masks + data
         else:
             body += b"".join(cells.get((r, c), bytes(4)) for c in range(channels) for r in range(64))
     out = bytes(head) + body + SQUARE[:128] + SQUARE[:64] + SQUARE[:96]
-    return cut(out, cut_bytes)
+    return out[:len(out) - cut]
 
 
 # ---- AHX and HivelyTracker songs ---------------------------------------------
@@ -411,49 +318,30 @@ def synth_song(hvl, channels=4, version=1, speed_mult=1, stereo=2):
     lead = [(3, 1, 0, 3, 0x20, 4, 0xF1), (0, 13, 0, 0, 0x10, 1, 4), (2, 1, 0, 2, 3, 12, 0x30),
             (0, 0, 0, 4, 0x01, 15, 2), (1, 49, 1, 3, 0x08, 5, 1)]
     drum = [(4, 30, 1, 12, 0x40, 0, 0x3F), (3, 20, 1, 3, 0x3C, 2, 20), (4, 10, 1, 12, 0x90, 15, 0)]
-    ring = [(3, 1, 0, 7 if hvl else 0, 0x81, 9 if hvl else 0, 0x40), (0, 0, 0, 8 if hvl else 0, 0x30, 4, 0xF0),
-            (0, 0, 0, 7 if hvl else 0, 0, 5, 0)]
+    ring = [(3, 1, 0, 7 * hvl, 0x81, 9 * hvl, 0x40), (0, 0, 0, 8 * hvl, 0x30, 4, 0xF0), (0, 0, 0, 7 * hvl, 0, 5, 0)]
     # (volume, wave length, ADSR, filter lower/upper/speed, vibrato, hard cut, square limits/speed, speed, list)
     instruments = [
         (64, 3, (4, 64, 8, 40, 16, 20, 0), (10, 40, 33), (2, 5, 24), (3, 1), (0x10, 0x30, 2), 1, lead),
         (48, 5, (1, 64, 4, 20, 0, 8, 0), (1, 63, 1), (0, 0, 0), (0, 0), (0x00, 0x3F, 1), 2, drum),
         (40, 2, (0, 64, 0, 64, 100, 0, 0), (30, 34, 4), (0, 15, 63), (7, 0), (0x3F, 0x01, 3), 0, ring),
     ]
-    track_len = 16
-    # steps: (note, instrument, fx, param, fxb, paramb)
+    # track steps: (note, instrument, fx, param, fxb, paramb)
     t1 = [(25, 1, 0x9, 0x10, 0xE, 0xF1), (0, 0, 0x1, 4, 0, 0), (37, 0, 0x3, 0x20, 0x7, 0x40), (0, 0, 0x5, 0x21, 0, 0),
           (30, 2, 0xC, 0x30, 0xA, 0x04), (0, 0, 0xE, 0x13, 0xE, 0x24), (0, 0, 0xE, 0x41, 0xE, 0xA2),
           (42, 3, 0x4, 0x45, 0x4, 0x10), (0, 0, 0xE, 0xC2, 0, 0), (49, 1, 0xE, 0xD3, 0xE, 0xB1),
           (0, 0, 0x2, 0x03, 0xC, 0x70), (0, 0, 0xC, 0xB0, 0xF, 0x04), (13, 3, 0xF, 0x06, 0, 0),
           (0, 0, 0x0, 0x01, 0, 0), (60, 2, 0xD, 0x02, 0, 0), (0, 0, 0xB, 0x01, 0, 0)]
-    t2 = [(1 + 3 * i, 1 + i % 3, 0, 0, 0, 0) for i in range(track_len)]
-    tracks = [[], t1, t2]
-    positions = [[1 + (c + p) % 2 for c in range(channels)] for p in range(3)]
-    head = bytearray(16 if hvl else 14)
-    head[0:4] = (b"HVL" if hvl else b"THX") + bytes([version])
-    head[6] = ((speed_mult - 1) << 5) | (len(positions) >> 8)
-    head[7] = len(positions) & 255
-    head[8] = ((channels - 4) << 2) if hvl else 0
-    head[9] = 1
-    head[10], head[11], head[12], head[13] = track_len, len(tracks) - 1, len(instruments), 2
-    if hvl:
-        head[14], head[15] = 80, stereo
-    out = bytearray(head)
+    tracks = [[(0,) * 6] * 16, t1, [(1 + 3 * i, 1 + i % 3, 0, 0, 0, 0) for i in range(16)]]
+    out = bytearray((b"HVL" if hvl else b"THX") + bytes([version, 0, 0, (speed_mult - 1) << 5, 3]))
+    out += bytes([(channels - 4) << 2 if hvl else 0, 1, 16, 2, 3, 2]) + (bytes([80, stereo]) if hvl else b"")
     out += bytes([0, 1, 0, 2])   # subsongs from positions 1 and 2
-    for p in positions:
-        for c in range(channels):
-            out += bytes([p[c], (c * 3 - 4) & 255])
-    for t in tracks:
-        for r in range(track_len):
-            n, i, fx, pa, fxb, pb = t[r] if r < len(t) else (0, 0, 0, 0, 0, 0)
-            if hvl:
-                out += bytes([0x3F]) if (n, i, fx, pa, fxb, pb) == (0, 0, 0, 0, 0, 0) else \
-                    bytes([n, i, fx << 4 | fxb, pa, pb])
-            else:
-                out += bytes([n << 2 | i >> 4, (i & 15) << 4 | fx, pa])
-    for vol, wl, adsr, flt, vib, hc, sq, speed, plist in instruments:
-        a, av, d, dv, st, r, rv = adsr
-        lo, hi, fs = flt
+    out += b"".join(bytes([1 + (c + p) % 2, (c * 3 - 4) & 255]) for p in range(3) for c in range(channels))
+    for n, i, fx, pa, fxb, pb in (step for t in tracks for step in t):
+        if hvl:
+            out += bytes([n, i, fx << 4 | fxb, pa, pb]) if n or i or fx or pa or fxb or pb else bytes([0x3F])
+        else:
+            out += bytes([n << 2 | i >> 4, (i & 15) << 4 | fx, pa])
+    for vol, wl, (a, av, d, dv, st, r, rv), (lo, hi, fs), vib, hc, sq, speed, plist in instruments:
         out += bytes([vol, (fs & 31) << 3 | wl, a, av, d, dv, st, r, rv, 0, 0, 0, (fs & 32) << 2 | lo, vib[0],
                       hc[1] << 7 | hc[0] << 4 | vib[1], vib[2], sq[0], sq[1], sq[2], hi, speed, len(plist)])
         for w, n, fixed, f1, p1, f2, p2 in plist:
@@ -462,20 +350,8 @@ def synth_song(hvl, channels=4, version=1, speed_mult=1, stereo=2):
             else:
                 out += bytes([fx_code.get(f2, f2) << 5 | fx_code.get(f1, f1) << 2 | w >> 1,
                               (w & 1) << 7 | fixed << 6 | n, p1, p2])
-    names = len(out)
-    out[4], out[5] = names >> 8, names & 255
-    out += b"seed\0lead\0drum\0ring\0"
-    return bytes(out)
-
-
-def ahx_seeds():
-    return {
-        "ahx1": named_engine_input("seed.ahx", 0, synth_song(False)),
-        "ahx0-sub2": named_engine_input("AHX.seed", 2, synth_song(False, version=0, speed_mult=2)),
-        "hvl-6ch": named_engine_input("seed.hvl", 0, synth_song(True, channels=6, stereo=0)),
-        "hvl-16ch-sub1": named_engine_input("seed.hvl", 1, synth_song(True, channels=16, speed_mult=4)),
-        "hvl-4ch": named_engine_input("seed.hvl", 0, synth_song(True, channels=4, version=0)),
-    }
+    out[4:6] = be16(len(out))   # where the names begin
+    return bytes(out + b"seed\0lead\0drum\0ring\0")
 
 
 # ---- MED/OctaMED modules -------------------------------------------------------
@@ -486,82 +362,58 @@ def mmd(version, songs, insts):
     insts = [(type, sample bytes, rep, replen, vol table, wf table, waves)]."""
     out = bytearray()
 
-    def grow(n):
-        if len(out) & 1:
-            out.append(0)
-        o = len(out)
-        out.extend(bytes(n))
-        return o
+    def add(data, size=0):   # at the next even offset, padded to size; returns the offset
+        out.extend(bytes(len(out) & 1) + data.ljust(size, b"\0"))
+        return len(out) - max(size, len(data))
+
+    def put(o, data):
+        out[o:o + len(data)] = data
 
     headers, exps = [], []
     for si, (blocks, seq, tempo, tempo2, flags, flags2) in enumerate(songs):
-        h = grow(52)
+        h = add(at(52, (0, (b"MCN" if si else b"MMD") + bytes([48 + version])), (51, bytes([len(songs) - 1]))))
         headers.append(h)
-        out[h:h + 4] = (b"MCN" if si else b"MMD") + bytes([48 + version])
-        out[h + 51] = len(songs) - 1
-        sg = grow(788)
-        out[h + 8:h + 12] = be32(sg)
-        for i, inst in enumerate(insts):
-            out[sg + 8 * i:sg + 8 * i + 8] = be16(inst[2], inst[3]) + bytes([0, 0, 48, 0])
-        out[sg + 504:sg + 506] = be16(len(blocks))
-        out[sg + 764:sg + 770] = be16(tempo) + bytes([0, flags, flags2, tempo2])
-        out[sg + 786:sg + 788] = bytes([64, len(insts)])
-        offs = []
+        track_vols = [64] * 16 if version < 2 else []   # MMD2 and later: in the section table
+        sg = add(at(788, (0, b"".join(be16(i[2], i[3]) + bytes([0, 0, 48, 0]) for i in insts)),
+                    (504, be16(len(blocks))), (764, be16(tempo) + bytes([0, flags, flags2, tempo2] + track_vols)),
+                    (786, bytes([64, len(insts)]))))
+        put(h + 8, be32(sg))
+        offs, size, skip = [], 3 + (version > 0), 2 + 6 * (version > 0)
         for tracks, lines, cells in blocks:
-            size = 3 if version == 0 else 4
-            b = grow((2 if version == 0 else 8) + tracks * lines * size)
+            b = add(be16(tracks, lines - 1) if version else bytes([tracks, lines - 1]), skip + tracks * lines * size)
             offs.append(b)
-            out[b:b + 4] = bytes([tracks, lines - 1, 0, 0]) if version == 0 else be16(tracks, lines - 1)
             for (line, t), (note, ins, cmd, data) in cells.items():
-                c = b + (2 if version == 0 else 8) + (line * tracks + t) * size
-                if version == 0:
-                    out[c:c + 3] = bytes([(note & 0x3F) | ((ins & 0x30) << 2), ((ins & 15) << 4) | (cmd & 15), data])
-                else:
-                    out[c:c + 4] = bytes([note, ins, cmd, data])
-        barr = grow(4 * len(blocks))
-        out[barr:barr + 4 * len(blocks)] = be32(*offs)
-        out[h + 16:h + 20] = be32(barr)
+                put(b + skip + (line * tracks + t) * size, bytes([note, ins, cmd, data]) if version else
+                    bytes([(note & 0x3F) | ((ins & 0x30) << 2), ((ins & 15) << 4) | (cmd & 15), data]))
+        put(h + 16, be32(add(be32(*offs))))
         if version < 2:
-            out[sg + 506:sg + 508] = be16(len(seq))
-            out[sg + 508:sg + 508 + len(seq)] = bytes(seq)
-            out[sg + 770:sg + 786] = bytes([64] * 16)
-        else:
-            ps = grow(42 + 2 * len(seq))
-            out[ps + 40:ps + 42 + 2 * len(seq)] = be16(len(seq), *seq)
-            tbl = grow(4 + 2 + 16 + 16)
-            out[tbl:tbl + 4] = be32(ps)
-            out[tbl + 6:tbl + 22] = bytes([64] * 16)
-            out[tbl + 22:tbl + 38] = bytes([0xF0, 0x10, 0, 8] * 4)
-            out[sg + 506:sg + 532] = be16(1) + be32(tbl, tbl + 4, tbl + 6) + be16(16, 1) + be32(tbl + 22, 2)
-        e = grow(80 + 4 * len(insts))
+            put(sg + 506, be16(len(seq)) + bytes(seq))
+        else:   # a play sequence and a section table, track volumes and pans
+            ps = add(bytes(40) + be16(len(seq), *seq))
+            tbl = add(be32(ps) + bytes(2) + bytes([64] * 16) + bytes([0xF0, 0x10, 0, 8] * 4))
+            put(sg + 506, be16(1) + be32(tbl, tbl + 4, tbl + 6) + be16(16, 1) + be32(tbl + 22, 2))
+        e = add(bytes(80) + bytes([2, 3, 0, 0xFF]) * len(insts))
         exps.append(e)
-        out[h + 32:h + 36] = be32(e)
-        out[e + 4:e + 12] = be32(e + 80) + be16(len(insts), 4)
-        for i in range(len(insts)):
-            out[e + 80 + 4 * i:e + 84 + 4 * i] = bytes([2, 3, 0, 0xFF])
-    for i in range(1, len(headers)):
-        out[exps[i - 1]:exps[i - 1] + 4] = be32(headers[i])
-    arr = grow(4 * len(insts))
+        put(h + 32, be32(e))
+        put(e + 4, be32(e + 80) + be16(len(insts), 4))
+    for e, h in zip(exps, headers[1:]):
+        put(e, be32(h))
+    arr = add(bytes(4 * len(insts)))
     for h in headers:
-        out[h + 24:h + 28] = be32(arr)
+        put(h + 24, be32(arr))
     for i, (itype, data, rep, replen, vol, wf, waves) in enumerate(insts):
         if itype >= 0:
-            o = grow(6 + len(data))
-            out[o:o + 6 + len(data)] = be32(len(data)) + be16(itype) + data
-        else:
-            o = grow(278 + 4 * len(waves))
-            out[o:o + 22] = be32(272) + be16(itype) + bytes(4) + be16(rep, replen, len(vol), len(wf)) + \
-                bytes([1, 2]) + be16(len(waves))
-            out[o + 22:o + 22 + len(vol)] = bytes(vol)
-            out[o + 150:o + 150 + len(wf)] = bytes(wf)
+            o = add(be32(len(data)) + be16(itype) + data)
+        else:   # synth (-1) or hybrid (-2, its first wave a sample)
+            o = add(be32(272) + be16(itype) + bytes(4) + be16(rep, replen, len(vol), len(wf)) + bytes([1, 2]) +
+                    be16(len(waves)), 278 + 4 * len(waves))
+            put(o + 22, bytes(vol))
+            put(o + 150, bytes(wf))
             for w, wave in enumerate(waves):
-                hybrid_sample = itype == -2 and w == 0
-                wo = grow((6 if hybrid_sample else 2) + len(wave))
-                out[o + 278 + 4 * w:o + 282 + 4 * w] = be32(wo - o)
-                head = be32(len(wave)) + be16(0) if hybrid_sample else be16(len(wave) // 2)
-                out[wo:wo + len(head) + len(wave)] = head + wave
-        out[arr + 4 * i:arr + 4 * i + 4] = be32(o)
-    out[4:8] = be32(len(out))
+                head = be32(len(wave)) + be16(0) if itype == -2 and w == 0 else be16(len(wave) // 2)
+                put(o + 278 + 4 * w, be32(add(head + wave) - o))
+        put(arr + 4 * i, be32(o))
+    put(4, be32(len(out)))
     return bytes(out)
 
 
@@ -575,17 +427,14 @@ def med_old(version):
         # Block: 4 tracks; lines 0-31 with notes and commands on track 0
         # (a track mask nibble, then note byte and instrument nibble, or
         # command nibble and data byte), lines 32-63 empty.
-        nib = "80d1" + "8f20" + ("8111" + "8d02") * 31
-        data = bytes.fromhex(nib)
+        data = bytes.fromhex("80d1" + "8f20" + ("8111" + "8d02") * 31)
         out += bytes([4, 0xA5]) + be16(len(data)) + data
-        out += be32(0x40000000) + be32(64) + be16(0) + SQUARE[:64]
-        return out
+        return out + be32(0x40000000) + be32(64) + be16(0) + SQUARE[:64]
     out = b"MED\x04" + bytes([0x80, 0xC0])                   # instruments 1 and 2
     out += bytes([0x30, 1]) + b"a" + be16(0, 16) + bytes([0, 0, 0])
     out += bytes([0x7F, 1]) + b"b"
     out += be16(1, 2) + bytes([0, 0]) + be16(35) + bytes([0, 0x10]) + be16(6) + bytes(20) + bytes([64] * 16) + b"\x40"
-    nib = ("c" + "0d1" + "112" + "8" + "c30") * 16    # 16 lines: notes on tracks 0, 1; C30 on track 0
-    data = bytes.fromhex(nib + "0" * (len(nib) & 1))
+    data = bytes.fromhex(("c" + "0d1" + "112" + "8" + "c30") * 16)   # notes on tracks 0, 1; C30 on track 0
     blk = bytes([4, 15]) + be16(len(data)) + bytes([0x33]) + be32(0xFFFF0000)
     out += bytes([len(blk)]) + blk + data
     synth = b"MSH\0" + be16(0xFFFF, 0, 0, 0, 0, 4, 6) + bytes([1, 1]) + be16(1)
@@ -623,18 +472,16 @@ def med_seeds():
 # ---- eagleplayer.conf and songlengths.db --------------------------------------
 
 def conf_seeds():
-    shipped = os.path.join(HERE, "..", "data", "kelva_data", "eagleplayer.conf")
-    seeds = {}
-    with open(shipped, "rb") as f:
-        seeds["shipped"] = f.read()
-    seeds["items"] = (b"A prefixes=mod,x,,y,mod.song epopt=type:pt30 epopt=type:st20\n"
-                      b"B prefixes= prefixes=mod epopt=\n"
-                      b"#comment\n\n\tA prefixes=tfx\n"
-                      b"TFMX prefixes=mdat,tfx,TFX\r\n"
-                      b"PTK-Prowiz\tprefixes=mod\tepopt=type:pt30\r\n")
-    seeds["long-line"] = b"A prefixes=" + b"x," * 3000 + b"mod\nB prefixes=" + b"y" * 70 + b",mod\n"
-    seeds["long-name"] = b"N" * 300 + b" prefixes=mod\nPTK-Prowiz prefixes=mod epopt=" + b"o" * 300 + b"\n"
-    return seeds
+    return {
+        "shipped": (HERE / ".." / "data" / "kelva_data" / "eagleplayer.conf").read_bytes(),
+        "items": (b"A prefixes=mod,x,,y,mod.song epopt=type:pt30 epopt=type:st20\n"
+                  b"B prefixes= prefixes=mod epopt=\n"
+                  b"#comment\n\n\tA prefixes=tfx\n"
+                  b"TFMX prefixes=mdat,tfx,TFX\r\n"
+                  b"PTK-Prowiz\tprefixes=mod\tepopt=type:pt30\r\n"),
+        "long-line": b"A prefixes=" + b"x," * 3000 + b"mod\nB prefixes=" + b"y" * 70 + b",mod\n",
+        "long-name": b"N" * 300 + b" prefixes=mod\nPTK-Prowiz prefixes=mod epopt=" + b"o" * 300 + b"\n",
+    }
 
 
 def db_seeds():
@@ -647,15 +494,11 @@ def db_seeds():
     }
 
 
-def named_engine_input(file_name, subsong, module, companion=None):
-    """An engine input that names its module: identification picks the
-    player by the name, whatever players the tree holds. With a companion,
-    the input also carries the file that the player finds beside the module
-    under the module's name plus ".nt"."""
-    if companion is None:
-        return bytes([0xFF, subsong]) + file_name.encode("latin-1") + b"\0" + module
-    return (bytes([0xFE, subsong]) + file_name.encode("latin-1") + b"\0" + struct.pack(">I", len(companion)) +
-            companion + module)
+def named(file_name, module, subsong=0, companion=None):
+    """An engine input naming its module (0xFF), so that identification picks the player; with a
+    companion (0xFE), also the file the player finds under the module's name + ".nt"."""
+    name = bytes([0xFF if companion is None else 0xFE, subsong]) + file_name.encode("latin-1") + b"\0"
+    return name + (b"" if companion is None else be32(len(companion)) + companion) + module
 
 
 def main():
@@ -663,53 +506,48 @@ def main():
         sys.exit(__doc__)
     real = {}
     for root, _, files in os.walk(sys.argv[2]) if len(sys.argv) == 3 else ():
-        for fn in sorted(files):
-            path = os.path.join(root, fn)
-            if os.path.getsize(path) < 10240 and fn.lower().endswith(".mod"):
-                with open(path, "rb") as f:
-                    real["real-" + fn.replace(" ", "_")] = f.read()
+        for path in sorted(Path(root, f) for f in files if f.lower().endswith(".mod")):
+            if path.stat().st_size < 10240:
+                real["real-" + path.name.replace(" ", "_")] = path.read_bytes()
     mods, multi = module_seeds(), multichannel_seeds()
     # Identification: as x.mod, and a few as mod.x and song.tfx.
     identify = {n: bytes([0]) + d for n, d in mods.items()}
     for n in ("mk-effects", "st15-ust", "tfmx-7v", "tfhd-2"):
         identify.update({n + "-prefix": bytes([1]) + mods[n], n + "-tfx": bytes([5]) + mods[n]})
-    # Engine: byte 0 picks a player by its index in the tree's name order.
-    # These seeds were written when the tree held PTK-Prowiz (0),
-    # Soundtracker-IV (1) and UltimateSoundtracker (2), 3 letting
-    # identification choose; players added since shift the indices (the
-    # inputs stay valid, they only reach other players). Seeds of later
-    # formats name their module, so that identification picks their player.
+    # Engine: byte 0 picks a player by its index in the tree's name order;
+    # these were written for a tree of PTK-Prowiz, Soundtracker-IV and
+    # UltimateSoundtracker (3: identification chooses). Later formats name
+    # their module, so that identification picks their player.
     engine = {n: bytes([3, 0]) + d for n, d in {**mods, **real}.items() if not n.startswith("tf")}
     engine.update({"mk-effects-ptk": bytes([0, 1]) + mods["mk-effects"],
                    "mk-effects-st4": bytes([1, 0]) + mods["mk-effects"],
                    "st15-st4-ust": bytes([2, 2]) + mods["st15-st4"], "flt4-st4": bytes([1, 3]) + mods["flt4"]})
-    # SoundFX, Game Music Creator, Images Music System (also as a .st),
-    # PolyTracker (a cut file cuts a pattern and the samples short),
-    # Oktalyzer (split channels on 0, 2 or 4 Paula channels, the OKTASNG2
-    # tag, a file cut in its patterns), DIGI Booster (packed and unpacked
-    # patterns, a file cut in its samples).
-    named = {"sfx13": ("SFX.seed", sfx_seed()), "sfx20": ("seed.sfx", sfx_seed(True)), "gmc": ("gmc.seed", gmc_seed()),
-             "ims": ("seed.ims", ims_seed()), "ims-st": ("seed.st", ims_seed()), "ptm": ("seed.ptm", ptm_seed()),
-             "ptm-9ch": ("seed.ptm", ptm_seed(9)), "ptm-cut": ("seed.ptm", ptm_seed(32, 600)),
-             "okt-6ch": ("seed.okt", okt_seed()), "okt-8ch": ("OKT.seed", okt_seed((1, 1, 1, 1))),
-             "okt-4ch": ("seed.okta", okt_seed((0, 0, 0, 0))), "okt-cut": ("seed.okt", okt_seed(cut_bytes=700)),
-             "okt2": ("seed.okt2", okt_seed((1, 0, 0, 1), b"OKTASNG2")), "digi-8ch": ("seed.digi", digi_seed()),
-             "digi-3ch-unpacked": ("seed.digi", digi_seed(3, False)),
-             "digi-cut": ("seed.digi", digi_seed(5, True, 200))}
-    named.update({n: ("seed.mod", d) for n, d in multi.items()})
-    engine.update({n: named_engine_input(f, 0, d) for n, (f, d) in named.items()})
-    engine.update(ahx_seeds())
-    engine.update({n: named_engine_input("seed.mod", 0, d, nt) for n, (d, nt) in am_seeds().items()})
+    # Oktalyzer splits channels on 0, 2 or 4 Paula channels; PolyTracker,
+    # Oktalyzer and DIGI Booster files are also cut short.
+    engine.update({
+        "sfx13": named("SFX.seed", sfx_seed()), "sfx20": named("seed.sfx", sfx_seed(True)),
+        "gmc": named("gmc.seed", gmc_seed()), "ims": named("seed.ims", ims_seed()),
+        "ims-st": named("seed.st", ims_seed()), "ptm": named("seed.ptm", ptm_seed()),
+        "ptm-9ch": named("seed.ptm", ptm_seed(9)), "ptm-cut": named("seed.ptm", ptm_seed(32, 600)),
+        "okt-6ch": named("seed.okt", okt_seed()), "okt-8ch": named("OKT.seed", okt_seed((1, 1, 1, 1))),
+        "okt-4ch": named("seed.okta", okt_seed((0, 0, 0, 0))), "okt-cut": named("seed.okt", okt_seed(cut=700)),
+        "okt2": named("seed.okt2", okt_seed((1, 0, 0, 1), b"OKTASNG2")), "digi-8ch": named("seed.digi", digi_seed()),
+        "digi-3ch-unpacked": named("seed.digi", digi_seed(3, False)),
+        "digi-cut": named("seed.digi", digi_seed(5, True, 200)), "ahx1": named("seed.ahx", synth_song(False)),
+        "ahx0-sub2": named("AHX.seed", synth_song(False, 4, 0, 2), 2),
+        "hvl-6ch": named("seed.hvl", synth_song(True, 6, stereo=0)),
+        "hvl-16ch-sub1": named("seed.hvl", synth_song(True, 16, speed_mult=4), 1),
+        "hvl-4ch": named("seed.hvl", synth_song(True, 4, 0))})
+    engine.update({n: named("seed.mod", d) for n, d in multi.items()})
+    engine.update({n: named("seed.mod", d, 0, nt) for n, (d, nt) in am_seeds().items()})
     for name, data in med_seeds().items():   # MMD2 songs: subsongs 0 and 2
         for sub in (0, 2) if "songs" in name else (0,):
-            file_name = "song." + ("med" if name.startswith("med") else name[:4])
-            engine["med-%s-%d" % (name, sub)] = named_engine_input(file_name, sub, data)
+            engine["med-%s-%d" % (name, sub)] = named("song." + ("med" if name[:3] == "med" else name[:4]), data, sub)
     for target, seeds in (("hunk", hunk_seeds()), ("classify", {**mods, **real, **multi}), ("identify", identify),
                           ("engine", engine), ("epconf", conf_seeds()), ("songdb", db_seeds())):
-        os.makedirs(os.path.join(CORPUS, target), exist_ok=True)
+        (HERE / "corpus" / target).mkdir(parents=True, exist_ok=True)
         for name, data in seeds.items():
-            with open(os.path.join(CORPUS, target, "seed-" + name), "wb") as f:
-                f.write(data)
+            (HERE / "corpus" / target / ("seed-" + name)).write_bytes(data)
 
 
 if __name__ == "__main__":

@@ -11,17 +11,11 @@ int main(int argc, char **argv) {
     if (LLVMFuzzerInitialize) LLVMFuzzerInitialize(&argc, &argv);
     std::vector<std::string> inputs;
     for (int i = 1; i < argc; i++) {
-        std::string arg = argv[i];
-        if (arg.empty() || arg[0] == '-') continue;   // libFuzzer-style flags are ignored
-        struct stat st;
-        if (stat(arg.c_str(), &st) != 0) {
-            fprintf(stderr, "fuzz runner: cannot read %s\n", arg.c_str());
-            return 1;
-        }
-        if (S_ISDIR(st.st_mode))
-            fuzz::list_folder(arg, &inputs);
-        else
-            inputs.push_back(arg);
+        if (argv[i][0] == '\0' || argv[i][0] == '-') continue;   // libFuzzer-style flags are ignored
+        std::error_code ec;
+        std::vector<std::string> found = fuzz::list_folder(argv[i]);
+        if (!std::filesystem::is_directory(argv[i], ec)) found = {argv[i]};
+        inputs.insert(inputs.end(), found.begin(), found.end());
     }
     if (inputs.empty()) {
         fprintf(stderr, "fuzz runner: no inputs (usage: %s FILE|FOLDER...)\n", argv[0]);

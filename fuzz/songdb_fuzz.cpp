@@ -2,16 +2,10 @@
 // songlengths.db; it is read from memory by db_load and from a file in a
 // private XDG_DATA_HOME by db_open. Every record the loader keeps must be
 // found again by cache_lookup, and the map is emptied after each input.
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-
 #include "fuzz_support.h"
 #include "plugin/songdb.h"
 
 namespace {
-
-std::string db_file;
 
 void check_and_clear() {
     std::map<cache_key, int32_t> copy;
@@ -30,30 +24,26 @@ void check_and_clear() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    static const char *const none[] = {nullptr};
-    const std::string &dir = fuzz::make_tree("", none);
-    setenv("XDG_DATA_HOME", dir.c_str(), 1);
-    db_file = dir + "/kelva/songlengths.db";
+    fuzz::make_tree();
+    setenv("XDG_DATA_HOME", fuzz::tree_dir.c_str(), 1);
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > (1u << 20)) return 0;
     if (size > 0) {
-        FILE *f = fmemopen(const_cast<uint8_t *>(data), size, "r");
-        if (f) {
+        if (FILE *f = fmemopen(const_cast<uint8_t *>(data), size, "r")) {
             db_load(f);
             fclose(f);
         }
         check_and_clear();
     }
-
-    // The first open creates the folder; afterwards the file is replaced.
+    // The first open creates the folder; afterwards the file is replaced,
+    // under the current version line so that db_open loads it.
     db_open();
     db_close();
-    // Written under the current version line, so db_open loads it.
     std::string text = std::string(kDbHeader) + "\n" + std::string(reinterpret_cast<const char *>(data), size);
-    if (!fuzz::write_file(db_file, reinterpret_cast<const uint8_t *>(text.data()), text.size())) abort();
+    FUZZ_CHECK(fuzz::write_file(fuzz::tree_dir + "/kelva/songlengths.db", text.data(), text.size()));
     db_open();
     db_close();
     check_and_clear();
