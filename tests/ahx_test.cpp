@@ -152,8 +152,7 @@ void six_voices(song &s) { s.hvl = true, s.channels = 6; }
 class Ahx : public ::testing::Test {
   protected:
     void SetUp() override {
-        PTK_REQUIRE_PLAYER("AHX");
-        PTK_REQUIRE_PLAYER("HivelyTracker");
+        PTK_REQUIRE_PLAYERS("AHX", "HivelyTracker");
     }
 };
 

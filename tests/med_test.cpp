@@ -256,7 +256,7 @@ void run(const std::vector<med_case> &cases) {
 
 class Med : public ::testing::Test {
   protected:
-    void SetUp() override { PTK_REQUIRE_PLAYER("MED"); }
+    void SetUp() override { PTK_REQUIRE_PLAYERS("MED"); }
 };
 
 // C-1 .. C-3 at finetune 0.

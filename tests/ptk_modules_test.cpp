@@ -72,7 +72,7 @@ class PtkRealModules : public ::testing::Test {
   protected:
     void SetUp() override {
         KELVA_REQUIRE_SHARED("testdata/modules");
-        for (const char *p : {"PTK-Prowiz", "MED", "AHX", "HivelyTracker"}) PTK_REQUIRE_PLAYER(p);
+        PTK_REQUIRE_PLAYERS("PTK-Prowiz", "MED", "AHX", "HivelyTracker");
         kelva_global_init();
     }
     data_tree_env env;

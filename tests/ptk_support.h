@@ -1,16 +1,13 @@
-// Helpers for the tests of kelva's players (trackers, MED, AHX): open a built
-// player on a module image, step it tick by tick and check what it left in
-// Paula; identify the shared modules.
+// Helpers for the tests of kelva's players: open a built player on a module
+// image, step it tick by tick and check what it left in Paula.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "engine/engine.h"
@@ -19,7 +16,6 @@
 namespace ptk_test {
 
 inline std::string player_path(const char *name) { return std::string(KELVA_BUILD_DATA) + "/players/" + name; }
-inline std::vector<uint8_t> read_bytes(const std::string &path) { return read_file_bytes(path); }
 
 // Points KELVA_DATA at the build tree's data tree for the test's lifetime.
 struct data_tree_env {
@@ -57,10 +53,10 @@ inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mo
     kelva_set_separation(k.get(), 1.0f);
     if (files) kelva_set_file_loader(k.get(), memory_loader, files);
     std::string pp = player_path(player);
-    std::vector<uint8_t> p = read_bytes(pp);
-    bool ok = !kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), path,
-                          subsong);
-    return ok ? std::move(k) : nullptr;
+    std::vector<uint8_t> p = read_file_bytes(pp);
+    if (kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), path, subsong))
+        return nullptr;
+    return k;
 }
 
 // Identifies the shared module `rel` under the name `as` (its path when
@@ -69,13 +65,13 @@ inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mo
 inline engine_ptr open_identified(const std::string &rel, std::string *player, std::string as = "") {
     kelva_global_init();
     std::string path = shared_dir() + "/testdata/modules/" + rel;
-    std::vector<uint8_t> data = read_bytes(path), p;
+    std::vector<uint8_t> data = read_file_bytes(path), p;
     char found[4096];
     if (as.empty()) as = path;
     if (data.empty() || !kelva_identify(as.c_str(), data.data(), uint32_t(data.size()), found, sizeof found))
         return nullptr;
     *player = found;
-    p = read_bytes(found);
+    p = read_file_bytes(found);
     engine_ptr k = make_engine(48000);
     if (kelva_open(k.get(), p.data(), uint32_t(p.size()), data.data(), uint32_t(data.size()), found, as.c_str(), 0))
         return nullptr;
@@ -84,12 +80,12 @@ inline engine_ptr open_identified(const std::string &rel, std::string *player, s
 
 // Expected values: (tick, value); tick -1 is before the first tick.
 using trace = std::vector<std::pair<int, int>>;
-inline trace every(int n, std::vector<int> v) {   // the values after ticks 0, n, 2n, ...
+inline trace every(int n, const std::vector<int> &v) {   // the values after ticks 0, n, 2n, ...
     trace t;
     for (size_t i = 0; i < v.size(); i++) t.push_back({int(i) * n, v[i]});
     return t;
 }
-inline trace series(std::vector<int> v) { return every(1, std::move(v)); }
+inline trace series(const std::vector<int> &v) { return every(1, v); }
 
 // Runs `k` through the listed ticks (in order), comparing observe() after each.
 template <class F> void expect_trace(kelva *k, const trace &t, F observe) {
@@ -109,12 +105,11 @@ inline std::vector<int8_t> mixed(const kelva *k, int x) {
 
 }  // namespace ptk_test
 
-// Skips the current test when the player was not built.
-#define PTK_REQUIRE_PLAYER(name)                                                       \
-    do {                                                                               \
-        if (ptk_test::read_bytes(ptk_test::player_path(name)).empty())                 \
-            GTEST_SKIP() << "player " << name << " not built (no m68k cross compiler?)"; \
-    } while (0)
+// Skips the current test when one of the players was not built.
+#define PTK_REQUIRE_PLAYERS(...)                                \
+    for (const char *p_ : {__VA_ARGS__})                        \
+        if (read_file_bytes(ptk_test::player_path(p_)).empty()) \
+            GTEST_SKIP() << "player " << p_ << " not built (no m68k cross compiler?)"
 
 // Table-driven checks: a pattern cell of any of the formats and a probe of
 // what a player left after a number of ticks.
