@@ -78,6 +78,13 @@ inline engine_ptr open_identified(const std::string &rel, std::string *player, s
     return k;
 }
 
+// n bytes rising by `step`, shifted right by `shift`, wrapping at 8 bits.
+inline std::vector<int8_t> ramp(size_t n, int step = 1, int shift = 0) {
+    std::vector<int8_t> r(n);
+    for (size_t i = 0; i < n; i++) r[i] = int8_t(int(i) * step >> shift);
+    return r;
+}
+
 // Expected values: (tick, value); tick -1 is before the first tick.
 using trace = std::vector<std::pair<int, int>>;
 inline trace every(int n, const std::vector<int> &v) {   // the values after ticks 0, n, 2n, ...

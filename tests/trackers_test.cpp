@@ -13,11 +13,6 @@ namespace {
 bytes put(bytes m, size_t at, std::initializer_list<uint8_t> v) { return std::copy(v.begin(), v.end(), &m[at]), m; }
 bytes cut(bytes m, size_t size) { return m.resize(size), m; }
 bytes set32(bytes m, size_t at, uint32_t v) { return be32(m, at, v), m; }
-std::vector<int8_t> ramp(int n, int shift = 0) {
-    std::vector<int8_t> r(size_t(n), 0);
-    for (int i = 0; i < n; i++) r[size_t(i)] = int8_t(i >> shift);
-    return r;
-}
 
 // SoundFX 1.3 ("SONG", 15 samples) or 2.0 ("SO31", 31), one pattern: sample 1 = 4000 bytes, volume 40, no
 // loop; 2 = 200 bytes, volume 64, looping from byte 100 for 50 words; 17 (2.0) = 2000 bytes, volume 30.
@@ -322,7 +317,7 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
 // Oktalyzer's split voices do not loop: a long ramp (a step every 4 bytes, 0..63) alone on Paula 0 moves by
 // 549 x (129 / period) / 4 over a block. Note slides and arpeggios change the note; period slides do nothing.
 TEST_F(Trackers, OktalyzerSplitVoicesPlayNotesNotPeriods) {
-    okt_sample r{ramp(8192, 2), 0};
+    okt_sample r{ramp(8192, 1, 2), 0};
     for (int8_t &v : r.data) v &= 63;
     const struct {
         uint8_t note, fx, param;
