@@ -1,5 +1,5 @@
-// Helpers for the tests of kelva's players: open a built player on a module
-// image, step it tick by tick and check what it left in Paula.
+// Helpers for the tests of kelva's players: open a built player on a module image, step it tick by tick and
+// check what it left in Paula.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -31,8 +31,8 @@ struct data_tree_env {
 constexpr int32_t kTick = 960;          // frames of one 50 Hz tick at 48 kHz
 constexpr uint32_t kModule = 0x010000;  // where the engine loads the module
 
-// Renders `n` ticks: afterwards the player's tick routine has run n times
-// more (the first call of a fresh engine runs it at once).
+// Renders `n` ticks: afterwards the player's tick routine has run n times more (the first call of a fresh
+// engine runs it at once).
 inline void run_ticks(kelva *k, int n) {
     std::vector<float> buf(size_t(kTick) * 2);
     for (int i = 0; i < n; i++) kelva_render(k, buf.data(), kTick);
@@ -43,39 +43,36 @@ inline void be32(std::vector<uint8_t> &v, size_t at, uint32_t x) { be16(v, at, u
 inline void le16(std::vector<uint8_t> &v, size_t at, uint16_t x) { v[at] = uint8_t(x), v[at + 1] = uint8_t(x >> 8); }
 inline void le32(std::vector<uint8_t> &v, size_t at, uint32_t x) { le16(v, at, uint16_t(x)), le16(v, at + 2, x >> 16); }
 
-// Opens a built player on a module image (named `path`, at `subsong`, its
-// companion files served from `files`) at full stereo separation; null when
-// kelva_open fails.
-inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod, const char *path = nullptr,
-                              int subsong = 0, memory_files *files = nullptr) {
+// Opens the player file `pp` on a module image (named `path`, at `subsong`, its companion files served from
+// `files`) at full stereo separation; null when kelva_open fails.
+inline engine_ptr open_file(const std::string &pp, const std::vector<uint8_t> &mod, const char *path = nullptr,
+                            int subsong = 0, memory_files *files = nullptr) {
     kelva_global_init();
     engine_ptr k = make_engine(48000);
     kelva_set_separation(k.get(), 1.0f);
     if (files) kelva_set_file_loader(k.get(), memory_loader, files);
-    std::string pp = player_path(player);
     std::vector<uint8_t> p = read_file_bytes(pp);
     if (kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), path, subsong))
         return nullptr;
     return k;
 }
+inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod, const char *path = nullptr,
+                              int subsong = 0, memory_files *files = nullptr) {
+    return open_file(player_path(player), mod, path, subsong, files);
+}
 
-// Identifies the shared module `rel` under the name `as` (its path when
-// empty) and opens it with the player found, as the plugin does; null when
-// either fails. `player` gets the player's path.
+// Identifies the shared module `rel` under the name `as` (its path when empty) and opens it with the player
+// found, as the plugin does; null when either fails. `player` gets the player's path.
 inline engine_ptr open_identified(const std::string &rel, std::string *player, std::string as = "") {
     kelva_global_init();
     std::string path = shared_dir() + "/testdata/modules/" + rel;
-    std::vector<uint8_t> data = read_file_bytes(path), p;
+    std::vector<uint8_t> data = read_file_bytes(path);
     char found[4096];
     if (as.empty()) as = path;
     if (data.empty() || !kelva_identify(as.c_str(), data.data(), uint32_t(data.size()), found, sizeof found))
         return nullptr;
     *player = found;
-    p = read_file_bytes(found);
-    engine_ptr k = make_engine(48000);
-    if (kelva_open(k.get(), p.data(), uint32_t(p.size()), data.data(), uint32_t(data.size()), found, as.c_str(), 0))
-        return nullptr;
-    return k;
+    return open_file(found, data, as.c_str());
 }
 
 // n bytes rising by `step`, shifted right by `shift`, wrapping at 8 bits.
@@ -103,8 +100,8 @@ template <class F> void expect_trace(kelva *k, const trace &t, F observe) {
     }
 }
 
-// The block AUDxLC/AUDxLEN name (the one queued behind the block playing):
-// for a software-mixed channel the one the mixer handed Paula channel x last.
+// The block AUDxLC/AUDxLEN name (the one queued behind the block playing): for a software-mixed channel the
+// one the mixer handed Paula channel x last.
 inline std::vector<int8_t> mixed(const kelva *k, int x) {
     const int8_t *b = reinterpret_cast<const int8_t *>(k->ram + (k->aud[x].lc & 0xFFFFFF));
     return std::vector<int8_t>(b, b + 2 * k->aud[x].len);
@@ -125,8 +122,7 @@ namespace trk {
 using namespace ptk_test;
 using bytes = std::vector<uint8_t>;
 
-// note: a period, a note number or a format's code; vol: the volume column
-// of formats that have one (-1: none).
+// note: a period, a note number or a format's code; vol: the volume column of formats that have one (-1: none).
 struct cell {
     int pat, row, ch;
     uint16_t note;
@@ -134,20 +130,18 @@ struct cell {
     int vol = -1;
 };
 
-// A ProTracker-style cell: sample bits 4-7 over a 12-bit period, bits 0-3
-// over the command, then the parameter.
+// A ProTracker-style cell: sample bits 4-7 over a 12-bit period, bits 0-3 over the command, then the parameter.
 inline void put_cell(std::vector<uint8_t> &m, size_t at, const cell &c) {
     m[at] = uint8_t((c.smp & 0xF0) | c.note >> 8), m[at + 1] = uint8_t(c.note);
     m[at + 2] = uint8_t((c.smp & 15) << 4 | (c.fx & 15)), m[at + 3] = c.param;
 }
 
-// Probes, written "@tick" or "@first-last" (ticks since the open) then
-// what, Paula channel, '=' and value ("@1 p0=428 v0=40 @7-9 p0=431"). What:
+// Probes, written "@tick" or "@first-last" (ticks since the open) then what, Paula channel, '=' and value
+// ("@1 p0=428 v0=40 @7-9 p0=431"). What:
 //   p v l d  AUDxPER, AUDxVOL, AUDxLEN, DMA running
 //   c a      AUDxLC, the start of the block playing, less the case's base
 //   e P      the end of the block playing (bytes), its position in hundreds
-//   q Q      every byte of the block AUDxLC/LEN name (INT_MIN when they
-//            differ), its first byte
+//   q Q      every byte of the block AUDxLC/LEN name (INT_MIN when they differ), its first byte
 //   t f      the CIA-A timer value the player set, frames per tick
 //   E x      the frame of the song's end, kelva_song_ended
 //   L        the measured length in ms (-reason when not by the song's end)
@@ -208,8 +202,8 @@ inline void expect_probes(kelva *k, const char *text, uint32_t base = 0) {
     expect_probes(k, probes, base);
 }
 
-// A synthetic module, the player to open it with (under `path`, which lets
-// the data tree's rules give an option string) and the probes it must pass.
+// A synthetic module, the player to open it with (under `path`, which lets the data tree's rules give an option
+// string) and the probes it must pass.
 struct tcase {
     const char *what, *player;
     bytes image;
