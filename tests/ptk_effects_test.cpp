@@ -47,6 +47,15 @@ class Ptk : public ::testing::Test {
 
 TEST_F(Ptk, EffectsVariantsAndMixing) {
     const char *const P = "PTK-Prowiz";
+    bytes big = mod({{0, 0, 0, 428, 1}}, 1, {{60000, 64}});
+    bytes hmn = mod({{0, 0, 0, 428, 1}, {0, 1, 1, 428, 2}, {0, 0, 2, 428, 3, 7, 1}}, 2,
+                    {{0, 48}, {100, 64, 0, 1, 0xFE, 10}, {100, 64, 0, 1, 0, 10}}, "M&K!", {0});
+    big.resize(2108 + 1000);
+    memcpy(&hmn[20], "Mupp\1\1\3", 8);
+    hmn[953] = 1;   // pattern 1, not in the song, holds the synth sound: waveform w is 32 bytes of w
+    for (uint32_t w = 0; w < 28; w++) memset(&hmn[2108 + 32 * w], int(w), 32);
+    const uint8_t steps[8] = {3, 9, 6, 12, 64, 32, 0x80 | 16, 100};   // the steps' waveforms, then volumes
+    for (int i = 0; i < 8; i++) hmn[2108 + (i < 4 ? 0x380 : 0x3BC) + i] = steps[i];
     const tcase kCases[] = {
         // Sample 2 plays to its loop's end, then the loop is queued; sample 1 has none: silence is queued.
         {"note", P, mod({{0, 0, 0, 428, 1}, {0, 0, 1, 856, 2}}), kData,
@@ -125,6 +134,16 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
          mod({{1, 0, 1, 428, 1}, {3, 0, 1, 428, 2}}, 4, {{200, 64, 0, 200, 0, 100}, {200, 64, 0, 200, 0, 40}}, "FLT8",
              {0, 2, 1}),
          0, "@3 q1=50 q0=0 @387 q1=20 @771 q1=50"},
+        {"a sample longer than the file plays what is there", P, big, 0, "@1 e0=1000"},
+        // His Master's Noise: a "Mupp" instrument first plays (first step << 8 | last step) words of its
+        // pattern, then each tick the step's 32-byte waveform (queued) at the step's volume x the instrument's
+        // / 64, looping from the first step to the last: steps 0, 1, 2, 3, 1, .. at 48 x 64 / 64 = 48, 24, 12
+        // and 75, the limit 64. Plain samples take the finetune byte as a period factor 1 + fine / 256: 428 x
+        // (1 - 2 / 256) for sample 2; 7xy steps through a chord table (1: 0, 4, 7, 12, 16, 12 semitones).
+        {"His Master's Noise", P, hmn, kModule + 2108,
+         "@1-7 l0=16 @1 a0=0 e0=518 v0=48 c0=96 p2=428 @2 v0=24 c0=288 p2=339 @3 v0=12 c0=192 p2=285 "
+         "@4 v0=64 c0=384 p2=214 @5 v0=24 c0=288 p2=170 @6 v0=12 c0=192 p2=214 @7 v0=64 c0=384 p1=424",
+         nullptr, nullptr, ""},
     };
     for (const tcase &c : kCases) run_case(c);
     // A sample of bytes 100 at volume V on channel c of N: Paula channel c mod 4 plays 100 x V / 64 / S at
@@ -153,37 +172,4 @@ TEST_F(Ptk, DamagedModulesAreRefused) {
     EXPECT_FALSE(open_player("PTK-Prowiz", none));
     EXPECT_FALSE(open_player("PTK-Prowiz", mod({}, 1, {}, "M.K.", {60})));   // a pattern beyond the file
     EXPECT_FALSE(open_player("UltimateSoundtracker", bytes(500, 0)));
-    bytes big = mod({{0, 0, 0, 428, 1}}, 1, {{60000, 64}});
-    big.resize(2108 + 1000);   // a sample longer than the file plays what is there
-    engine_ptr k = open_player("PTK-Prowiz", big);
-    ASSERT_TRUE(k);
-    expect_probes(k.get(), "@1 e0=1000");
-}
-
-// His Master's Noise: a "Mupp" instrument first plays (first step << 8 | last step) words of its pattern,
-// then each tick the step's 32-byte waveform (queued) at the step's volume x the instrument's / 64, looping
-// from the first step to the last. Plain samples take the finetune byte as a period factor 1 + fine / 256;
-// 7xy steps through a chord table.
-TEST_F(Ptk, HisMastersNoiseSynthSoundsFinetuneAndChords) {
-    bytes m = mod({{0, 0, 0, 428, 1}, {0, 1, 1, 428, 2}, {0, 0, 2, 428, 3, 7, 1}}, 2,
-                  {{0, 48}, {100, 64, 0, 1, 0xFE, 10}, {100, 64, 0, 1, 0, 10}}, "M&K!", {0});
-    memcpy(&m[20], "Mupp\1\1\3", 8);
-    m[953] = 1;   // pattern 1, not in the song, holds the synth sound
-    const uint32_t base = 1084 + 1024;
-    for (uint32_t w = 0; w < 28; w++) memset(&m[base + 32 * w], int(w), 32);
-    const uint8_t waves[4] = {3, 9, 6, 12}, vols[4] = {64, 32, 0x80 | 16, 100};
-    for (int i = 0; i < 4; i++) m[base + 0x380 + i] = waves[i], m[base + 0x3C0 + i] = vols[i];
-    engine_ptr k = open_player("PTK-Prowiz", m);
-    ASSERT_TRUE(k);
-    EXPECT_STREQ(k->epopt, "");
-    // 428 x (1 - 2 / 256) for sample 2; chord table 1: 0, 4, 7, 12, 16, 12.
-    std::vector<probe> p = {{1, 0, 'a', 0}, {1, 0, 'e', 2 * (1 << 8 | 3)}, {7, 1, 'p', 428 - 4}};
-    const int order[7] = {0, 1, 2, 3, 1, 2, 3};   // the steps tick by tick
-    const uint16_t chord[6] = {428, 339, 285, 214, 170, 214};
-    for (int t = 0; t < 7; t++) {
-        int s = order[t], v = 48 * (vols[s] & 0x7F) >> 6;
-        p.insert(p.end(), {{t + 1, 0, 'v', v > 64 ? 64 : v}, {t + 1, 0, 'c', 32 * waves[s]}, {t + 1, 0, 'l', 16}});
-        if (t < 6) p.push_back({t + 1, 2, 'p', chord[t]});
-    }
-    expect_probes(k.get(), p, kModule + base);
 }

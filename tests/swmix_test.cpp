@@ -3,9 +3,9 @@
 // rules: a voice adds sample x volume, the sum is shifted right by 6 plus
 // one bit per doubling of the voice count, and positions advance by
 // (mixing period << 16) / period in 16.16 fixed point.
-#include <gtest/gtest.h>
+#include "ptk_support.h"
 
-#include "support/test_support.h"
+using ptk_test::ramp;
 
 namespace {
 
@@ -14,12 +14,6 @@ struct voice_spec {
     uint32_t loop_start = 0, loop_len = 0;
     uint16_t period = 124, volume = 64;
 };
-
-voice_spec ramp(int n, uint32_t loop_start, uint32_t loop_len, uint16_t period = 124) {
-    voice_spec v{{}, loop_start, loop_len, period};
-    for (int i = 0; i < n; i++) v.sample.push_back(int8_t(i));
-    return v;
-}
 
 class SwMix : public testing::Test {
   protected:
@@ -65,7 +59,7 @@ TEST_F(SwMix, LevelsStepsLoopsAndOneShotEnds) {
     got = open(32, {{std::vector<int8_t>(10, 50)}, {std::vector<int8_t>(2, 0)}}, 32);
     for (int i = 0; i < 32; i++) EXPECT_EQ(got[i], i < 10 ? 25 : 0) << i;
     // Period 186: 124 / 186 of a byte a sample; one voice: the ramp's bytes.
-    got = open(256, {ramp(64, 32, 32, 186)}, 256);
+    got = open(256, {{ramp(64), 32, 32, 186}}, 256);
     for (uint64_t i = 0, pos = 0; i < 256; i++, pos += (124u << 16) / 186) {
         if ((pos >> 16) >= 64) pos -= uint64_t(32) << 16;
         ASSERT_EQ(got[i], int8_t(pos >> 16)) << "sample " << i;
@@ -77,7 +71,7 @@ TEST_F(SwMix, LevelsStepsLoopsAndOneShotEnds) {
 // sample is the previous one plus 1 (a buffer played twice or skipped
 // would jump by a whole block), 3546895 / 124 of them a second.
 TEST_F(SwMix, BuffersFollowEachOtherWithoutABreak) {
-    open(200, {ramp(256, 0, 256)}, 0);
+    open(200, {{ramp(256), 0, 256}}, 0);
     float frame[2];
     uint32_t changes = 0;
     for (int f = 0; f < 48000; f++) {
