@@ -83,10 +83,10 @@ std::vector<int8_t> repeat(const std::vector<int8_t> &w, size_t n = 128) {
     return out;
 }
 
-// 'p' period, 'v' volume, 'w' bytes at 127 in the looped block, 'f' 1 when its bytes
-// step by less than 64, 'r' 1 when its RMS is below 0.8 x 127.5, 'F' the song's end
-// (its frame, in ticks), 'c' subsongs; of the mixed blocks (430 bytes) of HVL songs: 'm' (min + 128) x 256 +
-// max + 128 of channel 0, 'M' of channel 1, 'z' zero bytes of channel 0, 'Z' of 1.
+// 'p' period, 'v' volume, 'w' bytes at 127 in the looped block, 'f' 1 when its bytes step by less than 64,
+// 'r' 1 when its RMS is below 0.8 x 127.5, 'F' the song's end (its frame, in ticks), 'c' subsongs; of the mixed
+// blocks (430 bytes) of HVL songs: 'm' (min + 128) x 256 + max + 128 of channel 0, 'M' of channel 1, 'z' zero
+// bytes of channel 0, 'Z' of 1.
 int observe(kelva *k, char what) {
     std::vector<int8_t> b = mixed(k, 0);
     const int8_t *x = reinterpret_cast<const int8_t *>(k->ch[what == 'M' || what == 'Z'].data);
@@ -108,8 +108,8 @@ int observe(kelva *k, char what) {
     return -1;
 }
 
-// Channel 0 plays `steps` with instrument 1 `ins` (song changed by `setup`);
-// `obs` names what each expected value looks at, in turn.
+// Channel 0 plays `steps` with instrument 1 `ins` (song changed by `setup`); `obs` names what each expected
+// value looks at, in turn.
 struct ahx_case {
     const char *what;
     instrument ins;

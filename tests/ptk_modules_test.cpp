@@ -119,11 +119,9 @@ TEST_F(PtkRealModules, EachIsPlayedByItsPlayerAsItsFormat) {
 // frames) is checked here. med3song: 40 lines of 6 ticks at tempo 32 (14631 cycles: 990 frames), 24 at tempo
 // 192 (2438 cycles: 165); Synth-a-sysmic: 3296 lines of 6 ticks at tempo 35 (13376 cycles: 905).
 TEST_F(PtkRealModules, UnmeasuredOnesEndBySongEnd) {
-    const std::pair<const char *, int> kFiles[] = {{"effects/PatLoop-Break.mod", 0},
-                                                   {"startrekker-am/flt_am_override.mod", 0},
-                                                   {"other/pattern_loop_ptm.ptm", 0},
-                                                   {"med/med3song.med", 40 * 6 * 990 + 24 * 6 * 165},
-                                                   {"med/Synth-a-sysmic.med", 3296 * 6 * 905}};
+    const std::pair<const char *, int> kFiles[] = {
+        {"effects/PatLoop-Break.mod", 0}, {"startrekker-am/flt_am_override.mod", 0}, {"other/pattern_loop_ptm.ptm", 0},
+        {"med/med3song.med", 40 * 6 * 990 + 24 * 6 * 165}, {"med/Synth-a-sysmic.med", 3296 * 6 * 905}};
     for (const auto &[f, frames] : kFiles) {
         std::string player;
         engine_ptr k = open_identified(f, &player);
@@ -137,17 +135,14 @@ TEST_F(PtkRealModules, UnmeasuredOnesEndBySongEnd) {
 }
 
 // flt_am_envelope.mod: instrument 1's attack from 0x40 by 2 a tick, instrument 2's from 0x20 by 1, applied on
-// the note's own tick (Paula volume = level / 4); both reach their levels on tick 96, the second attack, decay
-// and sustain (ST 0) take a tick each and the release (rate 255, 128) ends at 0 on tick 100. Attack rate 0
-// holds L0 = 0 (channel 3).
+// the note's own tick (Paula volume = level / 4): 0x42 / 4 = 16 and 0x21 / 4 = 8 on tick 1, 0xA0 / 4 = 40 and
+// 0x50 / 4 = 20 on tick 48; both reach their levels (0xFF, 0x80) on tick 96, the second attack, decay and
+// sustain (ST 0) take a tick each and the release (rate 255, 128) ends at 0 on tick 100. Attack rate 0 holds
+// L0 = 0 (channel 3); FQ 1 plays an octave below C-2.
 TEST_F(PtkRealModules, AmEnvelopeStepsOnceATick) {
     std::string player;
     engine_ptr k = open_identified("startrekker-am/flt_am_envelope.mod", &player);
     ASSERT_TRUE(k);
-    std::vector<probe> p;
-    for (int n : {1, 48, 95, 96, 99, 100})
-        p.insert(p.end(), {{n, 0, 'v', n < 100 ? std::min(0x40 + 2 * n, 0xFF) >> 2 : 0},
-                           {n, 1, 'v', n < 100 ? std::min(0x20 + n, 0x80) >> 2 : 0}, {n, 3, 'v', 0},
-                           {n, 0, 'p', 856}});   // FQ 1: an octave below C-2
-    expect_probes(k.get(), p);
+    expect_probes(k.get(), "@1 v0=16 v1=8 @48 v0=40 v1=20 @95 v0=63 v1=31 @96 v0=63 v1=32 @99 v0=63 v1=32 "
+                           "@100 v0=0 v1=0 @1-100 v3=0 p0=856");
 }

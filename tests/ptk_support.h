@@ -181,17 +181,9 @@ inline int64_t observe(kelva *k, int ch, char what, uint32_t base) {
 }
 
 // Runs the engine to each probe's tick in turn and checks the probe.
-inline void expect_probes(kelva *k, std::vector<probe> probes, uint32_t base = 0) {
-    std::stable_sort(probes.begin(), probes.end(), [](const probe &x, const probe &y) { return x.tick < y.tick; });
-    int done = 0;
-    for (const probe &p : probes) {
-        if (p.tick > done) run_ticks(k, p.tick - done), done = p.tick;
-        EXPECT_EQ(observe(k, p.ch, p.what, base), p.value) << p.what << p.ch << " at tick " << p.tick;
-    }
-}
 inline void expect_probes(kelva *k, const char *text, uint32_t base = 0) {
     std::vector<probe> probes;
-    int from = 0, to = 0, n = 0;
+    int from = 0, to = 0, n = 0, done = 0;
     char what;
     for (long long v, ch; *(text += strspn(text, " ")); text += n) {
         if (sscanf(text, "@%d-%d%n", &from, &to, &n) == 2 || (sscanf(text, "@%d%n", &from, &n) == 1 && (to = from, 1)))
@@ -199,7 +191,11 @@ inline void expect_probes(kelva *k, const char *text, uint32_t base = 0) {
         ASSERT_EQ(sscanf(text, "%c%lld=%lld%n", &what, &ch, &v, &n), 3) << "probe text: " << text;
         for (int t = from; t <= to; t++) probes.push_back({t, int(ch), what, v});
     }
-    expect_probes(k, probes, base);
+    std::stable_sort(probes.begin(), probes.end(), [](const probe &x, const probe &y) { return x.tick < y.tick; });
+    for (const probe &p : probes) {
+        if (p.tick > done) run_ticks(k, p.tick - done), done = p.tick;
+        EXPECT_EQ(observe(k, p.ch, p.what, base), p.value) << p.what << p.ch << " at tick " << p.tick;
+    }
 }
 
 // A synthetic module, the player to open it with (under `path`, which lets the data tree's rules give an option
