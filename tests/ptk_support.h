@@ -19,13 +19,9 @@ inline std::string player_path(const char *name) { return std::string(KELVA_BUIL
 
 // Points KELVA_DATA at the build tree's data tree for the test's lifetime.
 struct data_tree_env {
-    std::string old;
-    bool had = false;
-    data_tree_env() {
-        if (const char *v = getenv("KELVA_DATA")) old = v, had = true;
-        setenv("KELVA_DATA", KELVA_BUILD_DATA, 1);
-    }
-    ~data_tree_env() { had ? setenv("KELVA_DATA", old.c_str(), 1) : unsetenv("KELVA_DATA"); }
+    std::string old = getenv("KELVA_DATA") ? getenv("KELVA_DATA") : "";
+    data_tree_env() { setenv("KELVA_DATA", KELVA_BUILD_DATA, 1); }
+    ~data_tree_env() { old.empty() ? unsetenv("KELVA_DATA") : setenv("KELVA_DATA", old.c_str(), 1); }
 };
 
 constexpr int32_t kTick = 960;          // frames of one 50 Hz tick at 48 kHz
@@ -115,8 +111,7 @@ inline std::vector<int8_t> mixed(const kelva *k, int x) {
         if (read_file_bytes(ptk_test::player_path(p_)).empty()) \
             GTEST_SKIP() << "player " << p_ << " not built (no m68k cross compiler?)"
 
-// Table-driven checks: a pattern cell of any of the formats and a probe of
-// what a player left after a number of ticks.
+// Table-driven checks: a pattern cell of any of the formats and probes of what a player left after N ticks.
 namespace trk {
 
 using namespace ptk_test;
