@@ -171,10 +171,7 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
             s.hvl = hvl, s.tracks[1] = {{37, 1}}, s.ins = {tone(c.wave, c.wl, c.width)};
             engine_ptr k = open_player(hvl ? "HivelyTracker" : "AHX", build(s));
             ASSERT_TRUE(k);
-            run_ticks(k.get(), 1);
-            EXPECT_EQ(k->aud[0].per, 428);
-            EXPECT_EQ(k->aud[0].vol, 64);
-            EXPECT_TRUE(k->aud[0].dma_running);
+            trk::expect_probes(k.get(), "@1 p0=428 v0=64 d0=1");
             EXPECT_EQ(mixed(k.get(), 0), repeat(c.period));
         }
     }
@@ -269,12 +266,7 @@ TEST_F(Ahx, HivelyMixesVoicesIntoThePaulaChannels) {
     const instrument ring = with_plist({{kSquare, 0, 0, 7, 49}});
     engine_ptr k = open_player("HivelyTracker", build({.hvl = true, .tracks = {{}, {{37, 1}}}, .ins = {ring}}));
     ASSERT_TRUE(k);
-    run_ticks(k.get(), 2);
-    for (int x = 0; x < 4; x++) {
-        EXPECT_EQ(k->aud[x].per, 165);
-        EXPECT_EQ(k->aud[x].vol, 64);
-        EXPECT_EQ(k->aud[x].len, 215);
-    }
+    trk::expect_probes(k.get(), "@2 p0=165 v0=64 l0=215 p1=165 v1=64 l1=215 p2=165 v2=64 l2=215 p3=165 v3=64 l3=215");
     const int8_t *b = reinterpret_cast<const int8_t *>(k->ch[0].data);
     EXPECT_GT(std::count_if(b, b + 430, [](int8_t v) { return std::abs(v) <= 8; }), 20);   // near the zeros
     EXPECT_GT(std::count_if(b, b + 430, [](int8_t v) { return std::abs(v) >= 56; }), 20);  // and the peaks
