@@ -56,7 +56,20 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
     for (uint32_t w = 0; w < 28; w++) memset(&hmn[2108 + 32 * w], int(w), 32);
     const uint8_t steps[8] = {3, 9, 6, 12, 64, 32, 0x80 | 16, 100};   // the steps' waveforms, then volumes
     for (int i = 0; i < 8; i++) hmn[2108 + (i < 4 ? 0x380 : 0x3BC) + i] = steps[i];
+    // A sample of bytes 100 at volume V on channel c of N: Paula channel c mod 4 plays 100 x V / 64 / S at the
+    // mixing period 180 (19,705 Hz), S = ceil(N / 4) rounded up to a power of two; the others 0.
+    auto mix = [P](const char *tag, int n, int c, int volume, int level) {
+        std::string p = "@3";
+        for (int x = 0; x < 4; x++) {
+            std::string ch = std::to_string(x);
+            p += " p" + ch + "=180 v" + ch + "=64 q" + ch + "=" + std::to_string(x == c % 4 ? level : 0);
+        }
+        return tcase{tag, P, mod({{0, 0, c, 428, 1}}, 1, {{500, uint8_t(volume), 0, 500, 0, 100}}, tag, {}, 0, n), 0,
+                     p};
+    };
     const tcase kCases[] = {
+        mix("5CHN", 5, 2, 32, 25), mix("6CHN", 6, 4, 64, 50), mix("8CHN", 8, 7, 64, 50), mix("CD81", 8, 5, 48, 37),
+        mix("OKTA", 8, 1, 64, 50), mix("12CH", 12, 9, 64, 25), mix("32CH", 32, 31, 64, 12), mix("TDZ9", 9, 8, 64, 25),
         // Sample 2 plays to its loop's end, then the loop is queued; sample 1 has none: silence is queued.
         {"note", P, mod({{0, 0, 0, 428, 1}, {0, 0, 1, 856, 2}}), kData,
          "@1 p0=428 v0=40 d0=1 a0=0 l0=1 q0=0 v1=64 a1=4000 e1=120 c1=4020 l1=50"},
@@ -146,24 +159,6 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
          nullptr, nullptr, ""},
     };
     for (const tcase &c : kCases) run_case(c);
-    // A sample of bytes 100 at volume V on channel c of N: Paula channel c mod 4 plays 100 x V / 64 / S at
-    // the mixing period 180 (19,705 Hz), S = ceil(N / 4) rounded up to a power of two; the others 0.
-    const struct {
-        const char *tag;
-        int channels, channel, volume, level;
-    } kMix[] = {{"5CHN", 5, 2, 32, 25}, {"6CHN", 6, 4, 64, 50},  {"8CHN", 8, 7, 64, 50},  {"CD81", 8, 5, 48, 37},
-                {"OKTA", 8, 1, 64, 50}, {"12CH", 12, 9, 64, 25}, {"32CH", 32, 31, 64, 12}, {"TDZ9", 9, 8, 64, 25}};
-    for (const auto &c : kMix) {
-        std::string p = "@3";
-        for (int x = 0; x < 4; x++) {
-            std::string n = std::to_string(x);
-            p += " p" + n + "=180 v" + n + "=64 q" + n + "=" + std::to_string(x == c.channel % 4 ? c.level : 0);
-        }
-        run_case({c.tag, P,
-                  mod({{0, 0, c.channel, 428, 1}}, 1, {{500, uint8_t(c.volume), 0, 500, 0, 100}}, c.tag, {}, 0,
-                      c.channels),
-                  0, p});
-    }
 }
 
 TEST_F(Ptk, DamagedModulesAreRefused) {
