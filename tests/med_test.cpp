@@ -251,10 +251,9 @@ const int kC1 = 856, kC2 = 428, kD2 = 381, kE2 = 339, kF2 = 320, kG2 = 285, kC3 
 TEST_F(Med, NotesAndCommands) {
     run({
         {"MMD0 C-2", N(13), "p", {{0, kC2}}, SET(m.version = 0)},
-        {"C-1", N(1), "p", {{0, kC1}}},
-        {"B-3, the highest", N(36), "p", {{0, 113}}},
-        {"C-4 plays in the third octave", N(37), "p", {{0, kC3}}},
-        {"D#7 wraps down one octave, then repeats octave 3", N(76), "p", {{0, 180}}},
+        // C-1; B-3, the highest; C-4 plays in the third octave; D#7 wraps down one octave, then repeats octave 3.
+        {"C-1, B-3, C-4, D#7", N(1), "p", every(6, {kC1, 113, kC3, 180}),
+         SET(m.at(1) = N(36), m.at(2) = N(37), m.at(3) = N(76))},
         {"finetune +1", N(1), "p", {{0, 850}}, SET(m.inst[0].finetune = 1)},
         {"finetune -1", N(1), "p", {{0, 862}}, SET(m.inst[0].finetune = -1)},
         {"song transpose +12", N(1), "p", {{0, kC2}}, SET(m.transpose = 12)},
