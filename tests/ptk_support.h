@@ -1,6 +1,5 @@
-// Helpers for the tests of kelva's players (trackers, MED, AHX): open a built
-// player on a module image, step it tick by tick and check what it left in
-// Paula; identify the shared modules.
+// Helpers for the tests of kelva's players: open a built player on a module image, step it tick by tick and
+// check what it left in Paula.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,24 +18,19 @@
 namespace ptk_test {
 
 inline std::string player_path(const char *name) { return std::string(KELVA_BUILD_DATA) + "/players/" + name; }
-inline std::vector<uint8_t> read_bytes(const std::string &path) { return read_file_bytes(path); }
 
 // Points KELVA_DATA at the build tree's data tree for the test's lifetime.
 struct data_tree_env {
-    std::string old;
-    bool had = false;
-    data_tree_env() {
-        if (const char *v = getenv("KELVA_DATA")) old = v, had = true;
-        setenv("KELVA_DATA", KELVA_BUILD_DATA, 1);
-    }
-    ~data_tree_env() { had ? setenv("KELVA_DATA", old.c_str(), 1) : unsetenv("KELVA_DATA"); }
+    std::string old = getenv("KELVA_DATA") ? getenv("KELVA_DATA") : "";
+    data_tree_env() { setenv("KELVA_DATA", KELVA_BUILD_DATA, 1); }
+    ~data_tree_env() { old.empty() ? unsetenv("KELVA_DATA") : setenv("KELVA_DATA", old.c_str(), 1); }
 };
 
 constexpr int32_t kTick = 960;          // frames of one 50 Hz tick at 48 kHz
 constexpr uint32_t kModule = 0x010000;  // where the engine loads the module
 
-// Renders `n` ticks: afterwards the player's tick routine has run n times
-// more (the first call of a fresh engine runs it at once).
+// Renders `n` ticks: afterwards the player's tick routine has run n times more (the first call of a fresh
+// engine runs it at once).
 inline void run_ticks(kelva *k, int n) {
     std::vector<float> buf(size_t(kTick) * 2);
     for (int i = 0; i < n; i++) kelva_render(k, buf.data(), kTick);
@@ -47,49 +41,53 @@ inline void be32(std::vector<uint8_t> &v, size_t at, uint32_t x) { be16(v, at, u
 inline void le16(std::vector<uint8_t> &v, size_t at, uint16_t x) { v[at] = uint8_t(x), v[at + 1] = uint8_t(x >> 8); }
 inline void le32(std::vector<uint8_t> &v, size_t at, uint32_t x) { le16(v, at, uint16_t(x)), le16(v, at + 2, x >> 16); }
 
-// Opens a built player on a module image (named `path`, at `subsong`, its
-// companion files served from `files`) at full stereo separation; null when
-// kelva_open fails.
-inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod, const char *path = nullptr,
-                              int subsong = 0, memory_files *files = nullptr) {
+// Opens the player file `pp` on a module image (named `path`, at `subsong`, its companion files served from
+// `files`) at full stereo separation; null when kelva_open fails.
+inline engine_ptr open_file(const std::string &pp, const std::vector<uint8_t> &mod, const char *path = nullptr,
+                            int subsong = 0, memory_files *files = nullptr) {
     kelva_global_init();
     engine_ptr k = make_engine(48000);
     kelva_set_separation(k.get(), 1.0f);
     if (files) kelva_set_file_loader(k.get(), memory_loader, files);
-    std::string pp = player_path(player);
-    std::vector<uint8_t> p = read_bytes(pp);
-    bool ok = !kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), path,
-                          subsong);
-    return ok ? std::move(k) : nullptr;
+    std::vector<uint8_t> p = read_file_bytes(pp);
+    if (kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), path, subsong))
+        return nullptr;
+    return k;
+}
+inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod, const char *path = nullptr,
+                              int subsong = 0, memory_files *files = nullptr) {
+    return open_file(player_path(player), mod, path, subsong, files);
 }
 
-// Identifies the shared module `rel` under the name `as` (its path when
-// empty) and opens it with the player found, as the plugin does; null when
-// either fails. `player` gets the player's path.
+// Identifies the shared module `rel` under the name `as` (its path when empty) and opens it with the player
+// found, as the plugin does; null when either fails. `player` gets the player's path.
 inline engine_ptr open_identified(const std::string &rel, std::string *player, std::string as = "") {
     kelva_global_init();
     std::string path = shared_dir() + "/testdata/modules/" + rel;
-    std::vector<uint8_t> data = read_bytes(path), p;
+    std::vector<uint8_t> data = read_file_bytes(path);
     char found[4096];
     if (as.empty()) as = path;
     if (data.empty() || !kelva_identify(as.c_str(), data.data(), uint32_t(data.size()), found, sizeof found))
         return nullptr;
     *player = found;
-    p = read_bytes(found);
-    engine_ptr k = make_engine(48000);
-    if (kelva_open(k.get(), p.data(), uint32_t(p.size()), data.data(), uint32_t(data.size()), found, as.c_str(), 0))
-        return nullptr;
-    return k;
+    return open_file(found, data, as.c_str());
+}
+
+// n bytes rising by `step`, shifted right by `shift`, wrapping at 8 bits.
+inline std::vector<int8_t> ramp(size_t n, int step = 1, int shift = 0) {
+    std::vector<int8_t> r(n);
+    for (size_t i = 0; i < n; i++) r[i] = int8_t(int(i) * step >> shift);
+    return r;
 }
 
 // Expected values: (tick, value); tick -1 is before the first tick.
 using trace = std::vector<std::pair<int, int>>;
-inline trace every(int n, std::vector<int> v) {   // the values after ticks 0, n, 2n, ...
+inline trace every(int n, const std::vector<int> &v) {   // the values after ticks 0, n, 2n, ...
     trace t;
     for (size_t i = 0; i < v.size(); i++) t.push_back({int(i) * n, v[i]});
     return t;
 }
-inline trace series(std::vector<int> v) { return every(1, std::move(v)); }
+inline trace series(const std::vector<int> &v) { return every(1, v); }
 
 // Runs `k` through the listed ticks (in order), comparing observe() after each.
 template <class F> void expect_trace(kelva *k, const trace &t, F observe) {
@@ -100,8 +98,8 @@ template <class F> void expect_trace(kelva *k, const trace &t, F observe) {
     }
 }
 
-// The block AUDxLC/AUDxLEN name (the one queued behind the block playing):
-// for a software-mixed channel the one the mixer handed Paula channel x last.
+// The block AUDxLC/AUDxLEN name (the one queued behind the block playing): for a software-mixed channel the
+// one the mixer handed Paula channel x last.
 inline std::vector<int8_t> mixed(const kelva *k, int x) {
     const int8_t *b = reinterpret_cast<const int8_t *>(k->ram + (k->aud[x].lc & 0xFFFFFF));
     return std::vector<int8_t>(b, b + 2 * k->aud[x].len);
@@ -109,22 +107,19 @@ inline std::vector<int8_t> mixed(const kelva *k, int x) {
 
 }  // namespace ptk_test
 
-// Skips the current test when the player was not built.
-#define PTK_REQUIRE_PLAYER(name)                                                       \
-    do {                                                                               \
-        if (ptk_test::read_bytes(ptk_test::player_path(name)).empty())                 \
-            GTEST_SKIP() << "player " << name << " not built (no m68k cross compiler?)"; \
-    } while (0)
+// Skips the current test when one of the players was not built.
+#define PTK_REQUIRE_PLAYERS(...)                                \
+    for (const char *p_ : {__VA_ARGS__})                        \
+        if (read_file_bytes(ptk_test::player_path(p_)).empty()) \
+            GTEST_SKIP() << "player " << p_ << " not built (no m68k cross compiler?)"
 
-// Table-driven checks: a pattern cell of any of the formats and a probe of
-// what a player left after a number of ticks.
+// Table-driven checks: a pattern cell of any of the formats and probes of what a player left after N ticks.
 namespace trk {
 
 using namespace ptk_test;
 using bytes = std::vector<uint8_t>;
 
-// note: a period, a note number or a format's code; vol: the volume column
-// of formats that have one (-1: none).
+// note: a period, a note number or a format's code; vol: the volume column of formats that have one (-1: none).
 struct cell {
     int pat, row, ch;
     uint16_t note;
@@ -132,20 +127,18 @@ struct cell {
     int vol = -1;
 };
 
-// A ProTracker-style cell: sample bits 4-7 over a 12-bit period, bits 0-3
-// over the command, then the parameter.
+// A ProTracker-style cell: sample bits 4-7 over a 12-bit period, bits 0-3 over the command, then the parameter.
 inline void put_cell(std::vector<uint8_t> &m, size_t at, const cell &c) {
     m[at] = uint8_t((c.smp & 0xF0) | c.note >> 8), m[at + 1] = uint8_t(c.note);
     m[at + 2] = uint8_t((c.smp & 15) << 4 | (c.fx & 15)), m[at + 3] = c.param;
 }
 
-// Probes, written "@tick" or "@first-last" (ticks since the open) then
-// what, Paula channel, '=' and value ("@1 p0=428 v0=40 @7-9 p0=431"). What:
+// Probes, written "@tick" or "@first-last" (ticks since the open) then what, Paula channel, '=' and value
+// ("@1 p0=428 v0=40 @7-9 p0=431"). What:
 //   p v l d  AUDxPER, AUDxVOL, AUDxLEN, DMA running
 //   c a      AUDxLC, the start of the block playing, less the case's base
 //   e P      the end of the block playing (bytes), its position in hundreds
-//   q Q      every byte of the block AUDxLC/LEN name (INT_MIN when they
-//            differ), its first byte
+//   q Q      every byte of the block AUDxLC/LEN name (INT_MIN when they differ), its first byte
 //   t f      the CIA-A timer value the player set, frames per tick
 //   E x      the frame of the song's end, kelva_song_ended
 //   L        the measured length in ms (-reason when not by the song's end)
@@ -185,17 +178,9 @@ inline int64_t observe(kelva *k, int ch, char what, uint32_t base) {
 }
 
 // Runs the engine to each probe's tick in turn and checks the probe.
-inline void expect_probes(kelva *k, std::vector<probe> probes, uint32_t base = 0) {
-    std::stable_sort(probes.begin(), probes.end(), [](const probe &x, const probe &y) { return x.tick < y.tick; });
-    int done = 0;
-    for (const probe &p : probes) {
-        if (p.tick > done) run_ticks(k, p.tick - done), done = p.tick;
-        EXPECT_EQ(observe(k, p.ch, p.what, base), p.value) << p.what << p.ch << " at tick " << p.tick;
-    }
-}
 inline void expect_probes(kelva *k, const char *text, uint32_t base = 0) {
     std::vector<probe> probes;
-    int from = 0, to = 0, n = 0;
+    int from = 0, to = 0, n = 0, done = 0;
     char what;
     for (long long v, ch; *(text += strspn(text, " ")); text += n) {
         if (sscanf(text, "@%d-%d%n", &from, &to, &n) == 2 || (sscanf(text, "@%d%n", &from, &n) == 1 && (to = from, 1)))
@@ -203,11 +188,15 @@ inline void expect_probes(kelva *k, const char *text, uint32_t base = 0) {
         ASSERT_EQ(sscanf(text, "%c%lld=%lld%n", &what, &ch, &v, &n), 3) << "probe text: " << text;
         for (int t = from; t <= to; t++) probes.push_back({t, int(ch), what, v});
     }
-    expect_probes(k, probes, base);
+    std::stable_sort(probes.begin(), probes.end(), [](const probe &x, const probe &y) { return x.tick < y.tick; });
+    for (const probe &p : probes) {
+        if (p.tick > done) run_ticks(k, p.tick - done), done = p.tick;
+        EXPECT_EQ(observe(k, p.ch, p.what, base), p.value) << p.what << p.ch << " at tick " << p.tick;
+    }
 }
 
-// A synthetic module, the player to open it with (under `path`, which lets
-// the data tree's rules give an option string) and the probes it must pass.
+// A synthetic module, the player to open it with (under `path`, which lets the data tree's rules give an option
+// string) and the probes it must pass.
 struct tcase {
     const char *what, *player;
     bytes image;

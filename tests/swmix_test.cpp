@@ -1,14 +1,10 @@
-// The players' shared software mixer (players/lib/swmix.c), run by the
-// SwMix test player on Paula channel 0. Expected bytes follow the mixing
-// rules: a voice adds sample x volume, the sum is shifted right by 6 plus
-// one bit per doubling of the voice count, and positions advance by
-// (mixing period << 16) / period in 16.16 fixed point.
-#include <gtest/gtest.h>
+// The players' shared software mixer (players/lib/swmix.c), run by the SwMix test player on Paula channel 0.
+// Expected bytes follow the mixing rules: a voice adds sample x volume, the sum is shifted right by 6 plus one
+// bit per doubling of the voice count, and positions advance by (mixing period << 16) / period in 16.16 fixed
+// point.
+#include "ptk_support.h"
 
-#include <string>
-#include <vector>
-
-#include "support/test_support.h"
+using namespace ptk_test;
 
 namespace {
 
@@ -18,22 +14,13 @@ struct voice_spec {
     uint16_t period = 124, volume = 64;
 };
 
-voice_spec ramp(int n, uint32_t loop_start, uint32_t loop_len, uint16_t period = 124) {
-    voice_spec v{{}, loop_start, loop_len, period};
-    for (int i = 0; i < n; i++) v.sample.push_back(int8_t(i));
-    return v;
-}
-
 class SwMix : public testing::Test {
   protected:
     void SetUp() override {
-        kelva_global_init();
-        if (read_file_bytes(std::string(KELVA_TEST_PLAYERS) + "/SwMix").empty())
-            GTEST_SKIP() << "test player SwMix not built (no m68k cross compiler?)";
+        if (read_file_bytes(kPlayer).empty()) GTEST_SKIP() << "test player SwMix not built (no m68k cross compiler?)";
     }
-    // Opens the module: 'SWMX', mixing period 124, block size, voice count,
-    // a record per voice (data offset, length, loop start, loop length,
-    // period, volume), the samples. Returns the first `bytes` of the block
+    // Opens the module ('SWMX', mixing period 124, block size, voice count, a record per voice: data offset,
+    // length, loop start, loop length, period, volume; the samples) and returns the first `bytes` of the block
     // Paula plays.
     std::vector<int8_t> open(uint16_t block, const std::vector<voice_spec> &voices, uint32_t bytes) {
         std::vector<uint8_t> m = {'S', 'W', 'M', 'X', 0, 124, uint8_t(block >> 8), uint8_t(block), 0,
@@ -46,21 +33,19 @@ class SwMix : public testing::Test {
             samples.resize((samples.size() + 1) & ~size_t(1));
         }
         m.insert(m.end(), samples.begin(), samples.end());
-        std::vector<uint8_t> player = read_file_bytes(std::string(KELVA_TEST_PLAYERS) + "/SwMix");
-        eng_ = make_engine(48000);
-        k = eng_.get();
-        EXPECT_EQ(kelva_open(k, player.data(), uint32_t(player.size()), m.data(), uint32_t(m.size()), nullptr,
-                             nullptr, 0), 0);
-        const int8_t *b = reinterpret_cast<const int8_t *>(k->ch[0].data);
+        eng_ = open_file(kPlayer, m), k = eng_.get();
+        const int8_t *b = k ? reinterpret_cast<const int8_t *>(k->ch[0].data) : nullptr;
+        EXPECT_TRUE(b);
         return b ? std::vector<int8_t>(b, b + bytes) : std::vector<int8_t>();
     }
+    const std::string kPlayer = std::string(KELVA_TEST_PLAYERS) + "/SwMix";
     engine_ptr eng_;
     kelva *k = nullptr;
 };
 
-TEST_F(SwMix, LevelsOfVoicesAndOneShotEnds) {
-    // (100 x 64 - 40 x 32) >> 7 on Paula 0 at the mixing period, full
-    // volume, 64-byte blocks; the channels not mixed stay off.
+TEST_F(SwMix, LevelsStepsLoopsAndOneShotEnds) {
+    // (100 x 64 - 40 x 32) >> 7 on Paula 0 at the mixing period, full volume, 64-byte blocks; the channels not
+    // mixed stay off.
     std::vector<int8_t> got =
         open(64, {{std::vector<int8_t>(16, 100), 0, 16}, {std::vector<int8_t>(16, -40), 0, 16, 124, 32}}, 64);
     EXPECT_EQ(got, std::vector<int8_t>(64, 40));
@@ -69,29 +54,25 @@ TEST_F(SwMix, LevelsOfVoicesAndOneShotEnds) {
     // A one-shot sample falls silent at its end (two voices: shift 7).
     got = open(32, {{std::vector<int8_t>(10, 50)}, {std::vector<int8_t>(2, 0)}}, 32);
     for (int i = 0; i < 32; i++) EXPECT_EQ(got[i], i < 10 ? 25 : 0) << i;
-}
-
-TEST_F(SwMix, ThePeriodSetsTheStepAndLoopsWrap) {
-    std::vector<int8_t> got = open(256, {ramp(64, 32, 32, 186)}, 256);   // 124 / 186 of a byte a sample
-    const uint32_t step = (124u << 16) / 186;   // 43690
-    uint64_t pos = 0;                          // 16.16
-    for (int i = 0; i < 256; i++, pos += step) {
+    // Period 186: 124 / 186 of a byte a sample; one voice: the ramp's bytes.
+    got = open(256, {{ramp(64), 32, 32, 186}}, 256);
+    for (uint64_t i = 0, pos = 0; i < 256; i++, pos += (124u << 16) / 186) {
         if ((pos >> 16) >= 64) pos -= uint64_t(32) << 16;
-        ASSERT_EQ(got[i], int8_t(pos >> 16)) << "sample " << i;   // one voice: sample x 64 >> 6
+        ASSERT_EQ(got[i], int8_t(pos >> 16)) << "sample " << i;
     }
 }
 
-// A looping 256-byte ramp at the mixing period: Paula must output it
-// without a break while the interrupt refills the buffers, so every new
-// sample is the previous one plus 1 (a buffer played twice or skipped
-// would jump by a whole block), 3546895 / 124 of them a second.
+// A looping 256-byte ramp at the mixing period: Paula must output it without a break while the interrupt
+// refills the buffers, so every new sample is the previous one plus 1 (a buffer played twice or skipped would
+// jump by a whole block), 3546895 / 124 of them a second.
 TEST_F(SwMix, BuffersFollowEachOtherWithoutABreak) {
-    open(200, {ramp(256, 0, 256)}, 0);
-    std::vector<float> frame(2);
-    int8_t last = k->ch[0].sample;
+    open(200, {{ramp(256), 0, 256}}, 0);
+    ASSERT_TRUE(k);
+    float frame[2];
     uint32_t changes = 0;
-    for (int f = 0; f < 48000; f++, last = k->ch[0].sample) {
-        kelva_render(k, frame.data(), 1);
+    for (int f = 0; f < 48000; f++) {
+        int8_t last = k->ch[0].sample;
+        kelva_render(k, frame, 1);
         if (k->ch[0].sample == last) continue;
         ASSERT_EQ(int8_t(last + 1), k->ch[0].sample) << "frame " << f;
         changes++;

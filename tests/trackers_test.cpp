@@ -1,10 +1,6 @@
-// kelva's SoundFX, Game Music Creator, Images Music System, PolyTracker,
-// Oktalyzer and DIGI Booster players on synthetic modules: notes and effects
-// by the Paula latches or by the blocks the software mixer hands Paula
-// (ptk_support.h's probes), tempos, song ends and damaged files. After tick
+// kelva's SoundFX, Game Music Creator, Images Music System, PolyTracker, Oktalyzer and DIGI Booster players on
+// synthetic modules: notes, effects, tempos, song ends and damaged files by ptk_support.h's probes. After tick
 // 1 + r x speed + t a player has just done tick t of row r.
-#include <gtest/gtest.h>
-
 #include <array>
 #include <cmath>
 
@@ -17,15 +13,9 @@ namespace {
 bytes put(bytes m, size_t at, std::initializer_list<uint8_t> v) { return std::copy(v.begin(), v.end(), &m[at]), m; }
 bytes cut(bytes m, size_t size) { return m.resize(size), m; }
 bytes set32(bytes m, size_t at, uint32_t v) { return be32(m, at, v), m; }
-std::vector<int8_t> ramp(int n, int shift = 0) {
-    std::vector<int8_t> r;
-    for (int i = 0; i < n; i++) r.push_back(int8_t(i >> shift));
-    return r;
-}
 
-// SoundFX 1.3 ("SONG", 15 samples) or 2.0 ("SO31", 31), one pattern:
-// sample 1 = 4000 bytes, volume 40, no loop; 2 = 200 bytes, volume 64,
-// looping from byte 100 for 50 words; 17 (2.0) = 2000 bytes, volume 30.
+// SoundFX 1.3 ("SONG", 15 samples) or 2.0 ("SO31", 31), one pattern: sample 1 = 4000 bytes, volume 40, no
+// loop; 2 = 200 bytes, volume 64, looping from byte 100 for 50 words; 17 (2.0) = 2000 bytes, volume 30.
 bytes sfx(const std::vector<cell> &cells, uint16_t delay = 14187, bool v20 = false) {
     const size_t n = v20 ? 31 : 15, infos = 4 * n + 20, pattern = infos + 30 * n + 130 + (v20 ? 4 : 0);
     bytes m(pattern + 1024 + 6200, 0);
@@ -39,9 +29,8 @@ bytes sfx(const std::vector<cell> &cells, uint16_t delay = 14187, bool v20 = fal
 }
 constexpr uint32_t kSfxData = kModule + 80 + 450 + 130 + 1024, kSfx20Data = kModule + 144 + 930 + 134 + 1024;
 
-// Game Music Creator: positions 0, 1 = patterns 0, 1; sample 1 = 2000
-// bytes, volume 40, its loop 1000 bytes in for 200 words; 2 = 100 bytes,
-// volume 64, a loop of two words (none).
+// Game Music Creator: positions 0, 1 = patterns 0, 1; sample 1 = 2000 bytes, volume 40, its loop 1000 bytes
+// in for 200 words; 2 = 100 bytes, volume 64, a loop of two words (none).
 bytes gmc(const std::vector<cell> &cells) {
     bytes m(444 + 2048 + 2100, 0);
     be32(m, 0, 0x30000), be16(m, 4, 1000), be16(m, 6, 40), be32(m, 8, 0x30000 + 1000), be16(m, 12, 200);
@@ -50,8 +39,8 @@ bytes gmc(const std::vector<cell> &cells) {
     return m;
 }
 
-// Images Music System: two stored patterns of 3-byte cells, the song plays
-// 1 then 0; sample 1 = 400 bytes, volume 48, looping from word 100 for 50.
+// Images Music System: two stored patterns of 3-byte cells, the song plays 1 then 0; sample 1 = 400 bytes,
+// volume 48, looping from word 100 for 50.
 constexpr uint32_t kImsSamples = 1084 + 2 * 768;
 bytes ims(const std::vector<cell> &cells) {
     bytes m(kImsSamples + 400, 0);
@@ -65,8 +54,8 @@ bytes ims(const std::vector<cell> &cells) {
     return m;
 }
 
-// PolyTracker: channels at their pans, instruments (8-bit samples stored as
-// differences, looping whole, at a C-4 rate), orders, packed patterns.
+// PolyTracker: channels at their pans, instruments (8-bit samples stored as differences, looping whole, at a
+// C-4 rate), orders, packed patterns.
 struct ptm_ins {
     std::vector<int8_t> data;
     uint8_t volume = 64;
@@ -103,8 +92,8 @@ bytes ptm(const bytes &pans, const std::vector<ptm_ins> &ins, const bytes &order
     return m;
 }
 
-// Oktalyzer: CMOD flags (a split channel pair each), samples, orders,
-// patterns of `rows` rows of note, sample, effect, parameter bytes; speed 6.
+// Oktalyzer: CMOD flags (a split channel pair each), samples, orders, patterns of `rows` rows of note,
+// sample, effect, parameter bytes; speed 6.
 struct okt_sample {
     std::vector<int8_t> data;
     uint16_t mode = 2;   // 0: split channels only, 1: own channels only, 2: both
@@ -142,8 +131,7 @@ bytes okt(const std::array<uint16_t, 4> &cmod, const std::vector<okt_sample> &sa
     return m;
 }
 
-// DIGI Booster (packed): samples at volume 64, patterns of a row mask each
-// and the rows' cells.
+// DIGI Booster (packed): samples at volume 64, patterns of a row mask each and the rows' cells.
 struct digi_sample {
     std::vector<int8_t> data;
     uint32_t loop_start = 0, loop_len = 0;
@@ -177,11 +165,9 @@ bytes digi(int channels, const std::vector<digi_sample> &samples, const bytes &o
 }
 
 class Trackers : public ::testing::Test {
-  protected:
     void SetUp() override {
-        for (const char *p :
-             {"SoundFX", "GameMusicCreator", "ImagesMusicSystem", "PolyTracker", "Oktalyzer", "DIGIBooster"})
-            PTK_REQUIRE_PLAYER(p);
+        PTK_REQUIRE_PLAYERS("SoundFX", "GameMusicCreator", "ImagesMusicSystem", "PolyTracker", "Oktalyzer",
+                            "DIGIBooster");
     }
 };
 
@@ -198,132 +184,140 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
         cells.push_back({0, 0, 1, 0, 0, 0xF, 1});
         return digi(2, {digi_level(50)}, orders, 2, cells);
     };
+    // 4 KB of 0, 4 KB of 100, 0 up to 64 KB + 4 KB, 4 KB of 100
+    digi_sample steps{std::vector<int8_t>(4096, 0)};
+    steps.data.resize(8192, 100), steps.data.resize(65536 + 4096, 0), steps.data.resize(65536 + 8192, 100);
+    auto dl = [&steps](cell row0, cell row1) {
+        return digi(2, {steps, {ramp(128)}, digi_level(100)}, {0}, 1, {row0, row1});
+    };
     okt_sample s = okt_level(50, 1, 40, 64);
     s.loop_len = 32;
     auto o = [&s](uint8_t fx, uint8_t param) { return okt({0, 0, 0, 0}, {s}, {0}, {{0, 0, 0, 13, 0, fx, param}}); };
+    const char *const SFX = "SoundFX", *const GMC = "GameMusicCreator", *const IMS = "ImagesMusicSystem";
+    const char *const PTM = "PolyTracker", *const OKT = "Oktalyzer", *const DIGI = "DIGIBooster";
     const tcase kCases[] = {
-        // 5/6: volume up/down (to 0); STP stops; PIC does not even read the
-        // sample; BRK makes row 2 the pattern's last, then the song ends.
-        {"SoundFX commands", "SoundFX",
+        // 5/6: volume up/down (to 0); STP stops; PIC does not even read the sample; BRK makes row 2 the
+        // pattern's last, then the song ends.
+        {"SoundFX commands", SFX,
          sfx({{0, 0, 0, 428, 1, 5, 10}, {0, 0, 1, 856, 2, 6, 80}, {0, 0, 2, 428, 2}, {0, 1, 2, 0xFFFE, 0},
               {0, 1, 0, 0xFFFD, 2}, {0, 2, 1, 0xFFFC, 0}, {0, 3, 0, 320, 0}}),
          kSfxData, "@1 p0=428 v0=50 a0=0 l0=1 v1=0 c2=4100 l2=50 @7 d2=0 v0=50 @19 p0=428 x0=1"},
-        // On the ticks between rows: arpeggio 1 (+3, +7 semitones), bend 2
-        // (+3 / -2 a tick), 7: towards two semitones lower (480) by 5.
-        {"SoundFX effects", "SoundFX",
+        // On the ticks between rows: arpeggio 1 (+3, +7 semitones), bend 2 (+3 / -2 a tick), 7: towards two
+        // semitones lower (480) by 5.
+        {"SoundFX effects", SFX,
          sfx({{0, 0, 0, 428, 1, 1, 0x37}, {0, 0, 1, 428, 1, 2, 0x30}, {0, 0, 2, 428, 1, 2, 2},
               {0, 0, 3, 428, 1, 7, 0x25}}),
          kSfxData, "@2 p0=360 p3=428 @3 p0=285 p3=433 @4 p0=428 @5 p0=285 @6 p0=360 p1=443 p2=418 p3=448"},
-        // Delay 28374: 709379 / 28375 = 25 Hz, 1920 frames a tick: row 1
-        // (the seventh tick) comes after 10560 frames at the earliest.
-        {"SoundFX CIA delay", "SoundFX", sfx({{0, 0, 0, 428, 1}, {0, 1, 0, 381, 1}}, 28374), kSfxData,
+        // Delay 28374: 709379 / 28375 = 25 Hz, 1920 frames a tick: row 1 (the seventh tick) comes after 10560
+        // frames at the earliest.
+        {"SoundFX CIA delay", SFX, sfx({{0, 0, 0, 428, 1}, {0, 1, 0, 381, 1}}, 28374), kSfxData,
          "@11 p0=428 @13 p0=381"},
         // 2.0: sample bit 4 in the note word; 17's data after 1's and 2's.
-        {"SoundFX 2.0", "SoundFX", sfx({{0, 0, 0, 428, 17}, {0, 0, 1, 428, 2}}, 14187, true), kSfx20Data,
+        {"SoundFX 2.0", SFX, sfx({{0, 0, 0, 428, 17}, {0, 0, 1, 428, 2}}, 14187, true), kSfx20Data,
          "@1 a0=4200 v0=30 a1=4000", "SoundFX 2.0"},
-        // 1: slide every tick, row ticks too; the volume is written on the
-        // tick after the note; loops by address; 8 speed, 4 break, 5 jump.
-        {"Game Music Creator", "GameMusicCreator",
+        // 1: slide every tick, row ticks too; the volume is written on the tick after the note; loops by
+        // address; 8 speed, 4 break, 5 jump.
+        {"Game Music Creator", GMC,
          gmc({{0, 0, 0, 428, 1, 1, 3}, {0, 0, 1, 428, 2, 3, 20}, {0, 1, 0, 0, 0, 8, 2}, {0, 1, 2, 856, 2, 4, 0},
               {1, 0, 3, 320, 2, 5, 0}}),
          kModule + 444 + 2048,
          "@1 p0=428 v0=0 a0=0 c0=1000 l0=200 l1=1 @2 p0=425 v0=40 v1=20 @7 p0=410 @9 p3=320 x0=0 @11 x0=1"},
-        // Notes are semitones, 16 = 856; 63 is none; D10: row 16 (decimal)
-        // of the next position; A02 slides down.
-        {"Images Music System", "ImagesMusicSystem",
+        // Notes are semitones, 16 = 856; 63 is none; D10: row 16 (decimal) of the next position; A02 slides.
+        {"Images Music System", IMS,
          ims({{1, 0, 0, 16, 1}, {1, 0, 1, 13, 1}, {1, 0, 2, 4, 1}, {1, 0, 3, 40, 1}, {1, 1, 0, 63, 0, 0xD, 0x10},
               {0, 16, 1, 28, 1, 0xA, 2}}),
          kModule + kImsSamples, "@1 p0=856 p1=1017 p2=1712 p3=214 a0=0 c0=200 e0=300 v0=48 @7 p0=856 @15 p1=428 v1=44"},
-        // Six channels: pans 0-7 left (Paula 0 gets channels 0 and 2, Paula 3
-        // channel 1), 8-15 right (Paula 1: 3 and 5, Paula 2: 4); every channel
-        // gets the busiest Paula channel's share, each voice rounded down on
-        // its own (a volume table per voice): level x heard volume >> 7.
-        // Volume 32 is heard as 42 (64 x 0.5^0.6), 16 as 28; G32 on row 1
-        // halves every volume: (127 x 64 >> 7) + (127 x 42 >> 7) = 104, ...
-        {"PolyTracker levels", "PolyTracker",
+        // Six channels: pans 0-7 left (Paula 0 gets channels 0 and 2, Paula 3 channel 1), 8-15 right (Paula 1:
+        // 3 and 5, Paula 2: 4); every channel gets the busiest Paula channel's share, each voice rounded down on
+        // its own (a volume table per voice): level x heard volume >> 7. Volume 32 is heard as 42 (64 x
+        // 0.5^0.6), 16 as 28; G32 on row 1 halves every volume: (127 x 64 >> 7) + (127 x 42 >> 7) = 104, ...
+        {"PolyTracker levels", PTM,
          ptm({0, 3, 7, 8, 12, 15}, {level(127), level(127, 32)}, {0}, 1,
              {{0, 0, 0, 49, 1}, {0, 0, 1, 49, 2}, {0, 0, 2, 49, 1, 0, 0, 32}, {0, 0, 3, 49, 1}, {0, 0, 4, 49, 1},
               {0, 0, 5, 49, 1, 0, 0, 64}, {0, 1, 4, 0, 0, 16, 32}}),
          0, "@1 q0=104 q3=41 q1=126 q2=63 @7 q2=41 q3=27"},
-        // One loop for the whole song at speed 1: pattern 0 plays rows 0 1 2
-        // 1 2 3 .. 63 (66), pattern 1 returns to row 1 (the loop's target):
-        // 0..5, 1..63 (69); then position 0 row 0 comes again.
-        {"PolyTracker pattern loop", "PolyTracker",
+        // One loop for the whole song at speed 1: pattern 0 plays rows 0 1 2 1 2 3 .. 63 (66), pattern 1
+        // returns to row 1 (the loop's target): 0..5, 1..63 (69); then position 0 row 0 comes again.
+        {"PolyTracker pattern loop", PTM,
          ptm({0, 15}, {level(50)}, {0, 1}, 2,
              {{0, 0, 0, 49, 1, 0xF, 1}, {0, 1, 1, 0, 0, 0xE, 0x60}, {0, 2, 0, 0, 0, 0xE, 0x61},
               {1, 5, 0, 0, 0, 0xE, 0x61}}),
          0, "@0 L0=2700"},
-        // F80: 128 BPM, a tick of 2.5 / 128 s = 13855.06 E-clock cycles; the
-        // CIA counts its value plus one.
-        {"PolyTracker tempo", "PolyTracker", ptm({0}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1, 0xF, 0x80}}), 0,
-         "@1 t0=13854"},
-        // An own channel plays to the loop's end (byte 400) and queues the
-        // loop. On release (27, row 1, 120 ms) the loop's pass under way (200
-        // bytes at 428: 24.1 ms each from 48.3 ms) ends at 120.7 ms and
-        // bytes 400-999 play, silence queued; they last 72.4 ms. Mode 0
-        // samples are for split channels only.
-        {"Oktalyzer own channels", "Oktalyzer", own, own_data,
+        // F80: 128 BPM, a tick of 2.5 / 128 s = 13855.06 E-clock cycles; the CIA counts its value plus one.
+        {"PolyTracker tempo", PTM, ptm({0}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1, 0xF, 0x80}}), 0, "@1 t0=13854"},
+        // An own channel plays to the loop's end (byte 400) and queues the loop. On release (27, row 1, 120 ms)
+        // the loop's pass under way (200 bytes at 428: 24.1 ms each from 48.3 ms) ends at 120.7 ms and bytes
+        // 400-999 play, silence queued; they last 72.4 ms. Mode 0 samples are for split channels only.
+        {"Oktalyzer own channels", OKT, own, own_data,
          "@1 e0=400 c0=200 l0=100 d1=0 @7 a0=400 e0=600 l0=1 @12 e0=2 q0=0"},
-        // CMOD 0 1 0 0: channels 1 and 2 mixed on Paula 1 at full level (7-bit
-        // samples), 550 samples at period 129 a tick (70950 Paula clocks, the
-        // tick 70938); the pair's volume is Paula's, set by either channel and
-        // kept by notes; mode 1 samples do not play there; 100 + 100 holds at
-        // the limit.
-        {"Oktalyzer split channels", "Oktalyzer",
+        // CMOD 0 1 0 0: channels 1 and 2 mixed on Paula 1 at full level (7-bit samples), 550 samples at period
+        // 129 a tick (70950 Paula clocks, the tick 70938); the pair's volume is Paula's, set by either channel
+        // and kept by notes; mode 1 samples do not play there; 100 + 100 holds at the limit.
+        {"Oktalyzer split channels", OKT,
          okt({0, 1, 0, 0}, {okt_level(40, 2, 48), okt_level(20, 0), okt_level(100, 1), okt_level(100, 2)}, {0},
              {{0, 0, 1, 13, 0}, {0, 0, 2, 25, 1}, {0, 1, 2, 0, 0, 31, 32}, {0, 2, 1, 13, 2}, {0, 3, 1, 13, 3},
               {0, 3, 2, 13, 3}}),
          0, "@1 p1=129 v1=64 q1=60 l1=275 @7 v1=32 q1=60 @13 q1=60 @22 q1=127 v1=32"},
-        // Oktalyzer's effects on an own channel (Paula 0), note 13 = C-2 (428),
-        // sample volume 40, on every tick of the row, the first included (n -
-        // 2 = 480, n + 3 = 360, ... in the period table).
-        {"OKT 1: period down", "Oktalyzer", o(1, 5), 0, "@1 p0=423 @2 p0=418 @3 p0=413 @4 p0=408 v0=40"},
-        {"OKT 2: period up", "Oktalyzer", o(2, 16), 0, "@1 p0=444 @2 p0=460 @3 p0=476 @4 p0=492 v0=40"},
-        {"OKT 10: n - 2, n, n + 3", "Oktalyzer", o(10, 0x23), 0, "@1 p0=480 @2 p0=428 @3 p0=360 @4 p0=480 v0=40"},
-        {"OKT 11: n, n + 3, n, n - 2", "Oktalyzer", o(11, 0x23), 0, "@1 p0=428 @2 p0=360 @3 p0=428 @4 p0=480 v0=40"},
-        {"OKT 12: -, n + 2, n + 3, n", "Oktalyzer", o(12, 0x23), 0, "@1 p0=428 @2 p0=381 @3 p0=360 @4 p0=428 v0=40"},
-        {"OKT 13: note down every tick", "Oktalyzer", o(13, 2), 0, "@1 p0=480 @2 p0=538 @3 p0=604 @4 p0=678 v0=40"},
-        {"OKT 30: note up every tick", "Oktalyzer", o(30, 1), 0, "@1 p0=404 @2 p0=381 @3 p0=360 @4 p0=339 v0=40"},
-        {"OKT 17: note up once", "Oktalyzer", o(17, 3), 0, "@1 p0=360 @4 p0=360 v0=40"},
-        {"OKT 21: note down once", "Oktalyzer", o(21, 3), 0, "@1 p0=508 @4 p0=508 v0=40"},
-        {"OKT 31: volume", "Oktalyzer", o(31, 0x20), 0, "@1 v0=32 @4 v0=32 p0=428"},
-        {"OKT 31: down 2 every tick", "Oktalyzer", o(31, 0x42), 0, "@1 v0=38 @2 v0=36 @3 v0=34 @4 p0=428 v0=32"},
-        {"OKT 31: up 1 every tick", "Oktalyzer", o(31, 0x51), 0, "@1 v0=41 @2 v0=42 @3 v0=43 @4 p0=428 v0=44"},
-        {"OKT 31: down 3 once", "Oktalyzer", o(31, 0x63), 0, "@1 v0=37 @4 p0=428 v0=37"},
-        {"OKT 31: up 4 once", "Oktalyzer", o(31, 0x74), 0, "@1 v0=44 @4 p0=428 v0=44"},
-        // Speed $13 on row 0, a jump to position "10" (decimal) on row 1:
-        // positions 0 and 10 play two rows each, then 10 comes again.
-        // OKTASONG keeps 4 bits of the speed (3), OKTASNG2 5 (19).
-        {"OKTASONG", "Oktalyzer", okt({0, 0, 0, 0}, {okt_level(50, 1)}, twelve, jump, 4), 0, "@0 L0=240"},
-        {"OKTASNG2", "Oktalyzer", okt({0, 0, 0, 0}, {okt_level(50, 1)}, twelve, jump, 4, "OKTASNG2"), 0, "@0 L0=1520"},
-        // Channels 0 and 1 on Paula 0, 2 (and 3) on 1, 4 and 5 (C20) on 2, 6
-        // and 7 on 3, each at half level: (100 x 64 + 60 x 64) >> 7 = 80, ...
-        // F20 on row 1: 32 BPM, a tick of 2.5 / 32 s = 55420.2 E-clock cycles.
-        {"DIGI Booster pairs", "DIGIBooster",
+        // Oktalyzer's effects on an own channel (Paula 0), note 13 = C-2 (428), sample volume 40, on every tick
+        // of the row, the first included (n - 2 = 480, n + 3 = 360, ... in the period table).
+        {"OKT 1: period down", OKT, o(1, 5), 0, "@1 p0=423 @2 p0=418 @3 p0=413 @4 p0=408 v0=40"},
+        {"OKT 2: period up", OKT, o(2, 16), 0, "@1 p0=444 @2 p0=460 @3 p0=476 @4 p0=492 v0=40"},
+        {"OKT 10: n - 2, n, n + 3", OKT, o(10, 0x23), 0, "@1 p0=480 @2 p0=428 @3 p0=360 @4 p0=480 v0=40"},
+        {"OKT 11: n, n + 3, n, n - 2", OKT, o(11, 0x23), 0, "@1 p0=428 @2 p0=360 @3 p0=428 @4 p0=480 v0=40"},
+        {"OKT 12: -, n + 2, n + 3, n", OKT, o(12, 0x23), 0, "@1 p0=428 @2 p0=381 @3 p0=360 @4 p0=428 v0=40"},
+        {"OKT 13: note down every tick", OKT, o(13, 2), 0, "@1 p0=480 @2 p0=538 @3 p0=604 @4 p0=678 v0=40"},
+        {"OKT 30: note up every tick", OKT, o(30, 1), 0, "@1 p0=404 @2 p0=381 @3 p0=360 @4 p0=339 v0=40"},
+        {"OKT 17: note up once", OKT, o(17, 3), 0, "@1 p0=360 @4 p0=360 v0=40"},
+        {"OKT 21: note down once", OKT, o(21, 3), 0, "@1 p0=508 @4 p0=508 v0=40"},
+        {"OKT 31: volume", OKT, o(31, 0x20), 0, "@1 v0=32 @4 v0=32 p0=428"},
+        {"OKT 31: down 2 every tick", OKT, o(31, 0x42), 0, "@1 v0=38 @2 v0=36 @3 v0=34 @4 p0=428 v0=32"},
+        {"OKT 31: up 1 every tick", OKT, o(31, 0x51), 0, "@1 v0=41 @2 v0=42 @3 v0=43 @4 p0=428 v0=44"},
+        {"OKT 31: down 3 once", OKT, o(31, 0x63), 0, "@1 v0=37 @4 p0=428 v0=37"},
+        {"OKT 31: up 4 once", OKT, o(31, 0x74), 0, "@1 v0=44 @4 p0=428 v0=44"},
+        // Speed $13 on row 0, a jump to position "10" (decimal) on row 1: positions 0 and 10 play two rows
+        // each, then 10 comes again. OKTASONG keeps 4 bits of the speed (3), OKTASNG2 5 (19).
+        {"OKTASONG", OKT, okt({0, 0, 0, 0}, {okt_level(50, 1)}, twelve, jump, 4), 0, "@0 L0=240"},
+        {"OKTASNG2", OKT, okt({0, 0, 0, 0}, {okt_level(50, 1)}, twelve, jump, 4, "OKTASNG2"), 0, "@0 L0=1520"},
+        // Channels 0 and 1 on Paula 0, 2 (and 3) on 1, 4 and 5 (C20) on 2, 6 and 7 on 3, each at half level:
+        // (100 x 64 + 60 x 64) >> 7 = 80, ... F20 on row 1: 32 BPM, a tick of 2.5 / 32 s = 55420.2 cycles.
+        {"DIGI Booster pairs", DIGI,
          digi(8, {digi_level(100), digi_level(60)}, {0}, 1,
               {{0, 0, 0, 428, 1}, {0, 0, 1, 428, 2}, {0, 0, 2, 428, 1}, {0, 0, 5, 428, 2, 0xC, 32}, {0, 0, 6, 428, 1},
                {0, 0, 7, 428, 1}, {0, 1, 0, 0, 0, 0xF, 32}}),
          0, "@1 q0=80 q1=50 q2=15 q3=100 @7 t0=55419"},
         // DIGI Booster song lengths in rows of 20 ms.
-        {"break to row 10 (decimal): 2 + 54", "DIGIBooster", d({0}, {{0, 1, 0, 0, 0, 0xD, 0x10}}), 0, "@0 L0=1120"},
-        {"loop rows 2..4 twice more: 64 + 6", "DIGIBooster",
+        {"break to row 10 (decimal): 2 + 54", DIGI, d({0}, {{0, 1, 0, 0, 0, 0xD, 0x10}}), 0, "@0 L0=1120"},
+        {"loop rows 2..4 twice more: 64 + 6", DIGI,
          d({0}, {{0, 2, 0, 0, 0, 0xE, 0x60}, {0, 4, 0, 0, 0, 0xE, 0x62}}), 0, "@0 L0=1400"},
-        {"pattern delay of two rows: 64 + 2", "DIGIBooster", d({0}, {{0, 1, 0, 0, 0, 0xE, 0xE2}}), 0, "@0 L0=1320"},
-        {"F00 starts the song again: 4", "DIGIBooster", d({0}, {{0, 3, 0, 0, 0, 0xF, 0}}), 0, "@0 L0=80"},
-        {"jump back to position 0: 64 + 1", "DIGIBooster", d({0, 1}, {{1, 0, 0, 0, 0, 0xB, 0}}), 0, "@0 L0=1300"},
-        // A jump held by a pattern delay: the delay's row is position 1's
-        // first, which goes on from its second row: 2 + 1 + 63.
-        {"jump and delay in a row", "DIGIBooster", d({0, 1}, {{0, 1, 0, 0, 0, 0xB, 1}, {0, 1, 1, 0, 0, 0xE, 0xE1}}), 0,
+        {"pattern delay of two rows: 64 + 2", DIGI, d({0}, {{0, 1, 0, 0, 0, 0xE, 0xE2}}), 0, "@0 L0=1320"},
+        {"F00 starts the song again: 4", DIGI, d({0}, {{0, 3, 0, 0, 0, 0xF, 0}}), 0, "@0 L0=80"},
+        {"jump back to position 0: 64 + 1", DIGI, d({0, 1}, {{1, 0, 0, 0, 0, 0xB, 0}}), 0, "@0 L0=1300"},
+        // A jump held by a pattern delay: the delay's row is position 1's first, which goes on from its second
+        // row: 2 + 1 + 63.
+        {"jump and delay in a row", DIGI, d({0, 1}, {{0, 1, 0, 0, 0, 0xB, 1}, {0, 1, 1, 0, 0, 0xE, 0xE1}}), 0,
          "@0 L0=1320"},
+        // DIGI Booster on channel 0 alone (Paula 0): the level (sample x volume / 128) at ticks 0..5 of row 1
+        // (speed 6), after row 0 set things up. Offsets 9xx x 256, plus 65536 after E81.
+        {"9 offset 4096", DIGI, dl({0, 0, 0, 0, 0}, {0, 1, 0, 856, 1, 9, 0x10}), 0, "@7-12 Q0=50"},
+        {"E81: + 65536", DIGI, dl({0, 0, 0, 0, 0, 0xE, 0x81}, {0, 1, 0, 856, 1, 9, 0x10}), 0, "@7-12 Q0=50"},
+        {"E81: 65536 only", DIGI, dl({0, 0, 0, 0, 0, 0xE, 0x81}, {0, 1, 0, 856, 1, 9, 0}), 0, "@7-12 Q0=0"},
+        // A04 slides on row 0's ticks but the last (64 -> 44); A00 goes on with 4: volumes 40, 36, .., 24, 24.
+        {"A00 goes on", DIGI, dl({0, 0, 0, 856, 3, 0xA, 0x04}, {0, 1, 0, 0, 0, 0xA, 0}), 0,
+         "@7 Q0=31 @8 Q0=28 @9 Q0=25 @10 Q0=21 @11-12 Q0=18"},
+        {"EC2 cuts at tick 2", DIGI, dl({0, 0, 0, 856, 3}, {0, 1, 0, 0, 0, 0xE, 0xC2}), 0, "@7-8 Q0=50 @9-12 Q0=0"},
+        {"E40 stops", DIGI, dl({0, 0, 0, 856, 3}, {0, 1, 0, 0, 0, 0xE, 0x40}), 0, "@7-12 Q0=0"},
+        {"E50: channel off", DIGI, dl({0, 0, 0, 0, 0, 0xE, 0x50}, {0, 1, 0, 856, 3}), 0, "@7-12 Q0=0"},
+        {"C50 heard as 64", DIGI, dl({0, 0, 0, 856, 3}, {0, 1, 0, 0, 0, 0xC, 0x50}), 0, "@7-12 Q0=50"},
+        {"E30: the ramp from its end", DIGI, dl({0, 0, 0, 0, 0}, {0, 1, 0, 856, 2, 0xE, 0x30}), 0, "@7 Q0=63"},
+        {"the ramp forwards from its start", DIGI, dl({0, 0, 0, 0, 0}, {0, 1, 0, 856, 2}), 0, "@7 Q0=0"},
     };
     for (const tcase &c : kCases) run_case(c);
 }
 
-// Oktalyzer's split voices do not loop: a long ramp (a step every 4 bytes,
-// 0..63) alone on Paula 0 moves by 549 x (129 / period) / 4 over a block.
-// Note slides and arpeggios change the note; period slides do nothing.
+// Oktalyzer's split voices do not loop: a long ramp (a step every 4 bytes, 0..63) alone on Paula 0 moves by
+// 549 x (129 / period) / 4 over a block. Note slides and arpeggios change the note; period slides do nothing.
 TEST_F(Trackers, OktalyzerSplitVoicesPlayNotesNotPeriods) {
-    okt_sample r{ramp(8192, 2), 0};
+    okt_sample r{ramp(8192, 1, 2), 0};
     for (int8_t &v : r.data) v &= 63;
     const struct {
         uint8_t note, fx, param;
@@ -342,9 +336,8 @@ TEST_F(Trackers, OktalyzerSplitVoicesPlayNotesNotPeriods) {
     }
 }
 
-// PolyTracker's pitch: rate x 2^((note - 49) / 12) samples a second, mixed
-// at 3546895 / 124 a second, shown by how far a looping 256-byte ramp
-// advances over a block. Pans 0 and 15 give Paula 0 (left) and 1 (right),
+// PolyTracker's pitch: rate x 2^((note - 49) / 12) samples a second, mixed at 3546895 / 124 a second, shown
+// by how far a looping 256-byte ramp advances over a block. Pans 0 and 15 give Paula 0 (left) and 1 (right),
 // then 3 and 2.
 TEST_F(Trackers, PolyTrackerPitchFromNoteAndRateAndSlides) {
     engine_ptr k = open_player("PolyTracker", ptm({0, 15, 0, 15}, {{ramp(256)}, {ramp(256), 64, 16726}}, {0}, 1,
@@ -367,40 +360,9 @@ TEST_F(Trackers, PolyTrackerPitchFromNoteAndRateAndSlides) {
     EXPECT_NEAR(advance(2), expected(52, 8363), 1.0);   // tick 3: the note itself again
 }
 
-// DIGI Booster on channel 0 alone (Paula 0): the level (sample x volume /
-// 128) at ticks 0..5 of row 1 (speed 6), after row 0 set things up; the
-// block mixed for a tick lasts through the tick of the CIA value, at most
-// 1024 bytes, overrunning it by at most 0.05 %.
-TEST_F(Trackers, DigiBoosterEffectsByTheMixedLevel) {
-    digi_sample steps{std::vector<int8_t>(4096, 0)};   // 4 KB of 0, 4 KB of 100, 0 up to 64 KB + 4 KB, 4 KB of 100
-    steps.data.resize(8192, 100), steps.data.resize(65536 + 4096, 0), steps.data.resize(65536 + 8192, 100);
-    const struct {
-        cell row0, row1;
-        std::vector<int> levels;
-    } kCases[] = {
-        {{0, 0, 0, 0, 0}, {0, 1, 0, 856, 1, 9, 0x10}, {50, 50, 50, 50, 50, 50}},              // offset 4096
-        {{0, 0, 0, 0, 0, 0xE, 0x81}, {0, 1, 0, 856, 1, 9, 0x10}, {50, 50, 50, 50, 50, 50}},   // + 65536
-        {{0, 0, 0, 0, 0, 0xE, 0x81}, {0, 1, 0, 856, 1, 9, 0}, {0, 0, 0, 0, 0, 0}},            // 65536 only
-        // A04 slides on row 0's ticks but the last (64 -> 44); A00 goes on
-        // with 4 from there: volumes 40, 36, 32, 28, 24, 24.
-        {{0, 0, 0, 856, 3, 0xA, 0x04}, {0, 1, 0, 0, 0, 0xA, 0}, {31, 28, 25, 21, 18, 18}},
-        {{0, 0, 0, 856, 3}, {0, 1, 0, 0, 0, 0xE, 0xC2}, {50, 50, 0, 0, 0, 0}},         // cut at tick 2
-        {{0, 0, 0, 856, 3}, {0, 1, 0, 0, 0, 0xE, 0x40}, {0, 0, 0, 0, 0, 0}},           // stop
-        {{0, 0, 0, 0, 0, 0xE, 0x50}, {0, 1, 0, 856, 3}, {0, 0, 0, 0, 0, 0}},           // channel off
-        {{0, 0, 0, 856, 3}, {0, 1, 0, 0, 0, 0xC, 0x50}, {50, 50, 50, 50, 50, 50}},     // volume 80 heard as 64
-        {{0, 0, 0, 0, 0}, {0, 1, 0, 856, 2, 0xE, 0x30}, {63}},                    // E30: the ramp from its end
-        {{0, 0, 0, 0, 0}, {0, 1, 0, 856, 2}, {0}},                                // forwards from its start
-    };
-    for (const auto &c : kCases) {
-        SCOPED_TRACE(::testing::Message() << "row 1 effect " << int(c.row1.fx) << " " << int(c.row1.param));
-        engine_ptr k = open_player("DIGIBooster",
-                                   digi(2, {steps, {ramp(128)}, digi_level(100)}, {0}, 1, {c.row0, c.row1}));
-        ASSERT_TRUE(k);
-        std::vector<probe> p;
-        for (size_t t = 0; t < c.levels.size(); t++) p.push_back({7 + int(t), 0, 'Q', c.levels[t]});
-        expect_probes(k.get(), p);
-    }
-    // F20 on row 1: 32 BPM, the CIA value 55419 (see above).
+// A DIGI Booster block mixed for a tick lasts through the tick of the CIA value, at most 1024 bytes,
+// overrunning it by at most 0.05 % (F20 on row 1: 32 BPM, the CIA value 55419).
+TEST_F(Trackers, DigiBoosterBlocksLastATick) {
     engine_ptr k =
         open_player("DIGIBooster", digi(8, {digi_level(100)}, {0}, 1, {{0, 0, 0, 428, 1}, {0, 1, 0, 0, 0, 0xF, 32}}));
     ASSERT_TRUE(k);
