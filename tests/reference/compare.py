@@ -93,45 +93,28 @@ COMPANION_SUFFIXES = (".nt", ".NT", ".md", ".tsv")
 # envelope correlation, "length" the length, "error" a module kelva does not
 # open.
 KNOWN = {
-    # Startrekker AM sounds against xmp 4.5, whose loader turns the AM
-    # envelope into an XM envelope with stage lengths of 256 x distance /
-    # (rate x span) ticks: instrument 1's first attack (0x40 to 0xFF by 2)
-    # lasts 127 ticks there and 96 in the tracker. The module is made so that
-    # its left and right channels sound alike when played as the tracker
-    # did: kelva's render does (largest |L - R| 0.034), xmp's does not (its
-    # 10 ms envelopes of left and right correlate 0.918).
+    # Startrekker AM sounds against xmp 4.5. Both modules are made so that left and right sound alike when
+    # played as the tracker did; kelva's renders do (largest |L - R| 0.034).
+    # xmp's loader stretches the AM envelope's stages to 256 x distance / (rate x span) ticks: instrument 1's
+    # first attack (0x40 to 0xFF by 2) lasts 127 ticks there, 96 in the tracker (xmp's L/R correlate 0.918).
     "startrekker-am/flt_am_envelope.mod": (("corr",), "xmp 4.5 stretches the AM envelope's stages"),
-    # xmp 4.5 refuses this module because the last record of its .nt file is
-    # cut short (the tracker reads the missing fields as 0). With the record
-    # completed by zeros in a copy, xmp loads it and its render correlates
-    # 0.938 with kelva's: xmp 4.5 plays instrument 2's sample where the AM
-    # sound takes precedence. kelva plays left and right alike, as the
-    # module is made to sound.
+    # xmp refuses the cut last .nt record (the tracker reads the missing fields as 0); completed by zeros in a
+    # copy it loads and correlates 0.938: it plays instrument 2's sample where the AM sound takes precedence.
     "startrekker-am/flt_am_override.mod": (("length", "corr"), "xmp 4.5 does not load it"),
-    # Steady tones only: both envelopes are flat (kelva's and openmpt's block
-    # levels agree within 2 %), so the correlation measures the last 0.1 %
-    # of ripple, i.e. noise.
+    # Steady tones only: both envelopes are flat, so the correlation measures the last 0.1 % of ripple.
     "effects/AmigaLimitsFinetune.mod": (("corr",), "flat envelope, levels agree within 2 %"),
     "effects/ArpWraparound.mod": (("corr",), "flat envelope, levels agree within 3 %"),
-    # Under the replay routine's rules this module never ends: B00+D04 on
-    # position 1 re-enters position 0 at row 4, whose E61 loops to row 0
-    # again and again. kelva reports the end when a row outside a running
-    # pattern loop comes round a second time (after 11 rows, 1.32 s);
-    # openmpt's own loop detection stops after 43 rows (5.16 s).
+    # B00+D04 on position 1 re-enters position 0 at row 4, whose E61 loops to row 0 again and again: kelva
+    # ends when a row outside a running pattern loop comes round again (11 rows, 1.32 s), openmpt after 43.
     "effects/PatLoop-Break.mod": (("length",), "endless under the replay rules; loop detection differs"),
-    # SoundFX ticks at its CIA delay on the PAL E-clock (37768 / 709379 s =
-    # 53.24 ms here); openmpt123 and xmp take 14565 x 122 / delay beats per
-    # minute (53.13 ms), so the renders drift apart by 0.2 % (0.994 with
-    # their tick).
+    # SoundFX ticks at its CIA delay on the PAL E-clock (37768 / 709379 s = 53.24 ms); the references take
+    # 14565 x 122 / delay BPM (53.13 ms) and drift apart by 0.2 % (0.994 with their tick).
     "other/SFX.Crockett's_theme": (("corr",), "reference tick 0.2 % short of the CIA delay's"),
-    # xmp reads this file's sample data 768 bytes early (after the patterns
-    # the song names instead of at the offset stored at 1080, which counts a
-    # third, unused pattern) and drops its notes below C-1 (13 and 15);
-    # with both undone in a copy of the file the envelopes correlate 0.997.
+    # xmp reads the samples 768 bytes early (after the patterns the song names, not at the offset stored at
+    # 1080, which counts a third, unused pattern) and drops notes below C-1; both undone in a copy: 0.997.
     "other/redoctober-sub-docking.ims": (("corr",), "xmp misplaces the samples and drops notes below C-1"),
-    # PolyTracker keeps one pattern loop for the whole song (the file's own
-    # instrument names describe it: global target and counter, not cleared by
-    # breaks, jumps or a new pattern); xmp 4.5 loops per channel (9.66 s).
+    # PolyTracker keeps one pattern loop for the whole song (global target and counter, as the file's own
+    # instrument names describe); xmp 4.5 loops per channel (9.66 s).
     "other/pattern_loop_ptm.ptm": (("length",), "song-wide pattern loop; xmp loops per channel"),
     # MED/OctaMED.
     "med/LOSTMEDFILES_MMD1.MED": (("length",), "16-minute song: measured to the 10-minute limit; kelva's own end "
