@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "hardware/bus.h"
+#include "support/services.h"
 #include "support/test_support.h"
 
 namespace {
@@ -27,7 +28,9 @@ struct Custom : testing::Test {
     uint32_t rd(uint32_t r) { return custom_read_word(k, r); }
 };
 
-TEST_F(Custom, SetClearRegistersNeverStoreBit15) {
+// SET/CLR registers never store bit 15; INTREQR shows the audio bits set
+// while DMA is on.
+TEST_F(Custom, SetClearRegistersAndIntreqr) {
     custom_write_word(k, INTENA, 0xC0A0);
     EXPECT_EQ(rd(0xDFF01C), 0x40A0u);   // INTENAR
     custom_write_word(k, INTENA, 0x0020);
@@ -35,8 +38,12 @@ TEST_F(Custom, SetClearRegistersNeverStoreBit15) {
     custom_write_word(k, ADKCON, 0x80FF);
     custom_write_word(k, ADKCON, 0x000F);
     EXPECT_EQ(rd(0xDFF010), 0x00F0u);   // ADKCONR
-    custom_write_word(k, INTREQ, 0x8003);
-    EXPECT_EQ(k->intreq, 0x0003);
+    custom_write_word(k, INTREQ, 0x8004);
+    EXPECT_EQ(k->intreq, 0x0004);
+    EXPECT_EQ(rd(0xDFF01E), 0x0004u);   // INTREQR
+    custom_write_word(k, DMACON, 0x8200);
+    EXPECT_EQ(rd(0xDFF01E), 0x0784u);
+    EXPECT_EQ(k->intreq, 0x0004);
 }
 
 TEST_F(Custom, DmaconStartsAndStopsChannels) {
@@ -65,15 +72,6 @@ TEST_F(Custom, DmaconStartsAndStopsChannels) {
     for (int x = 0; x < 4; x++) EXPECT_FALSE(k->ch[x].active) << x;
     custom_write_word(k, DMACON, 0x8200);
     for (int x = 0; x < 4; x++) EXPECT_EQ(k->ch[x].active, x != 0) << x;
-}
-
-TEST_F(Custom, IntreqrForcesAudioBitsWhileDmaIsOn) {
-    custom_write_word(k, DMACON, 0x8200);
-    custom_write_word(k, INTREQ, 0x8004);
-    EXPECT_EQ(rd(0xDFF01E), 0x0784u);
-    EXPECT_EQ(k->intreq, 0x0004);
-    custom_write_word(k, DMACON, 0x0200);
-    EXPECT_EQ(rd(0xDFF01E), 0x0004u);
 }
 
 TEST_F(Custom, BeamPositionFollowsTheCycleCounter) {
@@ -132,19 +130,17 @@ TEST_F(Custom, TraceLinesOnlyWhenSwitchedOnAndChanged) {
     e = make_engine();
     k = e.get();
     k->pc = 0x200010;
-    testing::internal::CaptureStderr();
-    custom_write_word(k, AUD0PER, 300);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(stderr_of([&] { custom_write_word(k, AUD0PER, 300); }), "");
     k->reg_trace = 1;
-    testing::internal::CaptureStderr();
-    custom_write_word(k, DMACON, 0x8001);
-    custom_write_word(k, DMACON, 0x8001);   // unchanged: no line
-    custom_write_word(k, AUD0LCH, 0x0001);  // the high word alone prints nothing
-    custom_write_word(k, AUD0LCL, 0x2345);
-    custom_write_word(k, AUD0LEN, 7);
-    custom_write_word(k, AUD0PER, 300);     // unchanged
-    custom_write_word(k, AUD0VOL, 200);     // 200 & 127 = 72
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(stderr_of([&] {
+                  custom_write_word(k, DMACON, 0x8001);
+                  custom_write_word(k, DMACON, 0x8001);   // unchanged: no line
+                  custom_write_word(k, AUD0LCH, 0x0001);  // the high word alone prints nothing
+                  custom_write_word(k, AUD0LCL, 0x2345);
+                  custom_write_word(k, AUD0LEN, 7);
+                  custom_write_word(k, AUD0PER, 300);     // unchanged
+                  custom_write_word(k, AUD0VOL, 200);     // 200 & 127 = 72
+              }),
               "[trace] pc=00200010 DMACON 0200 -> 0201\n"
               "[trace] pc=00200010 AUD0LC = 00012345\n"
               "[trace] pc=00200010 AUD0LEN = 7\n"

@@ -1,5 +1,5 @@
-// The exported setters and getters: clamping, the model flag, the LED
-// modes and played time (what a reset puts back: reset_test.cpp).
+// The exported setters and getters: clamping, the model flag and played time
+// (the LED modes: cia_test.cpp; what a reset puts back: reset_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -29,16 +29,6 @@ TEST(EngineApi, SettersClampAndIgnoreWhatTheyDoNotKnow) {
         EXPECT_EQ(k->model + k->mix.model, 0u) << m;
         EXPECT_EQ(k->mix.rc_coef, a500) << m;
     }
-
-    // LED modes: 0 (Auto) keeps what the player's port write left, 1 off,
-    // 2 on, unknown modes change nothing.
-    EXPECT_EQ(k->mix.led_on, 1u);
-    k->mix.led_on = 0;
-    for (auto [mode, led_on] : {std::pair{0u, 0u}, {2u, 1u}, {7u, 1u}, {1u, 0u}}) {
-        kelva_set_led_filter(k, mode);
-        EXPECT_EQ(k->mix.led_on, led_on) << mode;
-    }
-    EXPECT_EQ(k->led_mode, 1u);
 }
 
 TEST(EngineApi, PlayedMilliseconds) {

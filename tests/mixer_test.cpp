@@ -224,11 +224,10 @@ TEST(Mixer, MutedChannelsUnusableRatesAndSilenceAddNothing) {
 
 // Excerpts of real modules with their own players through the render loop:
 // the frame path against the per-tick path, with the output settings set
-// after opening (opening resets them).
+// after opening (opening resets them); about 1.4 s in blocks of two sizes.
 TEST(Mixer, RealModulesMatchOnBothPaths) {
     KELVA_REQUIRE_SHARED("testdata/modules");
     ptk_test::data_tree_env env;
-    kelva_global_init();
     const struct {
         const char *file;
         uint32_t model, led_mode;
@@ -237,22 +236,15 @@ TEST(Mixer, RealModulesMatchOnBothPaths) {
                     {"st15/cant.mod", 0, 2, 0.5f},                 {"med/Synth-a-sysmic.med", 1, 1, 0.0f},
                     {"ahx/AHX.Phaser", 0, 1, 0.7f},                {"other/SFX.Crockett's_theme", 1, 0, 1.0f}};
     for (const auto &x : excerpts) {
-        std::string path = shared_dir() + "/testdata/modules/" + x.file;
-        std::vector<uint8_t> module = read_file_bytes(path), player;
-        char player_path[4096];
-        if (kelva_identify(path.c_str(), module.data(), uint32_t(module.size()), player_path, sizeof player_path))
-            player = read_file_bytes(player_path);
-        if (player.empty()) GTEST_SKIP() << "no built player for " << x.file << " (no m68k cross compiler?)";
-        engine_ptr fast = make_engine(48000), ref = make_engine(48000);
+        std::string player;
+        engine_ptr fast = ptk_test::open_identified(x.file, &player), ref = ptk_test::open_identified(x.file, &player);
+        if (!fast || !ref) GTEST_SKIP() << "cannot open " << x.file << " (no m68k cross compiler?)";
         ref->mix_per_tick = 1;
         for (kelva *k : {fast.get(), ref.get()}) {
-            ASSERT_EQ(kelva_open(k, player.data(), uint32_t(player.size()), module.data(), uint32_t(module.size()),
-                                 player_path, path.c_str(), 0), 0) << x.file;
             kelva_set_model(k, x.model);
             kelva_set_led_filter(k, x.led_mode);
             kelva_set_separation(k, x.separation);
         }
-        // About 1.4 seconds, in blocks of several sizes.
         double diff = 0, peak = 0;
         for (int i = 0; i < 24; i++) {
             int32_t n = i % 3 ? 4096 : 333;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "hardware/bus.h"
@@ -36,6 +37,12 @@ struct Paula : testing::Test {
         }
         return done;
     }
+    // The current sample of channel 0, then those of `n` more fetches.
+    std::vector<int> fetches(int n) {
+        std::vector<int> seen{c.sample};
+        for (int i = 0; i < n; i++) seen.push_back((paula_advance(c), c.sample));
+        return seen;
+    }
 };
 
 TEST_F(Paula, LengthZeroMeans65536Words) {
@@ -50,19 +57,16 @@ TEST_F(Paula, LengthZeroMeans65536Words) {
     EXPECT_EQ(c.pos, 0u);   // repeats from the start
 }
 
+// Fetches and block ends of a 2-byte block at period 50 (fetched as 113),
+// then a new period acting on the next tick when 100 of 113 ticks have passed.
 TEST_F(Paula, FetchTimingAndPeriodChanges) {
     ramp(0x30000, 8, 1);
-    set_audio_latches(k, 0, 0x30000, 1, 50, 64);   // below 113: fetched as 113
+    set_audio_latches(k, 0, 0x30000, 1, 50, 64);
     start(0);
-    EXPECT_EQ(run_ticks(112), 0);
-    EXPECT_EQ(c.sample, 1);
-    EXPECT_EQ(run_ticks(1), 0);
-    EXPECT_EQ(c.sample, 2);
-    EXPECT_EQ(run_ticks(112), 0);   // the 2-byte block ends every 226 ticks
-    EXPECT_EQ(run_ticks(1), 1);
-    EXPECT_EQ(c.sample, 1);
-    EXPECT_EQ(run_ticks(226 * 100), 100);
-    // A new period acts on the next tick: 100 of 113 ticks have passed.
+    for (auto [ticks, ends, sample] : {std::tuple{112, 0, 1}, {1, 0, 2}, {112, 0, 2}, {1, 1, 1}, {226 * 100, 100, 1}}) {
+        EXPECT_EQ(run_ticks(uint64_t(ticks)), ends);
+        EXPECT_EQ(c.sample, sample) << ticks;
+    }
     custom_write_word(k, DMACON, 0x0001);
     set_audio_latches(k, 0, 0x30000, 4, 400, 64);
     start(0);
@@ -114,32 +118,25 @@ TEST_F(Paula, StopKeepsThePositionAndStartsBeginAtTheBlockStart) {
     set_audio_latches(k, 0, 0x50000, 8, 150, 64);
     EXPECT_TRUE(c.active);
     EXPECT_EQ(c.loop_len, 16u);
-    std::vector<int> seen{c.sample};
-    for (int i = 0; i < 4; i++) seen.push_back((paula_advance(c), c.sample));
-    EXPECT_EQ(seen, (std::vector<int>{77, 78, 79, 80, 81}));
+    EXPECT_EQ(fetches(4), (std::vector<int>{77, 78, 79, 80, 81}));
 }
 
+// Backward: from the last byte, wrapping at the start (a block end); a
+// queued block is entered at its last byte when the current one ends.
 TEST_F(Paula, BackwardFetchRunsFromTheEnd) {
     ramp(0x30000, 4, 10);
     ramp(0x40000, 2, 50);
     set_audio_latches(k, 0, 0x30000, 2, 113, 64);
     c.backward = 1;
     start(0);
-    std::vector<int> seen{c.sample};
-    for (int i = 0; i < 5; i++) seen.push_back((paula_advance(c), c.sample));
-    EXPECT_EQ(seen, (std::vector<int>{13, 12, 11, 10, 13, 12}));
-    EXPECT_TRUE(c.block_done);   // set by the wrap at the start
-    c.block_done = 0;
-    // A queued block is entered at its last byte when the current one ends.
-    set_audio_latches(k, 0, 0x40000, 1, 113, 64);
-    paula_advance(c);
-    paula_advance(c);
-    EXPECT_FALSE(c.block_done);
-    paula_advance(c);
+    EXPECT_EQ(fetches(5), (std::vector<int>{13, 12, 11, 10, 13, 12}));
     EXPECT_TRUE(c.block_done);
-    EXPECT_EQ(c.sample, 51);
-    paula_advance(c);
-    EXPECT_EQ(c.sample, 50);
+    c.block_done = 0;
+    set_audio_latches(k, 0, 0x40000, 1, 113, 64);
+    EXPECT_EQ(fetches(2), (std::vector<int>{12, 11, 10}));
+    EXPECT_FALSE(c.block_done);
+    EXPECT_EQ(fetches(2), (std::vector<int>{10, 51, 50}));
+    EXPECT_TRUE(c.block_done);
 }
 
 TEST_F(Paula, BlocksNearTheTopOfMemoryStopAtTheEndOfRam) {
