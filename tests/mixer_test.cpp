@@ -168,25 +168,36 @@ TEST(Mixer, BothPathsMatchThePlainOutputPath) {
 }
 
 // A constant sample settles at half its level per channel, left from
-// channels 0 and 3, right from 1 and 2, scaled by the pulse-width volume.
-TEST(Mixer, SettledLevelsFollowVolumeAndSide) {
+// channels 0 and 3, right from 1 and 2, scaled by the pulse-width volume,
+// and is added to what the buffer holds. A muted channel (which does not
+// advance) and unusable rates add nothing, nor do calls for no frames.
+TEST(Mixer, SettledLevelsFollowVolumeAndSideMutedAndUnusableAddNothing) {
     const struct {
         int channel;
         int8_t value;
         uint16_t volume;
-    } cases[] = {{0, 127, 64}, {3, 127, 64}, {1, 100, 37}, {2, 100, 32}, {1, 100, 1}, {2, 100, 0}, {0, 90, 100}};
+        int32_t rate = 48000;
+        bool muted = false;
+    } cases[] = {{0, 127, 64}, {3, 127, 64}, {1, 100, 37}, {2, 100, 32}, {1, 100, 1}, {2, 100, 0}, {0, 90, 100},
+                 {0, 127, 64, 48000, true}, {0, 127, 64, 0}, {0, 127, 64, -48000}, {0, 127, 64, 10000000}};
     for (const auto &c : cases) {
-        auto e = make_engine(48000);
+        auto e = make_engine(c.rate);
         kelva *k = e.get();
         memset(k->ram + 0x30000, uint8_t(c.value), 64);
         set_audio_latches(k, c.channel, 0x30000, 32, 300, c.volume);
         custom_write_word(k, DMACON, uint16_t(0x8200 | 1 << c.channel));
-        auto out = mix(k, 4800);
-        int side = c.channel == 0 || c.channel == 3 ? 0 : 1;
+        k->ch[c.channel].muted = c.muted;
+        std::vector<float> out(2 * 4800, 0.25f);
+        for (int32_t frames : {4800, 0, -5}) paula_mix_frames(k, out.data(), frames);
+        const bool silent = c.muted || c.rate != 48000;
+        const int side = c.channel == 0 || c.channel == 3 ? 0 : 1;
         double mean = 0;
-        for (int f = 4000; f < 4800; f++) mean += out[2 * size_t(f) + size_t(side)] / 800.0;
-        EXPECT_NEAR(mean, c.value * 0.5 / 128 * std::min<uint16_t>(c.volume, 64) / 64, 2e-4) << c.channel;
-        EXPECT_EQ(out[2 * 4799 + size_t(1 - side)], 0.0f) << c.channel;
+        for (int f = 4000; f < 4800; f++) mean += (out[2 * size_t(f) + size_t(side)] - 0.25) / 800.0;
+        double want = silent ? 0.0 : c.value * 0.5 / 128 * std::min<uint16_t>(c.volume, 64) / 64;
+        EXPECT_NEAR(mean, want, 2e-4) << c.channel << " " << c.rate;
+        EXPECT_EQ(out[2 * 4799 + size_t(1 - side)], 0.25f) << c.channel;
+        for (float v : out) ASSERT_TRUE(!silent || v == 0.25f) << c.rate;
+        EXPECT_TRUE(!c.muted || (k->ch[0].pos == 0 && paula_frames_to_block_end(k, 0) == 0));
     }
 }
 
@@ -200,25 +211,6 @@ TEST(Mixer, SeparationMovesBothSidesTowardsTheirMean) {
         std::vector<float> g = f;
         paula_apply_separation(g.data(), 2, c.separation);
         for (int i = 0; i < 4; i++) EXPECT_FLOAT_EQ(g[i], c.want[i]) << c.separation << " " << i;
-    }
-}
-
-TEST(Mixer, MutedChannelsUnusableRatesAndSilenceAddNothing) {
-    for (int32_t rate : {48000, 0, -48000, 10000000}) {
-        auto e = make_engine(rate);
-        kelva *k = e.get();
-        memset(k->ram + 0x30000, 127, 64);
-        set_audio_latches(k, 0, 0x30000, 32, 300, 64);
-        custom_write_word(k, DMACON, 0x8201);
-        k->ch[0].muted = rate == 48000;
-        std::vector<float> out(2 * 500, 0.25f);
-        paula_mix_frames(k, out.data(), 500);
-        paula_mix_frames(k, out.data(), 0);
-        paula_mix_frames(k, out.data(), -5);
-        for (float v : out) ASSERT_EQ(v, 0.25f) << rate;
-        if (rate != 48000) continue;
-        EXPECT_EQ(k->ch[0].pos, 0u);   // a muted channel does not advance
-        EXPECT_EQ(paula_frames_to_block_end(k, 0), 0);
     }
 }
 
