@@ -226,30 +226,27 @@ TEST_F(Engine, SubsongRangeSelectsTheCurrentSubsong) {
     EXPECT_EQ(k->aud[0].per, 339u);
 }
 
+// SetTimer through the globals table: 7093 E-clock ticks make 480 frames;
+// the tick due next was planned with the old period. 9999 make 677 frames
+// (10,000 ticks, rounded), off the vertical blank's beat: a tick due one
+// frame into a call is cut out of it and runs in it.
 TEST_F(Engine, SetTimerChangesTheTickPeriod) {
     ASSERT_EQ(open("Envelope", envelope_module(0, 0, 0)), 0);
-    render(1);
-    EXPECT_EQ(ticks(), 1u);
-    render(959);
-    ram_put16(k, kGlobals + DTG_Timer, 7093);
-    k->d[0] = 0;
-    op_line_a(k, 0xA40B);   // SetTimer through the globals table
-    EXPECT_EQ(k->frames_per_tick, 480);
-    render(1);   // the tick due now was planned with the old period
-    EXPECT_EQ(ticks(), 2u);
-    render(480 * 4 - 1);
-    EXPECT_EQ(ticks(), 5u);
-    // Every 677 frames (10,000 E-clock ticks, rounded), off the vertical
-    // blank's beat: a tick due one frame into a call is cut out of it and
-    // runs in it.
-    ram_put16(k, kGlobals + DTG_Timer, 9999);
-    op_line_a(k, 0xA40B);
-    EXPECT_EQ(k->frames_per_tick, 677);
-    render(1);
-    render(675);
-    EXPECT_EQ(ticks(), 6u);
-    render(2);
-    EXPECT_EQ(ticks(), 7u);
+    const struct {
+        uint16_t timer;   // 0: unchanged
+        int32_t frames_per_tick, render;
+        uint32_t ticks;
+    } steps[] = {{0, 960, 1, 1}, {0, 960, 959, 1}, {7093, 480, 1, 2},      {0, 480, 480 * 4 - 1, 5},
+                 {9999, 677, 1, 6}, {0, 677, 675, 6}, {0, 677, 2, 7}};
+    for (const auto &s : steps) {
+        if (s.timer) {
+            ram_put16(k, kGlobals + DTG_Timer, s.timer);
+            op_line_a(k, 0xA40B);
+        }
+        EXPECT_EQ(k->frames_per_tick, s.frames_per_tick);
+        render(s.render);
+        EXPECT_EQ(ticks(), s.ticks) << s.timer << " " << s.render;
+    }
 }
 
 // Interrupts in the render loop, watched through the IrqOrder player's log,
@@ -473,14 +470,13 @@ TEST_F(Engine, PlayersLoadFilesBesideTheModuleAndThroughDos) {
                    {"DosSegment", read_file_bytes(std::string(KELVA_TEST_PLAYERS) + "/DosSegment")}};
     ASSERT_EQ(open("Files", module, 48000, 0, "/mods/tune.x"), 0);
     EXPECT_EQ(k->comp_count, 2u);
-    EXPECT_EQ(data(20), kModuleAddr + 100);   // at the next even address
-    EXPECT_EQ(data(24), 16u);
+    // The first handle, bytes read, the size found by seeking, the segment
+    // list at the slab start, the segment's answer, the samples at the next
+    // even address and their size.
+    std::vector<uint32_t> results;
+    for (uint32_t at = 0; at < 28; at += 4) results.push_back(data(at));
+    EXPECT_EQ(results, (std::vector<uint32_t>{1, 8, 16, (0x400000 + 4) >> 2, 0x4B454C56, kModuleAddr + 100, 16}));
     EXPECT_EQ(memcmp(k->ram + data(20), bytes.data(), 16), 0);
-    EXPECT_EQ(data(0), 1u);                        // the first handle
-    EXPECT_EQ(data(4), 8u);                        // bytes read
-    EXPECT_EQ(data(8), 16u);                       // size found by seeking
-    EXPECT_EQ(data(12), (0x400000u + 4) >> 2);     // segment list at the slab start
-    EXPECT_EQ(data(16), 0x4B454C56u);              // the segment's answer
     EXPECT_EQ(memcmp(k->ram + k->hunk_addr[1] + 28, bytes.data() + 4, 8), 0);
-    EXPECT_EQ(k->files[0].data, nullptr);          // closed
+    EXPECT_EQ(k->files[0].data, nullptr);   // closed
 }
