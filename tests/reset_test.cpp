@@ -1,6 +1,6 @@
 // Machine reset: the fixed layout every player starts in, and what a reset
 // puts back after a player and a host changed it; the exported setters and
-// getters (the LED modes: cia_test.cpp).
+// getters (the LED modes: custom_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cmath>
