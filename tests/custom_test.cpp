@@ -84,8 +84,11 @@ TEST_F(Custom, DmaconStartsAndStopsChannels) {
 // The beam position: 454 cycles a line, 313 lines a frame; VPOSR bit 0 is
 // line bit 8. Unknown and odd registers read 0; writes to them are ignored.
 TEST_F(Custom, BeamPositionAndUnknownRegisters) {
-    for (auto [cycles, vhpos, vpos] : {std::tuple{454ull * 312 + 10, 0x3805u, 1u}, {454ull * 2291 + 453, 0x64E2u, 0u}}) {
-        k->cycles = cycles;   // 2291 lines: 7 frames and 100 lines
+    // 2291 lines: 7 frames and 100 lines.
+    const std::tuple<uint64_t, uint32_t, uint32_t> beam[] = {{454 * 312 + 10, 0x3805, 1},
+                                                             {454 * 2291 + 453, 0x64E2, 0}};
+    for (auto [cycles, vhpos, vpos] : beam) {
+        k->cycles = cycles;
         EXPECT_EQ(rd(0xDFF006), vhpos);
         EXPECT_EQ(rd(0xDFF004), vpos);
     }

@@ -181,8 +181,10 @@ TEST_F(Engine, OpenRefusesWhatItCannotDrive) {
     EXPECT_EQ(ram_get16(k, 0x100), 1u);   // Config ran before the module was refused
 
     // A failing InitPlayer stops the start only when Check2 failed too.
-    for (uint32_t check : {hp::kRet1, hp::kRet0})
-        EXPECT_EQ(open(hp().add(DTP_Check2, check).add(DTP_InitPlayer, hp::kRet1).build(), module), int(check == hp::kRet1));
+    for (uint32_t check : {hp::kRet1, hp::kRet0}) {
+        hp q = hp().add(DTP_Check2, check).add(DTP_InitPlayer, hp::kRet1);
+        EXPECT_EQ(open(q.build(), module), int(check == hp::kRet1));
+    }
 }
 
 // Start-up and shut-down run the routines in the player-interface order,
