@@ -4,30 +4,19 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <initializer_list>
 #include <string>
+#include <tuple>
 
 #include "engine/call.h"
+#include "support/services.h"
 #include "support/test_support.h"
 
 namespace {
 
-class Call : public testing::Test {
-protected:
-    void SetUp() override {
-        kelva_global_init();
-        eng = make_engine();
-        k = eng.get();
-    }
-    // Writes 68k code words at `at`.
-    void code(uint32_t at, std::initializer_list<uint16_t> words) {
-        for (uint16_t w : words) {
-            ram_put16(k, at, w);
-            at += 2;
-        }
-    }
-    engine_ptr eng;
-    kelva *k = nullptr;
+struct Call : testing::Test {
+    void SetUp() override { kelva_global_init(); }
+    engine_ptr eng = make_engine();
+    kelva *k = eng.get();
 };
 
 constexpr uint16_t NOP = 0x4E71, RTS = 0x4E75;
@@ -40,9 +29,10 @@ std::string hex8(uint32_t v) {
 
 // The standard call: D0 in and out, D1-D7 and A0-A4 as the caller left
 // them, A5 the globals, A6 exec, supervisor mode, a return sentinel on the
-// stack; the routine returns by rts.
-TEST_F(Call, StandardCallRegisters) {
-    code(0x200000, {RTS});
+// stack; the routine returns by rts. An interrupt structure's code gets its
+// data in A1 and the custom base in A0; without code nothing runs.
+TEST_F(Call, StandardCallAndInterruptRegisters) {
+    put_code(k, 0x200000, {RTS});
     k->d[0] = 0xCAFEF00D;
     uint64_t before = k->cycles;
     EXPECT_EQ(deli_call(k, 0x200000), 0xCAFEF00Du);
@@ -51,7 +41,7 @@ TEST_F(Call, StandardCallRegisters) {
     EXPECT_EQ(k->recent_pc[1], 0u);
     EXPECT_EQ(k->pc, kReturnSentinel);
 
-    code(0x200000, {0x200F, RTS});   // move.l a7,d0; rts
+    put_code(k, 0x200000, {0x200F, RTS});   // move.l a7,d0; rts
     for (int i = 1; i < 8; i++) k->d[i] = 0x100 + i;
     for (int i = 0; i < 5; i++) k->a[i] = 0x200 + i;
     k->fault = 9;
@@ -65,6 +55,20 @@ TEST_F(Call, StandardCallRegisters) {
     EXPECT_EQ(k->fault, 0);
     for (int i = 1; i < 8; i++) EXPECT_EQ(k->d[i], 0x100u + i);
     for (int i = 0; i < 5; i++) EXPECT_EQ(k->a[i], 0x200u + i);
+
+    const uint32_t is = 0x200100;
+    put_code(k, 0x200000, {0x2009, RTS});   // move.l a1,d0; rts
+    ram_put32(k, is + 14, 0x00ABCDEF);      // data
+    k->d[0] = 0x99;
+    before = k->cycles;
+    EXPECT_EQ(deli_run_handler(k, is), 0u);
+    EXPECT_EQ(k->cycles, before);
+    EXPECT_EQ(k->d[0], 0x99u);
+    ram_put32(k, is + 18, 0x200000);   // code
+    EXPECT_EQ(deli_run_handler(k, is), 0x00ABCDEFu);
+    EXPECT_EQ(k->a[0], 0x00DFF000u);
+    EXPECT_EQ(k->a[5], 0x00F90000u);
+    EXPECT_EQ(k->a[7], kStackTop + 4);
 }
 
 // Leaving the code areas prints the routine, the step count, the last 256
@@ -73,47 +77,40 @@ TEST_F(Call, StandardCallRegisters) {
 // holds steps 45..300.
 TEST_F(Call, LeavingTheCodeAreasPrintsTheRecentPcs) {
     for (int nops : {10, 300}) {
-        for (int i = 0; i < nops; i++) code(0x200000 + 2 * i, {NOP});
-        code(0x200000 + 2 * nops, {0x4EF9, 0x0030, 0x0000});
+        for (int i = 0; i < nops; i++) put_code(k, 0x200000 + 2 * i, {NOP});
+        put_code(k, 0x200000 + 2 * nops, {0x4EF9, 0x0030, 0x0000});
         k->d[0] = 0x11;
         k->d[7] = 0x77;
         k->a[0] = 0xA0;
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(deli_call(k, 0x200000), kCallOutOfRange);
         std::string want = "deli_call: PC=00300000 out of range (routine=00200000 i=" + std::to_string(nops + 1) +
                            ")\n  recent PCs:";
-        for (int i = std::max(0, nops + 1 - 256); i <= nops; i++)
-            want += ((i - std::max(0, nops + 1 - 256)) % 8 ? " " : "\n     ") + hex8(0x200000 + 2 * i);
+        const int first = std::max(0, nops + 1 - 256);
+        for (int i = first; i <= nops; i++) want += ((i - first) % 8 ? " " : "\n     ") + hex8(0x200000 + 2 * i);
         want += "\n  D0..D7: 00000011 00000000 00000000 00000000 00000000 00000000 00000000 00000077\n";
         want += "  A0..A7: 000000a0 00000000 00000000 00000000 00000000 00f90000 00f80000 00eefffc SR=2000\n";
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), want) << nops;
+        EXPECT_EQ(stderr_of([&] { EXPECT_EQ(deli_call(k, 0x200000), kCallOutOfRange); }), want) << nops;
     }
 }
 
-TEST_F(Call, BusFaultStopsTheRoutine) {
-    // nop; move.l $FFFFFE,d0 -- a long read past the end of the space.
-    code(0x200000, {NOP, 0x2039, 0x00FF, 0xFFFE, RTS});
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(deli_call(k, 0x200000), kCallFault);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "deli_call: fault 2 at PC=00200008 (routine=00200000)\n");
-    // The next call runs normally.
-    code(0x200100, {0x7005, RTS});   // moveq #5,d0
+// A bus fault stops the routine, and the next call runs normally; an endless
+// loop ends after exactly 50 million steps (NOP costs 14, mode 6 in its low
+// bits, each bra.s 8).
+TEST_F(Call, BusFaultAndEndlessLoopStopTheRoutine) {
+    put_code(k, 0x200000, {NOP, 0x2039, 0x00FF, 0xFFFE, RTS});   // nop; move.l $FFFFFE,d0
+    EXPECT_EQ(stderr_of([&] { EXPECT_EQ(deli_call(k, 0x200000), kCallFault); }),
+              "deli_call: fault 2 at PC=00200008 (routine=00200000)\n");
+    put_code(k, 0x200100, {0x7005, RTS});   // moveq #5,d0
     EXPECT_EQ(deli_call(k, 0x200100), 5u);
-}
 
-TEST_F(Call, EndlessLoopExhaustsTheBudgetAfterExactly50MillionSteps) {
-    code(0x200000, {NOP, 0x60FE});   // nop; bra.s *
+    put_code(k, 0x200000, {NOP, 0x60FE});   // nop; bra.s *
     uint64_t before = k->cycles;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(deli_call(k, 0x200000), kCallFault);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(stderr_of([&] { EXPECT_EQ(deli_call(k, 0x200000), kCallFault); }),
               "deli_call: cycle budget exhausted (routine=00200000 last PC=00200002)\n");
-    // NOP costs 14 (mode 6 in its low bits), each bra.s 8.
     EXPECT_EQ(k->cycles - before, 14u + uint64_t(kStepBudget - 1) * 8);
 }
 
 TEST_F(Call, AllowedCodeAreasAndTheirEdges) {
-    struct edge {
+    const struct {
         uint32_t addr;
         bool allowed;
     } edges[] = {
@@ -122,67 +119,43 @@ TEST_F(Call, AllowedCodeAreasAndTheirEdges) {
         {0x800000, false}, {0xF7EFFE, false}, {0xF7F000, true},  {0xF9FFFE, true},  {0xFA0000, false},
         {0x1200000, false},
     };
-    for (const edge &e : edges) {
-        code(e.addr, {RTS});   // the sentinel is still on the stack: rts returns
-        code(0x200000, {0x4EF9, uint16_t(e.addr >> 16), uint16_t(e.addr)});
+    for (const auto &e : edges) {
+        put_code(k, e.addr, {RTS});   // the sentinel is still on the stack: rts returns
+        put_code(k, 0x200000, {0x4EF9, uint16_t(e.addr >> 16), uint16_t(e.addr)});
         k->d[0] = 3;
-        testing::internal::CaptureStderr();
-        uint32_t r = deli_call(k, 0x200000);
-        std::string err = testing::internal::GetCapturedStderr();
+        uint32_t r = 0;
+        EXPECT_EQ(stderr_of([&] { r = deli_call(k, 0x200000); }).empty(), e.allowed) << std::hex << e.addr;
         EXPECT_EQ(r, e.allowed ? 3u : kCallOutOfRange) << std::hex << e.addr;
-        EXPECT_EQ(err.empty(), e.allowed) << std::hex << e.addr;
     }
 }
 
-TEST_F(Call, InterruptStructures) {
-    const uint32_t is = 0x200100;
-    code(0x200000, {0x2009, RTS});   // move.l a1,d0; rts
-    ram_put32(k, is + 14, 0x00ABCDEF);   // data
-    ram_put32(k, is + 18, 0);            // no code: nothing runs
-    k->d[0] = 0x99;
-    uint64_t before = k->cycles;
-    EXPECT_EQ(deli_run_handler(k, is), 0u);
-    EXPECT_EQ(k->cycles, before);
-    EXPECT_EQ(k->d[0], 0x99u);
-
-    ram_put32(k, is + 18, 0x200000);
-    EXPECT_EQ(deli_run_handler(k, is), 0x00ABCDEFu);
-    EXPECT_EQ(k->a[0], 0x00DFF000u);
-    EXPECT_EQ(k->a[5], 0x00F90000u);
-    EXPECT_EQ(k->a[7], kStackTop + 4);
-}
-
-TEST_F(Call, BreakAddressEndsTheCall) {
-    code(0x200000, {0x7001, 0x7002, 0x7003, RTS});   // moveq #1/#2/#3,d0
+// The debug hooks: a break address ends the call and prints the processor
+// state; tracing prints a line per step inside its range (none: all), at
+// most trace_limit of them.
+TEST_F(Call, BreakAddressAndTrace) {
+    put_code(k, 0x200000, {0x7001, 0x7002, 0x7003, RTS});   // moveq #1/#2/#3,d0
     k->break_addr = 0x200004;
-    testing::internal::CaptureStderr();
     testing::internal::CaptureStdout();
-    EXPECT_EQ(deli_call(k, 0x200000), 2u);
+    EXPECT_EQ(stderr_of([&] { EXPECT_EQ(deli_call(k, 0x200000), 2u); }),
+              "trace-pc: break at 00200004 (routine=00200000 i=2)\n");
     std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "trace-pc: break at 00200004 (routine=00200000 i=2)\n");
-    EXPECT_NE(out.find("200004"), std::string::npos) << out;   // the processor state at the break
+    EXPECT_NE(out.find("200004"), std::string::npos) << out;
     EXPECT_EQ(k->break_hit, 1u);
-}
 
-TEST_F(Call, TraceRangeAndLimit) {
-    code(0x200000, {NOP, NOP, NOP, NOP, RTS});
+    k->break_addr = 0;
+    put_code(k, 0x200000, {NOP, NOP, NOP, NOP, RTS});
     k->trace_enable = 1;
-    k->trace_lo = 0x200002;
-    k->trace_hi = 0x200006;
-    testing::internal::CaptureStdout();
-    deli_call(k, 0x200000);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(k->trace_steps, 2u);
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2) << out;
-
-    k->trace_steps = 0;
-    k->trace_hi = 0;   // whole address space
-    k->trace_limit = 3;
-    testing::internal::CaptureStdout();
-    deli_call(k, 0x200000);
-    out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(k->trace_steps, 3u);
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 3) << out;
+    for (auto [hi, limit, steps] : {std::tuple{0x200006u, 0u, 2u}, {0u, 3u, 3u}}) {
+        k->trace_steps = 0;
+        k->trace_lo = 0x200002;
+        k->trace_hi = hi;
+        k->trace_limit = limit;
+        testing::internal::CaptureStdout();
+        deli_call(k, 0x200000);
+        out = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(k->trace_steps, steps);
+        EXPECT_EQ(uint32_t(std::count(out.begin(), out.end(), '\n')), steps) << out;
+    }
 }
 
 }  // namespace

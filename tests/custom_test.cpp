@@ -1,9 +1,17 @@
 // Custom registers: SET/CLR semantics, audio DMA start/stop through DMACON,
 // the forced audio bits of INTREQR, the beam position, the audio latches and
-// the register trace.
+// the register trace. The memory bus: 24-bit masking, big-endian RAM with
+// odd accesses, the diversions into the custom block and the CIA window, and
+// the faults at the end of the address space. CIA timers in output frames,
+// the ICR, time of day, the ports and the LED line, and the underflow
+// bookkeeping the render loop relies on; a timer with latch L runs L + 1
+// E-clock ticks of 1/709379 s.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "hardware/bus.h"
+#include "support/services.h"
 #include "support/test_support.h"
 
 namespace {
@@ -27,7 +35,9 @@ struct Custom : testing::Test {
     uint32_t rd(uint32_t r) { return custom_read_word(k, r); }
 };
 
-TEST_F(Custom, SetClearRegistersNeverStoreBit15) {
+// SET/CLR registers never store bit 15; INTREQR shows the audio bits set
+// while DMA is on.
+TEST_F(Custom, SetClearRegistersAndIntreqr) {
     custom_write_word(k, INTENA, 0xC0A0);
     EXPECT_EQ(rd(0xDFF01C), 0x40A0u);   // INTENAR
     custom_write_word(k, INTENA, 0x0020);
@@ -35,8 +45,12 @@ TEST_F(Custom, SetClearRegistersNeverStoreBit15) {
     custom_write_word(k, ADKCON, 0x80FF);
     custom_write_word(k, ADKCON, 0x000F);
     EXPECT_EQ(rd(0xDFF010), 0x00F0u);   // ADKCONR
-    custom_write_word(k, INTREQ, 0x8003);
-    EXPECT_EQ(k->intreq, 0x0003);
+    custom_write_word(k, INTREQ, 0x8004);
+    EXPECT_EQ(k->intreq, 0x0004);
+    EXPECT_EQ(rd(0xDFF01E), 0x0004u);   // INTREQR
+    custom_write_word(k, DMACON, 0x8200);
+    EXPECT_EQ(rd(0xDFF01E), 0x0784u);
+    EXPECT_EQ(k->intreq, 0x0004);
 }
 
 TEST_F(Custom, DmaconStartsAndStopsChannels) {
@@ -67,29 +81,17 @@ TEST_F(Custom, DmaconStartsAndStopsChannels) {
     for (int x = 0; x < 4; x++) EXPECT_EQ(k->ch[x].active, x != 0) << x;
 }
 
-TEST_F(Custom, IntreqrForcesAudioBitsWhileDmaIsOn) {
-    custom_write_word(k, DMACON, 0x8200);
-    custom_write_word(k, INTREQ, 0x8004);
-    EXPECT_EQ(rd(0xDFF01E), 0x0784u);
-    EXPECT_EQ(k->intreq, 0x0004);
-    custom_write_word(k, DMACON, 0x0200);
-    EXPECT_EQ(rd(0xDFF01E), 0x0004u);
-}
-
-TEST_F(Custom, BeamPositionFollowsTheCycleCounter) {
-    // 454 cycles a line, 313 lines a frame; VPOSR bit 0 is line bit 8.
-    const struct {
-        uint64_t cycles;
-        uint32_t vhpos, vpos;
-    } cases[] = {{454 * 312 + 10, 0x3805, 1}, {454 * 313 * 7 + 454 * 100 + 453, 0x64E2, 0}};
-    for (const auto &c : cases) {
-        k->cycles = c.cycles;
-        EXPECT_EQ(rd(0xDFF006), c.vhpos);
-        EXPECT_EQ(rd(0xDFF004), c.vpos);
+// The beam position: 454 cycles a line, 313 lines a frame; VPOSR bit 0 is
+// line bit 8. Unknown and odd registers read 0; writes to them are ignored.
+TEST_F(Custom, BeamPositionAndUnknownRegisters) {
+    // 2291 lines: 7 frames and 100 lines.
+    const std::tuple<uint64_t, uint32_t, uint32_t> beam[] = {{454 * 312 + 10, 0x3805, 1},
+                                                             {454 * 2291 + 453, 0x64E2, 0}};
+    for (auto [cycles, vhpos, vpos] : beam) {
+        k->cycles = cycles;
+        EXPECT_EQ(rd(0xDFF006), vhpos);
+        EXPECT_EQ(rd(0xDFF004), vpos);
     }
-}
-
-TEST_F(Custom, UnknownAndOddRegistersReadZeroAndIgnoreWrites) {
     k->intreq = 0x7FFF;
     for (uint32_t r : {0xDFF000u, 0xDFF00Au, 0xDFF020u, 0xDFF096u, 0xDFF0A0u, 0xDFF1FEu, 0xDFF003u})
         EXPECT_EQ(rd(r), 0u) << std::hex << r;
@@ -132,23 +134,256 @@ TEST_F(Custom, TraceLinesOnlyWhenSwitchedOnAndChanged) {
     e = make_engine();
     k = e.get();
     k->pc = 0x200010;
-    testing::internal::CaptureStderr();
-    custom_write_word(k, AUD0PER, 300);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(stderr_of([&] { custom_write_word(k, AUD0PER, 300); }), "");
     k->reg_trace = 1;
-    testing::internal::CaptureStderr();
-    custom_write_word(k, DMACON, 0x8001);
-    custom_write_word(k, DMACON, 0x8001);   // unchanged: no line
-    custom_write_word(k, AUD0LCH, 0x0001);  // the high word alone prints nothing
-    custom_write_word(k, AUD0LCL, 0x2345);
-    custom_write_word(k, AUD0LEN, 7);
-    custom_write_word(k, AUD0PER, 300);     // unchanged
-    custom_write_word(k, AUD0VOL, 200);     // 200 & 127 = 72
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(stderr_of([&] {
+                  custom_write_word(k, DMACON, 0x8001);
+                  custom_write_word(k, DMACON, 0x8001);   // unchanged: no line
+                  custom_write_word(k, AUD0LCH, 0x0001);  // the high word alone prints nothing
+                  custom_write_word(k, AUD0LCL, 0x2345);
+                  custom_write_word(k, AUD0LEN, 7);
+                  custom_write_word(k, AUD0PER, 300);     // unchanged
+                  custom_write_word(k, AUD0VOL, 200);     // 200 & 127 = 72
+              }),
               "[trace] pc=00200010 DMACON 0200 -> 0201\n"
               "[trace] pc=00200010 AUD0LC = 00012345\n"
               "[trace] pc=00200010 AUD0LEN = 7\n"
               "[trace] pc=00200010 AUD0VOL = 72\n");
+}
+
+struct Bus : testing::Test {
+    engine_ptr e = make_engine();
+    kelva *k = e.get();
+};
+
+TEST_F(Bus, RamIsBigEndianAtAnyAlignmentBelow16MiB) {
+    write16(k, 0x00100001, 0x1234);
+    EXPECT_EQ(read8(k, 0x100001), 0x12u);
+    EXPECT_EQ(read16(k, 0x100001), 0x1234u);
+    write32(k, 0x200003, 0xCAFEBABE);
+    EXPECT_EQ(k->ram[0x200003], 0xCA);
+    EXPECT_EQ(k->ram[0x200006], 0xBE);
+    EXPECT_EQ(read32(k, 0xFF200003), 0xCAFEBABEu);   // the bits above 24 are ignored
+    write8(k, 0xAB000020, 0x77);
+    EXPECT_EQ(k->ram[0x20], 0x77);
+    EXPECT_EQ(k->fault, 0);
+}
+
+TEST_F(Bus, CustomBlockAccesses) {
+    // Either half of INTENA gets the byte doubled, 0x8080: set bit 7; the
+    // RAM underneath is never written.
+    write8(k, 0xDFF09B, 0x80);
+    EXPECT_EQ(k->intena, 0x0080);
+    k->intena = 0;
+    write8(k, 0xDFF09A, 0x80);
+    EXPECT_EQ(k->intena, 0x0080);
+    EXPECT_EQ(k->ram[0xDFF09A], 0);
+    // Reads split into bytes and longs; an odd word address selects nothing.
+    k->dmacon = 0;   // no DMAEN: INTREQR is INTREQ alone
+    k->intreq = 0x1234;
+    k->intena = 0x4321;
+    EXPECT_EQ(read8(k, 0xDFF01E), 0x12u);
+    EXPECT_EQ(read8(k, 0xDFF01F), 0x34u);
+    EXPECT_EQ(read32(k, 0xDFF01C), 0x43211234u);
+    EXPECT_EQ(read16(k, 0xDFF01D), 0u);
+    write16(k, 0xDFF09B, 0x8004);
+    EXPECT_EQ(k->intena, 0x4321);
+    write32(k, 0xDFF0A0, 0x00123456);   // AUD0LCH, AUD0LCL
+    EXPECT_EQ(k->aud[0].lc, 0x00123456u);
+}
+
+TEST_F(Bus, CiaWindowIgnoresAddressBitZeroAndEndsAtItsEdges) {
+    write8(k, 0xBFE201, 0x5A);   // CIA-A DDRA
+    EXPECT_EQ(k->cia[0].ddra, 0x5A);
+    EXPECT_EQ(read8(k, 0xBFE200), 0x5Au);
+    write8(k, 0xBFD100, 0xA5);   // CIA-B PRB
+    EXPECT_EQ(k->cia[1].prb, 0xA5);
+    EXPECT_EQ(read8(k, 0xBFD101), 0xA5u);
+    EXPECT_EQ(k->cia[0].prb, 0);
+    // The window's last byte is CIA-A CRB; the byte after it is RAM.
+    write16(k, 0xBFEFFF, 0xABCD);
+    EXPECT_EQ(k->cia[0].crb, 0xAB);
+    EXPECT_EQ(k->ram[0xBFF000], 0xCD);
+    EXPECT_EQ(read32(k, 0xBFEFFD), 0xABABABCDu);   // CRB three times, then RAM
+    // A word straddling in from below: RAM, then CIA-B register 0.
+    write16(k, 0xBFCFFF, 0x1122);
+    EXPECT_EQ(k->ram[0xBFCFFF], 0x11);
+    EXPECT_EQ(k->cia[1].pra, 0x22);
+    EXPECT_EQ(read16(k, 0xBFCFFF), 0x1122u);
+    k->ram[0xBFCFFE] = 0x99;
+    EXPECT_EQ(read32(k, 0xBFCFFE), 0x99112222u);   // two RAM bytes, then PRA twice
+    write32(k, 0xBFCFFD, 0x01020304);
+    EXPECT_EQ(k->ram[0xBFCFFD], 0x01);
+    EXPECT_EQ(k->ram[0xBFCFFF], 0x03);
+    EXPECT_EQ(k->cia[1].pra, 0x04);
+}
+
+TEST_F(Bus, AccessesPastTheLastByteFaultAndWriteNothing) {
+    k->ram[0xFFFFFF] = 0x42;
+    k->ram[0xFFFFFE] = 0x11;
+    EXPECT_EQ(read8(k, 0xFFFFFF), 0x42u);
+    write32(k, 0xFFFFFC, 0x01020304);   // the last whole long is fine
+    EXPECT_EQ(read32(k, 0xFFFFFC), 0x01020304u);
+    EXPECT_EQ(k->fault, 0);
+    const struct {
+        int size;
+        uint32_t addr;
+        bool write;
+    } cases[] = {{2, 0xFFFFFF, false}, {4, 0xFFFFFD, false}, {4, 0xFFFFFE, true}, {2, 0xFFFFFF, true}};
+    for (const auto &c : cases) {
+        k->fault = 0;
+        uint32_t got = 0;
+        if (c.write)
+            c.size == 2 ? write16(k, c.addr, 0xDEAD) : write32(k, c.addr, 0xDEADBEEF);
+        else
+            got = c.size == 2 ? read16(k, c.addr) : read32(k, c.addr);
+        EXPECT_EQ(k->fault, 2) << c.size << " " << std::hex << c.addr;
+        EXPECT_EQ(got, c.write ? 0u : c.size == 2 ? 0xFFFFu : 0xFFFFFFFFu);
+        EXPECT_EQ(ram_get32(k, 0xFFFFFC), 0x01020304u);
+    }
+}
+
+// CIA-A and CIA-B register addresses (register n at base + n * $100).
+constexpr uint32_t CIAA = 0xBFE001, CIAB = 0xBFD000;
+constexpr uint32_t PRA = 0x000, PRB = 0x100, DDRA = 0x200, TALO = 0x400, TAHI = 0x500, TBLO = 0x600,
+                   TBHI = 0x700, TODLO = 0x800, TODMID = 0x900, TODHI = 0xA00, SDR = 0xC00, ICR = 0xD00,
+                   CRA = 0xE00, CRB = 0xF00;
+
+struct Cia : testing::Test {
+    engine_ptr e = make_engine(48000);
+    kelva *k = e.get();
+    void wr(uint32_t cia, uint32_t reg, uint32_t v) { write8(k, cia + reg, v); }
+    uint32_t rd(uint32_t cia, uint32_t reg) { return read8(k, cia + reg); }
+    static double frames(uint32_t latch) { return (latch + 1.0) * 48000 / 709379; }
+};
+
+TEST_F(Cia, LatchControlRegisterAndOneShot) {
+    for (const cia_state &c : k->cia) EXPECT_TRUE(c.ta_period == 1.0 && c.tb_left == 1.0 && !c.ta_running);
+    EXPECT_EQ(cia_frames_to_event(k), 0);
+    wr(CIAA, TALO, 0x6B);
+    EXPECT_EQ(k->cia[0].ta_latch, 0x006B);
+    EXPECT_EQ(k->cia[0].ta_period, 1.0);   // TALO alone changes nothing else
+    wr(CIAA, TAHI, 0x37);
+    EXPECT_NEAR(k->cia[0].ta_period, frames(0x376B), 1e-9);
+    EXPECT_EQ(k->cia[0].ta_left, k->cia[0].ta_period);   // stopped: reloaded
+    EXPECT_FALSE(k->cia[0].ta_running);                 // continuous: not started
+    wr(CIAB, TBHI, 0);
+    EXPECT_EQ(k->cia[1].tb_period, 1.0);   // one frame at the least
+
+    wr(CIAA, TALO, 0x00);
+    wr(CIAA, TAHI, 0x10);
+    wr(CIAA, CRA, 0x01);   // start: loads the counter
+    cia_advance(k, 10);
+    double left = k->cia[0].ta_left;
+    EXPECT_NEAR(left, frames(0x1000) - 10, 1e-9);
+    // Timer reads count down in E-clock ticks.
+    EXPECT_EQ(rd(CIAA, TAHI) << 8 | rd(CIAA, TALO), uint32_t(709379.0 * left / 48000));
+    wr(CIAA, CRA, 0x01);   // already running: no reload
+    EXPECT_EQ(k->cia[0].ta_left, left);
+    wr(CIAA, CRA, 0x11);   // LOAD strobe: reload, and LOAD is not stored
+    EXPECT_NEAR(k->cia[0].ta_left, frames(0x1000), 1e-9);
+    EXPECT_EQ(rd(CIAA, CRA), 0x01u);
+    wr(CIAA, CRA, 0x60);   // stop; the other bits are stored
+    EXPECT_FALSE(k->cia[0].ta_running);
+    EXPECT_EQ(rd(CIAA, CRA), 0x60u);
+    wr(CIAB, CRB, 0x61);   // CRB: the input mode bits are stored only
+    EXPECT_TRUE(k->cia[1].tb_running);
+    EXPECT_EQ(rd(CIAB, CRB), 0x61u);
+    wr(CIAB, CRB, 0x00);
+    EXPECT_EQ(rd(CIAB, TBLO), 14u);   // an unloaded timer: 1 frame = 14.78 ticks
+
+    // One-shot: the high byte starts it; the underflow stops and reloads it.
+    wr(CIAB, CRB, 0x08);
+    EXPECT_FALSE(k->cia[1].tb_running);
+    wr(CIAB, TBLO, 0xFF);
+    wr(CIAB, TBHI, 0x01);
+    EXPECT_TRUE(k->cia[1].tb_running);
+    EXPECT_EQ(cia_frames_to_event(k), 35);   // 512 ticks = 34.6 frames
+    k->cia[1].handlers[1] = 0x2000;
+    wr(CIAB, ICR, 0x82);
+    cia_advance(k, 40);
+    EXPECT_EQ(k->cia[1].crb, 0x08);
+    EXPECT_FALSE(k->cia[1].tb_running);
+    EXPECT_NEAR(k->cia[1].tb_left, frames(0x1FF), 1e-9);
+    ASSERT_EQ(k->pending_count, 1u);
+    EXPECT_EQ(k->pending[0], 0x2000u);
+    EXPECT_EQ(cia_frames_to_event(k), 0);
+}
+
+TEST_F(Cia, UnderflowsQueueMaskedHandlersInOrderAtMostEight) {
+    // ICR writes set or clear mask bits (bit 7 is never stored); a read gives
+    // the flags, IR (bit 7) when an enabled one is set, and clears them.
+    for (auto [write, mask] : {std::pair{0x82, 0x02}, {0x9F, 0x1F}, {0x02, 0x1D}}) {
+        wr(CIAA, ICR, uint32_t(write));
+        EXPECT_EQ(k->cia[0].icr_mask, mask);
+    }
+    for (auto [flags, read] : {std::pair{0x03, 0x83u}, {0x00, 0x00u}, {0x02, 0x02u}}) {   // 0x02: TB is disabled
+        k->cia[0].icr_data = uint8_t(flags);
+        EXPECT_EQ(rd(CIAA, ICR), read);
+        EXPECT_EQ(k->cia[0].icr_data, 0);
+    }
+    wr(CIAB, TALO, 0x00);
+    wr(CIAB, TAHI, 0x01);
+    wr(CIAB, CRA, 0x01);
+    EXPECT_EQ(cia_frames_to_event(k), 18);   // 17.4 frames
+    cia_advance(k, 17);
+    EXPECT_EQ(k->cia[1].icr_data, 0);
+    cia_advance(k, 1);
+    EXPECT_EQ(k->cia[1].icr_data, 0x01);   // flagged, but no handler: not queued
+    EXPECT_EQ(k->pending_count, 0u);
+    EXPECT_NEAR(k->cia[1].ta_left, 2 * frames(0x100) - 18, 1e-9);
+    k->cia[1].handlers[0] = 0x4000;   // a handler without the mask bit
+    cia_advance(k, 20);
+    EXPECT_EQ(k->pending_count, 0u);
+    wr(CIAB, ICR, 0x81);
+    cia_advance(k, 20);
+    EXPECT_EQ(k->pending_count, 1u);
+    // CIA-A timer B at latch 0 underflows every frame (reaching exactly 0
+    // counts); CIA-A comes before CIA-B, and eight at most are queued.
+    k->pending_count = 0;
+    k->cia[0].handlers[1] = 0x5000;
+    wr(CIAA, ICR, 0x82);
+    wr(CIAA, TBHI, 0);
+    wr(CIAA, CRB, 0x01);
+    cia_advance(k, 1);
+    EXPECT_EQ(k->pending_count, 1u);
+    EXPECT_EQ(k->cia[0].tb_left, 1.0);
+    cia_advance(k, 17);
+    ASSERT_EQ(k->pending_count, 8u);
+    for (uint32_t p : k->pending) EXPECT_EQ(p, 0x5000u);
+    EXPECT_TRUE(k->cia[0].tb_running);
+}
+
+// Time of day: CIA-A counts 50 Hz frames (141,875 cycles), CIA-B lines
+// (454); 24 bits; writes are ignored. The ports are plain storage; SDR and
+// register $B read 0. CIA-A port A bit 1 high turns the LED filter off, in
+// Auto mode (0) only; modes 1 (off) and 2 (on) force it, Auto keeps the
+// state until the next write; setting an unknown mode changes nothing.
+TEST_F(Cia, TimeOfDayPortsAndTheLedLine) {
+    k->cycles = 141875ull * 0x123456 + 5;
+    for (auto [reg, v] : {std::pair{TODLO, 0x56u}, {TODMID, 0x34u}, {TODHI, 0x12u}}) EXPECT_EQ(rd(CIAA, reg), v);
+    k->cycles = 454ull * 0x1ABCDEF;
+    EXPECT_EQ(rd(CIAB, TODHI), 0xABu);
+    wr(CIAB, TODLO, 0x11);
+    EXPECT_EQ(rd(CIAB, TODLO), 0xEFu);
+    wr(CIAA, PRB, 0x5A);
+    wr(CIAA, DDRA, 0x03);
+    wr(CIAA, SDR, 0x77);
+    EXPECT_EQ(rd(CIAA, PRB) << 16 | rd(CIAA, DDRA) << 8 | rd(CIAA, SDR) | rd(CIAA, 0xB00), 0x5A0300u);
+
+    const struct {
+        int mode;   // -1: no mode change
+        uint32_t cia, pra, led_on;
+    } steps[] = {{-1, CIAA, 0x02, 0}, {-1, CIAA, 0xFD, 1}, {-1, CIAB, 0x02, 1}, {1, CIAA, 0x00, 0},
+                 {2, CIAA, 0x02, 1},  {7, CIAB, 0x02, 1}, {0, CIAA, 0x02, 0}};   // 7: unknown, no change
+    EXPECT_EQ(k->mix.led_on, 1u);
+    for (const auto &s : steps) {
+        if (s.mode >= 0) kelva_set_led_filter(k, uint32_t(s.mode));
+        EXPECT_TRUE(s.mode != 0 || k->mix.led_on == 1u);   // Auto: no change yet
+        wr(s.cia, PRA, s.pra);
+        EXPECT_EQ(k->mix.led_on, s.led_on) << s.mode << " " << s.pra;
+    }
+    EXPECT_EQ(rd(CIAA, PRA), 0x02u);
 }
 
 }  // namespace

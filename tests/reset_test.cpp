@@ -1,7 +1,9 @@
 // Machine reset: the fixed layout every player starts in, and what a reset
-// puts back after a player and a host changed it.
+// puts back after a player and a host changed it; the exported setters and
+// getters (the LED modes: custom_test.cpp).
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -42,18 +44,14 @@ TEST(Reset, LibraryTablesAndGlobals) {
         EXPECT_EQ(ram_get32(e, 0xF95000 + 4 * i), (0xA400 + i) << 16 | 0x4E75u);
     }
     EXPECT_EQ(ram_get16(e, 0xF80212), 0x3232u);   // 50 Hz vertical blank and power supply
-    // Globals: library bases, empty module fields, volume and balances 64,
-    // the 50 Hz CIA timer value, all four voices on at volume 64.
-    const struct {
-        uint32_t off, value;
-        bool word;
-    } globals[] = {{4, 0xF81000, false}, {8, 0xF82000, false}, {12, 0xF83000, false}, {24, 0, false},
-                   {28, 0, false},       {32, 0, false},       {36, 0, false},       {40, 0, false},
-                   {44, 0, true},        {46, 64, true},       {48, 64, true},       {50, 64, true},
-                   {52, 0, true},        {54, 14188, true},    {0x146, 0xF, true},   {0x148, 64, true},
-                   {0x14A, 64, true},    {0x14C, 64, true},    {0x14E, 64, true}};
-    for (const auto &g : globals)
-        EXPECT_EQ(g.word ? ram_get16(e, 0xF90000 + g.off) : ram_get32(e, 0xF90000 + g.off), g.value) << g.off;
+    // Globals: library bases, empty module fields (+24..+44), volume and
+    // balances 64, the 50 Hz CIA timer value, all four voices on at volume 64.
+    for (auto [off, value] : {std::pair{4u, 0xF81000u}, {8, 0xF82000}, {12, 0xF83000}})
+        EXPECT_EQ(ram_get32(e, 0xF90000 + off), value) << off;
+    for (uint32_t off = 24; off < 46; off += 2) EXPECT_EQ(ram_get16(e, 0xF90000 + off), 0u) << off;
+    const std::pair<uint32_t, uint32_t> words[] = {{46, 64},   {48, 64},    {50, 64},    {52, 0},    {54, 14188},
+                                                   {0x146, 0xF}, {0x148, 64}, {0x14A, 64}, {0x14C, 64}, {0x14E, 64}};
+    for (auto [off, value] : words) EXPECT_EQ(ram_get16(e, 0xF90000 + off), value) << off;
 }
 
 TEST(Reset, ClearsThePreviousPlayer) {
@@ -61,33 +59,25 @@ TEST(Reset, ClearsThePreviousPlayer) {
     kelva *e = k.get();
     EXPECT_EQ(e->mix.frame_ticks, 882);
     EXPECT_EQ(e->dmacon, 0x0200);   // DMA master on, no channel running
-    EXPECT_NE(e->loader, nullptr);
 
     // Dirty everything a player and a host can touch, then reset.
     kelva_set_file_loader(e, null_loader, nullptr);
     kelva_set_separation(e, 0.25f);
     kelva_set_model(e, 1);
     kelva_set_led_filter(e, 1);
-    e->ram[0x123456] = 1;
-    e->alloc_ptr = 0x500000;
-    e->routines[DELI_INITPLAYER] = 0x200010;
-    e->int_vectors[5] = 0x200100;
-    e->pending_count = 3;
-    e->subsong_count = 7;
+    e->ram[0x123456] = e->scratch[100] = 1;
+    e->alloc_ptr = e->comp_next = 0x500000;
+    e->routines[DELI_INITPLAYER] = e->int_vectors[5] = 0x200010;
+    e->pending_count = e->subsong_count = e->comp_count = 3;
     e->requested_subsong = 3;
-    e->song_end_frame = 99;
-    e->played_frames = 1000;
-    e->comp_count = 4;
-    e->comp_next = 0x50000;
+    e->song_end_frame = e->played_frames = 1000;
     strcpy(e->epopt, "type:pt30");
-    e->scratch[100] = 5;
     e->files[2].data = static_cast<uint8_t *>(malloc(16));
     e->files[2].size = 16;
     custom_write_word(e, 0xDFF096, 0x8001);
     e->mix.rc_state[0] = 0.5;
 
     kelva_reset(e, 48000);
-    EXPECT_EQ(e->ram[0x123456], 0);
     EXPECT_EQ(e->rate, 48000);
     EXPECT_EQ(e->mix.frame_ticks, 960);
     EXPECT_EQ(e->loader, null_loader);   // the loader survives
@@ -95,25 +85,60 @@ TEST(Reset, ClearsThePreviousPlayer) {
     EXPECT_EQ(e->model + e->mix.model + e->led_mode, 0u);
     EXPECT_EQ(e->mix.led_on, 1u);
     EXPECT_EQ(e->alloc_ptr, 0x400000u);
-    EXPECT_EQ(e->routines[DELI_INITPLAYER], 0u);
-    EXPECT_EQ(e->int_vectors[5], 0u);
-    EXPECT_EQ(e->pending_count, 0u);
-    EXPECT_EQ(e->subsong_count, 1u);
-    EXPECT_EQ(e->requested_subsong, 0);
-    EXPECT_EQ(e->song_end_frame, 0u);
-    EXPECT_EQ(e->played_frames, 0u);
-    EXPECT_EQ(e->comp_count, 0u);
     EXPECT_EQ(e->comp_next, 0x010000u);
-    EXPECT_EQ(e->epopt[0], 0);
-    EXPECT_EQ(e->scratch[100], 0);
-    EXPECT_EQ(e->files[2].data, nullptr);
+    EXPECT_EQ(e->subsong_count, 1u);
     EXPECT_EQ(e->dmacon, 0x0200);
-    EXPECT_EQ(e->aud[0].dma_running, 0);
+    EXPECT_EQ(e->files[2].data, nullptr);
     EXPECT_EQ(e->mix.rc_state[0], 0.0);
+    for (uint64_t v : {uint64_t(e->ram[0x123456]), uint64_t(e->scratch[100]), uint64_t(e->routines[DELI_INITPLAYER]),
+                       uint64_t(e->int_vectors[5]), uint64_t(e->pending_count), uint64_t(e->requested_subsong),
+                       uint64_t(e->song_end_frame), e->played_frames, uint64_t(e->comp_count),
+                       uint64_t(e->epopt[0]), uint64_t(e->aud[0].dma_running)})
+        EXPECT_EQ(v, 0u);
     // Without a loader, reset installs the default one.
     e->loader = nullptr;
     kelva_reset(e, 48000);
     EXPECT_NE(e->loader, nullptr);
+}
+
+TEST(EngineApi, SettersClampAndIgnoreWhatTheyDoNotKnow) {
+    auto e = make_engine();
+    kelva *k = e.get();
+    EXPECT_EQ(k->separation, 1.0f);
+    for (auto [set, want] : {std::pair{-0.5f, 0.0f}, {7.0f, 1.0f}, {0.25f, 0.25f}, {std::nanf(""), 0.0f}}) {
+        kelva_set_separation(k, set);
+        EXPECT_EQ(k->separation, want) << set;
+    }
+    kelva_destroy(nullptr);   // ignored
+
+    // Only model 1 is the A1200 (its 34 kHz corner passes more than 4.4 kHz).
+    const double a500 = k->mix.rc_coef;
+    kelva_set_model(k, 1);
+    EXPECT_EQ(k->model + k->mix.model, 2u);
+    EXPECT_GT(k->mix.rc_coef, a500);
+    for (uint32_t m : {2u, 0u, 0xFFFFFFFFu}) {
+        kelva_set_model(k, 1);
+        kelva_set_model(k, m);
+        EXPECT_EQ(k->model + k->mix.model, 0u) << m;
+        EXPECT_EQ(k->mix.rc_coef, a500) << m;
+    }
+}
+
+TEST(EngineApi, PlayedMilliseconds) {
+    const struct {
+        int32_t rate;
+        uint64_t frames;
+        int64_t ms;
+    } cases[] = {{48000, 48000 * 3 + 47, 3000},
+                 {48000, 1ull << 40, int64_t((1ull << 40) * 1000 / 48000)},   // no overflow
+                 {0, 1000, 0},
+                 {-5, 1000, 0}};
+    for (const auto &c : cases) {
+        auto e = make_engine(c.rate);
+        ASSERT_NE(e, nullptr);
+        e->played_frames = c.frames;
+        EXPECT_EQ(kelva_played_ms(e.get()), c.ms) << c.rate << " " << c.frames;
+    }
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
-/* DosSegment: the code file the Dos player loads with LoadSeg. Two hunks:
- * code that reads a long from its data hunk through an absolute (relocated)
- * address, so the value it returns shows that relocation across segments
- * worked. */
+/* DosSegment: the code file the Files player loads with LoadSeg. Its answer
+ * comes from its data hunk through relocated absolute addresses. */
     .text
 start:
     move.l  magic,d0

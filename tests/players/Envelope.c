@@ -1,29 +1,17 @@
 /* Envelope: a tone on channel 0 whose loudness follows a pattern, for the
- * tests of rendering and length measurement. The module tells it what to do
- * (big-endian longs):
- *
- *   +0   'ENVL'
- *   +4   pattern length in ticks: the volume pattern restarts after this
- *        many ticks (0: it never restarts)
- *   +8   tick at which the tone stops (0: never)
- *   +12  tick at which the player reports the song end (0: never)
- *   +16  seed of the volume pattern
- *   +20  the player writes its tick count here
- *
- * Built twice: as Envelope, and as EnvelopeSongEnd (ENVELOPE_SIGNALS_END),
- * whose flags tag says that it signals the song's end.
- *
- * Volumes come from a 16-bit xorshift sequence (shifts and xors only, so no
- * multiply or divide helpers are needed on the plain 68000). */
+ * tests of rendering and length measurement. The module (big-endian longs,
+ * struct envelope_module; 0 for never) tells it when the volume pattern
+ * restarts, when the tone stops and when to report the song end. Built
+ * twice: as Envelope, and as EnvelopeSongEnd, whose flags tag says that it
+ * signals the song's end. Volumes come from a 16-bit xorshift sequence
+ * (shifts and xors only: no multiply or divide helpers on the 68000). */
 #include "kelva_player.h"
 
 struct envelope_module {
-    uint32_t magic;
-    uint32_t pattern_ticks;
-    uint32_t stop_tick;
-    uint32_t end_tick;
-    uint32_t seed;
-    uint32_t ticks;
+    uint32_t magic;           /* 'ENVL' */
+    uint32_t pattern_ticks;   /* the volume pattern restarts after this many ticks */
+    uint32_t stop_tick, end_tick, seed;
+    uint32_t ticks;           /* the player writes its tick count here */
 };
 
 static volatile struct envelope_module *mod;

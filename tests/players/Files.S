@@ -1,14 +1,8 @@
-/* Files: reaches the host's files the two ways a player can.
- *
- * ExtLoad loads a second file ("smp.set") from the module's directory: it
- * builds the name in the path buffer with the support functions (clear it,
- * CopyDir, CopyString) and calls LoadFile. InitPlayer asks GetListData for
- * entry 1 (entry 0 is the module itself) and keeps its address and size.
- * Then, through dos.library, it opens "data.bin", seeks to byte 4, reads 8
- * bytes, seeks to the end to learn the size, and closes it; LoadSegs
- * "DosSegment" (a small hunk executable), calls its first segment's code
- * and keeps the result. Everything it found is left in `results` for a
- * test to read. */
+/* Files: reaches the host's files the two ways a player can. ExtLoad loads
+ * "smp.set" from the module's directory with the support functions;
+ * InitPlayer finds it as list entry 1 (0 is the module), then, through
+ * dos.library, reads "data.bin" and LoadSegs and calls "DosSegment".
+ * Everything it found is left in `results` for a test to read. */
 #include "kelva_player.h"
 
     PLAYER_HEADER tags

@@ -1,9 +1,6 @@
-/* SongEnd: a player written in C that reports the end of its song after
- * END_TICKS calls of its tick routine.
- *
- * KELVA_ROUTINE gives each routine an assembly entry that hands the C code
- * the globals (A5) and D0; the result goes back in D0. kp_support calls a
- * support function through the globals. */
+/* SongEnd: a player in C that reports the end of its song after END_TICKS
+ * ticks. KELVA_ROUTINE's assembly entry hands the C code the globals (A5)
+ * and D0, and returns its result in D0; kp_support calls a support function. */
 #include "kelva_player.h"
 
 #define END_TICKS 4
@@ -21,9 +18,7 @@ KELVA_ROUTINE(tick) {
     (void)d0;
     ticks++;
     KP_CUSTOM16(AUD0VOL) = (uint16_t)(ticks & 63);
-    if (ticks == END_TICKS) {
-        kp_support(g, DTG_SongEnd, 0, 0, 0);
-    }
+    if (ticks == END_TICKS) kp_support(g, DTG_SongEnd, 0, 0, 0);
     return ticks;
 }
 

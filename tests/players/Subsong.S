@@ -1,8 +1,6 @@
-/* Subsong: five subsongs, each a different pitch on channel 0.
- *
- * SubSongRange answers 1..5; the engine writes the chosen one to the
- * globals' subsong word (+44) before InitSound, which looks the period up
- * in a table. */
+/* Subsong: subsongs 1..5, each a different pitch on channel 0. The engine
+ * writes the chosen one to the globals' subsong word before InitSound,
+ * which looks the period up in a table. */
 #include "kelva_player.h"
 
 #define FIRST 1

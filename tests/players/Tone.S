@@ -1,8 +1,6 @@
-/* Tone: plays a looping square wave on channel 0 by audio DMA.
- *
- * The smallest useful player: InitSound takes 16 bytes of chip memory from
- * exec, writes one period of a square wave into it and starts channel 0 on
- * it; Paula then repeats the block by itself. EndSound stops the channel. */
+/* Tone: the smallest useful player. InitSound writes one period of a square
+ * wave into 16 bytes of chip memory from exec and starts channel 0 on it by
+ * audio DMA; Paula repeats the block by itself. EndSound stops the channel. */
 #include "kelva_player.h"
 
 #define WAVE_BYTES 16

@@ -21,9 +21,7 @@ bool shared_exists(const std::string &sub) {
     return stat((std::string(KELVA_SHARED_DIR) + "/" + sub).c_str(), &st) == 0;
 }
 
-engine_ptr make_engine(int32_t rate) {
-    return engine_ptr(kelva_create(rate));
-}
+engine_ptr make_engine(int32_t rate) { return engine_ptr(kelva_create(rate)); }
 
 std::vector<uint8_t> read_file_bytes(const std::string &path) {
     std::ifstream f(path, std::ios::binary);
@@ -31,8 +29,8 @@ std::vector<uint8_t> read_file_bytes(const std::string &path) {
 }
 
 std::string read_file_text(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), {}};
+    std::vector<uint8_t> b = read_file_bytes(path);
+    return {b.begin(), b.end()};
 }
 
 int memory_loader(void *user, const char *path, uint8_t **out, uint32_t *len) {

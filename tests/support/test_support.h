@@ -10,8 +10,7 @@
 
 // Path of the shared test data folder, or empty when it is absent.
 std::string shared_dir();
-// Skips the current test with a clear message when the shared folder (or a
-// subfolder of it) is missing.
+// Skips the current test with a clear message when `sub` of it is missing.
 #define KELVA_REQUIRE_SHARED(sub)                                                          \
     do {                                                                                   \
         if (shared_dir().empty() || !shared_exists(sub))                                   \
@@ -24,39 +23,34 @@ struct engine_deleter {
     void operator()(kelva *k) const { kelva_destroy(k); }
 };
 using engine_ptr = std::unique_ptr<kelva, engine_deleter>;
-// A fresh engine at the given rate (tests that run 68k code call
-// kelva_global_init() themselves).
+// A fresh engine (tests that run 68k code call kelva_global_init() first).
 engine_ptr make_engine(int32_t rate = 48000);
 
 // The whole contents of a host file; empty when it cannot be read.
 std::vector<uint8_t> read_file_bytes(const std::string &path);
 std::string read_file_text(const std::string &path);
 
-// Files served from memory to kelva_set_file_loader(k, memory_loader, &m),
-// by the exact name the engine asks for; every request is recorded.
+// Files served to kelva_set_file_loader(k, memory_loader, &m) by exact
+// name; every request is recorded.
 struct memory_files {
     std::map<std::string, std::vector<uint8_t>> files;
     std::vector<std::string> requests;
 };
 int memory_loader(void *user, const char *path, uint8_t **out, uint32_t *len);
 
-// Appends a big-endian long.
 void put_be32(std::vector<uint8_t> &v, uint32_t x);
 
 // A NUL-terminated string in emulated memory (addresses wrap at 16 MiB).
 void put_string(kelva *k, uint32_t addr, const char *s);
 std::string get_string(kelva *k, uint32_t addr);
 
-// The module the Envelope test player reads (tests/players/Envelope.c): a
-// tone whose loudness repeats after `pattern_ticks` 50 Hz ticks (0: never),
-// stops at `stop_tick` and reports the song end at `end_tick` (0: never).
+// The module of the Envelope test player (tests/players/Envelope.c).
 std::vector<uint8_t> envelope_module(uint32_t pattern_ticks, uint32_t stop_tick, uint32_t end_tick,
                                      uint32_t seed = 0x1234);
 
-// Writes channel x's AUDxLC, AUDxLEN, AUDxPER and AUDxVOL through the bus,
-// as a player does.
+// Writes channel x's AUDxLC, AUDxLEN, AUDxPER and AUDxVOL, as a player does.
 void set_audio_latches(kelva *k, int x, uint32_t lc, uint16_t len, uint16_t per, uint16_t vol);
 
-// Parses a hunk file and loads its hunks one after another from kPlayerBase,
-// as the engine loads a player. Returns 1 on success.
+// Loads a hunk file's hunks one after another from kPlayerBase, as the
+// engine loads a player. Returns 1 on success.
 int load_player_hunks(kelva *k, const std::vector<uint8_t> &file);
