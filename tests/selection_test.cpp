@@ -38,11 +38,6 @@ std::string exe_tree() {
     return ec ? "" : exe.parent_path().string() + "/kelva_data";
 }
 
-bool exists(const std::string &p) {
-    std::error_code ec;
-    return std::filesystem::exists(p, ec);
-}
-
 // What a loader call gave: the bytes, or "-" when it failed.
 template <class F>
 std::string loaded(F load) {
@@ -57,16 +52,12 @@ std::string dload(const std::string &path) {
     return loaded([&](uint8_t **d, uint32_t *l) { return default_load(nullptr, path.c_str(), d, l); });
 }
 
-TEST(DataTree, KelvaDataWinsWithoutAnyCheckAndOverflowGivesEmpty) {
+TEST(DataTree, KelvaDataThenTheUserTreeFromXdgThenHome) {
     env_guard env;
-    setenv("KELVA_DATA", "/nonexistent/tree", 1);
+    setenv("KELVA_DATA", "/nonexistent/tree", 1);   // taken without any check
     EXPECT_EQ(data_path_str("players/X"), "/nonexistent/tree/players/X");
-    EXPECT_EQ(data_path_str("eagleplayer.conf", 10), "");
-}
-
-TEST(DataTree, UserTreeFromXdgThenHome) {
-    env_guard env;
-    if (exists(exe_tree() + "/eagleplayer.conf"))
+    EXPECT_EQ(data_path_str("eagleplayer.conf", 10), "");   // does not fit
+    if (access((exe_tree() + "/eagleplayer.conf").c_str(), F_OK) == 0)
         GTEST_SKIP() << "a data tree beside the test program shadows the per-user tree";
     temp_dir xdg, home, empty;
     ASSERT_TRUE(write_file(xdg / "kelva_data/eagleplayer.conf", "# x\n"));
@@ -96,11 +87,12 @@ TEST(DataTree, ProgramSideTreeFirstAndAsFallback) {
     env_guard env;
     std::string beside = exe_tree();
     if (beside.empty()) GTEST_SKIP() << "/proc/self/exe cannot be read here";
-    if (exists(beside)) GTEST_SKIP() << beside << " already exists; not touching it";
+    if (access(beside.c_str(), F_OK) == 0) GTEST_SKIP() << beside << " already exists; not touching it";
     unsetenv("KELVA_DATA");
     unsetenv("XDG_DATA_HOME");
     setenv("HOME", "", 1);   // only the program-side candidate and the system folders remain
-    if (!exists("/usr/local/share/kelva_data/eagleplayer.conf") && !exists("/usr/share/kelva_data/eagleplayer.conf")) {
+    if (access("/usr/local/share/kelva_data/eagleplayer.conf", F_OK) &&
+        access("/usr/share/kelva_data/eagleplayer.conf", F_OK)) {
         // No tree anywhere: the path beside the program is still produced, and
         // a per-user tree installed now is found on the next call.
         EXPECT_EQ(data_path_str("eagleplayer.conf"), beside + "/eagleplayer.conf");
@@ -336,6 +328,12 @@ TEST(EpconfIdentify, PrefixAndExtensionScoring) {
     char out[4096];
     ASSERT_EQ(kelva_identify("x.mod", nullptr, 0, out, sizeof out), 1);
     EXPECT_EQ(std::string(out), t.player("Mod"));
+    // Items of up to 62 bytes and player names of up to 255.
+    std::string item62(62, 'e'), item63(63, 'f'), name255(255, 'N');
+    conf_tree limits("Long prefixes=" + item62 + "," + item63 + "\n" + std::string(256, 'M') + " prefixes=toolong\n" +
+                         name255 + " prefixes=okname\n",
+                     {"Long", name255});
+    expect_players({{"s." + item62, "Long"}, {"s." + item63, ""}, {"s.toolong", ""}, {"s.okname", name255}});
 }
 
 TEST(EpconfIdentify, TiesKeepTheEarlierLineAndMissingPlayersAreSkipped) {
@@ -348,14 +346,6 @@ TEST(EpconfIdentify, TiesKeepTheEarlierLineAndMissingPlayersAreSkipped) {
     t.remove_player("Second");
     t.remove_player("Third");
     EXPECT_EQ(identify("a.mod"), "");
-}
-
-TEST(EpconfIdentify, ItemAndNameLengthLimits) {
-    std::string item62(62, 'e'), item63(63, 'f'), name255(255, 'N');
-    conf_tree t("Long prefixes=" + item62 + "," + item63 + "\n" + std::string(256, 'M') + " prefixes=toolong\n" +
-                    name255 + " prefixes=okname\n",
-                {"Long", name255});
-    expect_players({{"s." + item62, "Long"}, {"s." + item63, ""}, {"s.toolong", ""}, {"s.okname", name255}});
 }
 
 TEST(EpconfIdentify, HostileConfigurationLines) {
@@ -402,8 +392,7 @@ TEST(Fifteen, DecisionRulesInOrder) {
         {"a note in the first cell, after the 128 orders", st15_module().w16(600, 0x0358), kUst},
         {"5", st15_cell(5, 0x11), kSt4}, {"6", st15_cell(6, 0x11), kSt4}, {"7", st15_cell(7, 0x11), kSt4},
         {"8", st15_cell(8, 0x11), kSt4}, {"9", st15_cell(9, 0x11), kSt4}, {"D00", st15_cell(13, 0x00), kPtk},
-        {"D05", st15_cell(13, 0x05), kSt4},
-        {"C20", st15_cell(12, 0x20), kPtk}, {"F06", st15_cell(15, 0x06), kPtk},
+        {"D05", st15_cell(13, 0x05), kSt4}, {"C20", st15_cell(12, 0x20), kPtk}, {"F06", st15_cell(15, 0x06), kPtk},
         {"E01: filter", st15_cell(14, 0x01), kPtk}, {"other E commands", st15_cell(14, 0x12), kUst},
         {"1 30", st15_cell(1, 30), kPtk}, {"2 1", st15_cell(2, 1), kPtk},
         {"1 31", st15_cell(1, 31), kUst}, {"2 0: command 2 occurs", st15_cell(2, 0), kUst},
@@ -479,28 +468,24 @@ TEST(ModCorrection, ImagesMusicSystemLayoutLeavesTheSoundtrackerPlayers) {
     // The sample data the headers ask for: 2 x the lengths of the 31 samples (words at 42 + 30 i).
     uint32_t data_at = uint32_t(ims[1080]) << 24 | ims[1081] << 16 | ims[1082] << 8 | ims[1083], words = 0;
     for (int i = 0; i < 31; i++) words += uint32_t(ims[42 + 30 * i]) << 8 | ims[43 + 30 * i];
-    auto edited = [&](uint32_t at, uint8_t value, size_t size) {
+    auto edited = [&](uint32_t at, uint16_t value, size_t size) {   // the word at `at` set, the size changed
         auto d = ims;
-        d[at] = value;
+        d[at] = uint8_t(value >> 8);
+        d[at + 1] = uint8_t(value);
         d.resize(size);
         return d;
     };
     const size_t short_1k = data_at + 2 * words - 1024;   // sample data at most 1 KB short of the headers
-    auto first_sample = [&](uint16_t length) {   // sample 0 that long, the file grown to fit
-        auto d = ims;
-        uint32_t old = uint32_t(d[42]) << 8 | d[43];
-        d[42] = uint8_t(length >> 8), d[43] = uint8_t(length);
-        d.resize(data_at + 2 * (words - old + length));
-        return d;
-    };
+    const size_t grown = data_at + 2 * (words - (ims[42] << 8 | ims[43]));   // without sample 0's data
     const std::pair<std::string, std::vector<uint8_t>> cases[] = {
         {"dir/Sub-Docking.ST", ims}, {"sub-docking.mod", ims}, {"st.sub-docking", ims},
-        {"a.st", edited(1083, ims[1083] ^ 4, ims.size())},   // the offset is no longer a whole number of patterns
-        {"a.st", edited(952, 3, ims.size())},                // the song names a pattern the file does not store
-        {"a.st", edited(950, 0, ims.size())},                // an empty song
-        {"a.st", edited(0, ims[0], short_1k - 1)},
-        {"b.st", edited(0, ims[0], short_1k)}, {"c.st", first_sample(0x8000)} /* 64 KB: the longest sample */,
-        {"d.st", first_sample(0x8001)}};
+        {"a.st", edited(1082, (ims[1082] << 8 | ims[1083]) ^ 4, ims.size())},   // offset not a whole number of patterns
+        {"a.st", edited(951, ims[951] << 8 | 3, ims.size())},   // the song names a pattern the file does not store
+        {"a.st", edited(950, ims[951], ims.size())},            // an empty song
+        {"a.st", edited(0, ims[0] << 8 | ims[1], short_1k - 1)},
+        {"b.st", edited(0, ims[0] << 8 | ims[1], short_1k)},
+        {"c.st", edited(42, 0x8000, grown + 0x10000)} /* 64 KB: the longest sample */,
+        {"d.st", edited(42, 0x8001, grown + 0x10002)}};
     for (const auto &[name, d] : cases)
         EXPECT_EQ(identify(name, d), name == "dir/Sub-Docking.ST" || name == "b.st" || name == "c.st"
                                          ? "ImagesMusicSystem"
@@ -617,15 +602,11 @@ TEST(EpconfOptions, ProTrackerOptionIsRefinedFromTheModule) {
     auto tagged = mb("M.K.", 1).bytes();
     tagged.resize(1083);
     const std::pair<std::vector<uint8_t>, const char *> cases[] = {
-        {pt_module().bytes(), "type:pt30"},
-        {pt_module().sample(0, smp(100, 0, 150, 10)).bytes(), "type:st24"},
-        {mb("FLT4", 1).bytes(), "type:flt4"},
-        {mb("FLT4", 1).sample(0, smp(0, 1)).bytes(), "type:pt30"},
-        {mb("M&K!", 1).bytes(), "type:m&k."},
-        {mb("N.T.", 1).bytes(), "type:nt20"},
+        {pt_module().bytes(), "type:pt30"}, {pt_module().sample(0, smp(100, 0, 150, 10)).bytes(), "type:st24"},
+        {mb("FLT4", 1).bytes(), "type:flt4"}, {mb("FLT4", 1).sample(0, smp(0, 1)).bytes(), "type:pt30"},
+        {mb("M&K!", 1).bytes(), "type:m&k."}, {mb("N.T.", 1).bytes(), "type:nt20"},
         {pt_module().samples(0, 31, smp(0)).bytes(), "type:nt10"},   // R = 127, Z0 > Z1 with L < R: 6
-        {mb("6CHN", 1).bytes(), "type:comp"},
-        {mb("OCTA", 1).bytes(), "type:pt30"},
+        {mb("6CHN", 1).bytes(), "type:comp"}, {mb("OCTA", 1).bytes(), "type:pt30"},
         {st15_module().bytes(), "type:st20"}, {tagged, "type:st20"}, {{}, "type:st20"},
     };
     for (const auto &[d, option] : cases)
