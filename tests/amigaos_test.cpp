@@ -224,7 +224,7 @@ struct Dos : Os {
     uint32_t pos() const { return k->files[0].position; }
 };
 
-TEST_F(Dos, ReadsContinueAndClampAtTheEnd) {
+TEST_F(Dos, ReadsContinueSeeksClampAtTheEnds) {
     uint32_t h = named(kOpen, "data/forty.bin");
     EXPECT_EQ(h, 1u);
     EXPECT_FALSE(k->sr & kSrZ);
@@ -236,15 +236,10 @@ TEST_F(Dos, ReadsContinueAndClampAtTheEnd) {
     EXPECT_EQ(k->ram[kBuf + 35], 0xEE);
     EXPECT_EQ(call(kRead, h, kBuf, 100), 0u);
     EXPECT_TRUE(k->sr & kSrZ);
-}
-
-// Seek(handle, offset, mode): mode < 0 from the start, 0 from the position,
-// > 0 from the end; returns the old position; clamps to [0, size].
-TEST_F(Dos, SeekFromEachBaseAndClamps) {
-    uint32_t h = named(kOpen, "data/forty.bin");
-    struct {
-        uint32_t offset, mode, old, now;
-    } cases[] = {{uint32_t(-10), 1, 0, 30}, {20, uint32_t(-1), 30, 20}, {uint32_t(-50), 0, 20, 0}, {1000, 0, 0, 40},
+    // Seek(handle, offset, mode): mode < 0 from the start, 0 from the position,
+    // > 0 from the end; returns the old position; clamps to [0, size].
+    call(kSeek, h, 0, uint32_t(-1));
+    const struct { uint32_t offset, mode, old, now; } cases[] = {{uint32_t(-10), 1, 0, 30}, {20, uint32_t(-1), 30, 20}, {uint32_t(-50), 0, 20, 0}, {1000, 0, 0, 40},
                  {0x7FFFFFFF, 1, 40, 40}, {0x80000000u, uint32_t(-1), 40, 0}, {5, 0, 0, 5}, {3, 0, 5, 8}};
     for (auto c : cases)
         EXPECT_EQ((U{call(kSeek, h, c.offset, c.mode), pos()}), (U{c.old, c.now})) << int32_t(c.offset) << c.mode;
@@ -345,28 +340,20 @@ TEST_F(LineA, LibrariesResourcesAndMemoryTypes) {
     for (auto [addr, type] : types) EXPECT_EQ(trap(type_of_mem, 0, addr), type) << std::hex << addr;
 }
 
-TEST_F(LineA, InterruptsAndUnknownFunctions) {
+TEST_F(LineA, InterruptsUnknownFunctionsAndConditionCodes) {
     EXPECT_EQ(trap(0xA006, 0x15, 0x201000), 0u);   // AddIntServer: the low four bits
     EXPECT_EQ(trap(0xA007, 6, 0x202000), 0u);      // SetIntVector returns the previous handler
     EXPECT_TRUE(k->sr & kSrZ);
     EXPECT_EQ(trap(0xA007, 6, 0x203000), 0x202000u);
     EXPECT_EQ((U{k->int_vectors[5], k->int_vectors[6], k->int_vectors[7]}), (U{0x201000, 0x203000, 0}));
-    // Cause jumps into the interrupt code with its data in A1; without code nothing happens.
-    uint32_t is = 0x300000;
-    ram_put32(k, is + 14, 0x12345678);   // is_Data
-    for (uint32_t code : {0x204000u, 0u}) {
-        ram_put32(k, is + 18, code);     // is_Code
-        k->pc = kExecBase - 180 + 2;
-        EXPECT_EQ(trap(0xA008, 9, is), 0u);
-        EXPECT_EQ((U{k->pc, k->a[1]}), (code ? U{code, 0x12345678} : U{kExecBase - 180 + 2, is}));
-    }
+    k->pc = kExecBase - 180 + 2;   // Cause without interrupt code (is_Code at 18) does nothing
+    EXPECT_EQ(trap(0xA008, 9, 0x300000), 0u);
+    EXPECT_EQ((U{k->pc, k->a[1]}), (U{kExecBase - 180 + 2, 0x300000}));
     k->a[0] = 0x10;
     EXPECT_EQ(stderr_of([&] { EXPECT_EQ(trap(0xA009, 0xCAFE, 0x20), 0u); }),
               "libs_exec_dispatch: unimplemented exec fn 9 (D0=0000cafe A0=00000010 A1=00000020)\n");
     EXPECT_TRUE(k->sr & kSrZ);
-}
-
-TEST_F(LineA, ConditionCodesFromD0WithXKept) {
+    // The condition codes come from D0, X kept.
     k->sr = 0x2000 | kSrX | kSrV | kSrC | kSrZ;
     trap(0xA007, 5, 0x80000000);   // SetIntVector hands back a negative "handler"
     EXPECT_EQ(trap(0xA007, 5), 0x80000000u);
@@ -438,7 +425,7 @@ TEST_F(LineA, TrapsReachedFrom68kCode) {
     uint32_t is = 0x300000, code = kPlayerBase + 0x100;
     ram_put32(k, is + 14, 0x00ABCDEF);
     ram_put32(k, is + 18, code);
-    put_code(k, code, {0x2409, 0x4E75});   // move.l a1,d2; rts: the interrupt sees its data in A1
+    put_code(k, code, {0x2409, 0x4E75});   // move.l a1,d2; rts: Cause runs the interrupt with its data in A1
     put_code(k, kPlayerBase, {0x227C, 0x0030, 0x0000, 0x4EAE, 0xFF4C,   // movea.l #$300000,a1; jsr -180(a6) (Cause)
                               0x7207, 0x4E75});                       // moveq #7,d1 (after the interrupt); rts
     deli_call(k, kPlayerBase);
@@ -446,7 +433,6 @@ TEST_F(LineA, TrapsReachedFrom68kCode) {
 }
 
 struct Support : Os {
-
     void SetUp() override {   // what kelva_open leaves behind: the three path strings
         for (uint32_t i = 0; i < 3; i++) ram_put32(k, kGlobals + 24 + 4 * i, U{kPathDir, kPathFile, kPathFull}[i]);
         put_string(k, kPathDir, "mods/");
@@ -538,10 +524,7 @@ TEST_F(Support, SongEndMarksOnceAndCutSuffix) {
 
 // The CIA timer counts value + 1 E-clocks (709379 Hz): frames = (value + 1) x rate / 709379, rounded.
 TEST_F(Support, SetTimerTurnsTheCiaValueIntoFrames) {
-    const struct {
-        uint16_t value;
-        int32_t rate, frames;
-    } cases[] = {{14188, 48000, 960}, {0, 48000, 960} /* zero leaves the tick alone */, {7093, 48000, 480},
+    const struct { uint16_t value; int32_t rate, frames; } cases[] = {{14188, 48000, 960}, {0, 48000, 960} /* zero leaves the tick alone */, {7093, 48000, 480},
                  {100, 48000, 7} /* 6.83: rounded, not cut */, {155, 48000, 11} /* 10.56 */,
                  {1, 48000, 1} /* never below one frame */, {14188, 44100, 882}};
     for (auto c : cases) {

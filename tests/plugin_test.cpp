@@ -51,31 +51,24 @@ struct SongDb : testing::Test {
     }
 };
 
-TEST_F(SongDb, LoadsValidLinesAndSkipsBadOnes) {
-    write_db("00000000000000010000000000000002 183000 some tune.mod\n"
-             "0000000000000001000000000000002 5 thirty-one digits\n"
-             "0000000000000001000000000000000g 6 non-hex digit\n"
-             "00000000000000010000000000000003 no number\n"
-             "\x01\x02\xff garbage \n"
-             "\n" +
-             std::string(9000, 'x') + "\n"   // longer than a read: its pieces are skipped, the rest still loads
-             "0000000000000001000000000000000A -1 upper-case hex is still hex\n");
+TEST_F(SongDb, LoadKeepsTheLaterOfTwoLinesAndSkipsBadOnesButTheFirstStoreStands) {
+    const std::string text = "00000000000000010000000000000002 100 first.mod\n"
+                             "00000000000000010000000000000002 183000 some tune.mod\n"
+                             "0000000000000001000000000000002 5 thirty-one digits\n"
+                             "0000000000000001000000000000000g 6 non-hex digit\n"
+                             "00000000000000010000000000000003 no number\n"
+                             "\x01\x02\xff garbage \n"
+                             "\n" +
+                             std::string(9000, 'x') + "\n"   // longer than a read: skipped piece by piece
+                             "0000000000000001000000000000000A -1 upper-case hex is still hex\n";
+    write_db(text);
     reopen();
     EXPECT_EQ((V{look(1, 2), look(1, 10), look(1, 3), int32_t(cache_val.size())}), (V{183000, -1, kNone, 2}));
-}
-
-TEST_F(SongDb, LaterLineWinsOnLoadButFirstStoreStands) {
-    write_db("00000000000000010000000000000002 100 a\n"
-             "00000000000000010000000000000002 200 b\n");
-    reopen();
-    EXPECT_EQ(look(1, 2), 200);
     // A known key is neither changed nor written again.
     EXPECT_EQ((V{cache_store(cache_key{1, 2}, 300, "c"), look(1, 2), cache_store(cache_key{7, 8}, 4242, "new.mod"),
                  cache_store(cache_key{7, 8}, 1, "new.mod")}),
-              (V{false, 200, true, false}));
-    EXPECT_EQ(read_file_text(db()), std::string(kDbHeader) + "\n00000000000000010000000000000002 100 a\n"
-                                    "00000000000000010000000000000002 200 b\n"
-                                    "00000000000000070000000000000008 4242 new.mod\n");
+              (V{false, 183000, true, false}));
+    EXPECT_EQ(read_file_text(db()), kDbHeader + ("\n" + text) + "00000000000000070000000000000008 4242 new.mod\n");
 }
 
 TEST_F(SongDb, TornLastLineIsNotTrustedAndDoesNotSwallowTheNextRecord) {
