@@ -239,8 +239,9 @@ TEST_F(Dos, ReadsContinueSeeksClampAtTheEnds) {
     // Seek(handle, offset, mode): mode < 0 from the start, 0 from the position,
     // > 0 from the end; returns the old position; clamps to [0, size].
     call(kSeek, h, 0, uint32_t(-1));
-    const struct { uint32_t offset, mode, old, now; } cases[] = {{uint32_t(-10), 1, 0, 30}, {20, uint32_t(-1), 30, 20}, {uint32_t(-50), 0, 20, 0}, {1000, 0, 0, 40},
-                 {0x7FFFFFFF, 1, 40, 40}, {0x80000000u, uint32_t(-1), 40, 0}, {5, 0, 0, 5}, {3, 0, 5, 8}};
+    const struct { uint32_t offset, mode, old, now; } cases[] = {
+        {uint32_t(-10), 1, 0, 30}, {20, uint32_t(-1), 30, 20}, {uint32_t(-50), 0, 20, 0}, {1000, 0, 0, 40},
+        {0x7FFFFFFF, 1, 40, 40}, {0x80000000u, uint32_t(-1), 40, 0}, {5, 0, 0, 5}, {3, 0, 5, 8}};
     for (auto c : cases)
         EXPECT_EQ((U{call(kSeek, h, c.offset, c.mode), pos()}), (U{c.old, c.now})) << int32_t(c.offset) << c.mode;
     call(kSeek, h, uint32_t(-10), 1);
@@ -524,9 +525,10 @@ TEST_F(Support, SongEndMarksOnceAndCutSuffix) {
 
 // The CIA timer counts value + 1 E-clocks (709379 Hz): frames = (value + 1) x rate / 709379, rounded.
 TEST_F(Support, SetTimerTurnsTheCiaValueIntoFrames) {
-    const struct { uint16_t value; int32_t rate, frames; } cases[] = {{14188, 48000, 960}, {0, 48000, 960} /* zero leaves the tick alone */, {7093, 48000, 480},
-                 {100, 48000, 7} /* 6.83: rounded, not cut */, {155, 48000, 11} /* 10.56 */,
-                 {1, 48000, 1} /* never below one frame */, {14188, 44100, 882}};
+    const struct { uint16_t value; int32_t rate, frames; } cases[] = {
+        {14188, 48000, 960}, {0, 48000, 960} /* zero leaves the tick alone */, {7093, 48000, 480},
+        {100, 48000, 7} /* 6.83: rounded, not cut */, {155, 48000, 11} /* 10.56 */,
+        {1, 48000, 1} /* never below one frame */, {14188, 44100, 882}};
     for (auto c : cases) {
         k->rate = c.rate;
         timer(c.value);
