@@ -481,32 +481,5 @@ TEST_F(ScanTree, CancelledMeasurementStoresNothingAndAsksForNoRescan) {
     EXPECT_TRUE(rescanned().empty());
 }
 
-TEST_F(ScanTree, StoppingTheWorkerMidScanLeavesNoPartialLength) {
-    REQUIRE_PLAYER("Subsong");
-    const std::string module = "stop me";
-    write_file(dir / "stop.subs", module);
-    scan_start();
-    scan_enqueue(uri("stop.subs").c_str());
-    // Stop once the count is in, while the subtunes are being measured.
-    ASSERT_TRUE(wait_until([&] { return stored(module, kSubsongCountSeed).has_value(); }));
-    scan_stop();
-    EXPECT_FALSE(scan_thread.joinable());
-    // Whatever was stored is a whole measurement: all five subtunes are
-    // steady tones of one length. Unfinished ones are absent.
-    std::optional<int32_t> first;
-    int missing = 0;
-    for (int s = 1; s <= 5; s++) {
-        std::optional<int32_t> len = stored(module, s);
-        if (!len) {
-            missing++;
-            continue;
-        }
-        EXPECT_GT(*len, 0);
-        EXPECT_EQ(*len, first.value_or(*len));
-        first = len;
-    }
-    EXPECT_TRUE(missing == 0 || rescanned().empty());
-}
-
 }  // namespace
 
