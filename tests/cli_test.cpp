@@ -128,15 +128,10 @@ struct CliTest : testing::Test {
 // ---- render ----------------------------------------------------------------------------
 
 TEST_F(CliTest, RenderWritesWhatItWasAskedFor) {
-    const struct {
-        args_t args;
-        const char *file, *says;
-        int rate, format;
-        int64_t frames, tolerance;
-        // side: -1 = at least 0.01 (the default separation keeps channel 0 to one side), 9 = any
-        float min_peak, side;
-        size_t records;         // in the database: a count per module and a length per subsong measured
-    } cases[] = {
+    // side: -1 = at least 0.01 (the default separation keeps channel 0 to one side), 9 = any;
+    // records: in the database, a count per module and a length per subsong measured.
+    const struct { args_t args; const char *file, *says; int rate, format; int64_t frames, tolerance;
+                   float min_peak, side; size_t records; } cases[] = {
         // The player reports its end after 150 ticks of 960 frames; the length
         // measured (in whole milliseconds) stops the render there.
         {{"render", "end.envl", "-o", "end.wav"}, "end.wav", "end.wav", 48000, SF_FORMAT_WAV | SF_FORMAT_PCM_16,

@@ -573,7 +573,7 @@ std::string resolve(kelva *k, const char *player, const char *module, const std:
     return k->epopt;
 }
 
-TEST(EpconfOptions, LineSelection) {
+TEST(EpconfOptions, LineSelectionAndTheProTrackerRefinement) {
     std::string longopt(300, 'o'), name255(255, 'N'), name256(256, 'M'), p255 = "/p/" + name255, p256 = "/p/" + name256;
     conf_tree t("PTK-Prowiz prefixes=mod,MODX,st epopt=type:pt30\nOther prefixes=foo epopt=alpha\n"
                 "Other prefixes=foo,bar epopt=beta epopt=gamma\nNoOpt prefixes=foo\n"
@@ -594,14 +594,11 @@ TEST(EpconfOptions, LineSelection) {
         {"/p/players/Empty", "/m/x.emp", ""},   // the last epopt= token, even when empty
     };
     for (const auto &c : cases) EXPECT_EQ(resolve(k.get(), c.player, c.module), c.option) << &c - cases;
-}
-
-TEST(EpconfOptions, ProTrackerOptionIsRefinedFromTheModule) {
-    conf_tree t("PTK-Prowiz prefixes=mod,st epopt=type:pt30\n", {});
-    engine_ptr k = make_engine();
+    // The ProTracker player's option is refined from the module.
+    conf_tree ptk("PTK-Prowiz prefixes=mod,st epopt=type:pt30\n", {});
     auto tagged = mb("M.K.", 1).bytes();
     tagged.resize(1083);
-    const std::pair<std::vector<uint8_t>, const char *> cases[] = {
+    const std::pair<std::vector<uint8_t>, const char *> modules[] = {
         {pt_module().bytes(), "type:pt30"}, {pt_module().sample(0, smp(100, 0, 150, 10)).bytes(), "type:st24"},
         {mb("FLT4", 1).bytes(), "type:flt4"}, {mb("FLT4", 1).sample(0, smp(0, 1)).bytes(), "type:pt30"},
         {mb("M&K!", 1).bytes(), "type:m&k."}, {mb("N.T.", 1).bytes(), "type:nt20"},
@@ -609,7 +606,7 @@ TEST(EpconfOptions, ProTrackerOptionIsRefinedFromTheModule) {
         {mb("6CHN", 1).bytes(), "type:comp"}, {mb("OCTA", 1).bytes(), "type:pt30"},
         {st15_module().bytes(), "type:st20"}, {tagged, "type:st20"}, {{}, "type:st20"},
     };
-    for (const auto &[d, option] : cases)
+    for (const auto &[d, option] : modules)
         EXPECT_EQ(resolve(k.get(), "players/PTK-Prowiz", "a/x.mod", d), option) << d.size();
     EXPECT_EQ(resolve(k.get(), "players/PTK-Prowiz", "a/x.st", mb("8CHN", 1).bytes()), "type:comp");
 }
