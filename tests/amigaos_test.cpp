@@ -130,11 +130,6 @@ TEST_F(Hunk, SkippedBlocksAndMaskedFlags) {
     v.back() = 0x3F0;
     v.insert(v.end(), {5, 0x61626364, 0x65666768, 0x696A6B6C, 0x6D6E6F70, 0x71727374, 0x10, 0});
     EXPECT_EQ(load(v), 1) << err;
-
-    uint32_t offset = 0;
-    auto b = bytes({0x3F3, 0, 1, 0, 0, 0xC0000010, 7});
-    ASSERT_EQ(hunk_parse_header(k, b.data(), uint32_t(b.size()), &offset), 1);
-    EXPECT_EQ((U{k->hunk_size[0], offset}), (U{64, 28}));
 }
 
 TEST_F(Hunk, EmptyHunksBssClearingAndTheHunkCount) {
