@@ -160,10 +160,15 @@ TEST_F(CliTest, RenderWritesWhatItWasAskedFor) {
         // Separation 0 gives the same signal on both sides.
         EXPECT_TRUE(c.side < 0 ? a.side > 0.01f : c.side > 1 || a.side == c.side) << a.side;
     }
-    // The A500 asked for by name is the default model: the same samples as f32.wav.
+    // The A500 asked for by name is the default model: the same samples as f32.wav (from the data chunk on:
+    // the header's PEAK chunk holds the time of writing).
     ASSERT_EQ(kelva({"render", "endless.envl", "--seconds", "0.2", "--bits", "32", "--model", "A500", "-o", "a500.wav"})
                   .code, 0);
-    EXPECT_EQ(read_file_text(work + "/a500.wav"), read_file_text(work + "/f32.wav"));
+    auto samples = [&](const char *f) {
+        std::string s = read_file_text(work + "/" + f);
+        return s.substr(s.find("data"));
+    };
+    EXPECT_EQ(samples("a500.wav"), samples("f32.wav"));
 }
 
 // ---- info ------------------------------------------------------------------------------
