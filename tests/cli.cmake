@@ -1,7 +1,5 @@
-# The command-line tool's tests run the built kelva as a subprocess; they
-# read the audio it writes with libsndfile. The demo-tune test uses the
-# module built by tools/demotune.cmake. Its JSON output is read with
-# nlohmann/json.
+# The tool's tests run the built kelva, read its audio with libsndfile and its JSON with
+# nlohmann/json; the demo tune comes from tools/demotune.cmake.
 find_package(nlohmann_json 3 REQUIRED)
 target_link_libraries(kelva_tests PRIVATE nlohmann_json::nlohmann_json)
 if(TARGET kelva)

@@ -1,8 +1,5 @@
-// The kelva command-line tool, run as a user runs it: a subprocess with its
-// own HOME (so its song-length database is private), a data tree made by
-// the test from the test players, and its output, exit status and files
-// checked. The demo tune and real modules need the ProTracker player; those
-// tests skip with a message while it is not built.
+// The kelva command-line tool run as a subprocess with its own HOME (a
+// private song-length database) and a data tree of the test players.
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <sys/wait.h>
@@ -10,7 +7,6 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -58,7 +54,6 @@ std::vector<std::string> lines_of(const std::string &text) {
     return lines;
 }
 
-// Parses the whole text; fails the test when it is not one JSON value.
 json parse_json(const std::string &text) {
     json v = json::parse(text, nullptr, false);
     EXPECT_FALSE(v.is_discarded()) << "not valid JSON:\n" << text;
@@ -67,14 +62,11 @@ json parse_json(const std::string &text) {
 
 bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
-// Checks a failure: exit status 1 and exactly one line on stderr, which
-// begins "kelva: " and contains `needle`.
+// Exit status 1 and one line on stderr: "kelva: ..." containing `needle`.
 void expect_one_line_failure(const run_result &r, const std::string &needle) {
     EXPECT_EQ(r.code, 1) << r.err;
-    std::vector<std::string> lines = lines_of(r.err);
-    ASSERT_EQ(lines.size(), 1u) << r.err;
-    EXPECT_EQ(lines[0].rfind("kelva: ", 0), 0u) << lines[0];
-    EXPECT_TRUE(contains(lines[0], needle)) << lines[0] << "\nwants: " << needle;
+    EXPECT_TRUE(r.err.rfind("kelva: ", 0) == 0 && lines_of(r.err).size() == 1 && contains(r.err, needle))
+        << r.err << "wants: " << needle;
 }
 
 // An audio file's layout, its peak and its largest |left - right| (stereo).
@@ -136,15 +128,10 @@ struct CliTest : testing::Test {
 // ---- render ----------------------------------------------------------------------------
 
 TEST_F(CliTest, RenderWritesWhatItWasAskedFor) {
-    const struct {
-        args_t args;
-        const char *file, *says;
-        int rate, format;
-        int64_t frames, tolerance;
-        // side: -1 = at least 0.01 (the default separation keeps channel 0 to one side), 9 = any
-        float min_peak, side;
-        size_t records;         // in the database: a count per module and a length per subsong measured
-    } cases[] = {
+    // side: -1 = at least 0.01 (the default separation keeps channel 0 to one side), 9 = any;
+    // records: in the database, a count per module and a length per subsong measured.
+    const struct { args_t args; const char *file, *says; int rate, format; int64_t frames, tolerance;
+                   float min_peak, side; size_t records; } cases[] = {
         // The player reports its end after 150 ticks of 960 frames; the length
         // measured (in whole milliseconds) stops the render there.
         {{"render", "end.envl", "-o", "end.wav"}, "end.wav", "end.wav", 48000, SF_FORMAT_WAV | SF_FORMAT_PCM_16,
@@ -173,32 +160,43 @@ TEST_F(CliTest, RenderWritesWhatItWasAskedFor) {
         // Separation 0 gives the same signal on both sides.
         EXPECT_TRUE(c.side < 0 ? a.side > 0.01f : c.side > 1 || a.side == c.side) << a.side;
     }
-    // The A500 asked for by name is the default model: the same samples as f32.wav.
+    // The A500 asked for by name is the default model: the same samples as f32.wav (from the data chunk on:
+    // the header's PEAK chunk holds the time of writing).
     ASSERT_EQ(kelva({"render", "endless.envl", "--seconds", "0.2", "--bits", "32", "--model", "A500", "-o", "a500.wav"})
                   .code, 0);
-    EXPECT_EQ(read_file_text(work + "/a500.wav"), read_file_text(work + "/f32.wav"));
+    auto samples = [&](const char *f) {
+        std::string s = read_file_text(work + "/" + f);
+        return s.substr(s.find("data"));
+    };
+    EXPECT_EQ(samples("a500.wav"), samples("f32.wav"));
 }
 
 // ---- info ------------------------------------------------------------------------------
 
-TEST_F(CliTest, InfoJsonReportsEveryWayALengthIsFound) {
-    run_result r = kelva({"info", "--json", "end.envl", "quiet.envl", "loop.envl", "endless.envl"});
-    ASSERT_EQ(r.code, 0) << r.err;
+TEST_F(CliTest, InfoJsonReportsEveryWayALengthIsFoundAndGivesUnplayableFilesAnError) {
+    std::string odd = "we\"ird\\name\t\x01\xff.envl";
+    ASSERT_TRUE(write_file(work + "/" + odd, envelope_module(0, 0, 50)));
+    run_result r =
+        kelva({"info", "--json", "end.envl", "quiet.envl", "loop.envl", "endless.envl", odd, "missing.envl"});
     json files = parse_json(r.out);
     const struct { const char *file, *reason; double ms; } expected[] = {
         {"end.envl", "song_end", 2980},      // the end is signalled in the 150th tick
         {"quiet.envl", "silence", 3000},     // one second past the start of the silence
         {"loop.envl", "repetition", 12000},  // 600 ticks
         {"endless.envl", "limit", 600000},
+        {"we\"ird\\name\t\x01\xEF\xBF\xBD.envl", "song_end", 980},   // the invalid UTF-8 byte becomes U+FFFD
     };
-    ASSERT_EQ(files.size(), 4u);
-    for (size_t i = 0; i < 4; i++) {
+    ASSERT_EQ(files.size(), 6u);
+    for (size_t i = 0; i < 5; i++) {
         const json &f = files[i], &s = f.at("subsongs").at(0);
         EXPECT_EQ(f.at("file"), expected[i].file);
         EXPECT_TRUE(f.at("player") == "Envelope" && f.at("format").is_string() && !f.contains("error")) << f;
         EXPECT_TRUE(f.at("subsongs").size() == 1 && s.at("subsong") == 0 && s.at("reason") == expected[i].reason) << f;
         EXPECT_NEAR(s.at("length_ms").get<double>(), expected[i].ms, 40) << f;
     }
+    EXPECT_FALSE(files[5].contains("subsongs"));
+    EXPECT_TRUE(contains(files[5].at("error").get<std::string>(), "missing.envl"));
+    expect_one_line_failure(r, "missing.envl");
     // The subsong objects in the documented member order.
     EXPECT_TRUE(contains(r.out, R"({"subsong":0,"length_ms":12000,"reason":"repetition"})")) << r.out;
     // The second time every length comes from the database, unchanged.
@@ -210,47 +208,23 @@ TEST_F(CliTest, InfoJsonReportsEveryWayALengthIsFound) {
     }
 }
 
-TEST_F(CliTest, InfoListsSubsongsAndStoresTheCountUnderItsOwnKey) {
-    json files = parse_json(kelva({"info", "--json", "five.sub"}).out);
-    ASSERT_EQ(files.size(), 1u);
-    const json &subs = files[0].at("subsongs");
+TEST_F(CliTest, SubsongsAreListedAndCountedAndTextInfoNamesThePlayer) {
+    json subs = parse_json(kelva({"info", "--json", "five.sub"}).out).at(0).at("subsongs");
     ASSERT_EQ(subs.size(), 5u);
     for (size_t i = 0; i < 5; i++) EXPECT_EQ(subs[i].at("subsong"), i + 1);
     // One record for the count (value 5) and one per subsong.
     std::vector<std::string> lines = db();
     ASSERT_EQ(lines.size(), 6u);
     EXPECT_TRUE(contains(lines[0], " 5 ")) << lines[0];
-    for (const std::string &l : lines) {
-        EXPECT_EQ(l.find(' '), 32u) << l;
-        EXPECT_TRUE(contains(l, work + "/five.sub")) << l;
-    }
-    run_result text = kelva({"info", "five.sub"});
-    ASSERT_EQ(text.code, 0) << text.err;
-    EXPECT_TRUE(contains(text.out, "subsongs: 5") && contains(text.out, "subsong 5: ")) << text.out;
-}
-
-TEST_F(CliTest, InfoJsonGivesUnplayableFilesAnErrorAndEscapesNames) {
-    std::string odd = "we\"ird\\name\t\x01\xff.envl";
-    ASSERT_TRUE(write_file(work + "/" + odd, envelope_module(0, 0, 50)));
-    run_result r = kelva({"info", "--json", odd, "missing.envl", "end.envl"});
-    json files = parse_json(r.out);
-    ASSERT_EQ(files.size(), 3u);
-    // The invalid UTF-8 byte becomes U+FFFD; everything else comes back as it was.
-    EXPECT_EQ(files[0].at("file"), "we\"ird\\name\t\x01\xEF\xBF\xBD.envl");
-    EXPECT_EQ(files[0].at("subsongs").size(), 1u);
-    EXPECT_FALSE(files[1].contains("subsongs"));
-    EXPECT_TRUE(contains(files[1].at("error").get<std::string>(), "missing.envl"));
-    EXPECT_EQ(files[2].at("subsongs").size(), 1u);
-    expect_one_line_failure(r, "missing.envl");
-}
-
-TEST_F(CliTest, TextInfoNamesThePlayerAndACountFromTheDatabaseIsTaken) {
+    for (const std::string &l : lines) EXPECT_TRUE(l.find(' ') == 32 && contains(l, work + "/five.sub")) << l;
+    run_result r = kelva({"info", "five.sub"});
+    EXPECT_TRUE(contains(r.out, "subsongs: 5") && contains(r.out, "subsong 5: ")) << r.out << r.err;
     // The Envelope player installed as "Renamed": the text names the file and the player's own name.
     std::string conf = read_file_text(data + "/eagleplayer.conf") + "Renamed prefixes=renv\n";
     ASSERT_TRUE(write_file(data + "/eagleplayer.conf", conf) &&
                 write_file(data + "/players/Renamed", read_file_text(test_player("Envelope"))) &&
                 write_file(work + "/x.renv", envelope_module(0, 0, 50)));
-    run_result r = kelva({"info", "x.renv"});
+    r = kelva({"info", "x.renv"});
     EXPECT_EQ(r.out.rfind("x.renv\n  title:    ", 0), 0u) << r.out;   // the file's line comes first
     EXPECT_TRUE(contains(r.out, "  player:   Renamed (Envelope)\n")) << r.out;
     // A count of two in the database: subsongs 1 and 2.
@@ -339,17 +313,13 @@ TEST_F(CliTest, BadInputsGiveOneLineNamingTheFile) {
 TEST_F(CliTest, UsageErrorsExitWithTwo) {
     const args_t usage[] = {
         {}, {"frobnicate"}, {"render"}, {"render", "a.envl", "b.envl"}, {"render", "end.envl", "--rate", "12"},
-        {"render", "end.envl", "--bits", "float", "--format", "flac"}, {"render", "end.envl", "--model", "a3000"},
-        {"render", "end.envl", "--led", "maybe"}, {"render", "end.envl", "--separation", "2"},
-        {"render", "end.envl", "--seconds"}, {"info"}, {"info", "--jsn", "end.envl"}, {"scan"},
+        {"render", "end.envl", "--bits", "float", "--format", "flac"}, {"render", "end.envl", "--seconds"},
+        {"info"}, {"info", "--jsn", "end.envl"}, {"scan"},
         {"scan", ".", "--jobs", "0"}, {"scan", ".", "--jobs", "65"}, {"play"}, {"play", "end.envl", "-o", "x.wav"},
         {"play", "end.envl", "--subsong", ""}, {"play", "end.envl", "--seconds", "nan"}};
     for (const args_t &args : usage) {
         run_result r = kelva(args);
-        std::string shown;
-        for (const std::string &a : args) shown += a + " ";
-        EXPECT_EQ(r.code, 2) << shown << "\n" << r.err;
-        EXPECT_FALSE(r.err.empty()) << shown;
+        EXPECT_TRUE(r.code == 2 && !r.err.empty()) << testing::PrintToString(args) << r.err;
     }
     // The ranges of the rendering options, at both ends: the value just outside
     // is a usage error, the one at the end is taken (and the missing file then fails).
@@ -382,54 +352,28 @@ struct CliModuleTest : CliTest {
     }
 };
 
-TEST_F(CliModuleTest, DemoTuneAndRealModulesHaveTheirLengthsAndTitles) {
-    // Six positions of 64 rows at speed 6, tempo 125: 46.08 s; corpses: the
-    // length other players give (testdata/modules/README.md).
-    const struct {
-        std::string file;
-        double seconds;
-        const char *title;   // the module's first 20 bytes
-    } tunes[] = {{KELVA_DEMO_MOD, 46.08, nullptr},
-                 {shared_dir() + "/testdata/modules/debian/corpses.mod", 55.08, "corpses_in_rain"}};
-    size_t n = shared_exists("testdata/modules/debian") ? 2 : 1;
-    args_t args = {"info", "--json"};
-    for (size_t i = 0; i < n; i++) args.push_back(tunes[i].file);
-    run_result r = kelva(args);
+TEST_F(CliModuleTest, RealModulesHaveTheirLengthsAndTitlesAndARandomModIsStoredAsFailed) {
+    // The demo tune: six positions of 64 rows at speed 6, tempo 125: 46.08 s.
+    run_result r = kelva({"info", "--json", KELVA_DEMO_MOD});
     ASSERT_EQ(r.code, 0) << r.err;
-    json files = parse_json(r.out);
-    ASSERT_EQ(files.size(), n);
-    for (size_t i = 0; i < n; i++) {
-        SCOPED_TRACE(tunes[i].file);
-        const json &f = files[i], &s = f.at("subsongs").at(0);
-        EXPECT_EQ(f.at("player"), "PTK-Prowiz");
-        EXPECT_EQ(f.at("format"), "ProTracker (31-instrument M.K.)");
-        EXPECT_EQ(f.at("player_signals_end"), true);
-        if (tunes[i].title) {
-            EXPECT_EQ(f.at("title"), tunes[i].title);
-            EXPECT_TRUE(f.at("author").is_null());
-        }
-        EXPECT_EQ(f.at("subsongs").size(), 1u);
-        EXPECT_EQ(s.at("reason"), "song_end");
-        EXPECT_NEAR(s.at("length_ms").get<double>() / 1000.0, tunes[i].seconds, i ? 1.5 : 0.2);
-    }
-    r = kelva({"render", KELVA_DEMO_MOD, "-o", "demo.wav"});
-    ASSERT_EQ(r.code, 0) << r.err;
-    audio_file a = read_audio(work + "/demo.wav");
-    EXPECT_NEAR(double(a.info.frames) / 48000.0, 46.08, 0.2);
-    EXPECT_GT(a.peak, 0.1f);
-    if (n < 2) GTEST_SKIP() << "shared test data not found (" << KELVA_SHARED_DIR << "/testdata/modules/debian)";
-}
-
-TEST_F(CliModuleTest, ARandomModThatDoesNotStartIsOneLineAndStoredAsFailed) {
+    json f = parse_json(r.out).at(0), s = f.at("subsongs").at(0);
+    EXPECT_TRUE(f.at("player") == "PTK-Prowiz" && f.at("format") == "ProTracker (31-instrument M.K.)" &&
+                f.at("player_signals_end") == true && f.at("subsongs").size() == 1 && s.at("reason") == "song_end")
+        << f;
+    EXPECT_NEAR(s.at("length_ms").get<double>(), 46080, 200);
     ASSERT_TRUE(write_file(work + "/noise.mod", noise(0x2545F491)));
     expect_one_line_failure(kelva({"render", "noise.mod"}), "noise.mod failed to start on ");
-    // Like the plugin: one subsong, length -1, so it is not tried again.
+    // Like the plugin: one subsong, length -1, so it is not tried again (behind the demo tune's two records).
     std::vector<std::string> lines = db();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(contains(lines[0], " 1 ")) << lines[0];
-    EXPECT_TRUE(contains(lines[1], " -1 ")) << lines[1];
-    json files = parse_json(kelva({"info", "--json", "noise.mod"}).out);
-    EXPECT_TRUE(contains(files.at(0).at("error").get<std::string>(), "failed to start"));
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_TRUE(contains(lines[2], " 1 ") && contains(lines[3], " -1 ")) << lines[2] << lines[3];
+    r = kelva({"info", "--json", "noise.mod"});
+    EXPECT_TRUE(contains(parse_json(r.out).at(0).at("error").get<std::string>(), "failed to start")) << r.out;
+    // corpses: the title is the module's first 20 bytes; 55.08 s is what other players give.
+    KELVA_REQUIRE_SHARED("testdata/modules/debian/corpses.mod");
+    f = parse_json(kelva({"info", "--json", shared_dir() + "/testdata/modules/debian/corpses.mod"}).out).at(0);
+    EXPECT_TRUE(f.at("title") == "corpses_in_rain" && f.at("author").is_null()) << f;
+    EXPECT_NEAR(f.at("subsongs").at(0).at("length_ms").get<double>(), 55080, 1500);
 }
 
 }  // namespace

@@ -51,12 +51,9 @@ inline mod_sample smp(uint16_t length, uint8_t volume = 0, uint16_t repeat_start
 }
 
 // A ProTracker-layout module image edited in one expression: 31 instruments
-// (tag at 1080, patterns from 1084) or, with tag null, 15 (no tag, patterns
-// from 600). Song length 1, orders 0, headers zero until set:
-//   mb("M.K.", 2).song(1, 127).sample(0, smp(100, 64)).cell(0, 5, 1, 12, 0x20).bytes()
-// bytes() appends 2 x length bytes of sample data per sample, so a
-// 15-instrument image has the size 1624 + 1024 x (highest order) + 2 x (sum of
-// lengths) when the patterns 0 to the highest order are present.
+// (tag at 1080, patterns from 1084) or, with tag null, 15 (patterns from 600).
+// Song length 1, orders 0, headers zero until set; bytes() appends the sample
+// data the headers ask for: mb("M.K.", 2).song(1, 127).sample(0, smp(100, 64)).bytes()
 struct mb {
     uint32_t n_samples, header, song_at, patterns;
     std::vector<uint8_t> b;

@@ -1,8 +1,11 @@
-// eagleplayer.conf: scoring and ties, robustness of the line reader, the
-// ".mod", ".st" and TFMX content corrections, option lookup and refinement,
-// the name getters, and the bundled configuration.
+// Choosing the player: the data tree's search order and loaders,
+// eagleplayer.conf's scoring and line reader, the ProTracker-family
+// classification, the ".mod", ".st" and TFMX content corrections, option
+// lookup and refinement, the name getters, and the bundled configuration.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
@@ -10,12 +13,275 @@
 #include <vector>
 
 #include "engine/engine.h"
+#include "selection/classify.h"
+#include "selection/datatree.h"
 #include "selection/epconf.h"
 #include "support/services.h"
 #include "support/temptree.h"
 #include "support/test_support.h"
 
 namespace {
+
+// data_path into a buffer of `capacity` bytes ("" when the path does not fit).
+std::string data_path_str(const char *rel, uint32_t capacity = 4095) {
+    char out[4096];
+    memset(out, 'x', sizeof out);
+    out[capacity] = '\0';
+    data_path(out, capacity, rel);
+    return out;
+}
+
+// The tree beside the test program: <folder of the executable>/kelva_data.
+std::string exe_tree() {
+    std::error_code ec;
+    auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+    return ec ? "" : exe.parent_path().string() + "/kelva_data";
+}
+
+// What a loader call gave: the bytes, or "-" when it failed.
+template <class F>
+std::string loaded(F load) {
+    uint8_t *data = nullptr;
+    uint32_t len = 0;
+    if (!load(&data, &len)) return "-";
+    std::string s(reinterpret_cast<char *>(data), len);
+    free(data);
+    return s;
+}
+std::string dload(const std::string &path) {
+    return loaded([&](uint8_t **d, uint32_t *l) { return default_load(nullptr, path.c_str(), d, l); });
+}
+
+TEST(DataTree, KelvaDataThenTheUserTreeFromXdgThenHome) {
+    env_guard env;
+    setenv("KELVA_DATA", "/nonexistent/tree", 1);   // taken without any check
+    EXPECT_EQ(data_path_str("players/X"), "/nonexistent/tree/players/X");
+    EXPECT_EQ(data_path_str("eagleplayer.conf", 10), "");   // does not fit
+    if (access((exe_tree() + "/eagleplayer.conf").c_str(), F_OK) == 0)
+        GTEST_SKIP() << "a data tree beside the test program shadows the per-user tree";
+    temp_dir xdg, home, empty;
+    ASSERT_TRUE(write_file(xdg / "kelva_data/eagleplayer.conf", "# x\n"));
+    ASSERT_TRUE(write_file(home / ".local/share/kelva_data/eagleplayer.conf", "# y\n"));
+    setenv("KELVA_DATA", "", 1);   // empty counts as unset
+    setenv("XDG_DATA_HOME", xdg.path.c_str(), 1);
+    setenv("HOME", home.path.c_str(), 1);
+    EXPECT_EQ(data_path_str("eagleplayer.conf"), xdg / "kelva_data/eagleplayer.conf");
+    setenv("XDG_DATA_HOME", "", 1);   // set but empty: HOME instead
+    EXPECT_EQ(data_path_str("players/P"), home / ".local/share/kelva_data/players/P");
+    unsetenv("XDG_DATA_HOME");
+    EXPECT_EQ(data_path_str("players/P"), home / ".local/share/kelva_data/players/P");
+    EXPECT_EQ(data_path_str("players/P", 10), "");
+    // XDG_DATA_HOME set (even without a tree in it) means HOME is not tried.
+    setenv("XDG_DATA_HOME", empty.path.c_str(), 1);
+    EXPECT_NE(data_path_str("x"), home / ".local/share/kelva_data/x");
+    EXPECT_NE(data_path_str("x"), empty / "kelva_data/x");
+    // Neither set (a daemon's environment): no per-user tree.
+    unsetenv("XDG_DATA_HOME");
+    unsetenv("HOME");
+    EXPECT_NE(data_path_str("players/P"), home / ".local/share/kelva_data/players/P");
+}
+
+// Both program-side cases in one test: the second creates the tree beside
+// the program for a moment, which the first must not see.
+TEST(DataTree, ProgramSideTreeFirstAndAsFallback) {
+    env_guard env;
+    std::string beside = exe_tree();
+    if (beside.empty()) GTEST_SKIP() << "/proc/self/exe cannot be read here";
+    if (access(beside.c_str(), F_OK) == 0) GTEST_SKIP() << beside << " already exists; not touching it";
+    unsetenv("KELVA_DATA");
+    unsetenv("XDG_DATA_HOME");
+    setenv("HOME", "", 1);   // only the program-side candidate and the system folders remain
+    if (access("/usr/local/share/kelva_data/eagleplayer.conf", F_OK) &&
+        access("/usr/share/kelva_data/eagleplayer.conf", F_OK)) {
+        // No tree anywhere: the path beside the program is still produced, and
+        // a per-user tree installed now is found on the next call.
+        EXPECT_EQ(data_path_str("eagleplayer.conf"), beside + "/eagleplayer.conf");
+        temp_dir late;
+        setenv("XDG_DATA_HOME", late.path.c_str(), 1);
+        EXPECT_EQ(data_path_str("eagleplayer.conf"), beside + "/eagleplayer.conf");
+        ASSERT_TRUE(write_file(late / "kelva_data/eagleplayer.conf", "\n"));
+        EXPECT_EQ(data_path_str("eagleplayer.conf"), late / "kelva_data/eagleplayer.conf");
+    }
+    // The tree beside the program beats the per-user one.
+    temp_dir xdg;
+    ASSERT_TRUE(write_file(xdg / "kelva_data/eagleplayer.conf", "\n"));
+    setenv("XDG_DATA_HOME", xdg.path.c_str(), 1);
+    ASSERT_TRUE(write_file(beside + "/eagleplayer.conf", "\n"));
+    std::string found = data_path_str("players/A");
+    std::error_code ec;
+    std::filesystem::remove_all(beside, ec);
+    EXPECT_EQ(found, beside + "/players/A");
+    EXPECT_EQ(data_path_str("players/A"), xdg / "kelva_data/players/A");
+}
+
+TEST(DataTree, DefaultLoaderReadsWholeFilesFindingNamesCaseInsensitively) {
+    temp_dir dir;
+    std::string bytes("\x00\x01\x02hello\xFF", 9);
+    ASSERT_TRUE(write_file(dir / "sub/song.mod", bytes));
+    ASSERT_TRUE(write_file(dir / "Tune.Mod", "xyz!"));
+    ASSERT_TRUE(write_file(dir / "empty.bin", "") && write_file(dir / "Z.bin", "1"));
+    EXPECT_EQ(dload(dir / "sub/song.mod"), bytes);
+    EXPECT_EQ(dload(dir / "sub/Song.MOD"), bytes);
+    EXPECT_EQ(dload(dir / "z.bin"), "1");   // one byte is a file; Z folds too
+    EXPECT_EQ(dload(dir / "SUB/song.mod"), "-");   // only the last component is sought; folders match exactly
+    EXPECT_EQ(dload(dir / "sub/Song.MO"), "-");    // the whole length must match
+    EXPECT_EQ(dload(dir / "sub/Song.MODX"), "-");
+    for (std::string refused : {dir / "empty.bin", dir / "missing", dir.path, std::string("/kelva-no-such-file"),
+                                "/tmp/" + std::string(3000, 'd') + "/File", std::string(5000, 'n')})
+        EXPECT_EQ(dload(refused), "-") << refused.substr(0, 80);
+    uint8_t *data = reinterpret_cast<uint8_t *>(0x1234);
+    uint32_t len = 77;
+    EXPECT_EQ(default_load(nullptr, (dir / "missing").c_str(), &data, &len), 0);
+    EXPECT_EQ(data, reinterpret_cast<uint8_t *>(0x1234));   // untouched on failure
+    EXPECT_EQ(len, 77u);
+    EXPECT_EQ(default_load(nullptr, (dir / "sub/song.mod").c_str(), nullptr, nullptr), 0);
+
+    // A name without a folder is sought in the current folder.
+    char old[4096];
+    ASSERT_NE(getcwd(old, sizeof old), nullptr);
+    ASSERT_EQ(chdir(dir.path.c_str()), 0);
+    std::string here = dload("tune.mod");
+    ASSERT_EQ(chdir(old), 0);
+    EXPECT_EQ(here, "xyz!");
+}
+
+TEST(DataTree, EnvironmentVolumesMapIntoPlayersEnv) {
+    env_guard env;
+    setenv("KELVA_DATA", "/tree", 1);
+    engine_ptr k = make_engine();
+    memory_files mem;
+    mem.files["/tree/players/ENV/Foo/Bar"] = {42};
+    mem.files["/tree/players/ENV/"] = {43};
+    mem.files["DH0:music/Song.mod"] = {44};
+    kelva_set_file_loader(k.get(), memory_loader, &mem);
+    auto hload = [&](const std::string &p) {
+        return loaded([&](uint8_t **d, uint32_t *l) { return host_load_file(k.get(), p.c_str(), d, l); });
+    };
+    for (const char *p : {"env:Foo/Bar", "ENVARC:Foo/Bar", "EnV:Foo/Bar"}) EXPECT_EQ(hload(p), "\x2A") << p;
+    EXPECT_EQ(hload("env:"), "\x2B");
+    EXPECT_EQ(hload("DH0:music/Song.mod"), "\x2C");   // everything else reaches the loader unchanged
+    EXPECT_EQ(mem.requests.size(), 5u);
+    EXPECT_EQ(hload("ENV:" + std::string(2000, 'z')), "-");   // too long for the fixed buffers: refused first
+    EXPECT_EQ(mem.requests.size(), 5u);
+
+    // The default loader reads the tree; folders match exactly.
+    temp_dir tree;
+    ASSERT_TRUE(write_file(tree / "players/ENV/Sub/Setting", "on"));
+    setenv("KELVA_DATA", tree.path.c_str(), 1);
+    kelva_set_file_loader(k.get(), nullptr, nullptr);
+    EXPECT_EQ(hload("ENVARC:sub/setting"), "-");
+    EXPECT_EQ(hload("ENVARC:Sub/setting"), "on");
+    EXPECT_EQ(hload("env:"), "-");   // the folder itself
+}
+
+int cls(const std::vector<uint8_t> &d) { return mod31_classify(d.data(), uint32_t(d.size())); }
+
+// An "M.K." module with sample 0 a ProTracker-style unlooped sample (repeat
+// length 1) and every other header as ProTracker writes empty ones (length
+// 0, repeat length 1): P1 = 1, P0 = 0, Z1 = 30, Z0 = 0. The order list
+// names pattern 1, so pattern 0 (below the highest entry) is examined.
+mb mk(uint8_t restart, uint8_t song_length = 1) {
+    mb m("M.K.", 2);
+    m.song(song_length, restart).order(1, 1).sample(0, smp(100, 64, 0, 1)).samples(1, 31, smp(0, 0, 0, 1));
+    return m;
+}
+mb tagged(const char *tag) { return mb(tag, 0); }
+// Empty headers with repeat length 0 (Z0 = 30, Z1 = 0).
+mb mk_z0(uint8_t restart, uint8_t song_length = 1) { return mk(restart, song_length).samples(1, 31, smp(0)); }
+// A finetuned sample: with restart 0 the M.K. analysis gives 7.
+mb mk_ft() { return mk(0).sample(3, smp(8, 0, 0, 0, 1)); }
+
+TEST(ModTag, AcceptsExactlyTheThirtyOneInstrumentTags) {
+    for (const char *tag : {"M.K.", "M!K!", "M&K!", "N.T.", "FLT4", "FLT8", "FA04", "FA08", "EXO4", "EXO8", "CD81",
+                            "OCTA", "OKTA", "6CHN", "8CHN", "16CH", "32CH", "xCHN", "xxCH", "TDZ1", "TDZ9"}) {
+        auto d = tagged(tag).bytes();
+        EXPECT_TRUE(mod_tag_is_31(d.data(), uint32_t(d.size()))) << tag;
+        EXPECT_FALSE(mod_tag_is_31(d.data(), 1083)) << tag;
+    }
+    for (const char *tag : {"M.K ", "m.k.", "FLT5", "FLT2", "EXO5", "CD82", "CHN ", "OKT ", "xCH.", ".M.K", "TDZ0",
+                            "TDZ:", "\0\0\0\0"}) {
+        auto d = tagged(tag).bytes();
+        EXPECT_FALSE(mod_tag_is_31(d.data(), uint32_t(d.size()))) << tag;
+    }
+    EXPECT_FALSE(mod_tag_is_31(nullptr, 0));
+    EXPECT_EQ(mod31_classify(tagged("M&K!").bytes().data(), 1083), MOD31_PROTRACKER);
+}
+
+TEST(ModClassify, DecisionRules) {
+    struct { const char *what; mb m; int kind; } cases[] = {
+        // Tags decide without further analysis.
+        {"M&K!", tagged("M&K!"), MOD31_MK_NOISE}, {"8CHN", tagged("8CHN"), MOD31_COMP},
+        {"16CH", tagged("16CH"), MOD31_COMP}, {"TDZ3", tagged("TDZ3"), MOD31_COMP},
+        {"N.T.", tagged("N.T."), MOD31_NT20},
+        {"FLT8", tagged("FLT8"), MOD31_PROTRACKER}, {"EXO8", tagged("EXO8"), MOD31_PROTRACKER},
+        {"OCTA", tagged("OCTA"), MOD31_PROTRACKER}, {"M!K!", tagged("M!K!"), MOD31_PROTRACKER},
+        {"FA04", tagged("FA04"), MOD31_PROTRACKER}, {"CD81", tagged("CD81"), MOD31_PROTRACKER},
+        // Startrekker: an empty sample with a volume among the first 30 headers marks sample data.
+        {"FLT4", tagged("FLT4").sample(0, smp(10, 64)), MOD31_FLT4},
+        {"FLT4 marked", tagged("FLT4").sample(0, smp(10, 64)).sample(29, smp(0, 64)), MOD31_SCULPTURE},
+        {"EXO4", tagged("EXO4").sample(0, smp(10, 64)), MOD31_FLT4},
+        {"EXO4 marked", tagged("EXO4").sample(29, smp(0, 64)), MOD31_SCULPTURE},
+        {"FLT4, 31st header", tagged("FLT4").sample(30, smp(0, 64)), MOD31_FLT4},
+        // ".M.K" is analysed like "M.K.".
+        {"finetune, restart 0", mk_ft(), MOD31_COMP}, {".M.K", mk_ft().tag(".M.K"), MOD31_COMP},
+        {"M.K!", mk_ft().tag("M.K!"), MOD31_PROTRACKER},
+        // Implausible headers or order lists give 0.
+        {"volume 65", mk_ft().sample(5, smp(8, 65, 0, 1)), MOD31_PROTRACKER},
+        {"finetune 16", mk_ft().sample(5, smp(8, 0, 0, 1, 16)), MOD31_PROTRACKER},
+        {"volume 64, finetune 15", mk_ft().sample(5, smp(8, 64, 0, 1, 15)), MOD31_COMP},
+        {"order 101", mk_ft().order(5, 101), MOD31_PROTRACKER}, {"order 100", mk_ft().order(5, 100), MOD31_COMP},
+        {"order 101 at position 0", mk_ft().order(0, 101), MOD31_PROTRACKER},
+        // A loop past the sample's end if counted in words: repeat start in bytes.
+        {"loop past the end", mk(127).sample(7, smp(100, 64, 150, 10)), MOD31_ST24},
+        {"loop to the end", mk(127).sample(7, smp(100, 64, 90, 10)), MOD31_PROTRACKER},
+        {"bytes rule first", mk(127).sample(7, smp(100, 64, 150, 10)).sample(8, smp(8, 99)), MOD31_ST24},
+        // E1x-EFx or finetune: 0 for restart 127 or 120, else 7.
+        {"E1x, restart 0", mk(0, 2).cell(0, 10, 2, 14, 0x13), MOD31_COMP},
+        {"E1x, restart 5", mk(5, 2).cell(0, 10, 2, 14, 0x13), MOD31_COMP},
+        {"E1x, restart 127", mk(127, 2).cell(0, 10, 2, 14, 0x13), MOD31_PROTRACKER},
+        {"E1x, restart 120", mk(120, 2).cell(0, 10, 2, 14, 0x13), MOD31_PROTRACKER},
+        {"finetune, restart 5", mk(5, 10).sample(2, smp(4, 0, 0, 1, 3)), MOD31_COMP},
+        {"finetune, restart 120", mk(120, 10).sample(2, smp(4, 0, 0, 1, 3)), MOD31_PROTRACKER},
+        // Only patterns below the highest order entry are tallied.
+        {"E1x in pattern 1", mk(0, 2).cell(1, 0, 0, 14, 0x10), MOD31_NT20},
+        {"E1x in pattern 0", mk(0, 2).cell(0, 0, 0, 14, 0x10), MOD31_COMP},
+        {"E0x is not one of them", mk(0, 2).cell(0, 0, 0, 14, 0x01), MOD31_NT20},
+        // Restart 127: P0 <= P1 and Z0 <= Z1 is plain ProTracker; Z0 > Z1 goes to the
+        // convention check; L < R leads on to the NoiseTracker check, which fails on
+        // Z0 > Z1, and the tempo check gives 6, or 7 with F20 or more.
+        {"R 127", mk(127), MOD31_PROTRACKER}, {"R 127, Z0 > Z1", mk_z0(127), MOD31_NT10},
+        {"R 127, P0 = P1", mk(127).sample(5, smp(8)), MOD31_PROTRACKER},
+        {"R 127, F7D", mk_z0(127).cell(0, 0, 0, 15, 0x7D), MOD31_COMP},
+        {"R 127, F1F", mk_z0(127).cell(0, 0, 0, 15, 0x1F), MOD31_NT10},
+        {"R 127, command 5", mk_z0(127).cell(0, 3, 1, 5, 1), MOD31_COMP},   // tone effects end the convention check
+        {"R 127, command 6", mk_z0(127).cell(0, 3, 1, 6, 1), MOD31_COMP},
+        {"R 127, command 7", mk_z0(127).cell(0, 3, 1, 7, 1), MOD31_COMP},
+        {"R 127, command 9", mk_z0(127).cell(0, 3, 1, 9, 1), MOD31_COMP},
+        {"R 127, command 8", mk_z0(127).cell(0, 3, 1, 8, 1), MOD31_NT10},
+        // R = 127 with P0 > P1 falls to the R < 128 rule: NoiseTracker and tempo checks fail.
+        {"R 127, P0 > P1", mk(127).sample(0, smp(100, 64)), MOD31_COMP},
+        // Convention check with the restart inside the song: R = 1, L = 2, one Z0 sample.
+        {"R 1, Z1 > 0", mk(1, 2).sample(1, smp(0)), MOD31_NT10},
+        {"R 1, no Z1", mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)), MOD31_NT10},
+        {"R 1, no Z1, F20", mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)).cell(0, 0, 0, 15, 0x20),
+         MOD31_COMP},
+        {"R 1, one Z1, F20",
+         mk(1, 2).sample(1, smp(0)).samples(2, 31, smp(0, 0, 2)).sample(2, smp(0, 0, 0, 1)).cell(0, 0, 0, 15, 0x20),
+         MOD31_NT10},
+        {"L < R", mk(3, 2).sample(1, smp(0)), MOD31_NT20},
+        {"two Z0", mk(1, 2).sample(1, smp(0)).sample(2, smp(0)), MOD31_NT20},
+        // Restart 0.
+        {"R 0", mk(0), MOD31_NT20}, {"R 0, Z0 > Z1", mk_z0(0), MOD31_NT10},
+        {"R 0, P0 > P1, Z0 > Z1", mk_z0(0).sample(0, smp(100, 64)), MOD31_COMP},
+        {"R 0, P0 > P1, Z0 > Z1, E01", mk_z0(0).sample(0, smp(100, 64)).cell(0, 0, 0, 14, 0x01), MOD31_COMP},
+        {"R 128", mk(128), MOD31_COMP}, {"R 200", mk(200), MOD31_COMP}, {"R 255", mk(255), MOD31_COMP},
+    };
+    for (const auto &c : cases) EXPECT_EQ(cls(c.m.bytes()), c.kind) << c.what;
+    // A pattern cut short by the end of the file is not read.
+    auto d = mk(0, 2).cell(0, 0, 0, 14, 0x10).bytes();
+    d.resize(1084 + 1023);
+    EXPECT_EQ(cls(d), MOD31_NT20);
+}
 
 // A data tree in a temporary folder with the given configuration and stub
 // player files; KELVA_DATA points at it while the record lives.
@@ -48,8 +314,6 @@ void expect_players(const std::vector<std::pair<std::string, std::string>> &case
     for (const auto &[name, player] : cases) EXPECT_EQ(identify(name), player) << name.substr(0, 60);
 }
 
-}   // namespace
-
 TEST(EpconfIdentify, PrefixAndExtensionScoring) {
     conf_tree t("Mod prefixes=mod\nDat prefixes=dat\nShort prefixes=c\nLong prefixes=b.c\nUpper prefixes=XYZ\n"
                 "Ext prefixes=abcdefgh\nPre prefixes=q\n",
@@ -64,6 +328,12 @@ TEST(EpconfIdentify, PrefixAndExtensionScoring) {
     char out[4096];
     ASSERT_EQ(kelva_identify("x.mod", nullptr, 0, out, sizeof out), 1);
     EXPECT_EQ(std::string(out), t.player("Mod"));
+    // Items of up to 62 bytes and player names of up to 255.
+    std::string item62(62, 'e'), item63(63, 'f'), name255(255, 'N');
+    conf_tree limits("Long prefixes=" + item62 + "," + item63 + "\n" + std::string(256, 'M') + " prefixes=toolong\n" +
+                         name255 + " prefixes=okname\n",
+                     {"Long", name255});
+    expect_players({{"s." + item62, "Long"}, {"s." + item63, ""}, {"s.toolong", ""}, {"s.okname", name255}});
 }
 
 TEST(EpconfIdentify, TiesKeepTheEarlierLineAndMissingPlayersAreSkipped) {
@@ -76,14 +346,6 @@ TEST(EpconfIdentify, TiesKeepTheEarlierLineAndMissingPlayersAreSkipped) {
     t.remove_player("Second");
     t.remove_player("Third");
     EXPECT_EQ(identify("a.mod"), "");
-}
-
-TEST(EpconfIdentify, ItemAndNameLengthLimits) {
-    std::string item62(62, 'e'), item63(63, 'f'), name255(255, 'N');
-    conf_tree t("Long prefixes=" + item62 + "," + item63 + "\n" + std::string(256, 'M') + " prefixes=toolong\n" +
-                    name255 + " prefixes=okname\n",
-                {"Long", name255});
-    expect_players({{"s." + item62, "Long"}, {"s." + item63, ""}, {"s.toolong", ""}, {"s.okname", name255}});
 }
 
 TEST(EpconfIdentify, HostileConfigurationLines) {
@@ -103,8 +365,6 @@ TEST(EpconfIdentify, HostileConfigurationLines) {
 
 // ---------------------------------------------------------- ".mod" and ".st" corrections
 
-namespace {
-
 // A clean 15-instrument module: highest order m = 1 (so patterns 0 and 1 are
 // stored and pattern 0 is examined), one unlooped sample, song length 2.
 mb st15_module() { return mb(nullptr, 2).song(2, 120).order(1, 1).sample(0, smp(100, 64, 0, 0, 0, "bass")); }
@@ -123,8 +383,6 @@ const std::vector<std::string> kFamily = {"PTK-Prowiz", "UltimateSoundtracker", 
                                           "Custom"};
 const char *const kUst = "UltimateSoundtracker", *const kSt4 = "Soundtracker-IV", *const kPtk = "PTK-Prowiz";
 
-}   // namespace
-
 TEST(Fifteen, DecisionRulesInOrder) {
     ASSERT_EQ(st15_module().bytes().size(), 1624u + 1024u + 200u);
     mb too_many = mb(nullptr, 65).song(1, 120).order(0, 64);
@@ -134,8 +392,7 @@ TEST(Fifteen, DecisionRulesInOrder) {
         {"a note in the first cell, after the 128 orders", st15_module().w16(600, 0x0358), kUst},
         {"5", st15_cell(5, 0x11), kSt4}, {"6", st15_cell(6, 0x11), kSt4}, {"7", st15_cell(7, 0x11), kSt4},
         {"8", st15_cell(8, 0x11), kSt4}, {"9", st15_cell(9, 0x11), kSt4}, {"D00", st15_cell(13, 0x00), kPtk},
-        {"D05", st15_cell(13, 0x05), kSt4},
-        {"C20", st15_cell(12, 0x20), kPtk}, {"F06", st15_cell(15, 0x06), kPtk},
+        {"D05", st15_cell(13, 0x05), kSt4}, {"C20", st15_cell(12, 0x20), kPtk}, {"F06", st15_cell(15, 0x06), kPtk},
         {"E01: filter", st15_cell(14, 0x01), kPtk}, {"other E commands", st15_cell(14, 0x12), kUst},
         {"1 30", st15_cell(1, 30), kPtk}, {"2 1", st15_cell(2, 1), kPtk},
         {"1 31", st15_cell(1, 31), kUst}, {"2 0: command 2 occurs", st15_cell(2, 0), kUst},
@@ -211,28 +468,24 @@ TEST(ModCorrection, ImagesMusicSystemLayoutLeavesTheSoundtrackerPlayers) {
     // The sample data the headers ask for: 2 x the lengths of the 31 samples (words at 42 + 30 i).
     uint32_t data_at = uint32_t(ims[1080]) << 24 | ims[1081] << 16 | ims[1082] << 8 | ims[1083], words = 0;
     for (int i = 0; i < 31; i++) words += uint32_t(ims[42 + 30 * i]) << 8 | ims[43 + 30 * i];
-    auto edited = [&](uint32_t at, uint8_t value, size_t size) {
+    auto edited = [&](uint32_t at, uint16_t value, size_t size) {   // the word at `at` set, the size changed
         auto d = ims;
-        d[at] = value;
+        d[at] = uint8_t(value >> 8);
+        d[at + 1] = uint8_t(value);
         d.resize(size);
         return d;
     };
     const size_t short_1k = data_at + 2 * words - 1024;   // sample data at most 1 KB short of the headers
-    auto first_sample = [&](uint16_t length) {   // sample 0 that long, the file grown to fit
-        auto d = ims;
-        uint32_t old = uint32_t(d[42]) << 8 | d[43];
-        d[42] = uint8_t(length >> 8), d[43] = uint8_t(length);
-        d.resize(data_at + 2 * (words - old + length));
-        return d;
-    };
+    const size_t grown = data_at + 2 * (words - (ims[42] << 8 | ims[43]));   // without sample 0's data
     const std::pair<std::string, std::vector<uint8_t>> cases[] = {
         {"dir/Sub-Docking.ST", ims}, {"sub-docking.mod", ims}, {"st.sub-docking", ims},
-        {"a.st", edited(1083, ims[1083] ^ 4, ims.size())},   // the offset is no longer a whole number of patterns
-        {"a.st", edited(952, 3, ims.size())},                // the song names a pattern the file does not store
-        {"a.st", edited(950, 0, ims.size())},                // an empty song
-        {"a.st", edited(0, ims[0], short_1k - 1)},
-        {"b.st", edited(0, ims[0], short_1k)}, {"c.st", first_sample(0x8000)} /* 64 KB: the longest sample */,
-        {"d.st", first_sample(0x8001)}};
+        {"a.st", edited(1082, (ims[1082] << 8 | ims[1083]) ^ 4, ims.size())},   // offset not a whole number of patterns
+        {"a.st", edited(951, ims[951] << 8 | 3, ims.size())},   // the song names a pattern the file does not store
+        {"a.st", edited(950, ims[951], ims.size())},            // an empty song
+        {"a.st", edited(0, ims[0] << 8 | ims[1], short_1k - 1)},
+        {"b.st", edited(0, ims[0] << 8 | ims[1], short_1k)},
+        {"c.st", edited(42, 0x8000, grown + 0x10000)} /* 64 KB: the longest sample */,
+        {"d.st", edited(42, 0x8001, grown + 0x10002)}};
     for (const auto &[name, d] : cases)
         EXPECT_EQ(identify(name, d), name == "dir/Sub-Docking.ST" || name == "b.st" || name == "c.st"
                                          ? "ImagesMusicSystem"
@@ -246,8 +499,6 @@ TEST(ModCorrection, ImagesMusicSystemLayoutLeavesTheSoundtrackerPlayers) {
 }
 
 // ------------------------------------------------------------------- TFMX
-
-namespace {
 
 // A TFMX image edited in one expression; header text that is not one of the old markers.
 struct tf {
@@ -273,8 +524,6 @@ std::string tfmx(const tf &t) {
 }
 tf song(uint32_t size) { return tf("TFMX-SONG ", size); }
 tf old() { return song(6000).text(10, "by"); }
-
-}   // namespace
 
 TEST(Tfmx, ChoosesByMagicSevenVoiceMarkAndOldHeader) {
     const struct { tf t; const char *player; } cases[] = {
@@ -318,17 +567,13 @@ TEST(Tfmx, CorrectionAfterIdentification) {
 
 // ---------------------------------------------------------- option lookup and names
 
-namespace {
-
 std::string resolve(kelva *k, const char *player, const char *module, const std::vector<uint8_t> &d = {}) {
     strcpy(k->epopt, "stale");
     epconf_resolve_epopt(k, player, module, d.data(), uint32_t(d.size()));
     return k->epopt;
 }
 
-}   // namespace
-
-TEST(EpconfOptions, LineSelection) {
+TEST(EpconfOptions, LineSelectionAndTheProTrackerRefinement) {
     std::string longopt(300, 'o'), name255(255, 'N'), name256(256, 'M'), p255 = "/p/" + name255, p256 = "/p/" + name256;
     conf_tree t("PTK-Prowiz prefixes=mod,MODX,st epopt=type:pt30\nOther prefixes=foo epopt=alpha\n"
                 "Other prefixes=foo,bar epopt=beta epopt=gamma\nNoOpt prefixes=foo\n"
@@ -349,37 +594,28 @@ TEST(EpconfOptions, LineSelection) {
         {"/p/players/Empty", "/m/x.emp", ""},   // the last epopt= token, even when empty
     };
     for (const auto &c : cases) EXPECT_EQ(resolve(k.get(), c.player, c.module), c.option) << &c - cases;
-}
-
-TEST(EpconfOptions, ProTrackerOptionIsRefinedFromTheModule) {
-    conf_tree t("PTK-Prowiz prefixes=mod,st epopt=type:pt30\n", {});
-    engine_ptr k = make_engine();
+    // The ProTracker player's option is refined from the module.
+    conf_tree ptk("PTK-Prowiz prefixes=mod,st epopt=type:pt30\n", {});
     auto tagged = mb("M.K.", 1).bytes();
     tagged.resize(1083);
-    const std::pair<std::vector<uint8_t>, const char *> cases[] = {
-        {pt_module().bytes(), "type:pt30"},
-        {pt_module().sample(0, smp(100, 0, 150, 10)).bytes(), "type:st24"},
-        {mb("FLT4", 1).bytes(), "type:flt4"},
-        {mb("FLT4", 1).sample(0, smp(0, 1)).bytes(), "type:pt30"},
-        {mb("M&K!", 1).bytes(), "type:m&k."},
-        {mb("N.T.", 1).bytes(), "type:nt20"},
+    const std::pair<std::vector<uint8_t>, const char *> modules[] = {
+        {pt_module().bytes(), "type:pt30"}, {pt_module().sample(0, smp(100, 0, 150, 10)).bytes(), "type:st24"},
+        {mb("FLT4", 1).bytes(), "type:flt4"}, {mb("FLT4", 1).sample(0, smp(0, 1)).bytes(), "type:pt30"},
+        {mb("M&K!", 1).bytes(), "type:m&k."}, {mb("N.T.", 1).bytes(), "type:nt20"},
         {pt_module().samples(0, 31, smp(0)).bytes(), "type:nt10"},   // R = 127, Z0 > Z1 with L < R: 6
-        {mb("6CHN", 1).bytes(), "type:comp"},
-        {mb("OCTA", 1).bytes(), "type:pt30"},
+        {mb("6CHN", 1).bytes(), "type:comp"}, {mb("OCTA", 1).bytes(), "type:pt30"},
         {st15_module().bytes(), "type:st20"}, {tagged, "type:st20"}, {{}, "type:st20"},
     };
-    for (const auto &[d, option] : cases)
+    for (const auto &[d, option] : modules)
         EXPECT_EQ(resolve(k.get(), "players/PTK-Prowiz", "a/x.mod", d), option) << d.size();
     EXPECT_EQ(resolve(k.get(), "players/PTK-Prowiz", "a/x.st", mb("8CHN", 1).bytes()), "type:comp");
 }
 
 TEST(EpconfNames, FormatAndPlayerNames) {
     engine_ptr k = make_engine();
+    // The labels no real module in the shared data has (PtkRealModules checks the others).
     const std::pair<const char *, const char *> table[] = {
-        {"type:pt30", "ProTracker (31-instrument M.K.)"}, {"type:st20", "Soundtracker (15-instrument)"},
-        {"type:st24", "DOC Soundtracker 2.4 (byte-offset srep)"}, {"type:flt4", "Startrekker 4ch (FLT4)"},
-        {"type:m&k.", "His Master's Noise (M&K!)"}, {"type:nt10", "NoiseTracker 1.x"},
-        {"type:nt20", "NoiseTracker 2.x"}, {"type:comp", "Fasttracker / multichannel"},
+        {"type:st24", "DOC Soundtracker 2.4 (byte-offset srep)"}, {"type:nt10", "NoiseTracker 1.x"},
         {"", ""}, {"type:pt3", ""}, {"type:pt300", ""}, {"TYPE:PT30", ""}};
     for (auto [opt, name] : table) {
         strcpy(k->epopt, opt);
@@ -415,3 +651,5 @@ TEST(RealModules, BundledConfigurationMapsTheFamily) {
     engine_ptr k = make_engine();
     EXPECT_EQ(resolve(k.get(), t.player(kPtk).c_str(), "x/Song.mod", mb("M.K.", 1).bytes()), "type:nt10");
 }
+
+}  // namespace

@@ -1,1 +1,0 @@
-target_link_libraries(kelva_tests PRIVATE kelva_store)
