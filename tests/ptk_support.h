@@ -8,6 +8,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -41,11 +43,53 @@ inline void be32(std::vector<uint8_t> &v, size_t at, uint32_t x) { be16(v, at, u
 inline void le16(std::vector<uint8_t> &v, size_t at, uint16_t x) { v[at] = uint8_t(x), v[at + 1] = uint8_t(x >> 8); }
 inline void le32(std::vector<uint8_t> &v, size_t at, uint32_t x) { le16(v, at, uint16_t(x)), le16(v, at + 2, x >> 16); }
 
+// With KELVA_FUZZ_SEEDS naming a folder, every module opened below (up to 10 KB) is also written there as fuzz seeds
+// named by their content (fuzz/README.md): an engine input under a name by which identification picks the player
+// `pp` (with the module's .nt file as companion), and ProTracker-layout ones as classify and identify inputs.
+inline void write_seed(const char *dir, const char *target, const std::vector<uint8_t> &in) {
+    uint64_t h = 14695981039346656037u;   // FNV-1a
+    for (uint8_t b : in) h = (h ^ b) * 1099511628211u;
+    char name[32];
+    snprintf(name, sizeof name, "/seed-%016llx", (unsigned long long)h);
+    std::filesystem::create_directories(std::string(dir) + "/" + target);
+    std::ofstream(std::string(dir) + "/" + target + name, std::ios::binary)
+        .write(reinterpret_cast<const char *>(in.data()), std::streamsize(in.size()));
+}
+inline void write_seeds(const std::string &pp, const std::vector<uint8_t> &mod, const char *path, int subsong) {
+    const char *dir = getenv("KELVA_FUZZ_SEEDS");
+    if (!dir || mod.size() > 10240) return;
+    data_tree_env env;
+    char found[4096];
+    std::string base = path ? std::filesystem::path(path).filename().string() : "seed.mod", name = base;
+    for (const char *n : {base.c_str(), "seed.mod", "seed.ptk", "seed.ust", "seed.st4", "seed.sfx", "seed.gmc",
+                          "seed.ims", "seed.ptm", "seed.okt", "seed.digi", "seed.ahx", "seed.hvl", "seed.med"})
+        if (kelva_identify(n, mod.data(), uint32_t(mod.size()), found, sizeof found) && pp == found) {
+            name = n;
+            break;
+        }
+    std::vector<uint8_t> nt = path ? read_file_bytes(std::string(path) + ".nt") : std::vector<uint8_t>();
+    std::vector<uint8_t> in = {uint8_t(nt.empty() ? 0xFF : 0xFE), uint8_t(subsong)};
+    in.insert(in.end(), name.c_str(), name.c_str() + name.size() + 1);
+    if (!nt.empty()) {
+        in.resize(in.size() + 4), be32(in, in.size() - 4, uint32_t(nt.size()));
+        in.insert(in.end(), nt.begin(), nt.end());
+    }
+    in.insert(in.end(), mod.begin(), mod.end());
+    write_seed(dir, "engine", in);
+    const char *ptk[] = {"PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV", "AudioSculpture"};
+    if (std::find(std::begin(ptk), std::end(ptk), pp.substr(pp.rfind('/') + 1)) == std::end(ptk)) return;
+    write_seed(dir, "classify", mod);
+    in.assign(1, 0);   // named x.mod
+    in.insert(in.end(), mod.begin(), mod.end());
+    write_seed(dir, "identify", in);
+}
+
 // Opens the player file `pp` on a module image (named `path`, at `subsong`, its companion files served from
 // `files`) at full stereo separation; null when kelva_open fails.
 inline engine_ptr open_file(const std::string &pp, const std::vector<uint8_t> &mod, const char *path = nullptr,
                             int subsong = 0, memory_files *files = nullptr) {
     kelva_global_init();
+    write_seeds(pp, mod, path, subsong);
     engine_ptr k = make_engine(48000);
     kelva_set_separation(k.get(), 1.0f);
     if (files) kelva_set_file_loader(k.get(), memory_loader, files);
