@@ -68,10 +68,11 @@ inline void write_seeds(const std::string &pp, const std::vector<uint8_t> &mod, 
             break;
         }
     std::vector<uint8_t> nt = path ? read_file_bytes(std::string(path) + ".nt") : std::vector<uint8_t>();
-    std::vector<uint8_t> in = {uint8_t(nt.empty() ? 0xFF : 0xFE), uint8_t(subsong)};
-    in.insert(in.end(), name.c_str(), name.c_str() + name.size() + 1);
+    const std::string head = std::string{char(nt.empty() ? 0xFF : 0xFE), char(subsong)} + name + '\0';
+    std::vector<uint8_t> in(head.begin(), head.end());
     if (!nt.empty()) {
-        in.resize(in.size() + 4), be32(in, in.size() - 4, uint32_t(nt.size()));
+        in.resize(in.size() + 4);
+        be32(in, in.size() - 4, uint32_t(nt.size()));
         in.insert(in.end(), nt.begin(), nt.end());
     }
     in.insert(in.end(), mod.begin(), mod.end());
