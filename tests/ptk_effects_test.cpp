@@ -1,5 +1,5 @@
-// The ProTracker-family players on synthetic modules: each effect, variant and mixing rule pinned down by
-// ptk_support.h's probes. After tick 1 + r x 6 + t a player has just done tick t of row r at speed 6.
+// The ProTracker-family players on synthetic modules. After tick 1 + r x 6 + t a player has just done tick t of
+// row r at speed 6.
 #include "ptk_support.h"
 
 using namespace trk;
@@ -17,8 +17,7 @@ struct msample {
 // Sample 1: 2000 words, volume 40, no loop; 2: 100 words, volume 64, looping from word 10 for 50.
 const std::vector<msample> kTwo = {{2000, 40, 0, 1, 0, 10}, {100, 64, 10, 50}};
 
-// A ProTracker-layout image (tag null: 15 instruments, patterns at 600) of `channels` cells a row, orders
-// 0, 1, ... unless given; the sample data follows the patterns.
+// A ProTracker-layout image (tag null: 15 instruments) of `channels` cells a row, orders 0, 1, ... unless given.
 bytes mod(const std::vector<cell> &cells, int patterns = 1, const std::vector<msample> &samples = kTwo,
           const char *tag = "M.K.", bytes orders = {}, uint8_t restart = 0, int channels = 4) {
     const size_t head = tag ? 1084 : 600, song = tag ? 950 : 470, row = size_t(channels) * 4;
@@ -39,9 +38,7 @@ bytes mod(const std::vector<cell> &cells, int patterns = 1, const std::vector<ms
 
 constexpr uint32_t kData = kModule + 1084 + 1024, kData15 = kModule + 600 + 1024;   // one pattern's samples
 
-class Ptk : public ::testing::Test {
-    void SetUp() override { PTK_REQUIRE_PLAYERS("PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV"); }
-};
+PTK_FIXTURE(Ptk, "PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV");
 
 }  // namespace
 
@@ -128,8 +125,7 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
         {"ST-IV", "Soundtracker-IV",
          mod({{0, 0, 0, 428, 1, 0xF, 0x40}, {0, 1, 0, 381, 1}}, 1, {{1000, 64, 200, 300}}, nullptr), kData15,
          "@1 a0=0 e0=800 c0=200 f0=960 @64 p0=428 @65 p0=381"},
-        // N.T.: the song goes on at the restart position and ends when that reaches a position already
-        // played (tick 768); no option string.
+        // N.T.: the song goes on at the restart position and ends on a position played (tick 768); no option.
         {"N.T. restart", P, mod({{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1}}, 2, {{1000, 64}}, "N.T.", {0, 1}, 1), 0,
          "@769 p0=381 E0=737280", nullptr, nullptr, ""},
         // A loop past the sample's end in words: the tree's rules say "type:st24", a repeat start in bytes.

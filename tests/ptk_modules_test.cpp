@@ -1,7 +1,5 @@
-// The shared real modules of kelva's tracker, MED and AHX players, as the plugin opens them: identify -> open
-// -> render. Their lengths and loudness envelopes are the reference comparison's (tests/reference/compare.py);
-// here every file must be chosen by the right player as the right format (with its title), sound, and leave
-// its end to the player's signal.
+// The shared real modules of kelva's tracker, MED and AHX players, as the plugin opens them (identify, open,
+// render); their lengths and envelopes are tests/reference/compare.py's.
 #include <cmath>
 #include <filesystem>
 #include <map>
@@ -67,10 +65,9 @@ class PtkRealModules : public ::testing::Test {
 
 }  // namespace
 
-// Every module of the folders: its player and format, a player that signals the end, sound in the first two
-// seconds (the Startrekker AM ones made to sound alike left and right when played as the tracker did; some MED
-// and AHX songs start later) and the titles of MED, AHX and HVL files. A name ending ".st" does not mislead
-// the choice of the IMS file.
+// Every module: its player and format, a song-end signal, sound in the first two seconds (some MED and AHX
+// songs start later; Startrekker AM ones alike left and right) and titles. A name ending ".st" does not
+// mislead the choice of the IMS file.
 TEST_F(PtkRealModules, EachIsPlayedByItsPlayerAsItsFormat) {
     std::map<std::string, const module_row *> rows;   // file or folder/ -> row
     for (const auto &row : kModules)
