@@ -57,10 +57,8 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
     // mixing period 180 (19,705 Hz), S = ceil(N / 4) rounded up to a power of two; the others 0.
     auto mix = [P](const char *tag, int n, int c, int volume, int level) {
         std::string p = "@3";
-        for (int x = 0; x < 4; x++) {
-            std::string ch = std::to_string(x);
-            p += " p" + ch + "=180 v" + ch + "=64 q" + ch + "=" + std::to_string(x == c % 4 ? level : 0);
-        }
+        for (char x = '0'; x < '4'; x++)
+            p = p + " p" + x + "=180 v" + x + "=64 q" + x + "=" + std::to_string(x - '0' == c % 4 ? level : 0);
         return tcase{tag, P, mod({{0, 0, c, 428, 1}}, 1, {{500, uint8_t(volume), 0, 500, 0, 100}}, tag, {}, 0, n), 0,
                      p};
     };
