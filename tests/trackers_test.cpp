@@ -198,15 +198,13 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
          sfx({{0, 0, 0, 428, 1, 1, 0x37}, {0, 0, 1, 428, 1, 2, 0x30}, {0, 0, 2, 428, 1, 2, 2},
               {0, 0, 3, 428, 1, 7, 0x25}}),
          kSfxData, "@2 p0=360 p3=428 @3 p0=285 p3=433 @4 p0=428 @5 p0=285 @6 p0=360 p1=443 p2=418 p3=448"},
-        // Delay 28374: 709379 / 28375 = 25 Hz, 1920 frames a tick: row 1 (the seventh tick) comes after 10560
-        // frames at the earliest.
+        // Delay 28374: 709379 / 28375 = 25 Hz, 1920 frames a tick: row 1 (tick 7) after 10560 frames at the earliest.
         {"SoundFX CIA delay", SFX, sfx({{0, 0, 0, 428, 1}, {0, 1, 0, 381, 1}}, 28374), kSfxData,
          "@11 p0=428 @13 p0=381"},
         // 2.0: sample bit 4 in the note word; 17's data after 1's and 2's.
         {"SoundFX 2.0", SFX, sfx({{0, 0, 0, 428, 17}, {0, 0, 1, 428, 2}}, 14187, true), kSfx20Data,
          "@1 a0=4200 v0=30 a1=4000", "SoundFX 2.0"},
-        // 1: slide every tick, row ticks too; the volume is written on the tick after the note; loops by
-        // address; 8 speed, 4 break, 5 jump.
+        // 1 slides on every tick; the volume is set a tick after the note; loops by address; 8 speed, 4 break, 5 jump.
         {"Game Music Creator", GMC,
          gmc({{0, 0, 0, 428, 1, 1, 3}, {0, 0, 1, 428, 2, 3, 20}, {0, 1, 0, 0, 0, 8, 2}, {0, 1, 2, 856, 2, 4, 0},
               {1, 0, 3, 320, 2, 5, 0}}),
@@ -284,8 +282,7 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
         // A jump held by a pattern delay: the delay's row is position 1's first, then its row 1: 2 + 1 + 63.
         {"jump and delay in a row", DIGI, d({0, 1}, {{0, 1, 0, 0, 0, 0xB, 1}, {0, 1, 1, 0, 0, 0xE, 0xE1}}), 0,
          "@0 L0=1320"},
-        // Channel 0 alone (Paula 0): sample x volume / 128 at ticks 0..5 of row 1. Offsets 9xx x 256, + 65536
-        // after E81.
+        // Channel 0 alone: sample x volume / 128 at ticks 0..5 of row 1. Offsets 9xx x 256, + 65536 after E81.
         {"9 offset 4096", DIGI, dl({0, 0, 0, 0, 0}, {0, 1, 0, 856, 1, 9, 0x10}), 0, "@7-12 Q0=50"},
         {"E81: + 65536", DIGI, dl({0, 0, 0, 0, 0, 0xE, 0x81}, {0, 1, 0, 856, 1, 9, 0x10}), 0, "@7-12 Q0=50"},
         {"E81: 65536 only", DIGI, dl({0, 0, 0, 0, 0, 0xE, 0x81}, {0, 1, 0, 856, 1, 9, 0}), 0, "@7-12 Q0=0"},
@@ -324,9 +321,8 @@ TEST_F(Trackers, OktalyzerSplitVoicesPlayNotesNotPeriods) {
     }
 }
 
-// PolyTracker's pitch: rate x 2^((note - 49) / 12) samples a second, mixed at 3546895 / 124 a second, shown
-// by how far a looping 256-byte ramp advances over a block. Pans 0 and 15 give Paula 0 (left) and 1 (right),
-// then 3 and 2.
+// PolyTracker's pitch: rate x 2^((note - 49) / 12) samples a second, mixed at 3546895 / 124 a second: how far a
+// looping 256-byte ramp advances over a block. Pans 0, 15, 0, 15 give Paula 0, 1, 3, 2.
 TEST_F(Trackers, PolyTrackerPitchFromNoteAndRateAndSlides) {
     engine_ptr k = open_player("PolyTracker", ptm({0, 15, 0, 15}, {{ramp(256)}, {ramp(256), 64, 16726}}, {0}, 1,
                                                   {{0, 0, 0, 49, 1}, {0, 0, 1, 61, 1}, {0, 0, 2, 49, 2, 1, 0x10},
