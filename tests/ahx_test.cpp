@@ -1,9 +1,6 @@
-// kelva's AHX and HivelyTracker players on synthetic songs: the waveforms, the envelope, the playlist and
-// track commands, the song's flow and the software mix of HVL songs, pinned by Paula's registers and the
-// bytes it plays after a number of ticks; refused files. A voice plays note (playlist note + track note - 1),
-// or the playlist's note alone when fixed, at the note table's period (25 = 856, 37 = 428, 49 = 214); the
-// envelope steps by (target - start) x 256 / frames a tick. A tick is 960 frames and the first reads row 0;
-// rows have 6 ticks.
+// kelva's AHX and HivelyTracker players on synthetic songs. A voice plays note (playlist note + track note - 1),
+// or the playlist's note alone when fixed (25 = 856, 37 = 428, 49 = 214); the envelope steps by (target -
+// start) x 256 / frames a tick. The first tick reads row 0; rows have 6 ticks.
 #include <cmath>
 
 #include "ptk_support.h"
@@ -71,16 +68,10 @@ instrument tone(uint8_t wave, uint8_t wl = 3, uint8_t width = 0x20) {
     return {.wl = wl, .plist = {{wave, 1, 0, 3, width}}};
 }
 
-// A square of `len` bytes: low, then `high` bytes high; repeated to 128 bytes.
+// A square of `len` bytes: low, then `high` bytes high.
 std::vector<int8_t> square(size_t len, size_t high) {
-    std::vector<int8_t> w(len - high, -128);
-    w.insert(w.end(), high, 127);
-    return w;
-}
-std::vector<int8_t> repeat(const std::vector<int8_t> &w, size_t n = 128) {
-    std::vector<int8_t> out;
-    while (out.size() < n) out.insert(out.end(), w.begin(), w.end());
-    return out;
+    std::vector<int8_t> w(len, -128);
+    return std::fill(w.end() - long(high), w.end(), 127), w;
 }
 
 // 'p' period, 'v' volume, 'w' bytes at 127 in the looped block, 'f' 1 when its bytes step by less than 64,
@@ -108,8 +99,7 @@ int observe(kelva *k, char what) {
     return -1;
 }
 
-// Channel 0 plays `steps` with instrument 1 `ins` (song changed by `setup`); `obs` names what each expected
-// value looks at, in turn.
+// Channel 0 plays `steps` with instrument 1 `ins`, changed by `setup`; `obs`: what each expected value looks at.
 struct ahx_case {
     const char *what;
     instrument ins;
@@ -139,9 +129,7 @@ void subsongs(song &s) {
 }
 void six_voices(song &s) { s.hvl = true, s.channels = 6; }
 
-class Ahx : public ::testing::Test {
-    void SetUp() override { PTK_REQUIRE_PLAYERS("AHX", "HivelyTracker"); }
-};
+PTK_FIXTURE(Ahx, "AHX", "HivelyTracker");
 
 }  // namespace
 
@@ -172,7 +160,9 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
             engine_ptr k = open_player(hvl ? "HivelyTracker" : "AHX", build(s));
             ASSERT_TRUE(k);
             trk::expect_probes(k.get(), "@1 p0=428 v0=64 d0=1");
-            EXPECT_EQ(mixed(k.get(), 0), repeat(c.period));
+            std::vector<int8_t> want(128);   // the period repeated
+            for (size_t i = 0; i < 128; i++) want[i] = c.period[i % c.period.size()];
+            EXPECT_EQ(mixed(k.get(), 0), want);
         }
     }
     // Noise: a new stretch of 0x280 bytes of the table (3 x 0x280) every tick, bit 8 of the generator giving 127.
@@ -250,11 +240,9 @@ TEST_F(Ahx, EnvelopePlaylistAndTrackCommands) {
     });
 }
 
-// Six voices: mixed at period 165 into blocks of 430 bytes (a tick), each voice at a quarter of a channel's
-// level (4 voices of the pair 0/1: shift 8). Voice 0's square (127 / -128 -> 31 / -32) plays on channel 0; a
-// pan to the right moves it to channel 1. Ring modulation (four voices, mixed) by a triangle at fixed note 49:
-// each byte is the square's x the triangle's / 128, so the level follows the triangle (2 voices in the pair:
-// peaks 63).
+// Six voices: mixed at period 165 into 430-byte blocks, each voice at a quarter of a channel's level (4 voices
+// in the pair 0/1: shift 8): voice 0's square (127 / -128 -> 31 / -32) on channel 0, panned right on 1. Ring
+// modulation (four voices) by a triangle at fixed note 49: the square's byte x the triangle's / 128 (peaks 63).
 TEST_F(Ahx, HivelyMixesVoicesIntoThePaulaChannels) {
     const int kSquareMix = (-32 + 128) * 256 + 31 + 128;
     run({

@@ -1,7 +1,5 @@
-// kelva's MED/OctaMED player on synthetic MMD modules: notes, each command family, the synthetic sound
-// language, tempo modes, song ends, subsongs, the software-mixed layouts and damaged files, pinned by Paula's
-// registers and the rendered output; MED2 songs with instrument files. Tempo 33 ticks at 50 Hz; the first
-// tick reads line 0, so line r, tick t of a 6-tick line is tick 6r + t.
+// kelva's MED/OctaMED player on synthetic MMD modules and a MED2 song. Tempo 33 ticks at 50 Hz; line r, tick t
+// of a 6-tick line is tick 6r + t.
 #include <array>
 #include <cmath>
 
@@ -46,7 +44,7 @@ struct med_module {
 };
 using M = med_module;
 
-size_t grow(std::vector<uint8_t> &v, size_t n) {
+size_t grow(std::vector<uint8_t> &v, size_t n) {   // n bytes at an even offset
     if (v.size() & 1) v.push_back(0);
     v.resize(v.size() + n);
     return v.size() - n;
@@ -214,8 +212,7 @@ int observe(kelva *k, const M &m, char what) {
     return what == 'g' ? longest > 180 : (l > 0.01f) | (r > 0.01f) << 1;
 }
 
-// A module with `first` on line 0 of track 0, changed by `setup`; `obs` names what each expected value looks
-// at, in turn ("!": the file is refused).
+// `first` on line 0 of track 0, changed by `setup`; `obs`: what each expected value looks at ("!": refused).
 struct med_case {
     const char *what;
     med_cell first;
@@ -239,9 +236,7 @@ void run(const std::vector<med_case> &cases) {
     }
 }
 
-class Med : public ::testing::Test {
-    void SetUp() override { PTK_REQUIRE_PLAYERS("MED"); }
-};
+PTK_FIXTURE(Med, "MED");
 
 // C-1 .. C-3 at finetune 0.
 const int kC1 = 856, kC2 = 428, kD2 = 381, kE2 = 339, kF2 = 320, kG2 = 285, kC3 = 214;
@@ -399,9 +394,8 @@ TEST_F(Med, TemposMixingAndDamagedModules) {
 }
 
 TEST_F(Med, Med2SongsLoadTheirInstrumentsFromFiles) {
-    // "MED\x02": names (40 bytes x 32, slot 0 unused), volumes, loop starts and lengths (32 each), block
-    // count, 100 orders, length, tempo, flags, sliding, jump mask, colours; then blocks of 64 lines x 4 tracks
-    // of period, instrument/command and data, after a 4-byte header.
+    // "MED\x02": names (40 x 32), volumes, loop starts and lengths, block count, 100 orders, length, tempo,
+    // flags, sliding, jump mask, colours; blocks of 64 lines x 4 tracks (period, instrument/command, data).
     const size_t p = 4 + 1280 + 32 + 128, cells = p + 2 + 100 + 8 + 4 + 16 + 4;
     std::vector<uint8_t> f(cells + 1024);
     memcpy(&f[0], "MED\x02", 4);

@@ -1,5 +1,5 @@
-// The ProTracker-family players on synthetic modules: each effect, variant and mixing rule pinned down by
-// ptk_support.h's probes. After tick 1 + r x 6 + t a player has just done tick t of row r at speed 6.
+// The ProTracker-family players on synthetic modules. After tick 1 + r x 6 + t a player has just done tick t of
+// row r at speed 6.
 #include "ptk_support.h"
 
 using namespace trk;
@@ -17,8 +17,7 @@ struct msample {
 // Sample 1: 2000 words, volume 40, no loop; 2: 100 words, volume 64, looping from word 10 for 50.
 const std::vector<msample> kTwo = {{2000, 40, 0, 1, 0, 10}, {100, 64, 10, 50}};
 
-// A ProTracker-layout image (tag null: 15 instruments, patterns at 600) of `channels` cells a row, orders
-// 0, 1, ... unless given; the sample data follows the patterns.
+// A ProTracker-layout image (tag null: 15 instruments) of `channels` cells a row, orders 0, 1, ... unless given.
 bytes mod(const std::vector<cell> &cells, int patterns = 1, const std::vector<msample> &samples = kTwo,
           const char *tag = "M.K.", bytes orders = {}, uint8_t restart = 0, int channels = 4) {
     const size_t head = tag ? 1084 : 600, song = tag ? 950 : 470, row = size_t(channels) * 4;
@@ -39,9 +38,7 @@ bytes mod(const std::vector<cell> &cells, int patterns = 1, const std::vector<ms
 
 constexpr uint32_t kData = kModule + 1084 + 1024, kData15 = kModule + 600 + 1024;   // one pattern's samples
 
-class Ptk : public ::testing::Test {
-    void SetUp() override { PTK_REQUIRE_PLAYERS("PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV"); }
-};
+PTK_FIXTURE(Ptk, "PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV");
 
 }  // namespace
 
@@ -60,10 +57,8 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
     // mixing period 180 (19,705 Hz), S = ceil(N / 4) rounded up to a power of two; the others 0.
     auto mix = [P](const char *tag, int n, int c, int volume, int level) {
         std::string p = "@3";
-        for (int x = 0; x < 4; x++) {
-            std::string ch = std::to_string(x);
-            p += " p" + ch + "=180 v" + ch + "=64 q" + ch + "=" + std::to_string(x == c % 4 ? level : 0);
-        }
+        for (char x = '0'; x < '4'; x++)
+            p = p + " p" + x + "=180 v" + x + "=64 q" + x + "=" + std::to_string(x - '0' == c % 4 ? level : 0);
         return tcase{tag, P, mod({{0, 0, c, 428, 1}}, 1, {{500, uint8_t(volume), 0, 500, 0, 100}}, tag, {}, 0, n), 0,
                      p};
     };
@@ -96,8 +91,7 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
          mod({{0, 0, 0, 428, 1, 0xA, 2}, {0, 1, 0, 0, 0, 0xA, 0x30}, {0, 2, 0, 0, 0, 0xC, 0x50},
               {0, 3, 0, 0, 0, 0xE, 0xB4}, {0, 0, 1, 428, 1, 7, 0x48}}),
          0, "@1-2 v1=40 @3 v1=52 @4 v1=62 @5-6 v1=64 @6 v0=30 @12 v0=45 @13 v0=64 @19 v0=60 @24 v0=60"},
-        // D12: row 12 (decimal) of the next position; B00 back to position 0: the 13th tick finds the row
-        // played, the song's end (12 x 960).
+        // D12: row 12 (decimal) of the next position; B00 back to 0: the 13th tick finds the song's end (12 x 960).
         {"break and jump", P, mod({{0, 0, 0, 428, 1, 0xD, 0x12}, {1, 12, 0, 381, 1, 0xB, 0}, {1, 13, 0, 339, 1}}, 3), 0,
          "@6 p0=428 @7 p0=381 E0=0 @13 p0=428 E0=11520"},
         {"pattern loop: rows 0-1 three times, not the song's end", P,
@@ -110,15 +104,13 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
          "@2 d0=0 v1=40 @3 d0=0 v1=0 @4 d0=1 p0=428 a0=0"},
         // ~166 samples a tick at period 428: channel 1 has played ~830 after 5 ticks, channel 0 (E92) ~166.
         {"retrigger", P, mod({{0, 0, 0, 428, 1, 0xE, 0x92}, {0, 0, 1, 428, 1}}), 0, "@5 P1=8 P0=1"},
-        // 902: 512 bytes in; a note without a command after it: 1024 (the replay routine adds it to the
-        // voice twice); 900: the last offset.
+        // 902: 512 bytes in; a note without a command after it: 1024 (added twice); 900: the last offset.
         {"sample offset", P, mod({{0, 0, 0, 428, 1, 9, 2}, {0, 1, 0, 428, 0}, {0, 2, 0, 428, 1, 9, 0}}), kData,
          "@1 a0=512 @7 a0=1024 @13 a0=512"},
         // F96: 150 BPM, CIA value 1773447 / 150 = 11822; (11822 + 1) x 48000 / 709379 = 800 frames a tick.
         {"speed and tempo", P, mod({{0, 0, 0, 428, 1, 0xF, 3}, {0, 1, 0, 381, 1, 0xF, 0x96}, {0, 2, 0, 339, 1}}), 0,
          "@3 p0=428 @4 p0=381 t0=11822 f0=800"},
-        // Ultimate Soundtracker: only the loop plays (from byte 200); 2xy: y lowers, x raises the period; 1xy
-        // is the arpeggio; Fxx does nothing.
+        // UST: only the loop plays (from byte 200); 2xy: y lowers, x raises the period; 1xy arpeggio; Fxx nothing.
         {"UST", "UltimateSoundtracker",
          mod({{0, 0, 0, 428, 1, 2, 3}, {0, 0, 1, 428, 1, 2, 0x40}, {0, 0, 2, 428, 1, 1, 0x37},
               {0, 0, 3, 428, 1, 0xF, 3}, {0, 1, 3, 381, 1}},
@@ -128,8 +120,7 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
         {"ST-IV", "Soundtracker-IV",
          mod({{0, 0, 0, 428, 1, 0xF, 0x40}, {0, 1, 0, 381, 1}}, 1, {{1000, 64, 200, 300}}, nullptr), kData15,
          "@1 a0=0 e0=800 c0=200 f0=960 @64 p0=428 @65 p0=381"},
-        // N.T.: the song goes on at the restart position and ends when that reaches a position already
-        // played (tick 768); no option string.
+        // N.T.: the song goes on at the restart position and ends on a position played (tick 768); no option.
         {"N.T. restart", P, mod({{0, 0, 0, 428, 1}, {1, 0, 0, 381, 1}}, 2, {{1000, 64}}, "N.T.", {0, 1}, 1), 0,
          "@769 p0=381 E0=737280", nullptr, nullptr, ""},
         // A loop past the sample's end in words: the tree's rules say "type:st24", a repeat start in bytes.
@@ -141,8 +132,7 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
          mod({{0, 0, 0, 428, 1}, {0, 0, 4, 428, 1}, {0, 0, 1, 856, 2}, {0, 1, 1, 0, 3}}, 1,
              {{500, 64, 0, 500, 0, 100}, {2000, 64, 0, 1, 0, -60}, {50, 64, 0, 50, 0, 40}}, "8CHN", {}, 0, 8),
          0, "@2 q0=100 q1=-30 @22 q1=-30 @52 q0=100 q1=20"},
-        // FLT8: position p plays stored pattern p & ~1 for channels 0-3 and the next for 4-7; orders 0, 2, 1
-        // are pairs 0, 1, 0.
+        // FLT8: position p plays pattern p & ~1 on channels 0-3, the next on 4-7; orders 0, 2, 1: pairs 0, 1, 0.
         {"FLT8", P,
          mod({{1, 0, 1, 428, 1}, {3, 0, 1, 428, 2}}, 4, {{200, 64, 0, 200, 0, 100}, {200, 64, 0, 200, 0, 40}}, "FLT8",
              {0, 2, 1}),

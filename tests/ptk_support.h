@@ -1,5 +1,4 @@
-// Helpers for the tests of kelva's players: open a built player on a module image, step it tick by tick and
-// check what it left in Paula.
+// Helpers for the tests of kelva's players: open a built player on a module, step it and check Paula.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,7 +20,6 @@ namespace ptk_test {
 
 inline std::string player_path(const char *name) { return std::string(KELVA_BUILD_DATA) + "/players/" + name; }
 
-// Points KELVA_DATA at the build tree's data tree for the test's lifetime.
 struct data_tree_env {
     std::string old = getenv("KELVA_DATA") ? getenv("KELVA_DATA") : "";
     data_tree_env() { setenv("KELVA_DATA", KELVA_BUILD_DATA, 1); }
@@ -31,8 +29,7 @@ struct data_tree_env {
 constexpr int32_t kTick = 960;          // frames of one 50 Hz tick at 48 kHz
 constexpr uint32_t kModule = 0x010000;  // where the engine loads the module
 
-// Renders `n` ticks: afterwards the player's tick routine has run n times more (the first call of a fresh
-// engine runs it at once).
+// Renders `n` ticks: the player's tick routine runs n times more (a fresh engine's first call runs it at once).
 inline void run_ticks(kelva *k, int n) {
     std::vector<float> buf(size_t(kTick) * 2);
     for (int i = 0; i < n; i++) kelva_render(k, buf.data(), kTick);
@@ -85,10 +82,11 @@ inline void write_seeds(const std::string &pp, const std::vector<uint8_t> &mod, 
     write_seed(dir, "identify", in);
 }
 
-// Opens the player file `pp` on a module image (named `path`, at `subsong`, its companion files served from
-// `files`) at full stereo separation; null when kelva_open fails.
-inline engine_ptr open_file(const std::string &pp, const std::vector<uint8_t> &mod, const char *path = nullptr,
-                            int subsong = 0, memory_files *files = nullptr) {
+// Opens the player `name` of the data tree (or the file `name` when a path) on a module image (named `path`,
+// at `subsong`, its companion files served from `files`) at full stereo separation; null when kelva_open fails.
+inline engine_ptr open_player(const std::string &name, const std::vector<uint8_t> &mod, const char *path = nullptr,
+                              int subsong = 0, memory_files *files = nullptr) {
+    const std::string pp = name.find('/') == std::string::npos ? player_path(name.c_str()) : name;
     kelva_global_init();
     write_seeds(pp, mod, path, subsong);
     engine_ptr k = make_engine(48000);
@@ -98,10 +96,6 @@ inline engine_ptr open_file(const std::string &pp, const std::vector<uint8_t> &m
     if (kelva_open(k.get(), p.data(), uint32_t(p.size()), mod.data(), uint32_t(mod.size()), pp.c_str(), path, subsong))
         return nullptr;
     return k;
-}
-inline engine_ptr open_player(const char *player, const std::vector<uint8_t> &mod, const char *path = nullptr,
-                              int subsong = 0, memory_files *files = nullptr) {
-    return open_file(player_path(player), mod, path, subsong, files);
 }
 
 // Identifies the shared module `rel` under the name `as` (its path when empty) and opens it with the player
@@ -115,26 +109,24 @@ inline engine_ptr open_identified(const std::string &rel, std::string *player, s
     if (data.empty() || !kelva_identify(as.c_str(), data.data(), uint32_t(data.size()), found, sizeof found))
         return nullptr;
     *player = found;
-    return open_file(found, data, as.c_str());
+    return open_player(found, data, as.c_str());
 }
 
-// n bytes rising by `step`, shifted right by `shift`, wrapping at 8 bits.
 inline std::vector<int8_t> ramp(size_t n, int step = 1, int shift = 0) {
     std::vector<int8_t> r(n);
     for (size_t i = 0; i < n; i++) r[i] = int8_t(int(i) * step >> shift);
     return r;
 }
 
-// Expected values: (tick, value); tick -1 is before the first tick.
+// Expected values: (tick, value); tick -1 is before the first tick. every(): after ticks 0, n, 2n, ...
 using trace = std::vector<std::pair<int, int>>;
-inline trace every(int n, const std::vector<int> &v) {   // the values after ticks 0, n, 2n, ...
+inline trace every(int n, const std::vector<int> &v) {
     trace t;
     for (size_t i = 0; i < v.size(); i++) t.push_back({int(i) * n, v[i]});
     return t;
 }
 inline trace series(const std::vector<int> &v) { return every(1, v); }
 
-// Runs `k` through the listed ticks (in order), comparing observe() after each.
 template <class F> void expect_trace(kelva *k, const trace &t, F observe) {
     int done = 0;
     for (const auto &e : t) {
@@ -143,8 +135,7 @@ template <class F> void expect_trace(kelva *k, const trace &t, F observe) {
     }
 }
 
-// The block AUDxLC/AUDxLEN name (the one queued behind the block playing): for a software-mixed channel the
-// one the mixer handed Paula channel x last.
+// The block AUDxLC/LEN name (queued behind the one playing): for a mixed channel, the mixer's latest.
 inline std::vector<int8_t> mixed(const kelva *k, int x) {
     const int8_t *b = reinterpret_cast<const int8_t *>(k->ram + (k->aud[x].lc & 0xFFFFFF));
     return std::vector<int8_t>(b, b + 2 * k->aud[x].len);
@@ -157,6 +148,11 @@ inline std::vector<int8_t> mixed(const kelva *k, int x) {
     for (const char *p_ : {__VA_ARGS__})                        \
         if (read_file_bytes(ptk_test::player_path(p_)).empty()) \
             GTEST_SKIP() << "player " << p_ << " not built (no m68k cross compiler?)"
+// A fixture whose tests skip when one of the players was not built.
+#define PTK_FIXTURE(name, ...)                                      \
+    class name : public ::testing::Test {                           \
+        void SetUp() override { PTK_REQUIRE_PLAYERS(__VA_ARGS__); } \
+    }
 
 // Table-driven checks: a pattern cell of any of the formats and probes of what a player left after N ticks.
 namespace trk {
@@ -222,7 +218,6 @@ inline int64_t observe(kelva *k, int ch, char what, uint32_t base) {
     return INT64_MIN;
 }
 
-// Runs the engine to each probe's tick in turn and checks the probe.
 inline void expect_probes(kelva *k, const char *text, uint32_t base = 0) {
     std::vector<probe> probes;
     int from = 0, to = 0, n = 0, done = 0;
@@ -240,8 +235,7 @@ inline void expect_probes(kelva *k, const char *text, uint32_t base = 0) {
     }
 }
 
-// A synthetic module, the player to open it with (under `path`, which lets the data tree's rules give an option
-// string) and the probes it must pass.
+// A synthetic module, its player (under `path`, for the data tree's option string) and its probes.
 struct tcase {
     const char *what, *player;
     bytes image;

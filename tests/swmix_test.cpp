@@ -1,7 +1,6 @@
-// The players' shared software mixer (players/lib/swmix.c), run by the SwMix test player on Paula channel 0.
-// Expected bytes follow the mixing rules: a voice adds sample x volume, the sum is shifted right by 6 plus one
-// bit per doubling of the voice count, and positions advance by (mixing period << 16) / period in 16.16 fixed
-// point.
+// The players' software mixer (players/lib/swmix.c), run by the SwMix test player on Paula channel 0: a voice
+// adds sample x volume, the sum is shifted right by 6 plus one bit per doubling of the voice count, positions
+// advance by (mixing period << 16) / period in 16.16 fixed point.
 #include "ptk_support.h"
 
 using namespace ptk_test;
@@ -19,9 +18,8 @@ class SwMix : public testing::Test {
     void SetUp() override {
         if (read_file_bytes(kPlayer).empty()) GTEST_SKIP() << "test player SwMix not built (no m68k cross compiler?)";
     }
-    // Opens the module ('SWMX', mixing period 124, block size, voice count, a record per voice: data offset,
-    // length, loop start, loop length, period, volume; the samples) and returns the first `bytes` of the block
-    // Paula plays.
+    // Opens 'SWMX' (mixing period 124, block size, voice count, per voice: data offset, length, loop start and
+    // length, period, volume; the samples); returns the first `bytes` of the block Paula plays.
     std::vector<int8_t> open(uint16_t block, const std::vector<voice_spec> &voices, uint32_t bytes) {
         std::vector<uint8_t> m = {'S', 'W', 'M', 'X', 0, 124, uint8_t(block >> 8), uint8_t(block), 0,
                                   uint8_t(voices.size())}, samples;
@@ -33,7 +31,7 @@ class SwMix : public testing::Test {
             samples.resize((samples.size() + 1) & ~size_t(1));
         }
         m.insert(m.end(), samples.begin(), samples.end());
-        eng_ = open_file(kPlayer, m), k = eng_.get();
+        eng_ = open_player(kPlayer, m), k = eng_.get();
         const int8_t *b = k ? reinterpret_cast<const int8_t *>(k->ch[0].data) : nullptr;
         EXPECT_TRUE(b);
         return b ? std::vector<int8_t>(b, b + bytes) : std::vector<int8_t>();

@@ -1,5 +1,4 @@
-// kelva's SoundFX, Game Music Creator, Images Music System, PolyTracker, Oktalyzer and DIGI Booster players on
-// synthetic modules: notes, effects, tempos, song ends and damaged files by ptk_support.h's probes. After tick
+// kelva's SoundFX, GMC, IMS, PolyTracker, Oktalyzer and DIGI Booster players on synthetic modules. After tick
 // 1 + r x speed + t a player has just done tick t of row r.
 #include <array>
 #include <cmath>
@@ -54,8 +53,7 @@ bytes ims(const std::vector<cell> &cells) {
     return m;
 }
 
-// PolyTracker: channels at their pans, instruments (8-bit samples stored as differences, looping whole, at a
-// C-4 rate), orders, packed patterns.
+// PolyTracker: channels at their pans, instruments (looping whole, at a C-4 rate), orders, packed patterns.
 struct ptm_ins {
     std::vector<int8_t> data;
     uint8_t volume = 64;
@@ -92,18 +90,18 @@ bytes ptm(const bytes &pans, const std::vector<ptm_ins> &ins, const bytes &order
     return m;
 }
 
-// Oktalyzer: CMOD flags (a split channel pair each), samples, orders, patterns of `rows` rows of note,
-// sample, effect, parameter bytes; speed 6.
-struct okt_sample {
+// Oktalyzer: CMOD flags (a split channel pair each), samples, orders, one pattern of `rows` rows; speed 6.
+// An Oktalyzer (loop in words) or DIGI Booster (in bytes) sample.
+struct tsample {
     std::vector<int8_t> data;
     uint16_t mode = 2;   // 0: split channels only, 1: own channels only, 2: both
     uint8_t volume = 64;
-    uint16_t loop_start = 0, loop_len = 0;   // words
+    uint32_t loop_start = 0, loop_len = 0;
 };
-okt_sample okt_level(int8_t v, uint16_t mode, uint8_t volume = 64, size_t n = 16384) {
+tsample okt_level(int8_t v, uint16_t mode, uint8_t volume = 64, size_t n = 16384) {
     return {std::vector<int8_t>(n, v), mode, volume};
 }
-bytes okt(const std::array<uint16_t, 4> &cmod, const std::vector<okt_sample> &samples, const bytes &orders,
+bytes okt(const std::array<uint16_t, 4> &cmod, const std::vector<tsample> &samples, const bytes &orders,
           const std::vector<cell> &cells, int rows = 64, const char *magic = "OKTASONG") {
     size_t channels = 4 + size_t(std::count_if(cmod.begin(), cmod.end(), [](uint16_t f) { return f != 0; })), at;
     bytes m(magic, magic + 8);
@@ -115,9 +113,9 @@ bytes okt(const std::array<uint16_t, 4> &cmod, const std::vector<okt_sample> &sa
     at = chunk("CMOD", 8);
     for (int i = 0; i < 4; i++) be16(m, at + 2 * i, cmod[i]);
     at = chunk("SAMP", 36 * 32);
-    for (const okt_sample &s : samples) {
-        be32(m, at + 20, uint32_t(s.data.size())), be16(m, at + 24, s.loop_start), be16(m, at + 26, s.loop_len);
-        m[at + 29] = s.volume, be16(m, at + 30, s.mode), at += 32;
+    for (const tsample &s : samples) {
+        be32(m, at + 20, uint32_t(s.data.size())), be16(m, at + 24, uint16_t(s.loop_start));
+        be16(m, at + 26, uint16_t(s.loop_len)), m[at + 29] = s.volume, be16(m, at + 30, s.mode), at += 32;
     }
     be16(m, chunk("SPEE", 2), 6), be16(m, chunk("SLEN", 2), 1), be16(m, chunk("PLEN", 2), uint16_t(orders.size()));
     std::copy(orders.begin(), orders.end(), &m[chunk("PATT", 128)]);
@@ -127,17 +125,13 @@ bytes okt(const std::array<uint16_t, 4> &cmod, const std::vector<okt_sample> &sa
         uint8_t *x = &m[at + 2 + (size_t(c.row) * channels + size_t(c.ch)) * 4];
         x[0] = uint8_t(c.note), x[1] = c.smp, x[2] = c.fx, x[3] = c.param;
     }
-    for (const okt_sample &s : samples) memcpy(&m[chunk("SBOD", s.data.size())], s.data.data(), s.data.size());
+    for (const tsample &s : samples) memcpy(&m[chunk("SBOD", s.data.size())], s.data.data(), s.data.size());
     return m;
 }
 
-// DIGI Booster (packed): samples at volume 64, patterns of a row mask each and the rows' cells.
-struct digi_sample {
-    std::vector<int8_t> data;
-    uint32_t loop_start = 0, loop_len = 0;
-};
-digi_sample digi_level(int8_t v, size_t n = 4096) { return {std::vector<int8_t>(n, v), 0, uint32_t(n)}; }
-bytes digi(int channels, const std::vector<digi_sample> &samples, const bytes &orders, int patterns,
+// DIGI Booster (packed): samples at volume 64, patterns.
+tsample digi_level(int8_t v, size_t n = 4096) { return {std::vector<int8_t>(n, v), 2, 64, 0, uint32_t(n)}; }
+bytes digi(int channels, const std::vector<tsample> &samples, const bytes &orders, int patterns,
            const std::vector<cell> &cells) {
     bytes m(1572, 0);
     memcpy(&m[0], "DIGI Booster module\0V1.6", 24);
@@ -160,21 +154,17 @@ bytes digi(int channels, const std::vector<digi_sample> &samples, const bytes &o
         m.insert(m.end(), {uint8_t((64 + body.size()) >> 8), uint8_t(64 + body.size())});
         m.insert(m.end(), masks.begin(), masks.end()), m.insert(m.end(), body.begin(), body.end());
     }
-    for (const digi_sample &s : samples) m.insert(m.end(), s.data.begin(), s.data.end());
+    for (const tsample &s : samples) m.insert(m.end(), s.data.begin(), s.data.end());
     return m;
 }
 
-class Trackers : public ::testing::Test {
-    void SetUp() override {
-        PTK_REQUIRE_PLAYERS("SoundFX", "GameMusicCreator", "ImagesMusicSystem", "PolyTracker", "Oktalyzer",
-                            "DIGIBooster");
-    }
-};
+PTK_FIXTURE(Trackers, "SoundFX", "GameMusicCreator", "ImagesMusicSystem", "PolyTracker", "Oktalyzer",
+            "DIGIBooster");
 
 }  // namespace
 
 TEST_F(Trackers, NotesEffectsTemposAndMixes) {
-    okt_sample rel{ramp(1000), 2, 64, 100, 100};   // words 100-199 loop
+    tsample rel{ramp(1000), 2, 64, 100, 100};   // words 100-199 loop
     const bytes own =
         okt({0, 0, 0, 0}, {rel, okt_level(30, 0)}, {0}, {{0, 0, 0, 13, 0}, {0, 0, 1, 13, 1}, {0, 1, 0, 0, 0, 27}});
     const uint32_t own_data = kModule + uint32_t(own.size() - 16384 - 8 - 1000);
@@ -185,12 +175,12 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
         return digi(2, {digi_level(50)}, orders, 2, cells);
     };
     // 4 KB of 0, 4 KB of 100, 0 up to 64 KB + 4 KB, 4 KB of 100
-    digi_sample steps{std::vector<int8_t>(4096, 0)};
+    tsample steps{std::vector<int8_t>(4096, 0)};
     steps.data.resize(8192, 100), steps.data.resize(65536 + 4096, 0), steps.data.resize(65536 + 8192, 100);
     auto dl = [&steps](cell row0, cell row1) {
         return digi(2, {steps, {ramp(128)}, digi_level(100)}, {0}, 1, {row0, row1});
     };
-    okt_sample s = okt_level(50, 1, 40, 64);
+    tsample s = okt_level(50, 1, 40, 64);
     s.loop_len = 32;
     auto o = [&s](uint8_t fx, uint8_t param) { return okt({0, 0, 0, 0}, {s}, {0}, {{0, 0, 0, 13, 0, fx, param}}); };
     const char *const SFX = "SoundFX", *const GMC = "GameMusicCreator", *const IMS = "ImagesMusicSystem";
@@ -208,15 +198,13 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
          sfx({{0, 0, 0, 428, 1, 1, 0x37}, {0, 0, 1, 428, 1, 2, 0x30}, {0, 0, 2, 428, 1, 2, 2},
               {0, 0, 3, 428, 1, 7, 0x25}}),
          kSfxData, "@2 p0=360 p3=428 @3 p0=285 p3=433 @4 p0=428 @5 p0=285 @6 p0=360 p1=443 p2=418 p3=448"},
-        // Delay 28374: 709379 / 28375 = 25 Hz, 1920 frames a tick: row 1 (the seventh tick) comes after 10560
-        // frames at the earliest.
+        // Delay 28374: 709379 / 28375 = 25 Hz, 1920 frames a tick: row 1 (tick 7) after 10560 frames at the earliest.
         {"SoundFX CIA delay", SFX, sfx({{0, 0, 0, 428, 1}, {0, 1, 0, 381, 1}}, 28374), kSfxData,
          "@11 p0=428 @13 p0=381"},
         // 2.0: sample bit 4 in the note word; 17's data after 1's and 2's.
         {"SoundFX 2.0", SFX, sfx({{0, 0, 0, 428, 17}, {0, 0, 1, 428, 2}}, 14187, true), kSfx20Data,
          "@1 a0=4200 v0=30 a1=4000", "SoundFX 2.0"},
-        // 1: slide every tick, row ticks too; the volume is written on the tick after the note; loops by
-        // address; 8 speed, 4 break, 5 jump.
+        // 1 slides on every tick; the volume is set a tick after the note; loops by address; 8 speed, 4 break, 5 jump.
         {"Game Music Creator", GMC,
          gmc({{0, 0, 0, 428, 1, 1, 3}, {0, 0, 1, 428, 2, 3, 20}, {0, 1, 0, 0, 0, 8, 2}, {0, 1, 2, 856, 2, 4, 0},
               {1, 0, 3, 320, 2, 5, 0}}),
@@ -245,9 +233,9 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
          0, "@0 L0=2700"},
         // F80: 128 BPM, a tick of 2.5 / 128 s = 13855.06 E-clock cycles; the CIA counts its value plus one.
         {"PolyTracker tempo", PTM, ptm({0}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1, 0xF, 0x80}}), 0, "@1 t0=13854"},
-        // An own channel plays to the loop's end (byte 400) and queues the loop. On release (27, row 1, 120 ms)
-        // the loop's pass under way (200 bytes at 428: 24.1 ms each from 48.3 ms) ends at 120.7 ms and bytes
-        // 400-999 play, silence queued; they last 72.4 ms. Mode 0 samples are for split channels only.
+        // An own channel plays to the loop's end (byte 400), queues the loop. On release (27, row 1, 120 ms) the
+        // pass under way (200 bytes at 428: 24.1 ms each from 48.3 ms) ends at 120.7 ms, bytes 400-999 play
+        // (72.4 ms), silence queued. Mode 0 samples are for split channels only.
         {"Oktalyzer own channels", OKT, own, own_data,
          "@1 e0=400 c0=200 l0=100 d1=0 @7 a0=400 e0=600 l0=1 @12 e0=2 q0=0"},
         // CMOD 0 1 0 0: channels 1 and 2 mixed on Paula 1 at full level (7-bit samples), 550 samples at period
@@ -258,8 +246,7 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
              {{0, 0, 1, 13, 0}, {0, 0, 2, 25, 1}, {0, 1, 2, 0, 0, 31, 32}, {0, 2, 1, 13, 2}, {0, 3, 1, 13, 3},
               {0, 3, 2, 13, 3}}),
          0, "@1 p1=129 v1=64 q1=60 l1=275 @7 v1=32 q1=60 @13 q1=60 @22 q1=127 v1=32"},
-        // Oktalyzer's effects on an own channel (Paula 0), note 13 = C-2 (428), sample volume 40, on every tick
-        // of the row, the first included (n - 2 = 480, n + 3 = 360, ... in the period table).
+        // Effects on an own channel, note 13 = C-2 (428), volume 40, from the row's first tick (n - 2 = 480).
         {"OKT 1: period down", OKT, o(1, 5), 0, "@1 p0=423 @2 p0=418 @3 p0=413 @4 p0=408 v0=40"},
         {"OKT 2: period up", OKT, o(2, 16), 0, "@1 p0=444 @2 p0=460 @3 p0=476 @4 p0=492 v0=40"},
         {"OKT 10: n - 2, n, n + 3", OKT, o(10, 0x23), 0, "@1 p0=480 @2 p0=428 @3 p0=360 @4 p0=480 v0=40"},
@@ -285,19 +272,17 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
               {{0, 0, 0, 428, 1}, {0, 0, 1, 428, 2}, {0, 0, 2, 428, 1}, {0, 0, 5, 428, 2, 0xC, 32}, {0, 0, 6, 428, 1},
                {0, 0, 7, 428, 1}, {0, 1, 0, 0, 0, 0xF, 32}}),
          0, "@1 q0=80 q1=50 q2=15 q3=100 @7 t0=55419"},
-        // DIGI Booster song lengths in rows of 20 ms.
+        // Song lengths in rows of 20 ms.
         {"break to row 10 (decimal): 2 + 54", DIGI, d({0}, {{0, 1, 0, 0, 0, 0xD, 0x10}}), 0, "@0 L0=1120"},
         {"loop rows 2..4 twice more: 64 + 6", DIGI,
          d({0}, {{0, 2, 0, 0, 0, 0xE, 0x60}, {0, 4, 0, 0, 0, 0xE, 0x62}}), 0, "@0 L0=1400"},
         {"pattern delay of two rows: 64 + 2", DIGI, d({0}, {{0, 1, 0, 0, 0, 0xE, 0xE2}}), 0, "@0 L0=1320"},
         {"F00 starts the song again: 4", DIGI, d({0}, {{0, 3, 0, 0, 0, 0xF, 0}}), 0, "@0 L0=80"},
         {"jump back to position 0: 64 + 1", DIGI, d({0, 1}, {{1, 0, 0, 0, 0, 0xB, 0}}), 0, "@0 L0=1300"},
-        // A jump held by a pattern delay: the delay's row is position 1's first, which goes on from its second
-        // row: 2 + 1 + 63.
+        // A jump held by a pattern delay: the delay's row is position 1's first, then its row 1: 2 + 1 + 63.
         {"jump and delay in a row", DIGI, d({0, 1}, {{0, 1, 0, 0, 0, 0xB, 1}, {0, 1, 1, 0, 0, 0xE, 0xE1}}), 0,
          "@0 L0=1320"},
-        // DIGI Booster on channel 0 alone (Paula 0): the level (sample x volume / 128) at ticks 0..5 of row 1
-        // (speed 6), after row 0 set things up. Offsets 9xx x 256, plus 65536 after E81.
+        // Channel 0 alone: sample x volume / 128 at ticks 0..5 of row 1. Offsets 9xx x 256, + 65536 after E81.
         {"9 offset 4096", DIGI, dl({0, 0, 0, 0, 0}, {0, 1, 0, 856, 1, 9, 0x10}), 0, "@7-12 Q0=50"},
         {"E81: + 65536", DIGI, dl({0, 0, 0, 0, 0, 0xE, 0x81}, {0, 1, 0, 856, 1, 9, 0x10}), 0, "@7-12 Q0=50"},
         {"E81: 65536 only", DIGI, dl({0, 0, 0, 0, 0, 0xE, 0x81}, {0, 1, 0, 856, 1, 9, 0}), 0, "@7-12 Q0=0"},
@@ -317,7 +302,7 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
 // Oktalyzer's split voices do not loop: a long ramp (a step every 4 bytes, 0..63) alone on Paula 0 moves by
 // 549 x (129 / period) / 4 over a block. Note slides and arpeggios change the note; period slides do nothing.
 TEST_F(Trackers, OktalyzerSplitVoicesPlayNotesNotPeriods) {
-    okt_sample r{ramp(8192, 1, 2), 0};
+    tsample r{ramp(8192, 1, 2), 0};
     for (int8_t &v : r.data) v &= 63;
     const struct {
         uint8_t note, fx, param;
@@ -336,9 +321,8 @@ TEST_F(Trackers, OktalyzerSplitVoicesPlayNotesNotPeriods) {
     }
 }
 
-// PolyTracker's pitch: rate x 2^((note - 49) / 12) samples a second, mixed at 3546895 / 124 a second, shown
-// by how far a looping 256-byte ramp advances over a block. Pans 0 and 15 give Paula 0 (left) and 1 (right),
-// then 3 and 2.
+// PolyTracker's pitch: rate x 2^((note - 49) / 12) samples a second, mixed at 3546895 / 124 a second: how far a
+// looping 256-byte ramp advances over a block. Pans 0, 15, 0, 15 give Paula 0, 1, 3, 2.
 TEST_F(Trackers, PolyTrackerPitchFromNoteAndRateAndSlides) {
     engine_ptr k = open_player("PolyTracker", ptm({0, 15, 0, 15}, {{ramp(256)}, {ramp(256), 64, 16726}}, {0}, 1,
                                                   {{0, 0, 0, 49, 1}, {0, 0, 1, 61, 1}, {0, 0, 2, 49, 2, 1, 0x10},
