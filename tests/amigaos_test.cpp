@@ -81,35 +81,30 @@ TEST_F(Hunk, ValidImageLoadsAndRelocates) {
 }
 
 TEST_F(Hunk, FailuresPrintOneExactLine) {
-    struct { void (*edit)(U &); const char *message; } cases[] = {
-        {[](U &v) { v[0] = 0x3E7; }, "hunk: missing HUNK_HEADER\n"},
-        {[](U &v) { v.resize(1); }, "hunk: missing HUNK_HEADER\n"},
-        {[](U &v) { v[2] = 65; }, "hunk: bad hunk count (65)\n"},
-        {[](U &v) { v[2] = 0; }, "hunk: bad hunk count (0)\n"},
+    // Each row sets long `at` of the valid image to `value`, or (at < 0) cuts the image to `value` longs.
+    const struct { int at; uint32_t value; const char *message; } cases[] = {
+        {0, 0x3E7, "missing HUNK_HEADER"}, {-1, 1, "missing HUNK_HEADER"}, {2, 65, "bad hunk count (65)"},
+        {2, 0, "bad hunk count (0)"}, {-1, 4, "truncated header"}, {-1, 6, "truncated header"},
+        {1, 5, "truncated header"} /* resident names running off the end */,
         // Sizes that add up beyond the address space are refused up front.
-        {[](U &v) { v[5] = 0x1FFFFFFF; }, "hunk: hunks too large (2147483652 bytes)\n"},
-        {[](U &v) { v.resize(4); }, "hunk: truncated header\n"},
-        {[](U &v) { v.resize(6); }, "hunk: truncated header\n"},
-        {[](U &v) { v[1] = 5; }, "hunk: truncated header\n"},   // resident names running off the end
-        {[](U &v) { v[18] = 0x3F5; }, "hunk: unexpected tag 000003f5 at hunk 1\n"},
-        {[](U &v) { v[8] = 100; }, "hunk: short hunk 0\n"},   // more longs than the file holds
-        {[](U &v) { v.resize(8); }, "hunk: short hunk 0\n"},
-        {[](U &v) { v.resize(18); }, "hunk: truncated at hunk 1\n"},
-        {[](U &v) { v[2] = 3, v[4] = 2, v.insert(v.begin() + 7, 1); }, "hunk: truncated at hunk 2\n"},
-        {[](U &v) { v[14] = 3; }, "hunk: reloc target 3 out of range\n"},
-        {[](U &v) { v[15] = 10; }, "hunk: reloc offset 0000000a outside hunk 0\n"},   // 2 bytes past the hunk
-        {[](U &v) { v[15] = 0xFFFFFFFC; }, "hunk: reloc offset fffffffc outside hunk 0\n"},
-        {[](U &v) { v.resize(15); }, "hunk: short reloc32\n"},
-        {[](U &v) { v.resize(14); }, "hunk: short reloc32\n"},
-        {[](U &v) { v[12] = 0x3ED; }, "hunk: unhandled sub-tag 000003ed\n"},   // HUNK_RELOC16 is not handled
-        {[](U &v) { v[12] = 0x12345678; }, "hunk: unhandled sub-tag 12345678\n"},
-    };
+        {5, 0x1FFFFFFF, "hunks too large (2147483652 bytes)"}, {18, 0x3F5, "unexpected tag 000003f5 at hunk 1"},
+        {8, 100, "short hunk 0"} /* more longs than the file holds */, {-1, 8, "short hunk 0"},
+        {-1, 18, "truncated at hunk 1"}, {14, 3, "reloc target 3 out of range"},
+        {15, 10, "reloc offset 0000000a outside hunk 0"} /* 2 bytes past the hunk */,
+        {15, 0xFFFFFFFC, "reloc offset fffffffc outside hunk 0"}, {-1, 15, "short reloc32"}, {-1, 14, "short reloc32"},
+        {12, 0x3ED, "unhandled sub-tag 000003ed"} /* HUNK_RELOC16 is not handled */,
+        {12, 0x12345678, "unhandled sub-tag 12345678"}};
     for (const auto &c : cases) {
         U v = kValid;
-        c.edit(v);
+        c.at < 0 ? v.resize(c.value) : void(v[size_t(c.at)] = c.value);
         EXPECT_EQ(load(v), 0) << c.message;
-        EXPECT_EQ(err, c.message);
+        EXPECT_EQ(err, "hunk: " + std::string(c.message) + "\n");
     }
+    U three = kValid;   // three hunks announced, two in the file
+    three[2] = 3, three[4] = 2;
+    three.insert(three.begin() + 7, 1);
+    EXPECT_EQ(load(three), 0);
+    EXPECT_EQ(err, "hunk: truncated at hunk 2\n");
     EXPECT_EQ(load(std::vector<uint8_t>{0, 0, 3, 0xF3, 0, 0, 0}), 0);   // shorter than 8 bytes
     EXPECT_EQ(err, "hunk: missing HUNK_HEADER\n");
 }
@@ -410,24 +405,6 @@ TEST_F(LineA, OptionLookup) {
     EXPECT_EQ(flag(0), 0x77);
 }
 
-// Hand-assembled routines at the player base call the library vectors as player code does.
-TEST_F(LineA, TrapsReachedFrom68kCode) {
-    kelva_global_init();
-    put_code(k, kPlayerBase, {0x2C78, 0x0004, 0x7005,   // movea.l 4.w,a6; moveq #5,d0
-                              0x4EAE, 0xFF3A,           // jsr -198(a6)      AllocMem
-                              0x6602, 0x7401, 0x4E75}); // bne.s +2; moveq #1,d2 (skipped: condition codes from D0); rts
-    EXPECT_EQ(deli_call(k, kPlayerBase), kSlabStart);
-    EXPECT_EQ((U{k->d[2], k->alloc_ptr}), (U{0, kSlabStart + 8}));
-    uint32_t is = 0x300000, code = kPlayerBase + 0x100;
-    ram_put32(k, is + 14, 0x00ABCDEF);
-    ram_put32(k, is + 18, code);
-    put_code(k, code, {0x2409, 0x4E75});   // move.l a1,d2; rts: Cause runs the interrupt with its data in A1
-    put_code(k, kPlayerBase, {0x227C, 0x0030, 0x0000, 0x4EAE, 0xFF4C,   // movea.l #$300000,a1; jsr -180(a6) (Cause)
-                              0x7207, 0x4E75});                       // moveq #7,d1 (after the interrupt); rts
-    deli_call(k, kPlayerBase);
-    EXPECT_EQ((U{k->d[2], k->d[1]}), (U{0x00ABCDEF, 7}));
-}
-
 struct Support : Os {
     void SetUp() override {   // what kelva_open leaves behind: the three path strings
         for (uint32_t i = 0; i < 3; i++) ram_put32(k, kGlobals + 24 + 4 * i, U{kPathDir, kPathFile, kPathFull}[i]);
@@ -582,8 +559,22 @@ TEST_F(Support, AudioEntriesWriteTheChipRegisters) {
     EXPECT_EQ(k->dmacon & 0x000F, 0x0004);
 }
 
+// Hand-assembled routines at the player base call the library vectors as player code does.
 TEST_F(Support, ReachedFrom68kCode) {
     kelva_global_init();
+    put_code(k, kPlayerBase, {0x2C78, 0x0004, 0x7005,   // movea.l 4.w,a6; moveq #5,d0
+                              0x4EAE, 0xFF3A,           // jsr -198(a6)      AllocMem
+                              0x6602, 0x7401, 0x4E75}); // bne.s +2; moveq #1,d2 (skipped: condition codes from D0); rts
+    EXPECT_EQ(deli_call(k, kPlayerBase), kSlabStart);
+    EXPECT_EQ((U{k->d[2], k->alloc_ptr}), (U{0, kSlabStart + 8}));
+    uint32_t is = 0x300000, code = kPlayerBase + 0x100;
+    ram_put32(k, is + 14, 0x00ABCDEF);
+    ram_put32(k, is + 18, code);
+    put_code(k, code, {0x2409, 0x4E75});   // move.l a1,d2; rts: Cause runs the interrupt with its data in A1
+    put_code(k, kPlayerBase, {0x227C, 0x0030, 0x0000, 0x4EAE, 0xFF4C,   // movea.l #$300000,a1; jsr -180(a6) (Cause)
+                              0x7207, 0x4E75});                       // moveq #7,d1 (after the interrupt); rts
+    deli_call(k, kPlayerBase);
+    EXPECT_EQ((U{k->d[2], k->d[1]}), (U{0x00ABCDEF, 7}));
     // movea.l 92(a5),a0 (SongEnd: 56 + 4 x 9); jsr (a0); rts
     put_code(k, kPlayerBase, {0x206D, 0x005C, 0x4E90, 0x4E75});
     k->played_frames = 1000;

@@ -7,7 +7,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -325,26 +324,17 @@ TEST_F(VfsLoad, FirstMatchInTheHostsOrderWins) {
     EXPECT_EQ(load("mem://box/WANTED"), "-");
 }
 
-// The rescans the scanner asked for, recorded from the worker thread.
-std::mutex log_mtx;
+// The rescans the scanner asked for (scan_one runs on the test's thread).
 std::vector<std::string> rescans;
-void record_rescan(const char *uri) {
-    std::lock_guard<std::mutex> lock(log_mtx);
-    rescans.push_back(uri);
-}
 
 struct Scanner : testing::Test {
     void SetUp() override { reset(); }
     void TearDown() override { scan_stop(), reset(); }
     static void reset() {
-        scan_reset_state();
+        scan_reset_state();   // no worker runs here
         db_close();
-        {
-            std::lock_guard<std::mutex> lock(cache_mtx);
-            cache_val.clear();
-        }
+        cache_val.clear();
         clear_read_log();
-        std::lock_guard<std::mutex> lock(log_mtx);
         rescans.clear();
     }
 };
@@ -393,7 +383,7 @@ struct ScanTree : Scanner {
         setenv("KELVA_DATA", dir.path.c_str(), 1);
         write_file(dir / "eagleplayer.conf", "Tone prefixes=tone\nSubsong prefixes=subs\nBroken prefixes=broken\n");
         write_file(dir / "players/Broken", "not a hunk file");
-        host.rescan = record_rescan;
+        host.rescan = [](const char *uri) { rescans.push_back(uri); };
     }
     // Writes the module and scans it (with a subtune suffix when given).
     std::string scan(const std::string &file, const std::string &contents, const std::string &suffix = "") {
@@ -409,10 +399,6 @@ struct ScanTree : Scanner {
         return cache_lookup(key(contents, seed), &v) ? std::optional<int32_t>(v) : std::nullopt;
     }
     std::string uri(const std::string &rel) const { return "file://" + dir.path + "/" + rel; }
-    std::vector<std::string> rescanned() {
-        std::lock_guard<std::mutex> lock(log_mtx);
-        return rescans;
-    }
 };
 
 #define REQUIRE_PLAYER(name) \
@@ -425,13 +411,13 @@ TEST_F(ScanTree, ModulesGetTheirCountAndEveryLength) {
     EXPECT_FALSE(stored(module, 0));   // a multi-song file is measured from 1
     for (int s = 1; s <= 5; s++) EXPECT_GT(stored(module, s).value_or(0), 0) << "subtune " << s;
     EXPECT_FALSE(stored(module, 6));
-    EXPECT_EQ(rescanned(), std::vector<std::string>{uri("song.subs")});
+    EXPECT_EQ(rescans, std::vector<std::string>{uri("song.subs")});
 
     module = scan("pick.subs", "pick one", "?3");   // a subtune suffix measures only that subtune
     EXPECT_FALSE(stored(module, kSubsongCountSeed));
     EXPECT_TRUE(stored(module, 3));
     EXPECT_FALSE(stored(module, 1));
-    EXPECT_EQ(rescanned().back(), uri("pick.subs") + "?3");
+    EXPECT_EQ(rescans.back(), uri("pick.subs") + "?3");
     module = scan("zero.subs", "the default one", "?0");   // "?0" is subtune 0, not the whole file
     EXPECT_FALSE(stored(module, kSubsongCountSeed));
     EXPECT_TRUE(stored(module, 0));
@@ -454,7 +440,7 @@ TEST_F(ScanTree, UnstartableModulesAreRememberedAndFilesWithoutPlayerOrContentsL
     scan("empty.tone", "");
     scan_one(uri("missing.tone").c_str());
     EXPECT_TRUE(cache_val.empty());
-    EXPECT_TRUE(rescanned().empty());
+    EXPECT_TRUE(rescans.empty());
 
     std::string broken = scan("x.broken", "this player is not a program");
     EXPECT_EQ(stored(broken, kSubsongCountSeed), 1);
@@ -462,7 +448,7 @@ TEST_F(ScanTree, UnstartableModulesAreRememberedAndFilesWithoutPlayerOrContentsL
     size_t records = cache_val.size();   // known now: a second scan stores nothing new
     scan_one(uri("x.broken").c_str());
     EXPECT_EQ(cache_val.size(), records);
-    EXPECT_EQ(rescanned().size(), 2u);
+    EXPECT_EQ(rescans.size(), 2u);
 }
 
 TEST_F(ScanTree, CancelledMeasurementStoresNothingAndAsksForNoRescan) {
@@ -478,7 +464,7 @@ TEST_F(ScanTree, CancelledMeasurementStoresNothingAndAsksForNoRescan) {
     const std::string unknown = scan("u.tone", "quit after counting");
     EXPECT_EQ(stored(unknown, kSubsongCountSeed), 1);
     EXPECT_FALSE(stored(unknown, 0));
-    EXPECT_TRUE(rescanned().empty());
+    EXPECT_TRUE(rescans.empty());
 }
 
 }  // namespace

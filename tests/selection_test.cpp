@@ -253,11 +253,10 @@ TEST(ModClassify, DecisionRules) {
         {"R 127, P0 = P1", mk(127).sample(5, smp(8)), MOD31_PROTRACKER},
         {"R 127, F7D", mk_z0(127).cell(0, 0, 0, 15, 0x7D), MOD31_COMP},
         {"R 127, F1F", mk_z0(127).cell(0, 0, 0, 15, 0x1F), MOD31_NT10},
-        {"R 127, command 5", mk_z0(127).cell(0, 3, 1, 5, 1), MOD31_COMP},   // tone effects end the convention check
-        {"R 127, command 6", mk_z0(127).cell(0, 3, 1, 6, 1), MOD31_COMP},
-        {"R 127, command 7", mk_z0(127).cell(0, 3, 1, 7, 1), MOD31_COMP},
-        {"R 127, command 9", mk_z0(127).cell(0, 3, 1, 9, 1), MOD31_COMP},
-        {"R 127, command 8", mk_z0(127).cell(0, 3, 1, 8, 1), MOD31_NT10},
+        // Commands 5, 6, 7 and 9 (not 8) end the convention check.
+        {"R 127, 5", mk_z0(127).cell(0, 3, 1, 5, 1), MOD31_COMP}, {"6", mk_z0(127).cell(0, 3, 1, 6, 1), MOD31_COMP},
+        {"R 127, 7", mk_z0(127).cell(0, 3, 1, 7, 1), MOD31_COMP}, {"9", mk_z0(127).cell(0, 3, 1, 9, 1), MOD31_COMP},
+        {"R 127, 8", mk_z0(127).cell(0, 3, 1, 8, 1), MOD31_NT10},
         // R = 127 with P0 > P1 falls to the R < 128 rule: NoiseTracker and tempo checks fail.
         {"R 127, P0 > P1", mk(127).sample(0, smp(100, 64)), MOD31_COMP},
         // Convention check with the restart inside the song: R = 1, L = 2, one Z0 sample.
@@ -482,8 +481,7 @@ TEST(ModCorrection, ImagesMusicSystemLayoutLeavesTheSoundtrackerPlayers) {
         {"a.st", edited(1082, (ims[1082] << 8 | ims[1083]) ^ 4, ims.size())},   // offset not a whole number of patterns
         {"a.st", edited(951, ims[951] << 8 | 3, ims.size())},   // the song names a pattern the file does not store
         {"a.st", edited(950, ims[951], ims.size())},            // an empty song
-        {"a.st", edited(0, ims[0] << 8 | ims[1], short_1k - 1)},
-        {"b.st", edited(0, ims[0] << 8 | ims[1], short_1k)},
+        {"a.st", edited(0, ims[0] << 8 | ims[1], short_1k - 1)}, {"b.st", edited(0, ims[0] << 8 | ims[1], short_1k)},
         {"c.st", edited(42, 0x8000, grown + 0x10000)} /* 64 KB: the longest sample */,
         {"d.st", edited(42, 0x8001, grown + 0x10002)}};
     for (const auto &[name, d] : cases)
