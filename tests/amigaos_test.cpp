@@ -593,8 +593,7 @@ constexpr uint32_t kArea = 0x020000, kTable = 0x030000, kBlock = kGlobals + 290;
 struct SupportPatch : Support {
     // The parameter block: magic 5, area, length, table, flags, wildcards (relative $FFFE, operand $FFFD).
     void block(uint32_t start, uint32_t len, uint32_t flags = 0) {
-        const U longs = {5, start, len, kTable, flags, 0xFFFEFFFD};
-        for (uint32_t i = 0; i < 6; i++) ram_put32(k, kBlock + 4 * i, longs[i]);
+        for (uint32_t i = 0; i < 6; i++) ram_put32(k, kBlock + 4 * i, U{5, start, len, kTable, flags, 0xFFFEFFFD}[i]);
     }
     void area(const W &w, uint32_t at = kArea) {
         for (uint16_t v : w) ram_put16(k, (at += 2) - 2, v);

@@ -277,13 +277,9 @@ TEST_F(CpuDisasm, Texts) {
         {{0xF123}, "dc.w    $f123"}, {{0x7100}, "dc.w    $7100"}, {{0x4C00, 0x0000}, "dc.w    $4c00"},
     };
     for (const auto &[words, want] : cases) EXPECT_EQ(text(words), want) << std::hex << words[0];
-    const char *const names[16] = {"t", "f", "hi", "ls", "cc", "cs", "ne", "eq",
-                                   "vc", "vs", "pl", "mi", "ge", "lt", "gt", "le"};
-    for (uint16_t cc = 2; cc < 16; cc++) {
-        std::string want = std::string("b") + names[cc];
-        want.resize(7, ' ');
-        EXPECT_EQ(text({uint16_t(0x6002 | cc << 8)}), want + " $1004");
-    }
+    const char *const conditions = "hilscccsneeqvcvsplmigeltgtle";   // Bcc for condition 2 to 15
+    for (uint16_t cc = 2; cc < 16; cc++)
+        EXPECT_EQ(text({uint16_t(0x6002 | cc << 8)}), "b" + std::string(conditions + 2 * cc - 4, 2) + "     $1004");
     uint32_t len = 0;
     text({0x41F0, 0x0122, 0x0004, 0x0002}, &len);   // the outer displacement is consumed
     EXPECT_EQ(len, 8u);

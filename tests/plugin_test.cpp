@@ -276,8 +276,7 @@ int fake_read(const char *uri, uint8_t **out, uint32_t *len) {
     std::string u = uri;
     if (u.rfind("mem://box/", 0) != 0 || u == "mem://box/WANTED") return -1;
     std::string body = "from " + u.substr(10);
-    *out = static_cast<uint8_t *>(malloc(body.size()));
-    memcpy(*out, body.data(), body.size());
+    *out = reinterpret_cast<uint8_t *>(strdup(body.c_str()));
     *len = uint32_t(body.size());
     return 1;
 }

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -516,10 +515,6 @@ struct tf {
     tf &cut(uint32_t size) { return d.resize(size), *this; }
     tf &byte(uint32_t at, uint8_t v) { return d.at(at) = v, *this; }
 };
-std::string tfmx(const tf &t) {
-    const char *p = tfmx_choose_player(t.d.data(), uint32_t(t.d.size()));
-    return p ? p : "";
-}
 tf song(uint32_t size) { return tf("TFMX-SONG ", size); }
 tf old() { return song(6000).text(10, "by"); }
 
@@ -550,7 +545,10 @@ TEST(Tfmx, ChoosesByMagicSevenVoiceMarkAndOldHeader) {
         {old().w16(14, 0x0920), "TFMX"}, {old().w16(14, 0x0920).w16(3876, 0x9305), "TFMX-Pro"},
         {old().w16(14, 0x0920).w16(3876, 0x9305).cut(3977), "TFMX"}, {old().w16(14, 0x0E60), "TFMX-Pro"},
     };
-    for (size_t i = 0; i < std::size(cases); i++) EXPECT_EQ(tfmx(cases[i].t), cases[i].player) << "case " << i;
+    for (const auto &c : cases) {
+        const char *p = tfmx_choose_player(c.t.d.data(), uint32_t(c.t.d.size()));
+        EXPECT_STREQ(p ? p : "", c.player) << "case " << &c - cases;
+    }
 }
 
 TEST(Tfmx, CorrectionAfterIdentification) {
