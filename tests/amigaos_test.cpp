@@ -1,6 +1,5 @@
-// The operating-system layer: the hunk loader and LoadSeg, dos.library's
-// handles, the line-A host calls of exec and the CIA resources, and the
-// player support functions (group 4, the negative-offset entries, patching).
+// The operating-system layer: the hunk loader and LoadSeg, dos.library's handles, the line-A host calls of exec and the
+// CIA resources, and the player support functions (group 4, the negative-offset entries, patching).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -144,8 +143,6 @@ TEST_F(Hunk, EmptyHunksBssClearingAndTheHunkCount) {
     EXPECT_EQ(k->hunk_count, 64u);
 }
 
-// ---- LoadSeg --------------------------------------------------------------
-
 struct HunkLoadSeg : Hunk {
     void SetUp() override { mem.files["seg"] = bytes(kValid); }
     uint32_t load_seg(const char *name) {
@@ -168,8 +165,7 @@ TEST_F(HunkLoadSeg, BuildsSegmentListsInTheSlabAndLeavesThePlayersHunksAlone) {
                                       16, 0, 0x11111111, 0x22222222, 0xAAAAAAAA}));                 // contents
     EXPECT_EQ((U{k->alloc_ptr, k->hunk_count, k->hunk_addr[1], k->hunk_size[1]}), (U{0x400024, 3, 0x200040, 0x80}));
 
-    // A second LoadSeg: a separate list further up, whose third long of
-    // hunk 1 (reserved, not given by the file) reads zero.
+    // A second LoadSeg: a separate list further up; hunk 1's third long (reserved, not in the file) reads zero.
     U v = kValid;
     v[6] = 3;
     mem.files["seg"] = bytes(v);
@@ -187,8 +183,7 @@ TEST_F(HunkLoadSeg, Failures) {
     EXPECT_EQ(err, "");
     EXPECT_EQ(load_seg("bad"), 0u);
     EXPECT_EQ(err, "hunk: reloc target 3 out of range\n");
-    // Hunk 0's block (20 bytes) fits, hunk 1's (16) does not; exactly enough
-    // may end at the slab's end.
+    // Hunk 0's block (20 bytes) fits, hunk 1's (16) does not; exactly enough may end at the slab's end.
     for (uint32_t room : {0u, 24u, 36u}) {
         k->alloc_ptr = room ? kSlabEnd - room : 0;
         EXPECT_EQ(load_seg("seg"), room == 36 ? (kSlabEnd - 36 + 4) >> 2 : 0u) << room;
@@ -226,8 +221,8 @@ TEST_F(Dos, ReadsContinueSeeksClampAtTheEnds) {
     EXPECT_EQ(k->ram[kBuf + 35], 0xEE);
     EXPECT_EQ(call(kRead, h, kBuf, 100), 0u);
     EXPECT_TRUE(k->sr & kSrZ);
-    // Seek(handle, offset, mode): mode < 0 from the start, 0 from the position,
-    // > 0 from the end; returns the old position; clamps to [0, size].
+    // Seek(handle, offset, mode): mode < 0 from the start, 0 from the position, > 0 from the end; returns the old
+    // position; clamps to [0, size].
     call(kSeek, h, 0, uint32_t(-1));
     const struct { uint32_t offset, mode, old, now; } cases[] = {
         {uint32_t(-10), 1, 0, 30}, {20, uint32_t(-1), 30, 20}, {uint32_t(-50), 0, 20, 0}, {1000, 0, 0, 40},
@@ -323,8 +318,8 @@ TEST_F(LineA, LibrariesResourcesAndMemoryTypes) {
     k->ram[0x300001] = 'o';
     EXPECT_EQ(trap(0xA002, 0, 0x300000), kDosBase);
     EXPECT_EQ(trap(0xA300, 8), kSlabStart);
-    // TypeOfMem, as a player calls it through exec's jump table (-534): chip
-    // below the player base, fast below the libraries, nothing above.
+    // TypeOfMem, as a player calls it through exec's jump table (-534): chip below the player base, fast below the
+    // libraries, nothing above.
     const std::pair<uint32_t, uint32_t> types[] = {{0, 3}, {0x1FFFFF, 3}, {0x200000, 5}, {0xF7FFFF, 5}, {0xF80000, 0},
                                                    {0xFFFFFF, 0}};
     const uint16_t type_of_mem = uint16_t(read16(k, kExecBase - 534));
@@ -373,8 +368,8 @@ TEST_F(LineA, CiaResourceVectorsAndMasks) {
     EXPECT_EQ(trap(0xA604, 0x01), 0x00u);
 }
 
-// A0 -> { count, count x { name, flag byte, result buffer } }: an entry
-// matches when "name:" begins the type tag, which is then copied whole.
+// A0 -> { count, count x { name, flag byte, result buffer } }: an entry matches when "name:" begins the type tag, which
+// is then copied whole.
 TEST_F(LineA, OptionLookup) {
     const uint32_t table = 0x300000;
     auto flag = [&](uint32_t i) { return k->ram[table + 0x800 + i]; };
@@ -586,8 +581,6 @@ TEST_F(Support, ReachedFrom68kCode) {
     EXPECT_EQ((U{k->aud[2].vol, k->support_calls[45]}), (U{48, 1}));   // PokeVol
 }
 
-// ---- module patching (group-4 function 30) ----
-
 constexpr uint32_t kArea = 0x020000, kTable = 0x030000, kBlock = kGlobals + 290;
 
 struct SupportPatch : Support {
@@ -673,8 +666,8 @@ TEST_F(SupportPatch, BadMagicAndBadFlagsOnlyStoreTheResult) {
     EXPECT_EQ(area_now(1), W{0x1234});
 }
 
-// The search gives up after 2^28 word comparisons: 81 per position from $100000
-// on reach that before $800000. What was patched stays; no further entry runs.
+// The search gives up after 2^28 word comparisons: 81 per position from $100000 on reach that before $800000. What was
+// patched stays; no further entry runs.
 TEST_F(SupportPatch, SearchBudgetEndsTheSearch) {
     W pat(80, 0);
     pat.push_back(0x1234);
@@ -687,9 +680,8 @@ TEST_F(SupportPatch, SearchBudgetEndsTheSearch) {
     EXPECT_EQ(area_now(1, 0x100000), W{0x4E71});
 }
 
-// 200 bytes of captures per attempt: 50 relative (4 bytes) or 100 operand (2 bytes) ones. Each
-// attempt starts with none: a hundred failed attempts that each captured an operand neither fill
-// the space nor leave their captures behind.
+// 200 bytes of captures per attempt: 50 relative (4 bytes) or 100 operand (2 bytes) ones. Each attempt starts with
+// none: a hundred failed attempts that each captured an operand neither fill the space nor leave their captures behind.
 TEST_F(SupportPatch, CaptureSpace) {
     area(W(110, 0));
     for (auto [wild, n, code] :

@@ -1,7 +1,6 @@
-// The processor where it goes beyond or deliberately differs from the 68000
-// the single-step vectors (ctest cpu_vectors) check: 68010/68020 forms, SR
-// bits, exception frames, divide and CHK flags, the opcode table, step costs,
-// the disassembler and the trace.
+// The processor where it goes beyond or deliberately differs from the 68000 the single-step vectors (ctest cpu_vectors)
+// check: 68010/68020 forms, SR bits, exception frames, divide and CHK flags, the opcode table, step costs, the
+// disassembler and the trace.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -65,8 +64,8 @@ TEST_F(Cpu, ScaledAndFullFormatIndexes) {
     k->d[0] = 5;
     run({0x43F0, 0x01F0, 0x0000, 0x4000});   // base and index suppressed
     EXPECT_EQ(k->a[1], 0x4000u);
-    // Memory indirection with a word outer displacement: pre-indexed
-    // read32(A2 + 4 + D1) + 2, post-indexed read32(A2 + 4) + D1 + 2.
+    // Memory indirection with a word outer displacement:
+    // pre-indexed read32(A2 + 4 + D1) + 2, post-indexed read32(A2 + 4) + D1 + 2.
     k->a[2] = 0x2000;
     k->d[1] = 4;
     write32(k, 0x2008, 0x5000);
@@ -213,8 +212,8 @@ TEST_F(Cpu, OpcodeTableCensusAndSpotEntries) {
     op_table[0x4E71] = op_nop;
 }
 
-// A step costs 4 cycles plus the 68000's time to compute the address of a
-// word operand in the opcode's low six bits (mode, register).
+// A step costs 4 cycles plus the 68000's time to compute the address of a word operand in the opcode's low six bits
+// (mode, register).
 TEST_F(Cpu, StepCost) {
     const uint32_t ea_time[] = {0, 0, 4, 4, 6, 8, 10};        // Dn An (An) (An)+ -(An) (d16,An) (d8,An,Xn)
     const uint32_t ea_time7[] = {8, 12, 8, 10, 4};            // abs.W abs.L (d16,PC) (d8,PC,Xn) #imm

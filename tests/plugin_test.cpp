@@ -1,6 +1,5 @@
-// The plugin's host-free parts: the song-length store, module names and
-// titles, the local-file host table and loader, and the background scanner
-// run on real test players.
+// The plugin's host-free parts: the song-length store, module names and titles, the local-file host table and loader,
+// and the background scanner run on real test players.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -79,9 +78,8 @@ TEST_F(SongDb, TornLastLineIsNotTrustedAndDoesNotSwallowTheNextRecord) {
     EXPECT_EQ(look(5, 6), 777);
 }
 
-// A file written under other measurement rules (no version line, or another
-// version) is not loaded: it is kept as songlengths.db.old and a new file
-// starts with the version line.
+// A file written under other measurement rules (no version line, or another version) is not loaded: it is kept as
+// songlengths.db.old and a new file starts with the version line.
 TEST_F(SongDb, FileOfAnotherMeasurementVersionIsSetAside) {
     const std::string record = "00000000000000010000000000000002 12800 android-commando_hiscore.mod\n";
     for (const std::string header : {"", "# kelva song lengths, measurement version 1"}) {
@@ -162,8 +160,7 @@ TEST(ModuleText, EntryTitleAndFormatLabel) {
     EXPECT_EQ(module_format_label(info, "/data/players/PTK-Prowiz"), "ProTracker (31-instrument M.K.), PTK-Prowiz");
 }
 
-// A real module started once: its title from its first 20 bytes, the
-// player's flag, and the count stored for the scanner.
+// A real module started once: its title from its first 20 bytes, the player's flag, the count stored.
 TEST(ModuleInfo, ARealModuleGivesItsTitleAndStoresItsCount) {
     KELVA_REQUIRE_SHARED("testdata/modules/debian/astraltr.mod");
     std::string player = std::string(KELVA_BUILD_DATA) + "/players/PTK-Prowiz";
@@ -268,8 +265,7 @@ TEST(HostIo, SlurpReadsWholeFilesAndRefusesEmptyOrMissingOnes) {
     EXPECT_EQ(take(got, len), big);
 }
 
-// A host whose folder listing is scripted: the first entry that matches in
-// the host's order is the one read.
+// A host whose folder listing is scripted: the first entry that matches in the host's order is read.
 std::vector<std::string> fake_listing, fake_reads;
 int fake_read(const char *uri, uint8_t **out, uint32_t *len) {
     fake_reads.push_back(uri);
@@ -366,7 +362,7 @@ TEST_F(Scanner, StopWakesAnIdleWorkerAndDropsTheQueue) {
     EXPECT_EQ(reads_of("mem://x.mod"), 0);
 }
 
-// ---- scans of real players through a data tree found by KELVA_DATA ----------------
+// Scans of real test players through a data tree found by KELVA_DATA.
 
 struct ScanTree : Scanner {
     env_guard env;
@@ -453,8 +449,7 @@ TEST_F(ScanTree, UnstartableModulesAreRememberedAndFilesWithoutPlayerOrContentsL
 TEST_F(ScanTree, CancelledMeasurementStoresNothingAndAsksForNoRescan) {
     REQUIRE_PLAYER("Tone");
     const std::string module = "quit before measuring";
-    // The count is known, so the scan goes straight to measuring, which sees
-    // the quit flag at its first poll.
+    // The count is known, so the scan goes straight to measuring, which sees the quit flag at its first poll.
     cache_store(key(module, kSubsongCountSeed), 1, "q.tone");
     scan_quit.exchange(true);
     scan("q.tone", module);
