@@ -19,13 +19,9 @@ using W = std::vector<uint16_t>;
 
 // A fresh engine, code at $1000, supervisor mode with the stack at $8000.
 struct Cpu : testing::Test {
-    engine_ptr engine;
-    kelva *k = nullptr;
-
+    engine_ptr engine = (kelva_global_init(), make_engine());
+    kelva *k = engine.get();
     void SetUp() override {
-        kelva_global_init();
-        engine = make_engine();
-        k = engine.get();
         memset(k->d, 0, sizeof k->d);
         memset(k->a, 0, sizeof k->a);
         k->a[7] = 0x8000;
