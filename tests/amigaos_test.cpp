@@ -1,6 +1,5 @@
-// The operating-system layer: the hunk loader and LoadSeg, dos.library's
-// handles, the line-A host calls of exec and the CIA resources, and the
-// player support functions (group 4, the negative-offset entries, patching).
+// The operating-system layer: the hunk loader and LoadSeg, dos.library's handles, the line-A host calls of exec and the
+// CIA resources, and the player support functions (group 4, the negative-offset entries, patching).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -81,35 +80,30 @@ TEST_F(Hunk, ValidImageLoadsAndRelocates) {
 }
 
 TEST_F(Hunk, FailuresPrintOneExactLine) {
-    struct { void (*edit)(U &); const char *message; } cases[] = {
-        {[](U &v) { v[0] = 0x3E7; }, "hunk: missing HUNK_HEADER\n"},
-        {[](U &v) { v.resize(1); }, "hunk: missing HUNK_HEADER\n"},
-        {[](U &v) { v[2] = 65; }, "hunk: bad hunk count (65)\n"},
-        {[](U &v) { v[2] = 0; }, "hunk: bad hunk count (0)\n"},
+    // Each row sets long `at` of the valid image to `value`, or (at < 0) cuts the image to `value` longs.
+    const struct { int at; uint32_t value; const char *message; } cases[] = {
+        {0, 0x3E7, "missing HUNK_HEADER"}, {-1, 1, "missing HUNK_HEADER"}, {2, 65, "bad hunk count (65)"},
+        {2, 0, "bad hunk count (0)"}, {-1, 4, "truncated header"}, {-1, 6, "truncated header"},
+        {1, 5, "truncated header"} /* resident names running off the end */,
         // Sizes that add up beyond the address space are refused up front.
-        {[](U &v) { v[5] = 0x1FFFFFFF; }, "hunk: hunks too large (2147483652 bytes)\n"},
-        {[](U &v) { v.resize(4); }, "hunk: truncated header\n"},
-        {[](U &v) { v.resize(6); }, "hunk: truncated header\n"},
-        {[](U &v) { v[1] = 5; }, "hunk: truncated header\n"},   // resident names running off the end
-        {[](U &v) { v[18] = 0x3F5; }, "hunk: unexpected tag 000003f5 at hunk 1\n"},
-        {[](U &v) { v[8] = 100; }, "hunk: short hunk 0\n"},   // more longs than the file holds
-        {[](U &v) { v.resize(8); }, "hunk: short hunk 0\n"},
-        {[](U &v) { v.resize(18); }, "hunk: truncated at hunk 1\n"},
-        {[](U &v) { v[2] = 3, v[4] = 2, v.insert(v.begin() + 7, 1); }, "hunk: truncated at hunk 2\n"},
-        {[](U &v) { v[14] = 3; }, "hunk: reloc target 3 out of range\n"},
-        {[](U &v) { v[15] = 10; }, "hunk: reloc offset 0000000a outside hunk 0\n"},   // 2 bytes past the hunk
-        {[](U &v) { v[15] = 0xFFFFFFFC; }, "hunk: reloc offset fffffffc outside hunk 0\n"},
-        {[](U &v) { v.resize(15); }, "hunk: short reloc32\n"},
-        {[](U &v) { v.resize(14); }, "hunk: short reloc32\n"},
-        {[](U &v) { v[12] = 0x3ED; }, "hunk: unhandled sub-tag 000003ed\n"},   // HUNK_RELOC16 is not handled
-        {[](U &v) { v[12] = 0x12345678; }, "hunk: unhandled sub-tag 12345678\n"},
-    };
+        {5, 0x1FFFFFFF, "hunks too large (2147483652 bytes)"}, {18, 0x3F5, "unexpected tag 000003f5 at hunk 1"},
+        {8, 100, "short hunk 0"} /* more longs than the file holds */, {-1, 8, "short hunk 0"},
+        {-1, 18, "truncated at hunk 1"}, {14, 3, "reloc target 3 out of range"},
+        {15, 10, "reloc offset 0000000a outside hunk 0"} /* 2 bytes past the hunk */,
+        {15, 0xFFFFFFFC, "reloc offset fffffffc outside hunk 0"}, {-1, 15, "short reloc32"}, {-1, 14, "short reloc32"},
+        {12, 0x3ED, "unhandled sub-tag 000003ed"} /* HUNK_RELOC16 is not handled */,
+        {12, 0x12345678, "unhandled sub-tag 12345678"}};
     for (const auto &c : cases) {
         U v = kValid;
-        c.edit(v);
+        c.at < 0 ? v.resize(c.value) : void(v[size_t(c.at)] = c.value);
         EXPECT_EQ(load(v), 0) << c.message;
-        EXPECT_EQ(err, c.message);
+        EXPECT_EQ(err, "hunk: " + std::string(c.message) + "\n");
     }
+    U three = kValid;   // three hunks announced, two in the file
+    three[2] = 3, three[4] = 2;
+    three.insert(three.begin() + 7, 1);
+    EXPECT_EQ(load(three), 0);
+    EXPECT_EQ(err, "hunk: truncated at hunk 2\n");
     EXPECT_EQ(load(std::vector<uint8_t>{0, 0, 3, 0xF3, 0, 0, 0}), 0);   // shorter than 8 bytes
     EXPECT_EQ(err, "hunk: missing HUNK_HEADER\n");
 }
@@ -149,8 +143,6 @@ TEST_F(Hunk, EmptyHunksBssClearingAndTheHunkCount) {
     EXPECT_EQ(k->hunk_count, 64u);
 }
 
-// ---- LoadSeg --------------------------------------------------------------
-
 struct HunkLoadSeg : Hunk {
     void SetUp() override { mem.files["seg"] = bytes(kValid); }
     uint32_t load_seg(const char *name) {
@@ -173,8 +165,7 @@ TEST_F(HunkLoadSeg, BuildsSegmentListsInTheSlabAndLeavesThePlayersHunksAlone) {
                                       16, 0, 0x11111111, 0x22222222, 0xAAAAAAAA}));                 // contents
     EXPECT_EQ((U{k->alloc_ptr, k->hunk_count, k->hunk_addr[1], k->hunk_size[1]}), (U{0x400024, 3, 0x200040, 0x80}));
 
-    // A second LoadSeg: a separate list further up, whose third long of
-    // hunk 1 (reserved, not given by the file) reads zero.
+    // A second LoadSeg: a separate list further up; hunk 1's third long (reserved, not in the file) reads zero.
     U v = kValid;
     v[6] = 3;
     mem.files["seg"] = bytes(v);
@@ -192,8 +183,7 @@ TEST_F(HunkLoadSeg, Failures) {
     EXPECT_EQ(err, "");
     EXPECT_EQ(load_seg("bad"), 0u);
     EXPECT_EQ(err, "hunk: reloc target 3 out of range\n");
-    // Hunk 0's block (20 bytes) fits, hunk 1's (16) does not; exactly enough
-    // may end at the slab's end.
+    // Hunk 0's block (20 bytes) fits, hunk 1's (16) does not; exactly enough may end at the slab's end.
     for (uint32_t room : {0u, 24u, 36u}) {
         k->alloc_ptr = room ? kSlabEnd - room : 0;
         EXPECT_EQ(load_seg("seg"), room == 36 ? (kSlabEnd - 36 + 4) >> 2 : 0u) << room;
@@ -231,8 +221,8 @@ TEST_F(Dos, ReadsContinueSeeksClampAtTheEnds) {
     EXPECT_EQ(k->ram[kBuf + 35], 0xEE);
     EXPECT_EQ(call(kRead, h, kBuf, 100), 0u);
     EXPECT_TRUE(k->sr & kSrZ);
-    // Seek(handle, offset, mode): mode < 0 from the start, 0 from the position,
-    // > 0 from the end; returns the old position; clamps to [0, size].
+    // Seek(handle, offset, mode): mode < 0 from the start, 0 from the position, > 0 from the end; returns the old
+    // position; clamps to [0, size].
     call(kSeek, h, 0, uint32_t(-1));
     const struct { uint32_t offset, mode, old, now; } cases[] = {
         {uint32_t(-10), 1, 0, 30}, {20, uint32_t(-1), 30, 20}, {uint32_t(-50), 0, 20, 0}, {1000, 0, 0, 40},
@@ -328,8 +318,8 @@ TEST_F(LineA, LibrariesResourcesAndMemoryTypes) {
     k->ram[0x300001] = 'o';
     EXPECT_EQ(trap(0xA002, 0, 0x300000), kDosBase);
     EXPECT_EQ(trap(0xA300, 8), kSlabStart);
-    // TypeOfMem, as a player calls it through exec's jump table (-534): chip
-    // below the player base, fast below the libraries, nothing above.
+    // TypeOfMem, as a player calls it through exec's jump table (-534): chip below the player base, fast below the
+    // libraries, nothing above.
     const std::pair<uint32_t, uint32_t> types[] = {{0, 3}, {0x1FFFFF, 3}, {0x200000, 5}, {0xF7FFFF, 5}, {0xF80000, 0},
                                                    {0xFFFFFF, 0}};
     const uint16_t type_of_mem = uint16_t(read16(k, kExecBase - 534));
@@ -378,8 +368,8 @@ TEST_F(LineA, CiaResourceVectorsAndMasks) {
     EXPECT_EQ(trap(0xA604, 0x01), 0x00u);
 }
 
-// A0 -> { count, count x { name, flag byte, result buffer } }: an entry
-// matches when "name:" begins the type tag, which is then copied whole.
+// A0 -> { count, count x { name, flag byte, result buffer } }: an entry matches when "name:" begins the type tag, which
+// is then copied whole.
 TEST_F(LineA, OptionLookup) {
     const uint32_t table = 0x300000;
     auto flag = [&](uint32_t i) { return k->ram[table + 0x800 + i]; };
@@ -408,24 +398,6 @@ TEST_F(LineA, OptionLookup) {
     EXPECT_EQ(flag(0), 0x77);
     EXPECT_EQ(lookup("type:pt30", {"type"}, 1, 0xA801), 0u);   // the group's other functions do nothing
     EXPECT_EQ(flag(0), 0x77);
-}
-
-// Hand-assembled routines at the player base call the library vectors as player code does.
-TEST_F(LineA, TrapsReachedFrom68kCode) {
-    kelva_global_init();
-    put_code(k, kPlayerBase, {0x2C78, 0x0004, 0x7005,   // movea.l 4.w,a6; moveq #5,d0
-                              0x4EAE, 0xFF3A,           // jsr -198(a6)      AllocMem
-                              0x6602, 0x7401, 0x4E75}); // bne.s +2; moveq #1,d2 (skipped: condition codes from D0); rts
-    EXPECT_EQ(deli_call(k, kPlayerBase), kSlabStart);
-    EXPECT_EQ((U{k->d[2], k->alloc_ptr}), (U{0, kSlabStart + 8}));
-    uint32_t is = 0x300000, code = kPlayerBase + 0x100;
-    ram_put32(k, is + 14, 0x00ABCDEF);
-    ram_put32(k, is + 18, code);
-    put_code(k, code, {0x2409, 0x4E75});   // move.l a1,d2; rts: Cause runs the interrupt with its data in A1
-    put_code(k, kPlayerBase, {0x227C, 0x0030, 0x0000, 0x4EAE, 0xFF4C,   // movea.l #$300000,a1; jsr -180(a6) (Cause)
-                              0x7207, 0x4E75});                       // moveq #7,d1 (after the interrupt); rts
-    deli_call(k, kPlayerBase);
-    EXPECT_EQ((U{k->d[2], k->d[1]}), (U{0x00ABCDEF, 7}));
 }
 
 struct Support : Os {
@@ -582,8 +554,22 @@ TEST_F(Support, AudioEntriesWriteTheChipRegisters) {
     EXPECT_EQ(k->dmacon & 0x000F, 0x0004);
 }
 
+// Hand-assembled routines at the player base call the library vectors as player code does.
 TEST_F(Support, ReachedFrom68kCode) {
     kelva_global_init();
+    put_code(k, kPlayerBase, {0x2C78, 0x0004, 0x7005,   // movea.l 4.w,a6; moveq #5,d0
+                              0x4EAE, 0xFF3A,           // jsr -198(a6)      AllocMem
+                              0x6602, 0x7401, 0x4E75}); // bne.s +2; moveq #1,d2 (skipped: condition codes from D0); rts
+    EXPECT_EQ(deli_call(k, kPlayerBase), kSlabStart);
+    EXPECT_EQ((U{k->d[2], k->alloc_ptr}), (U{0, kSlabStart + 8}));
+    uint32_t is = 0x300000, code = kPlayerBase + 0x100;
+    ram_put32(k, is + 14, 0x00ABCDEF);
+    ram_put32(k, is + 18, code);
+    put_code(k, code, {0x2409, 0x4E75});   // move.l a1,d2; rts: Cause runs the interrupt with its data in A1
+    put_code(k, kPlayerBase, {0x227C, 0x0030, 0x0000, 0x4EAE, 0xFF4C,   // movea.l #$300000,a1; jsr -180(a6) (Cause)
+                              0x7207, 0x4E75});                       // moveq #7,d1 (after the interrupt); rts
+    deli_call(k, kPlayerBase);
+    EXPECT_EQ((U{k->d[2], k->d[1]}), (U{0x00ABCDEF, 7}));
     // movea.l 92(a5),a0 (SongEnd: 56 + 4 x 9); jsr (a0); rts
     put_code(k, kPlayerBase, {0x206D, 0x005C, 0x4E90, 0x4E75});
     k->played_frames = 1000;
@@ -595,15 +581,12 @@ TEST_F(Support, ReachedFrom68kCode) {
     EXPECT_EQ((U{k->aud[2].vol, k->support_calls[45]}), (U{48, 1}));   // PokeVol
 }
 
-// ---- module patching (group-4 function 30) ----
-
 constexpr uint32_t kArea = 0x020000, kTable = 0x030000, kBlock = kGlobals + 290;
 
 struct SupportPatch : Support {
     // The parameter block: magic 5, area, length, table, flags, wildcards (relative $FFFE, operand $FFFD).
     void block(uint32_t start, uint32_t len, uint32_t flags = 0) {
-        const U longs = {5, start, len, kTable, flags, 0xFFFEFFFD};
-        for (uint32_t i = 0; i < 6; i++) ram_put32(k, kBlock + 4 * i, longs[i]);
+        for (uint32_t i = 0; i < 6; i++) ram_put32(k, kBlock + 4 * i, U{5, start, len, kTable, flags, 0xFFFEFFFD}[i]);
     }
     void area(const W &w, uint32_t at = kArea) {
         for (uint16_t v : w) ram_put16(k, (at += 2) - 2, v);
@@ -683,8 +666,8 @@ TEST_F(SupportPatch, BadMagicAndBadFlagsOnlyStoreTheResult) {
     EXPECT_EQ(area_now(1), W{0x1234});
 }
 
-// The search gives up after 2^28 word comparisons: 81 per position from $100000
-// on reach that before $800000. What was patched stays; no further entry runs.
+// The search gives up after 2^28 word comparisons: 81 per position from $100000 on reach that before $800000. What was
+// patched stays; no further entry runs.
 TEST_F(SupportPatch, SearchBudgetEndsTheSearch) {
     W pat(80, 0);
     pat.push_back(0x1234);
@@ -697,9 +680,8 @@ TEST_F(SupportPatch, SearchBudgetEndsTheSearch) {
     EXPECT_EQ(area_now(1, 0x100000), W{0x4E71});
 }
 
-// 200 bytes of captures per attempt: 50 relative (4 bytes) or 100 operand (2 bytes) ones. Each
-// attempt starts with none: a hundred failed attempts that each captured an operand neither fill
-// the space nor leave their captures behind.
+// 200 bytes of captures per attempt: 50 relative (4 bytes) or 100 operand (2 bytes) ones. Each attempt starts with
+// none: a hundred failed attempts that each captured an operand neither fill the space nor leave their captures behind.
 TEST_F(SupportPatch, CaptureSpace) {
     area(W(110, 0));
     for (auto [wild, n, code] :

@@ -1,7 +1,6 @@
-// The processor where it goes beyond or deliberately differs from the 68000
-// the single-step vectors (ctest cpu_vectors) check: 68010/68020 forms, SR
-// bits, exception frames, divide and CHK flags, the opcode table, step costs,
-// the disassembler and the trace.
+// The processor where it goes beyond or deliberately differs from the 68000 the single-step vectors (ctest cpu_vectors)
+// check: 68010/68020 forms, SR bits, exception frames, divide and CHK flags, the opcode table, step costs, the
+// disassembler and the trace.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,13 +19,9 @@ using W = std::vector<uint16_t>;
 
 // A fresh engine, code at $1000, supervisor mode with the stack at $8000.
 struct Cpu : testing::Test {
-    engine_ptr engine;
-    kelva *k = nullptr;
-
+    engine_ptr engine = (kelva_global_init(), make_engine());
+    kelva *k = engine.get();
     void SetUp() override {
-        kelva_global_init();
-        engine = make_engine();
-        k = engine.get();
         memset(k->d, 0, sizeof k->d);
         memset(k->a, 0, sizeof k->a);
         k->a[7] = 0x8000;
@@ -65,8 +60,8 @@ TEST_F(Cpu, ScaledAndFullFormatIndexes) {
     k->d[0] = 5;
     run({0x43F0, 0x01F0, 0x0000, 0x4000});   // base and index suppressed
     EXPECT_EQ(k->a[1], 0x4000u);
-    // Memory indirection with a word outer displacement: pre-indexed
-    // read32(A2 + 4 + D1) + 2, post-indexed read32(A2 + 4) + D1 + 2.
+    // Memory indirection with a word outer displacement:
+    // pre-indexed read32(A2 + 4 + D1) + 2, post-indexed read32(A2 + 4) + D1 + 2.
     k->a[2] = 0x2000;
     k->d[1] = 4;
     write32(k, 0x2008, 0x5000);
@@ -213,8 +208,8 @@ TEST_F(Cpu, OpcodeTableCensusAndSpotEntries) {
     op_table[0x4E71] = op_nop;
 }
 
-// A step costs 4 cycles plus the 68000's time to compute the address of a
-// word operand in the opcode's low six bits (mode, register).
+// A step costs 4 cycles plus the 68000's time to compute the address of a word operand in the opcode's low six bits
+// (mode, register).
 TEST_F(Cpu, StepCost) {
     const uint32_t ea_time[] = {0, 0, 4, 4, 6, 8, 10};        // Dn An (An) (An)+ -(An) (d16,An) (d8,An,Xn)
     const uint32_t ea_time7[] = {8, 12, 8, 10, 4};            // abs.W abs.L (d16,PC) (d8,PC,Xn) #imm
@@ -277,13 +272,9 @@ TEST_F(CpuDisasm, Texts) {
         {{0xF123}, "dc.w    $f123"}, {{0x7100}, "dc.w    $7100"}, {{0x4C00, 0x0000}, "dc.w    $4c00"},
     };
     for (const auto &[words, want] : cases) EXPECT_EQ(text(words), want) << std::hex << words[0];
-    const char *const names[16] = {"t", "f", "hi", "ls", "cc", "cs", "ne", "eq",
-                                   "vc", "vs", "pl", "mi", "ge", "lt", "gt", "le"};
-    for (uint16_t cc = 2; cc < 16; cc++) {
-        std::string want = std::string("b") + names[cc];
-        want.resize(7, ' ');
-        EXPECT_EQ(text({uint16_t(0x6002 | cc << 8)}), want + " $1004");
-    }
+    const char *const conditions = "hilscccsneeqvcvsplmigeltgtle";   // Bcc for condition 2 to 15
+    for (uint16_t cc = 2; cc < 16; cc++)
+        EXPECT_EQ(text({uint16_t(0x6002 | cc << 8)}), "b" + std::string(conditions + 2 * cc - 4, 2) + "     $1004");
     uint32_t len = 0;
     text({0x41F0, 0x0122, 0x0004, 0x0002}, &len);   // the outer displacement is consumed
     EXPECT_EQ(len, 8u);

@@ -1,13 +1,11 @@
-// The plugin's host-free parts: the song-length store, module names and
-// titles, the local-file host table and loader, and the background scanner
-// run on real test players.
+// The plugin's host-free parts: the song-length store, module names and titles, the local-file host table and loader,
+// and the background scanner run on real test players.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -80,9 +78,8 @@ TEST_F(SongDb, TornLastLineIsNotTrustedAndDoesNotSwallowTheNextRecord) {
     EXPECT_EQ(look(5, 6), 777);
 }
 
-// A file written under other measurement rules (no version line, or another
-// version) is not loaded: it is kept as songlengths.db.old and a new file
-// starts with the version line.
+// A file written under other measurement rules (no version line, or another version) is not loaded: it is kept as
+// songlengths.db.old and a new file starts with the version line.
 TEST_F(SongDb, FileOfAnotherMeasurementVersionIsSetAside) {
     const std::string record = "00000000000000010000000000000002 12800 android-commando_hiscore.mod\n";
     for (const std::string header : {"", "# kelva song lengths, measurement version 1"}) {
@@ -163,8 +160,7 @@ TEST(ModuleText, EntryTitleAndFormatLabel) {
     EXPECT_EQ(module_format_label(info, "/data/players/PTK-Prowiz"), "ProTracker (31-instrument M.K.), PTK-Prowiz");
 }
 
-// A real module started once: its title from its first 20 bytes, the
-// player's flag, and the count stored for the scanner.
+// A real module started once: its title from its first 20 bytes, the player's flag, the count stored.
 TEST(ModuleInfo, ARealModuleGivesItsTitleAndStoresItsCount) {
     KELVA_REQUIRE_SHARED("testdata/modules/debian/astraltr.mod");
     std::string player = std::string(KELVA_BUILD_DATA) + "/players/PTK-Prowiz";
@@ -269,16 +265,14 @@ TEST(HostIo, SlurpReadsWholeFilesAndRefusesEmptyOrMissingOnes) {
     EXPECT_EQ(take(got, len), big);
 }
 
-// A host whose folder listing is scripted: the first entry that matches in
-// the host's order is the one read.
+// A host whose folder listing is scripted: the first entry that matches in the host's order is read.
 std::vector<std::string> fake_listing, fake_reads;
 int fake_read(const char *uri, uint8_t **out, uint32_t *len) {
     fake_reads.push_back(uri);
     std::string u = uri;
     if (u.rfind("mem://box/", 0) != 0 || u == "mem://box/WANTED") return -1;
     std::string body = "from " + u.substr(10);
-    *out = static_cast<uint8_t *>(malloc(body.size()));
-    memcpy(*out, body.data(), body.size());
+    *out = reinterpret_cast<uint8_t *>(strdup(body.c_str()));
     *len = uint32_t(body.size());
     return 1;
 }
@@ -325,26 +319,17 @@ TEST_F(VfsLoad, FirstMatchInTheHostsOrderWins) {
     EXPECT_EQ(load("mem://box/WANTED"), "-");
 }
 
-// The rescans the scanner asked for, recorded from the worker thread.
-std::mutex log_mtx;
+// The rescans the scanner asked for (scan_one runs on the test's thread).
 std::vector<std::string> rescans;
-void record_rescan(const char *uri) {
-    std::lock_guard<std::mutex> lock(log_mtx);
-    rescans.push_back(uri);
-}
 
 struct Scanner : testing::Test {
     void SetUp() override { reset(); }
     void TearDown() override { scan_stop(), reset(); }
     static void reset() {
-        scan_reset_state();
+        scan_reset_state();   // no worker runs here
         db_close();
-        {
-            std::lock_guard<std::mutex> lock(cache_mtx);
-            cache_val.clear();
-        }
+        cache_val.clear();
         clear_read_log();
-        std::lock_guard<std::mutex> lock(log_mtx);
         rescans.clear();
     }
 };
@@ -377,7 +362,7 @@ TEST_F(Scanner, StopWakesAnIdleWorkerAndDropsTheQueue) {
     EXPECT_EQ(reads_of("mem://x.mod"), 0);
 }
 
-// ---- scans of real players through a data tree found by KELVA_DATA ----------------
+// Scans of real test players through a data tree found by KELVA_DATA.
 
 struct ScanTree : Scanner {
     env_guard env;
@@ -393,7 +378,7 @@ struct ScanTree : Scanner {
         setenv("KELVA_DATA", dir.path.c_str(), 1);
         write_file(dir / "eagleplayer.conf", "Tone prefixes=tone\nSubsong prefixes=subs\nBroken prefixes=broken\n");
         write_file(dir / "players/Broken", "not a hunk file");
-        host.rescan = record_rescan;
+        host.rescan = [](const char *uri) { rescans.push_back(uri); };
     }
     // Writes the module and scans it (with a subtune suffix when given).
     std::string scan(const std::string &file, const std::string &contents, const std::string &suffix = "") {
@@ -409,10 +394,6 @@ struct ScanTree : Scanner {
         return cache_lookup(key(contents, seed), &v) ? std::optional<int32_t>(v) : std::nullopt;
     }
     std::string uri(const std::string &rel) const { return "file://" + dir.path + "/" + rel; }
-    std::vector<std::string> rescanned() {
-        std::lock_guard<std::mutex> lock(log_mtx);
-        return rescans;
-    }
 };
 
 #define REQUIRE_PLAYER(name) \
@@ -425,13 +406,13 @@ TEST_F(ScanTree, ModulesGetTheirCountAndEveryLength) {
     EXPECT_FALSE(stored(module, 0));   // a multi-song file is measured from 1
     for (int s = 1; s <= 5; s++) EXPECT_GT(stored(module, s).value_or(0), 0) << "subtune " << s;
     EXPECT_FALSE(stored(module, 6));
-    EXPECT_EQ(rescanned(), std::vector<std::string>{uri("song.subs")});
+    EXPECT_EQ(rescans, std::vector<std::string>{uri("song.subs")});
 
     module = scan("pick.subs", "pick one", "?3");   // a subtune suffix measures only that subtune
     EXPECT_FALSE(stored(module, kSubsongCountSeed));
     EXPECT_TRUE(stored(module, 3));
     EXPECT_FALSE(stored(module, 1));
-    EXPECT_EQ(rescanned().back(), uri("pick.subs") + "?3");
+    EXPECT_EQ(rescans.back(), uri("pick.subs") + "?3");
     module = scan("zero.subs", "the default one", "?0");   // "?0" is subtune 0, not the whole file
     EXPECT_FALSE(stored(module, kSubsongCountSeed));
     EXPECT_TRUE(stored(module, 0));
@@ -454,7 +435,7 @@ TEST_F(ScanTree, UnstartableModulesAreRememberedAndFilesWithoutPlayerOrContentsL
     scan("empty.tone", "");
     scan_one(uri("missing.tone").c_str());
     EXPECT_TRUE(cache_val.empty());
-    EXPECT_TRUE(rescanned().empty());
+    EXPECT_TRUE(rescans.empty());
 
     std::string broken = scan("x.broken", "this player is not a program");
     EXPECT_EQ(stored(broken, kSubsongCountSeed), 1);
@@ -462,14 +443,13 @@ TEST_F(ScanTree, UnstartableModulesAreRememberedAndFilesWithoutPlayerOrContentsL
     size_t records = cache_val.size();   // known now: a second scan stores nothing new
     scan_one(uri("x.broken").c_str());
     EXPECT_EQ(cache_val.size(), records);
-    EXPECT_EQ(rescanned().size(), 2u);
+    EXPECT_EQ(rescans.size(), 2u);
 }
 
 TEST_F(ScanTree, CancelledMeasurementStoresNothingAndAsksForNoRescan) {
     REQUIRE_PLAYER("Tone");
     const std::string module = "quit before measuring";
-    // The count is known, so the scan goes straight to measuring, which sees
-    // the quit flag at its first poll.
+    // The count is known, so the scan goes straight to measuring, which sees the quit flag at its first poll.
     cache_store(key(module, kSubsongCountSeed), 1, "q.tone");
     scan_quit.exchange(true);
     scan("q.tone", module);
@@ -478,7 +458,7 @@ TEST_F(ScanTree, CancelledMeasurementStoresNothingAndAsksForNoRescan) {
     const std::string unknown = scan("u.tone", "quit after counting");
     EXPECT_EQ(stored(unknown, kSubsongCountSeed), 1);
     EXPECT_FALSE(stored(unknown, 0));
-    EXPECT_TRUE(rescanned().empty());
+    EXPECT_TRUE(rescans.empty());
 }
 
 }  // namespace

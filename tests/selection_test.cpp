@@ -1,14 +1,12 @@
-// Choosing the player: the data tree's search order and loaders,
-// eagleplayer.conf's scoring and line reader, the ProTracker-family
-// classification, the ".mod", ".st" and TFMX content corrections, option
-// lookup and refinement, the name getters, and the bundled configuration.
+// Choosing the player: the data tree's search order and loaders, eagleplayer.conf's scoring and line reader, the
+// ProTracker-family classification, the ".mod", ".st" and TFMX content corrections, option lookup and refinement, the
+// name getters, and the bundled configuration.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -81,8 +79,8 @@ TEST(DataTree, KelvaDataThenTheUserTreeFromXdgThenHome) {
     EXPECT_NE(data_path_str("players/P"), home / ".local/share/kelva_data/players/P");
 }
 
-// Both program-side cases in one test: the second creates the tree beside
-// the program for a moment, which the first must not see.
+// Both program-side cases in one test: the second creates the tree beside the program for a moment, which the first
+// must not see.
 TEST(DataTree, ProgramSideTreeFirstAndAsFallback) {
     env_guard env;
     std::string beside = exe_tree();
@@ -93,8 +91,8 @@ TEST(DataTree, ProgramSideTreeFirstAndAsFallback) {
     setenv("HOME", "", 1);   // only the program-side candidate and the system folders remain
     if (access("/usr/local/share/kelva_data/eagleplayer.conf", F_OK) &&
         access("/usr/share/kelva_data/eagleplayer.conf", F_OK)) {
-        // No tree anywhere: the path beside the program is still produced, and
-        // a per-user tree installed now is found on the next call.
+        // No tree anywhere: the path beside the program is still produced, and a per-user tree installed now is found
+        // on the next call.
         EXPECT_EQ(data_path_str("eagleplayer.conf"), beside + "/eagleplayer.conf");
         temp_dir late;
         setenv("XDG_DATA_HOME", late.path.c_str(), 1);
@@ -176,10 +174,9 @@ TEST(DataTree, EnvironmentVolumesMapIntoPlayersEnv) {
 
 int cls(const std::vector<uint8_t> &d) { return mod31_classify(d.data(), uint32_t(d.size())); }
 
-// An "M.K." module with sample 0 a ProTracker-style unlooped sample (repeat
-// length 1) and every other header as ProTracker writes empty ones (length
-// 0, repeat length 1): P1 = 1, P0 = 0, Z1 = 30, Z0 = 0. The order list
-// names pattern 1, so pattern 0 (below the highest entry) is examined.
+// An "M.K." module with sample 0 a ProTracker-style unlooped sample (repeat length 1) and every other header as
+// ProTracker writes empty ones (length 0, repeat length 1): P1 = 1, P0 = 0, Z1 = 30, Z0 = 0. The order list names
+// pattern 1, so pattern 0 (below the highest entry) is examined.
 mb mk(uint8_t restart, uint8_t song_length = 1) {
     mb m("M.K.", 2);
     m.song(song_length, restart).order(1, 1).sample(0, smp(100, 64, 0, 1)).samples(1, 31, smp(0, 0, 0, 1));
@@ -246,18 +243,16 @@ TEST(ModClassify, DecisionRules) {
         {"E1x in pattern 1", mk(0, 2).cell(1, 0, 0, 14, 0x10), MOD31_NT20},
         {"E1x in pattern 0", mk(0, 2).cell(0, 0, 0, 14, 0x10), MOD31_COMP},
         {"E0x is not one of them", mk(0, 2).cell(0, 0, 0, 14, 0x01), MOD31_NT20},
-        // Restart 127: P0 <= P1 and Z0 <= Z1 is plain ProTracker; Z0 > Z1 goes to the
-        // convention check; L < R leads on to the NoiseTracker check, which fails on
-        // Z0 > Z1, and the tempo check gives 6, or 7 with F20 or more.
+        // Restart 127: P0 <= P1 and Z0 <= Z1 is plain ProTracker; Z0 > Z1 goes to the convention check; L < R leads on
+        // to the NoiseTracker check, which fails on Z0 > Z1, and the tempo check gives 6, or 7 with F20 or more.
         {"R 127", mk(127), MOD31_PROTRACKER}, {"R 127, Z0 > Z1", mk_z0(127), MOD31_NT10},
         {"R 127, P0 = P1", mk(127).sample(5, smp(8)), MOD31_PROTRACKER},
         {"R 127, F7D", mk_z0(127).cell(0, 0, 0, 15, 0x7D), MOD31_COMP},
         {"R 127, F1F", mk_z0(127).cell(0, 0, 0, 15, 0x1F), MOD31_NT10},
-        {"R 127, command 5", mk_z0(127).cell(0, 3, 1, 5, 1), MOD31_COMP},   // tone effects end the convention check
-        {"R 127, command 6", mk_z0(127).cell(0, 3, 1, 6, 1), MOD31_COMP},
-        {"R 127, command 7", mk_z0(127).cell(0, 3, 1, 7, 1), MOD31_COMP},
-        {"R 127, command 9", mk_z0(127).cell(0, 3, 1, 9, 1), MOD31_COMP},
-        {"R 127, command 8", mk_z0(127).cell(0, 3, 1, 8, 1), MOD31_NT10},
+        // Commands 5, 6, 7 and 9 (not 8) end the convention check.
+        {"R 127, 5", mk_z0(127).cell(0, 3, 1, 5, 1), MOD31_COMP}, {"6", mk_z0(127).cell(0, 3, 1, 6, 1), MOD31_COMP},
+        {"R 127, 7", mk_z0(127).cell(0, 3, 1, 7, 1), MOD31_COMP}, {"9", mk_z0(127).cell(0, 3, 1, 9, 1), MOD31_COMP},
+        {"R 127, 8", mk_z0(127).cell(0, 3, 1, 8, 1), MOD31_NT10},
         // R = 127 with P0 > P1 falls to the R < 128 rule: NoiseTracker and tempo checks fail.
         {"R 127, P0 > P1", mk(127).sample(0, smp(100, 64)), MOD31_COMP},
         // Convention check with the restart inside the song: R = 1, L = 2, one Z0 sample.
@@ -283,8 +278,8 @@ TEST(ModClassify, DecisionRules) {
     EXPECT_EQ(cls(d), MOD31_NT20);
 }
 
-// A data tree in a temporary folder with the given configuration and stub
-// player files; KELVA_DATA points at it while the record lives.
+// A data tree in a temporary folder with the given configuration and stub player files; KELVA_DATA points at it while
+// the record lives.
 struct conf_tree {
     env_guard env;
     temp_dir dir;
@@ -363,15 +358,12 @@ TEST(EpconfIdentify, HostileConfigurationLines) {
     EXPECT_EQ(identify("a.mod"), "");
 }
 
-// ---------------------------------------------------------- ".mod" and ".st" corrections
-
-// A clean 15-instrument module: highest order m = 1 (so patterns 0 and 1 are
-// stored and pattern 0 is examined), one unlooped sample, song length 2.
+// A clean 15-instrument module: highest order m = 1 (so patterns 0 and 1 are stored and pattern 0 is examined), one
+// unlooped sample, song length 2.
 mb st15_module() { return mb(nullptr, 2).song(2, 120).order(1, 1).sample(0, smp(100, 64, 0, 0, 0, "bass")); }
 mb st15_cell(uint8_t cmd, uint8_t param, uint32_t pattern = 0) { return st15_module().cell(pattern, 5, 1, cmd, param); }
 
-// A plain ProTracker module: restart 127, every header with repeat length 1
-// (P0 = 0 <= P1, Z0 = 0 <= Z1): classified 0.
+// A plain ProTracker module: restart 127, every header with repeat length 1 (P0 = 0 <= P1, Z0 = 0 <= Z1): classified 0.
 mb pt_module() { return mb("M.K.", 1).song(1, 127).samples(0, 31, smp(0, 0, 0, 1)); }
 
 std::string st15(const std::vector<uint8_t> &d) {
@@ -431,8 +423,8 @@ TEST(ModCorrection, SizeTagAndHeaderRouting) {
     EXPECT_EQ(identify("x/Song.MOD", clean), kUst);   // a clean 15-instrument module ...
     EXPECT_EQ(identify("Song.st", clean), "Custom");   // ... but only for names that end in .mod
     EXPECT_EQ(identify("mod.Song", clean), "Custom");
-    // Song length 0 or above 128, or order byte 499 equal to 1: the 31-instrument
-    // check runs instead; no tag gives 0, nothing proposed.
+    // Song length 0 or above 128, or order byte 499 equal to 1: the 31-instrument check runs instead; no tag gives 0,
+    // nothing proposed.
     for (auto [offset, value] : {std::pair{470, 0}, std::pair{470, 129}, std::pair{499, 1}, std::pair{470, 128}})
         EXPECT_EQ(identify("a.mod", st15_module().poke(offset, uint8_t(value)).bytes()), value == 128 ? kUst : "Custom")
             << offset << "=" << value;
@@ -456,9 +448,8 @@ TEST(ModCorrection, SizeTagAndHeaderRouting) {
     EXPECT_EQ(identify("a.mod", clean), kUst);
 }
 
-// ".st" names Soundtracker modules and Images Music System ones: the IMS
-// layout (sample data at the offset stored at 1080, 1084 + 768 x patterns,
-// filling the file) goes to its own player, and only for names ending .st.
+// ".st" names Soundtracker modules and Images Music System ones: the IMS layout (sample data at the offset stored at
+// 1080, 1084 + 768 x patterns, filling the file) goes to its own player, and only for names ending .st.
 TEST(ModCorrection, ImagesMusicSystemLayoutLeavesTheSoundtrackerPlayers) {
     KELVA_REQUIRE_SHARED("testdata/modules/other");
     conf_tree t("PTK-Prowiz prefixes=mod,st epopt=type:pt30\nImagesMusicSystem prefixes=ims\n",
@@ -482,8 +473,7 @@ TEST(ModCorrection, ImagesMusicSystemLayoutLeavesTheSoundtrackerPlayers) {
         {"a.st", edited(1082, (ims[1082] << 8 | ims[1083]) ^ 4, ims.size())},   // offset not a whole number of patterns
         {"a.st", edited(951, ims[951] << 8 | 3, ims.size())},   // the song names a pattern the file does not store
         {"a.st", edited(950, ims[951], ims.size())},            // an empty song
-        {"a.st", edited(0, ims[0] << 8 | ims[1], short_1k - 1)},
-        {"b.st", edited(0, ims[0] << 8 | ims[1], short_1k)},
+        {"a.st", edited(0, ims[0] << 8 | ims[1], short_1k - 1)}, {"b.st", edited(0, ims[0] << 8 | ims[1], short_1k)},
         {"c.st", edited(42, 0x8000, grown + 0x10000)} /* 64 KB: the longest sample */,
         {"d.st", edited(42, 0x8001, grown + 0x10002)}};
     for (const auto &[name, d] : cases)
@@ -497,8 +487,6 @@ TEST(ModCorrection, ImagesMusicSystemLayoutLeavesTheSoundtrackerPlayers) {
     t.remove_player("ImagesMusicSystem");
     EXPECT_EQ(identify("a.st", ims), kPtk);
 }
-
-// ------------------------------------------------------------------- TFMX
 
 // A TFMX image edited in one expression; header text that is not one of the old markers.
 struct tf {
@@ -518,10 +506,6 @@ struct tf {
     tf &cut(uint32_t size) { return d.resize(size), *this; }
     tf &byte(uint32_t at, uint8_t v) { return d.at(at) = v, *this; }
 };
-std::string tfmx(const tf &t) {
-    const char *p = tfmx_choose_player(t.d.data(), uint32_t(t.d.size()));
-    return p ? p : "";
-}
 tf song(uint32_t size) { return tf("TFMX-SONG ", size); }
 tf old() { return song(6000).text(10, "by"); }
 
@@ -552,7 +536,10 @@ TEST(Tfmx, ChoosesByMagicSevenVoiceMarkAndOldHeader) {
         {old().w16(14, 0x0920), "TFMX"}, {old().w16(14, 0x0920).w16(3876, 0x9305), "TFMX-Pro"},
         {old().w16(14, 0x0920).w16(3876, 0x9305).cut(3977), "TFMX"}, {old().w16(14, 0x0E60), "TFMX-Pro"},
     };
-    for (size_t i = 0; i < std::size(cases); i++) EXPECT_EQ(tfmx(cases[i].t), cases[i].player) << "case " << i;
+    for (const auto &c : cases) {
+        const char *p = tfmx_choose_player(c.t.d.data(), uint32_t(c.t.d.size()));
+        EXPECT_STREQ(p ? p : "", c.player) << "case " << &c - cases;
+    }
 }
 
 TEST(Tfmx, CorrectionAfterIdentification) {
@@ -564,8 +551,6 @@ TEST(Tfmx, CorrectionAfterIdentification) {
     d.resize(519);
     EXPECT_EQ(identify("mdat.song", d), "TFMX");
 }
-
-// ---------------------------------------------------------- option lookup and names
 
 std::string resolve(kelva *k, const char *player, const char *module, const std::vector<uint8_t> &d = {}) {
     strcpy(k->epopt, "stale");
@@ -638,10 +623,7 @@ TEST(EpconfNames, FormatAndPlayerNames) {
     EXPECT_EQ(out[0], 'q');
 }
 
-// ----------------------------------------------------------- real modules
-
-// The bundled configuration (each real module's player and format are
-// checked by PtkRealModules).
+// The bundled configuration (each real module's player and format are checked by PtkRealModules).
 TEST(RealModules, BundledConfigurationMapsTheFamily) {
     std::string conf = std::string(KELVA_BUILD_DATA) + "/eagleplayer.conf";
     if (!std::filesystem::exists(conf)) GTEST_SKIP() << conf << " is not built";

@@ -1,5 +1,5 @@
-// The scanner's process-wide state for tests: reset as a fresh process has
-// it, and a host read that opens nothing but counts what it was asked for.
+// The scanner's process-wide state for tests: reset as a fresh process has it, and a host read that opens nothing but
+// counts what it was asked for.
 #pragma once
 
 #include <map>
@@ -9,8 +9,7 @@
 #include "plugin/hostio.h"
 #include "plugin/scan.h"
 
-// An empty queue, nothing seen, the quit flag down and the local-file host
-// table. The worker must be stopped first.
+// An empty queue, nothing seen, the quit flag down and the local-file host table. The worker must be stopped first.
 inline void scan_reset_state() {
     {
         std::lock_guard<std::mutex> lock(scan_mtx);

@@ -1,6 +1,5 @@
-// Helpers of the operating-system, selection, plugin and tool tests: code
-// words in emulated memory, captured diagnostics, polling, and module
-// images built in one expression.
+// Helpers of the operating-system, selection, plugin and tool tests: code words in emulated memory, captured
+// diagnostics, polling, and module images built in one expression.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -50,10 +49,9 @@ inline mod_sample smp(uint16_t length, uint8_t volume = 0, uint16_t repeat_start
     return {length, volume, repeat_start, repeat_length, finetune, name};
 }
 
-// A ProTracker-layout module image edited in one expression: 31 instruments
-// (tag at 1080, patterns from 1084) or, with tag null, 15 (patterns from 600).
-// Song length 1, orders 0, headers zero until set; bytes() appends the sample
-// data the headers ask for: mb("M.K.", 2).song(1, 127).sample(0, smp(100, 64)).bytes()
+// A ProTracker-layout module image edited in one expression: 31 instruments (tag at 1080, patterns from 1084) or, with
+// tag null, 15 (patterns from 600). Song length 1, orders 0, headers zero until set; bytes() appends the sample data
+// the headers ask for: mb("M.K.", 2).song(1, 127).sample(0, smp(100, 64)).bytes()
 struct mb {
     uint32_t n_samples, header, song_at, patterns;
     std::vector<uint8_t> b;
