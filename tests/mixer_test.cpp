@@ -1,11 +1,7 @@
-// Paula channels: DMA start/stop, block lengths, looping and queued blocks,
-// the backward fetch, block ends as the render loop predicts them, and the
-// guarantee that no channel reads past the top of RAM; a sample is fetched
-// every `period` Paula ticks (at least 113). The mixer: both of its paths
-// (frame at a time, and per tick with k->mix_per_tick) against a plain
-// per-side reference of the output path written from its description;
-// settled levels, separation, muting, unusable rates; and excerpts of real
-// modules through both paths.
+// Paula channels (a sample fetched every `period` Paula ticks, at least 113)
+// and the mixer: both its paths (per frame, and per tick with
+// k->mix_per_tick) against a plain reference of the output path, and on
+// excerpts of real modules.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -92,16 +88,14 @@ TEST_F(Paula, QueuedBlockStartsExactlyWhenTheOldOneIsExhausted) {
     start(0);
     run_ticks(200 * 3);   // at byte 3 of 8
     set_audio_latches(k, 0, 0x40000, 2, 200, 64);
-    EXPECT_TRUE(c.queued);
-    EXPECT_EQ(c.data, k->ram + 0x30000);
-    EXPECT_EQ(run_ticks(200 * 5 - 1), 0);
-    EXPECT_EQ(c.sample, 7);
-    EXPECT_EQ(run_ticks(1), 1);   // the switch is the block end
-    EXPECT_EQ(c.data, k->ram + 0x40000);
-    EXPECT_EQ(c.sample, 100);
-    EXPECT_FALSE(c.queued);
-    EXPECT_EQ(run_ticks(200 * 4), 1);   // the new block repeats on its own
-    EXPECT_EQ(c.sample, 100);
+    // The switch is the block end; the new block then repeats on its own.
+    const std::tuple<int, int, int, int, bool> steps[] = {
+        {0, 0, 0x30000, 3, true}, {999, 0, 0x30000, 7, true}, {1, 1, 0x40000, 100, false},
+        {800, 1, 0x40000, 100, false}};
+    for (auto [ticks, ends, data, sample, queued] : steps) {
+        int got = run_ticks(uint64_t(ticks));
+        EXPECT_EQ(std::tuple(got, c.data - k->ram, c.sample, bool(c.queued)), std::tuple(ends, data, sample, queued));
+    }
 }
 
 TEST_F(Paula, StopKeepsThePositionAndStartsBeginAtTheBlockStart) {
@@ -150,14 +144,11 @@ TEST_F(Paula, BlocksNearTheTopOfMemoryStopAtTheEndOfRam) {
     // A long block 16 bytes below the top is cut to those 16 bytes.
     set_audio_latches(k, 0, 0xFFFFF0, 0, 113, 64);
     start(0);
-    EXPECT_EQ(c.end, 16u);
-    EXPECT_EQ(c.loop_len, 16u);
+    EXPECT_EQ(std::tuple(c.end, c.loop_len), std::tuple(16u, 16u));
     // The very last byte: a one-byte block; the top 8 address bits are ignored.
     set_audio_latches(k, 1, 0xFFFFFFFF, 0x8000, 113, 64);
     start(1);
-    EXPECT_EQ(k->ch[1].data, k->ram + 0xFFFFFF);
-    EXPECT_EQ(k->ch[1].end, 1u);
-    EXPECT_EQ(k->ch[1].sample, 0x22);
+    EXPECT_EQ(std::tuple(k->ch[1].data - k->ram, k->ch[1].end, k->ch[1].sample), std::tuple(0xFFFFFF, 1u, 0x22));
     // Queued near the top while playing, and backward from the top.
     set_audio_latches(k, 0, 0xFFFF00, 0, 113, 64);
     EXPECT_EQ(c.next_len, 0x100u);
