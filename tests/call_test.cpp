@@ -36,10 +36,9 @@ TEST_F(Call, StandardCallAndInterruptRegisters) {
     k->d[0] = 0xCAFEF00D;
     uint64_t before = k->cycles;
     EXPECT_EQ(deli_call(k, 0x200000), 0xCAFEF00Du);
-    EXPECT_EQ(k->cycles - before, 14u);   // one RTS: source field mode 6
-    EXPECT_EQ(k->recent_pc[0], 0x200000u);
-    EXPECT_EQ(k->recent_pc[1], 0u);
-    EXPECT_EQ(k->pc, kReturnSentinel);
+    // One RTS (14 cycles: source field mode 6), then the sentinel.
+    EXPECT_EQ(std::tuple(k->cycles - before, k->recent_pc[0], k->recent_pc[1], k->pc),
+              std::tuple(14u, 0x200000u, 0u, kReturnSentinel));
 
     put_code(k, 0x200000, {0x200F, RTS});   // move.l a7,d0; rts
     for (int i = 1; i < 8; i++) k->d[i] = 0x100 + i;
@@ -47,12 +46,8 @@ TEST_F(Call, StandardCallAndInterruptRegisters) {
     k->fault = 9;
     k->sr = 0x0700;
     EXPECT_EQ(deli_call(k, 0x200000), kStackTop);
-    EXPECT_EQ(k->a[5], 0x00F90000u);
-    EXPECT_EQ(k->a[6], 0x00F80000u);
-    EXPECT_EQ(k->a[7], kStackTop + 4);
-    EXPECT_EQ(ram_get32(k, kStackTop), kReturnSentinel);
-    EXPECT_EQ(k->sr & 0xFF00, 0x2000);
-    EXPECT_EQ(k->fault, 0);
+    EXPECT_EQ(std::tuple(k->a[5], k->a[6], k->a[7], ram_get32(k, kStackTop), k->sr & 0xFF00, k->fault),
+              std::tuple(0x00F90000u, 0x00F80000u, kStackTop + 4, kReturnSentinel, 0x2000, 0));
     for (int i = 1; i < 8; i++) EXPECT_EQ(k->d[i], 0x100u + i);
     for (int i = 0; i < 5; i++) EXPECT_EQ(k->a[i], 0x200u + i);
 
@@ -62,13 +57,10 @@ TEST_F(Call, StandardCallAndInterruptRegisters) {
     k->d[0] = 0x99;
     before = k->cycles;
     EXPECT_EQ(deli_run_handler(k, is), 0u);
-    EXPECT_EQ(k->cycles, before);
-    EXPECT_EQ(k->d[0], 0x99u);
+    EXPECT_EQ(std::tuple(k->cycles, k->d[0]), std::tuple(before, 0x99u));
     ram_put32(k, is + 18, 0x200000);   // code
     EXPECT_EQ(deli_run_handler(k, is), 0x00ABCDEFu);
-    EXPECT_EQ(k->a[0], 0x00DFF000u);
-    EXPECT_EQ(k->a[5], 0x00F90000u);
-    EXPECT_EQ(k->a[7], kStackTop + 4);
+    EXPECT_EQ(std::tuple(k->a[0], k->a[5], k->a[7]), std::tuple(0x00DFF000u, 0x00F90000u, kStackTop + 4));
 }
 
 // Leaving the code areas prints the routine, the step count, the last 256

@@ -122,17 +122,13 @@ TEST_F(Engine, OpenCallsTheRoutinesAndFillsTheGlobals) {
     std::vector<uint8_t> module(1000, 0x11);
     ASSERT_EQ(open(p.build(), module, 44100, 0, "/a/b/tune.x"), 0);
 
-    EXPECT_EQ(ram_get16(k, 0x100), 2u);   // Config and InitSound ran, the tick not yet
-    EXPECT_EQ(ram_get32(k, kGlobals + 36), kModuleAddr);
-    EXPECT_EQ(ram_get32(k, kGlobals + 40), 1000u);
-    EXPECT_EQ(k->ram[kModuleAddr + 999], 0x11);
-    EXPECT_EQ(k->comp_next, kModuleAddr + 1000);
-    EXPECT_EQ(str(ram_get32(k, kGlobals + 32)), "/a/b/tune.x");
-    EXPECT_EQ(str(ram_get32(k, kGlobals + 24)), "/a/b/");
-    EXPECT_EQ(str(ram_get32(k, kGlobals + 28)), "tune.x");
-    EXPECT_EQ(k->frames_per_tick, 882);
-    EXPECT_EQ(k->frames_per_vblank, 882);
-    EXPECT_EQ(kelva_get_subsong_count(k), 1u);
+    // Config and InitSound ran, the tick not yet; the module, its size and its path, folder and name.
+    EXPECT_EQ(std::tuple(ram_get16(k, 0x100), ram_get32(k, kGlobals + 36), ram_get32(k, kGlobals + 40),
+                         k->ram[kModuleAddr + 999], k->comp_next, k->frames_per_tick, k->frames_per_vblank,
+                         kelva_get_subsong_count(k), str(ram_get32(k, kGlobals + 32))),
+              std::tuple(2u, kModuleAddr, 1000u, 0x11, kModuleAddr + 1000, 882, 882, 1u, "/a/b/tune.x"));
+    auto dir_file = [&] { return std::tuple(str(ram_get32(k, kGlobals + 24)), str(ram_get32(k, kGlobals + 28))); };
+    EXPECT_EQ(dir_file(), std::tuple("/a/b/", "tune.x"));
 
     // The tick runs at once, then every 882 frames; one due at the end of
     // a call waits for the next call.
@@ -143,8 +139,7 @@ TEST_F(Engine, OpenCallsTheRoutinesAndFillsTheGlobals) {
 
     // A path without a directory gives an empty directory string.
     ASSERT_EQ(open(p.build(), module, 44100, 0, "tune.x"), 0);
-    EXPECT_EQ(str(ram_get32(k, kGlobals + 24)), "");
-    EXPECT_EQ(str(ram_get32(k, kGlobals + 28)), "tune.x");
+    EXPECT_EQ(dir_file(), std::tuple("", "tune.x"));
 
     // Either globals-pointer tag has the globals' address written where it points.
     for (uint32_t tag : {DTP_GlobalsPointer, EP_EagleGlobalsPointer}) {

@@ -52,11 +52,9 @@ TEST_F(Paula, LengthZeroMeans65536Words) {
     start(0);
     EXPECT_EQ(c.end, 0x20000u);
     for (uint32_t i = 1; i < 0x20000; i++) ASSERT_TRUE(paula_advance(c));
-    EXPECT_EQ(c.pos, 0x1FFFFu);
-    EXPECT_FALSE(c.block_done);
+    EXPECT_EQ(std::tuple(c.pos, bool(c.block_done)), std::tuple(0x1FFFFu, false));
     ASSERT_TRUE(paula_advance(c));
-    EXPECT_TRUE(c.block_done);
-    EXPECT_EQ(c.pos, 0u);   // repeats from the start
+    EXPECT_EQ(std::tuple(c.pos, bool(c.block_done)), std::tuple(0u, true));   // repeats from the start
 }
 
 // Fetches and block ends of a 2-byte block at period 50 (fetched as 113),
@@ -105,19 +103,16 @@ TEST_F(Paula, StopKeepsThePositionAndStartsBeginAtTheBlockStart) {
     start(0);
     run_ticks(150 * 5 + 20);
     custom_write_word(k, DMACON, 0x0001);
-    EXPECT_FALSE(c.active);
-    EXPECT_EQ(c.pos, 5u);   // nothing else is cleared
+    EXPECT_EQ(std::tuple(bool(c.active), c.pos), std::tuple(false, 5u));   // nothing else is cleared
     start(0);
     EXPECT_TRUE(c.pos == 0 && c.phase == 0 && c.sample == 1);
     // A block without repeat stops at its end with DMA still on; the next
     // location write starts the new block at once, from its first byte.
     c.loop_len = 0;   // the stop-at-end rule, not reachable through registers
     EXPECT_EQ(run_ticks(150 * 16), 1);
-    EXPECT_FALSE(c.active);
-    EXPECT_EQ(k->aud[0].dma_running, 1);
+    EXPECT_EQ(std::tuple(bool(c.active), k->aud[0].dma_running), std::tuple(false, 1));
     set_audio_latches(k, 0, 0x50000, 8, 150, 64);
-    EXPECT_TRUE(c.active);
-    EXPECT_EQ(c.loop_len, 16u);
+    EXPECT_EQ(std::tuple(bool(c.active), c.loop_len), std::tuple(true, 16u));
     EXPECT_EQ(fetches(4), (std::vector<int>{77, 78, 79, 80, 81}));
 }
 
