@@ -7,7 +7,7 @@ set(KELVA_TEST_PLAYERS_DIR ${CMAKE_BINARY_DIR}/tests/players)
 set(KELVA_TEST_PLAYER_NAMES SwMix)
 kelva_add_player(NAME SwMix SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/SwMix.c ${KELVA_PLAYER_LIB}/swmix.c
                  OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
-foreach(src Tone.S IrqOrder.S Subsong.S Files.S DosSegment.S Misbehave.S Envelope.c EnvelopeSongEnd.c)
+foreach(src Tone.c IrqOrder.S Subsong.c Files.S DosSegment.S Misbehave.S Envelope.c EnvelopeSongEnd.c)
   get_filename_component(p ${src} NAME_WE)
   kelva_add_player(NAME ${p} SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/${src} OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
   list(APPEND KELVA_TEST_PLAYER_NAMES ${p})
