@@ -1,5 +1,5 @@
-// The routine caller: each outcome of the run loop with its exact message,
-// the standard call's registers, interrupt structures and the debug hooks.
+// The routine caller: each outcome of the run loop with its exact message, the standard call's registers, interrupt
+// structures and the debug hooks.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -27,10 +27,9 @@ std::string hex8(uint32_t v) {
     return b;
 }
 
-// The standard call: D0 in and out, D1-D7 and A0-A4 as the caller left
-// them, A5 the globals, A6 exec, supervisor mode, a return sentinel on the
-// stack; the routine returns by rts. An interrupt structure's code gets its
-// data in A1 and the custom base in A0; without code nothing runs.
+// The standard call: D0 in and out, D1-D7 and A0-A4 as the caller left them, A5 the globals, A6 exec, supervisor
+// mode, a return sentinel on the stack; the routine returns by rts. An interrupt structure's code gets its data in A1
+// and the custom base in A0; without code nothing runs.
 TEST_F(Call, StandardCallAndInterruptRegisters) {
     put_code(k, 0x200000, {RTS});
     k->d[0] = 0xCAFEF00D;
@@ -63,9 +62,8 @@ TEST_F(Call, StandardCallAndInterruptRegisters) {
     EXPECT_EQ(std::tuple(k->a[0], k->a[5], k->a[7]), std::tuple(0x00DFF000u, 0x00F90000u, kStackTop + 4));
 }
 
-// Leaving the code areas prints the routine, the step count, the last 256
-// PCs oldest first (8 a line) and the registers. Ten NOPs then jmp $300000
-// fill 11 entries; 300 NOPs then the jump make 301 steps, of which the ring
+// Leaving the code areas prints the routine, the step count, the last 256 PCs oldest first (8 a line) and the
+// registers. Ten NOPs then jmp $300000 fill 11 entries; 300 NOPs then the jump make 301 steps, of which the ring
 // holds steps 45..300.
 TEST_F(Call, LeavingTheCodeAreasPrintsTheRecentPcs) {
     for (int nops : {10, 300}) {
@@ -84,9 +82,8 @@ TEST_F(Call, LeavingTheCodeAreasPrintsTheRecentPcs) {
     }
 }
 
-// A bus fault stops the routine, and the next call runs normally; an endless
-// loop ends after exactly 50 million steps (NOP costs 14, mode 6 in its low
-// bits, each bra.s 8).
+// A bus fault stops the routine, and the next call runs normally; an endless loop ends after exactly 50 million steps
+// (NOP costs 14, mode 6 in its low bits, each bra.s 8).
 TEST_F(Call, BusFaultAndEndlessLoopStopTheRoutine) {
     put_code(k, 0x200000, {NOP, 0x2039, 0x00FF, 0xFFFE, RTS});   // nop; move.l $FFFFFE,d0
     EXPECT_EQ(stderr_of([&] { EXPECT_EQ(deli_call(k, 0x200000), kCallFault); }),
@@ -121,9 +118,8 @@ TEST_F(Call, AllowedCodeAreasAndTheirEdges) {
     }
 }
 
-// The debug hooks: a break address ends the call and prints the processor
-// state; tracing prints a line per step inside its range (none: all), at
-// most trace_limit of them.
+// The debug hooks: a break address ends the call and prints the processor state; tracing prints a line per step
+// inside its range (none: all), at most trace_limit of them.
 TEST_F(Call, BreakAddressAndTrace) {
     put_code(k, 0x200000, {0x7001, 0x7002, 0x7003, RTS});   // moveq #1/#2/#3,d0
     k->break_addr = 0x200004;

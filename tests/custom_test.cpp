@@ -1,6 +1,5 @@
-// Custom registers, the memory bus (24-bit masking, big-endian RAM, the custom
-// block and CIA window, faults at the top) and the CIAs; a timer with latch L
-// runs L + 1 E-clock ticks of 1/709379 s.
+// Custom registers, the memory bus (24-bit masking, big-endian RAM, the custom block and CIA window, faults at the
+// top) and the CIAs; a timer with latch L runs L + 1 E-clock ticks of 1/709379 s.
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -15,8 +14,8 @@ constexpr uint32_t DMACON = 0xDFF096, INTENA = 0xDFF09A, INTREQ = 0xDFF09C, ADKC
 constexpr uint32_t AUD0LCH = 0xDFF0A0, AUD0LCL = 0xDFF0A2, AUD0LEN = 0xDFF0A4, AUD0PER = 0xDFF0A6,
                    AUD0VOL = 0xDFF0A8;
 
-// An engine with DMACON cleared and channel x's latches at $20000 + $1000x:
-// 8 words of byte 10 + x, period 200, volume 40.
+// An engine with DMACON cleared and channel x's latches at $20000 + $1000x: 8 words of byte 10 + x, period 200,
+// volume 40.
 struct Custom : testing::Test {
     engine_ptr e = make_engine();
     kelva *k = e.get();
@@ -30,8 +29,7 @@ struct Custom : testing::Test {
     uint32_t rd(uint32_t r) { return custom_read_word(k, r); }
 };
 
-// SET/CLR registers never store bit 15; INTREQR shows the audio bits set
-// while DMA is on.
+// SET/CLR registers never store bit 15; INTREQR shows the audio bits set while DMA is on.
 TEST_F(Custom, SetClearRegistersAndIntreqr) {
     custom_write_word(k, INTENA, 0xC0A0);
     EXPECT_EQ(rd(0xDFF01C), 0x40A0u);   // INTENAR
@@ -61,8 +59,7 @@ TEST_F(Custom, DmaconStartsAndStopsChannels) {
     custom_write_word(k, DMACON, 0x0001);   // channel 0 only
     EXPECT_FALSE(c.active || k->aud[0].dma_running);
     EXPECT_TRUE(k->ch[1].active);
-    // Clearing DMAEN stops every channel but keeps AUDxEN; setting it again
-    // restarts exactly those.
+    // Clearing DMAEN stops every channel but keeps AUDxEN; setting it again restarts exactly those.
     custom_write_word(k, DMACON, 0x0200);
     EXPECT_EQ(k->dmacon, 0x000E);
     for (int x = 0; x < 4; x++) EXPECT_FALSE(k->ch[x].active) << x;
@@ -70,8 +67,8 @@ TEST_F(Custom, DmaconStartsAndStopsChannels) {
     for (int x = 0; x < 4; x++) EXPECT_EQ(k->ch[x].active, x != 0) << x;
 }
 
-// The beam position: 454 cycles a line, 313 lines a frame; VPOSR bit 0 is
-// line bit 8. Unknown and odd registers read 0; writes to them are ignored.
+// The beam position: 454 cycles a line, 313 lines a frame; VPOSR bit 0 is line bit 8. Unknown and odd registers read
+// 0; writes to them are ignored.
 TEST_F(Custom, BeamPositionAndUnknownRegisters) {
     // 2291 lines: 7 frames and 100 lines.
     const std::tuple<uint64_t, uint32_t, uint32_t> beam[] = {{454 * 312 + 10, 0x3805, 1},
@@ -103,8 +100,7 @@ TEST_F(Custom, LatchWritesWhilePlaying) {
     custom_write_word(k, AUD0LEN, 4);   // so does a length
     EXPECT_TRUE(k->ch[0].queued);
     EXPECT_EQ(k->ch[0].next_len, 8u);
-    // Volume (7 bits, at most 64) and period (at least 113, 0 = silent)
-    // take effect at once.
+    // Volume (7 bits, at most 64) and period (at least 113, 0 = silent) take effect at once.
     const struct {
         uint32_t reg;
         uint16_t value, latch;
@@ -158,8 +154,7 @@ TEST_F(Bus, RamIsBigEndianAtAnyAlignmentBelow16MiB) {
 }
 
 TEST_F(Bus, CustomBlockAccesses) {
-    // Either half of INTENA gets the byte doubled, 0x8080: set bit 7; the
-    // RAM underneath is never written.
+    // Either half of INTENA gets the byte doubled, 0x8080: set bit 7; the RAM underneath is never written.
     write8(k, 0xDFF09B, 0x80);
     EXPECT_EQ(k->intena, 0x0080);
     k->intena = 0;
@@ -287,8 +282,8 @@ TEST_F(Cia, LatchControlRegisterAndOneShot) {
 }
 
 TEST_F(Cia, UnderflowsQueueMaskedHandlersInOrderAtMostEight) {
-    // ICR writes set or clear mask bits (bit 7 is never stored); a read gives
-    // the flags, IR (bit 7) when an enabled one is set, and clears them.
+    // ICR writes set or clear mask bits (bit 7 is never stored); a read gives the flags, IR (bit 7) when an enabled
+    // one is set, and clears them.
     for (auto [write, mask] : {std::pair{0x82, 0x02}, {0x9F, 0x1F}, {0x02, 0x1D}}) {
         wr(CIAA, ICR, uint32_t(write));
         EXPECT_EQ(k->cia[0].icr_mask, mask);
@@ -313,8 +308,8 @@ TEST_F(Cia, UnderflowsQueueMaskedHandlersInOrderAtMostEight) {
     wr(CIAB, ICR, 0x81);
     cia_advance(k, 20);
     EXPECT_EQ(k->pending_count, 1u);
-    // CIA-A timer B at latch 0 underflows every frame (reaching exactly 0
-    // counts); CIA-A comes before CIA-B, and eight at most are queued.
+    // CIA-A timer B at latch 0 underflows every frame (reaching exactly 0 counts); CIA-A comes before CIA-B, and
+    // eight at most are queued.
     k->pending_count = 0;
     k->cia[0].handlers[1] = 0x5000;
     wr(CIAA, ICR, 0x82);
@@ -329,11 +324,10 @@ TEST_F(Cia, UnderflowsQueueMaskedHandlersInOrderAtMostEight) {
     EXPECT_TRUE(k->cia[0].tb_running);
 }
 
-// Time of day: CIA-A counts 50 Hz frames (141,875 cycles), CIA-B lines
-// (454); 24 bits; writes are ignored. The ports are plain storage; SDR and
-// register $B read 0. CIA-A port A bit 1 high turns the LED filter off, in
-// Auto mode (0) only; modes 1 (off) and 2 (on) force it, Auto keeps the
-// state until the next write; setting an unknown mode changes nothing.
+// Time of day: CIA-A counts 50 Hz frames (141,875 cycles), CIA-B lines (454); 24 bits; writes are ignored. The ports
+// are plain storage; SDR and register $B read 0. CIA-A port A bit 1 high turns the LED filter off, in Auto mode (0)
+// only; modes 1 (off) and 2 (on) force it, Auto keeps the state until the next write; setting an unknown mode changes
+// nothing.
 TEST_F(Cia, TimeOfDayPortsAndTheLedLine) {
     k->cycles = 141875ull * 0x123456 + 5;
     for (auto [reg, v] : {std::pair{TODLO, 0x56u}, {TODMID, 0x34u}, {TODHI, 0x12u}}) EXPECT_EQ(rd(CIAA, reg), v);

@@ -1,5 +1,5 @@
-// Machine reset: the fixed layout every player starts in, what a reset puts
-// back, and the exported setters and getters (LED modes: custom_test.cpp).
+// Machine reset: the fixed layout every player starts in, what a reset puts back, and the exported setters and
+// getters (LED modes: custom_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -19,9 +19,8 @@ TEST(Reset, LibraryTablesAndGlobals) {
     auto k = make_engine();
     kelva *e = k.get();
     EXPECT_EQ(ram_get32(e, 4), 0x00F80000u);   // exec
-    // Every slot of exec, dos, the two other libraries and the option
-    // library: a host call (line-A word; rts) or the default moveq #0,d0;
-    // rts; nothing below the last slot.
+    // Every slot of exec, dos, the two other libraries and the option library: a host call (line-A word; rts) or the
+    // default moveq #0,d0; rts; nothing below the last slot.
     const struct {
         uint32_t base, entries;
     } tables[] = {{0xF80000, 200}, {0xF81000, 80}, {0xF82000, 120}, {0xF83000, 120}, {0xF84000, 40}};
@@ -44,8 +43,8 @@ TEST(Reset, LibraryTablesAndGlobals) {
         EXPECT_EQ(ram_get32(e, 0xF95000 + 4 * i), (0xA400 + i) << 16 | 0x4E75u);
     }
     EXPECT_EQ(ram_get16(e, 0xF80212), 0x3232u);   // 50 Hz vertical blank and power supply
-    // Globals: library bases, empty module fields (+24..+44), volume and
-    // balances 64, the 50 Hz CIA timer value, all four voices on at volume 64.
+    // Globals: library bases, empty module fields (+24..+44), volume and balances 64, the 50 Hz CIA timer value, all
+    // four voices on at volume 64.
     for (auto [off, value] : {std::pair{4u, 0xF81000u}, {8, 0xF82000}, {12, 0xF83000}})
         EXPECT_EQ(ram_get32(e, 0xF90000 + off), value) << off;
     for (uint32_t off = 24; off < 46; off += 2) EXPECT_EQ(ram_get16(e, 0xF90000 + off), 0u) << off;

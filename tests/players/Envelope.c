@@ -1,14 +1,8 @@
-/* Envelope: a tone on channel 0 whose loudness follows a pattern, for the
- * tests of rendering and length measurement. The module (big-endian longs,
- * struct envelope_module; 0 for never) tells it when the volume pattern
- * restarts, when the tone stops and when to report the song end. Volumes
- * come from a 16-bit xorshift sequence (shifts and xors only: no multiply or
- * divide helpers on the 68000). Built in four variants (a file each that
- * defines one of these and includes this one):
- *   EnvelopeSongEnd  its flags tag says that it signals the song's end;
- *   Tone             takes any module: without the magic, a steady tone;
- *   Subsong          takes any module: subsongs 1..5, silent, each only
- *                    setting its own period (C, D, E, F, G). */
+/* Envelope: a tone on channel 0 whose loudness follows a pattern. The module (big-endian longs, struct
+ * envelope_module; 0 for never) tells it when the volume pattern restarts, when the tone stops and when to report
+ * the song end. Volumes: a 16-bit xorshift sequence (no multiply or divide helpers on the 68000). Variants, a file
+ * each defining one of these: EnvelopeSongEnd (its flags say it signals the end), Tone (any module; without the
+ * magic a steady tone), Subsong (any module; subsongs 1..5, silent, each only setting its own period). */
 #include "kelva_player.h"
 
 struct envelope_module {
