@@ -21,12 +21,6 @@ struct Call : testing::Test {
 
 constexpr uint16_t NOP = 0x4E71, RTS = 0x4E75;
 
-std::string hex8(uint32_t v) {
-    char b[16];
-    snprintf(b, sizeof b, "%08x", v);
-    return b;
-}
-
 // The standard call: D0 in and out, D1-D7 and A0-A4 as the caller left them, A5 the globals, A6 exec, supervisor
 // mode, a return sentinel on the stack; the routine returns by rts. An interrupt structure's code gets its data in A1
 // and the custom base in A0; without code nothing runs.
@@ -75,7 +69,11 @@ TEST_F(Call, LeavingTheCodeAreasPrintsTheRecentPcs) {
         std::string want = "deli_call: PC=00300000 out of range (routine=00200000 i=" + std::to_string(nops + 1) +
                            ")\n  recent PCs:";
         const int first = std::max(0, nops + 1 - 256);
-        for (int i = first; i <= nops; i++) want += ((i - first) % 8 ? " " : "\n     ") + hex8(0x200000 + 2 * i);
+        for (int i = first; i <= nops; i++) {
+            char pc[16];
+            snprintf(pc, sizeof pc, "%08x", 0x200000 + 2 * i);
+            want += ((i - first) % 8 ? " " : "\n     ") + std::string(pc);
+        }
         want += "\n  D0..D7: 00000011 00000000 00000000 00000000 00000000 00000000 00000000 00000077\n";
         want += "  A0..A7: 000000a0 00000000 00000000 00000000 00000000 00f90000 00f80000 00eefffc SR=2000\n";
         EXPECT_EQ(stderr_of([&] { EXPECT_EQ(deli_call(k, 0x200000), kCallOutOfRange); }), want) << nops;

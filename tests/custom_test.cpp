@@ -149,8 +149,7 @@ TEST_F(Bus, RamIsBigEndianAtAnyAlignmentBelow16MiB) {
     EXPECT_EQ(k->ram[0x200003] << 8 | k->ram[0x200006], 0xCABE);
     EXPECT_EQ(read32(k, 0xFF200003), 0xCAFEBABEu);   // the bits above 24 are ignored
     write8(k, 0xAB000020, 0x77);
-    EXPECT_EQ(k->ram[0x20], 0x77);
-    EXPECT_EQ(k->fault, 0);
+    EXPECT_EQ(std::tuple(k->ram[0x20], k->fault), std::tuple(0x77, 0));
 }
 
 TEST_F(Bus, CustomBlockAccesses) {
@@ -159,8 +158,7 @@ TEST_F(Bus, CustomBlockAccesses) {
     EXPECT_EQ(k->intena, 0x0080);
     k->intena = 0;
     write8(k, 0xDFF09A, 0x80);
-    EXPECT_EQ(k->intena, 0x0080);
-    EXPECT_EQ(k->ram[0xDFF09A], 0);
+    EXPECT_EQ(std::tuple(k->intena, k->ram[0xDFF09A]), std::tuple(0x0080, 0));
     // Reads split into bytes and longs; an odd word address selects nothing.
     k->dmacon = 0;   // no DMAEN: INTREQR is INTREQ alone
     k->intreq = 0x1234;
@@ -168,9 +166,8 @@ TEST_F(Bus, CustomBlockAccesses) {
     EXPECT_EQ(std::tuple(read8(k, 0xDFF01E), read8(k, 0xDFF01F), read32(k, 0xDFF01C), read16(k, 0xDFF01D)),
               std::tuple(0x12u, 0x34u, 0x43211234u, 0u));
     write16(k, 0xDFF09B, 0x8004);
-    EXPECT_EQ(k->intena, 0x4321);
     write32(k, 0xDFF0A0, 0x00123456);   // AUD0LCH, AUD0LCL
-    EXPECT_EQ(k->aud[0].lc, 0x00123456u);
+    EXPECT_EQ(std::tuple(k->intena, k->aud[0].lc), std::tuple(0x4321, 0x00123456u));
 }
 
 TEST_F(Bus, CiaWindowIgnoresAddressBitZeroAndEndsAtItsEdges) {
@@ -239,11 +236,11 @@ TEST_F(Cia, LatchControlRegisterAndOneShot) {
     wr(CIAA, TALO, 0x6B);
     EXPECT_EQ(std::tuple(k->cia[0].ta_latch, k->cia[0].ta_period), std::tuple(0x006B, 1.0));   // nothing else yet
     wr(CIAA, TAHI, 0x37);
-    EXPECT_NEAR(k->cia[0].ta_period, frames(0x376B), 1e-9);
-    EXPECT_EQ(k->cia[0].ta_left, k->cia[0].ta_period);   // stopped: reloaded
-    EXPECT_FALSE(k->cia[0].ta_running);                 // continuous: not started
     wr(CIAB, TBHI, 0);
-    EXPECT_EQ(k->cia[1].tb_period, 1.0);   // one frame at the least
+    EXPECT_NEAR(k->cia[0].ta_period, frames(0x376B), 1e-9);
+    // Stopped: reloaded; continuous: not started. One frame at the least.
+    EXPECT_EQ(std::tuple(k->cia[0].ta_left, bool(k->cia[0].ta_running), k->cia[1].tb_period),
+              std::tuple(k->cia[0].ta_period, false, 1.0));
 
     wr(CIAA, TALO, 0x00);
     wr(CIAA, TAHI, 0x10);
@@ -256,8 +253,8 @@ TEST_F(Cia, LatchControlRegisterAndOneShot) {
     wr(CIAA, CRA, 0x01);   // already running: no reload
     EXPECT_EQ(k->cia[0].ta_left, left);
     wr(CIAA, CRA, 0x11);   // LOAD strobe: reload, and LOAD is not stored
-    EXPECT_NEAR(k->cia[0].ta_left, frames(0x1000), 1e-9);
     EXPECT_EQ(rd(CIAA, CRA), 0x01u);
+    EXPECT_NEAR(k->cia[0].ta_left, frames(0x1000), 1e-9);
     wr(CIAA, CRA, 0x60);   // stop; the other bits are stored
     wr(CIAB, CRB, 0x61);   // CRB: the input mode bits are stored only
     EXPECT_EQ(std::tuple(bool(k->cia[0].ta_running), rd(CIAA, CRA), bool(k->cia[1].tb_running), rd(CIAB, CRB)),
@@ -267,8 +264,8 @@ TEST_F(Cia, LatchControlRegisterAndOneShot) {
 
     // One-shot: the high byte starts it; the underflow stops and reloads it.
     wr(CIAB, CRB, 0x08);
-    EXPECT_FALSE(k->cia[1].tb_running);
     wr(CIAB, TBLO, 0xFF);
+    EXPECT_FALSE(k->cia[1].tb_running);
     wr(CIAB, TBHI, 0x01);
     EXPECT_TRUE(k->cia[1].tb_running);
     EXPECT_EQ(cia_frames_to_event(k), 35);   // 512 ticks = 34.6 frames
@@ -316,8 +313,7 @@ TEST_F(Cia, UnderflowsQueueMaskedHandlersInOrderAtMostEight) {
     wr(CIAA, TBHI, 0);
     wr(CIAA, CRB, 0x01);
     cia_advance(k, 1);
-    EXPECT_EQ(k->pending_count, 1u);
-    EXPECT_EQ(k->cia[0].tb_left, 1.0);
+    EXPECT_EQ(std::tuple(k->pending_count, k->cia[0].tb_left), std::tuple(1u, 1.0));
     cia_advance(k, 17);
     ASSERT_EQ(k->pending_count, 8u);
     for (uint32_t p : k->pending) EXPECT_EQ(p, 0x5000u);
