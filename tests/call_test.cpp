@@ -1,5 +1,5 @@
-// The routine caller: each outcome of the run loop with its exact message,
-// the standard call's registers, interrupt structures and the debug hooks.
+// The routine caller: each outcome of the run loop with its exact message, the standard call's registers, interrupt
+// structures and the debug hooks.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,25 +21,17 @@ struct Call : testing::Test {
 
 constexpr uint16_t NOP = 0x4E71, RTS = 0x4E75;
 
-std::string hex8(uint32_t v) {
-    char b[16];
-    snprintf(b, sizeof b, "%08x", v);
-    return b;
-}
-
-// The standard call: D0 in and out, D1-D7 and A0-A4 as the caller left
-// them, A5 the globals, A6 exec, supervisor mode, a return sentinel on the
-// stack; the routine returns by rts. An interrupt structure's code gets its
-// data in A1 and the custom base in A0; without code nothing runs.
+// The standard call: D0 in and out, D1-D7 and A0-A4 as the caller left them, A5 the globals, A6 exec, supervisor
+// mode, a return sentinel on the stack; the routine returns by rts. An interrupt structure's code gets its data in A1
+// and the custom base in A0; without code nothing runs.
 TEST_F(Call, StandardCallAndInterruptRegisters) {
     put_code(k, 0x200000, {RTS});
     k->d[0] = 0xCAFEF00D;
     uint64_t before = k->cycles;
     EXPECT_EQ(deli_call(k, 0x200000), 0xCAFEF00Du);
-    EXPECT_EQ(k->cycles - before, 14u);   // one RTS: source field mode 6
-    EXPECT_EQ(k->recent_pc[0], 0x200000u);
-    EXPECT_EQ(k->recent_pc[1], 0u);
-    EXPECT_EQ(k->pc, kReturnSentinel);
+    // One RTS (14 cycles: source field mode 6), then the sentinel.
+    EXPECT_EQ(std::tuple(k->cycles - before, k->recent_pc[0], k->recent_pc[1], k->pc),
+              std::tuple(14u, 0x200000u, 0u, kReturnSentinel));
 
     put_code(k, 0x200000, {0x200F, RTS});   // move.l a7,d0; rts
     for (int i = 1; i < 8; i++) k->d[i] = 0x100 + i;
@@ -47,12 +39,8 @@ TEST_F(Call, StandardCallAndInterruptRegisters) {
     k->fault = 9;
     k->sr = 0x0700;
     EXPECT_EQ(deli_call(k, 0x200000), kStackTop);
-    EXPECT_EQ(k->a[5], 0x00F90000u);
-    EXPECT_EQ(k->a[6], 0x00F80000u);
-    EXPECT_EQ(k->a[7], kStackTop + 4);
-    EXPECT_EQ(ram_get32(k, kStackTop), kReturnSentinel);
-    EXPECT_EQ(k->sr & 0xFF00, 0x2000);
-    EXPECT_EQ(k->fault, 0);
+    EXPECT_EQ(std::tuple(k->a[5], k->a[6], k->a[7], ram_get32(k, kStackTop), k->sr & 0xFF00, k->fault),
+              std::tuple(0x00F90000u, 0x00F80000u, kStackTop + 4, kReturnSentinel, 0x2000, 0));
     for (int i = 1; i < 8; i++) EXPECT_EQ(k->d[i], 0x100u + i);
     for (int i = 0; i < 5; i++) EXPECT_EQ(k->a[i], 0x200u + i);
 
@@ -62,18 +50,14 @@ TEST_F(Call, StandardCallAndInterruptRegisters) {
     k->d[0] = 0x99;
     before = k->cycles;
     EXPECT_EQ(deli_run_handler(k, is), 0u);
-    EXPECT_EQ(k->cycles, before);
-    EXPECT_EQ(k->d[0], 0x99u);
+    EXPECT_EQ(std::tuple(k->cycles, k->d[0]), std::tuple(before, 0x99u));
     ram_put32(k, is + 18, 0x200000);   // code
     EXPECT_EQ(deli_run_handler(k, is), 0x00ABCDEFu);
-    EXPECT_EQ(k->a[0], 0x00DFF000u);
-    EXPECT_EQ(k->a[5], 0x00F90000u);
-    EXPECT_EQ(k->a[7], kStackTop + 4);
+    EXPECT_EQ(std::tuple(k->a[0], k->a[5], k->a[7]), std::tuple(0x00DFF000u, 0x00F90000u, kStackTop + 4));
 }
 
-// Leaving the code areas prints the routine, the step count, the last 256
-// PCs oldest first (8 a line) and the registers. Ten NOPs then jmp $300000
-// fill 11 entries; 300 NOPs then the jump make 301 steps, of which the ring
+// Leaving the code areas prints the routine, the step count, the last 256 PCs oldest first (8 a line) and the
+// registers. Ten NOPs then jmp $300000 fill 11 entries; 300 NOPs then the jump make 301 steps, of which the ring
 // holds steps 45..300.
 TEST_F(Call, LeavingTheCodeAreasPrintsTheRecentPcs) {
     for (int nops : {10, 300}) {
@@ -85,16 +69,19 @@ TEST_F(Call, LeavingTheCodeAreasPrintsTheRecentPcs) {
         std::string want = "deli_call: PC=00300000 out of range (routine=00200000 i=" + std::to_string(nops + 1) +
                            ")\n  recent PCs:";
         const int first = std::max(0, nops + 1 - 256);
-        for (int i = first; i <= nops; i++) want += ((i - first) % 8 ? " " : "\n     ") + hex8(0x200000 + 2 * i);
+        for (int i = first; i <= nops; i++) {
+            char pc[16];
+            snprintf(pc, sizeof pc, "%08x", 0x200000 + 2 * i);
+            want += ((i - first) % 8 ? " " : "\n     ") + std::string(pc);
+        }
         want += "\n  D0..D7: 00000011 00000000 00000000 00000000 00000000 00000000 00000000 00000077\n";
         want += "  A0..A7: 000000a0 00000000 00000000 00000000 00000000 00f90000 00f80000 00eefffc SR=2000\n";
         EXPECT_EQ(stderr_of([&] { EXPECT_EQ(deli_call(k, 0x200000), kCallOutOfRange); }), want) << nops;
     }
 }
 
-// A bus fault stops the routine, and the next call runs normally; an endless
-// loop ends after exactly 50 million steps (NOP costs 14, mode 6 in its low
-// bits, each bra.s 8).
+// A bus fault stops the routine, and the next call runs normally; an endless loop ends after exactly 50 million steps
+// (NOP costs 14, mode 6 in its low bits, each bra.s 8).
 TEST_F(Call, BusFaultAndEndlessLoopStopTheRoutine) {
     put_code(k, 0x200000, {NOP, 0x2039, 0x00FF, 0xFFFE, RTS});   // nop; move.l $FFFFFE,d0
     EXPECT_EQ(stderr_of([&] { EXPECT_EQ(deli_call(k, 0x200000), kCallFault); }),
@@ -129,9 +116,8 @@ TEST_F(Call, AllowedCodeAreasAndTheirEdges) {
     }
 }
 
-// The debug hooks: a break address ends the call and prints the processor
-// state; tracing prints a line per step inside its range (none: all), at
-// most trace_limit of them.
+// The debug hooks: a break address ends the call and prints the processor state; tracing prints a line per step
+// inside its range (none: all), at most trace_limit of them.
 TEST_F(Call, BreakAddressAndTrace) {
     put_code(k, 0x200000, {0x7001, 0x7002, 0x7003, RTS});   // moveq #1/#2/#3,d0
     k->break_addr = 0x200004;

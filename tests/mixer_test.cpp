@@ -1,11 +1,6 @@
-// Paula channels: DMA start/stop, block lengths, looping and queued blocks,
-// the backward fetch, block ends as the render loop predicts them, and the
-// guarantee that no channel reads past the top of RAM; a sample is fetched
-// every `period` Paula ticks (at least 113). The mixer: both of its paths
-// (frame at a time, and per tick with k->mix_per_tick) against a plain
-// per-side reference of the output path written from its description;
-// settled levels, separation, muting, unusable rates; and excerpts of real
-// modules through both paths.
+// Paula channels (a sample fetched every `period` Paula ticks, at least 113) and the mixer: both its paths (per
+// frame, and per tick with k->mix_per_tick) against a plain reference of the output path, and on excerpts of real
+// modules.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -56,15 +51,13 @@ TEST_F(Paula, LengthZeroMeans65536Words) {
     start(0);
     EXPECT_EQ(c.end, 0x20000u);
     for (uint32_t i = 1; i < 0x20000; i++) ASSERT_TRUE(paula_advance(c));
-    EXPECT_EQ(c.pos, 0x1FFFFu);
-    EXPECT_FALSE(c.block_done);
+    EXPECT_EQ(std::tuple(c.pos, bool(c.block_done)), std::tuple(0x1FFFFu, false));
     ASSERT_TRUE(paula_advance(c));
-    EXPECT_TRUE(c.block_done);
-    EXPECT_EQ(c.pos, 0u);   // repeats from the start
+    EXPECT_EQ(std::tuple(c.pos, bool(c.block_done)), std::tuple(0u, true));   // repeats from the start
 }
 
-// Fetches and block ends of a 2-byte block at period 50 (fetched as 113),
-// then a new period acting on the next tick when 100 of 113 ticks have passed.
+// Fetches and block ends of a 2-byte block at period 50 (fetched as 113), then a new period acting on the next tick
+// when 100 of 113 ticks have passed.
 TEST_F(Paula, FetchTimingAndPeriodChanges) {
     ramp(0x30000, 8, 1);
     set_audio_latches(k, 0, 0x30000, 1, 50, 64);
@@ -92,16 +85,14 @@ TEST_F(Paula, QueuedBlockStartsExactlyWhenTheOldOneIsExhausted) {
     start(0);
     run_ticks(200 * 3);   // at byte 3 of 8
     set_audio_latches(k, 0, 0x40000, 2, 200, 64);
-    EXPECT_TRUE(c.queued);
-    EXPECT_EQ(c.data, k->ram + 0x30000);
-    EXPECT_EQ(run_ticks(200 * 5 - 1), 0);
-    EXPECT_EQ(c.sample, 7);
-    EXPECT_EQ(run_ticks(1), 1);   // the switch is the block end
-    EXPECT_EQ(c.data, k->ram + 0x40000);
-    EXPECT_EQ(c.sample, 100);
-    EXPECT_FALSE(c.queued);
-    EXPECT_EQ(run_ticks(200 * 4), 1);   // the new block repeats on its own
-    EXPECT_EQ(c.sample, 100);
+    // The switch is the block end; the new block then repeats on its own.
+    const std::tuple<int, int, int, int, bool> steps[] = {
+        {0, 0, 0x30000, 3, true}, {999, 0, 0x30000, 7, true}, {1, 1, 0x40000, 100, false},
+        {800, 1, 0x40000, 100, false}};
+    for (auto [ticks, ends, data, sample, queued] : steps) {
+        int got = run_ticks(uint64_t(ticks));
+        EXPECT_EQ(std::tuple(got, c.data - k->ram, c.sample, bool(c.queued)), std::tuple(ends, data, sample, queued));
+    }
 }
 
 TEST_F(Paula, StopKeepsThePositionAndStartsBeginAtTheBlockStart) {
@@ -111,24 +102,21 @@ TEST_F(Paula, StopKeepsThePositionAndStartsBeginAtTheBlockStart) {
     start(0);
     run_ticks(150 * 5 + 20);
     custom_write_word(k, DMACON, 0x0001);
-    EXPECT_FALSE(c.active);
-    EXPECT_EQ(c.pos, 5u);   // nothing else is cleared
+    EXPECT_EQ(std::tuple(bool(c.active), c.pos), std::tuple(false, 5u));   // nothing else is cleared
     start(0);
     EXPECT_TRUE(c.pos == 0 && c.phase == 0 && c.sample == 1);
-    // A block without repeat stops at its end with DMA still on; the next
-    // location write starts the new block at once, from its first byte.
+    // A block without repeat stops at its end with DMA still on; the next location write starts the new block at
+    // once, from its first byte.
     c.loop_len = 0;   // the stop-at-end rule, not reachable through registers
     EXPECT_EQ(run_ticks(150 * 16), 1);
-    EXPECT_FALSE(c.active);
-    EXPECT_EQ(k->aud[0].dma_running, 1);
+    EXPECT_EQ(std::tuple(bool(c.active), k->aud[0].dma_running), std::tuple(false, 1));
     set_audio_latches(k, 0, 0x50000, 8, 150, 64);
-    EXPECT_TRUE(c.active);
-    EXPECT_EQ(c.loop_len, 16u);
+    EXPECT_EQ(std::tuple(bool(c.active), c.loop_len), std::tuple(true, 16u));
     EXPECT_EQ(fetches(4), (std::vector<int>{77, 78, 79, 80, 81}));
 }
 
-// Backward: from the last byte, wrapping at the start (a block end); a
-// queued block is entered at its last byte when the current one ends.
+// Backward: from the last byte, wrapping at the start (a block end); a queued block is entered at its last byte when
+// the current one ends.
 TEST_F(Paula, BackwardFetchRunsFromTheEnd) {
     ramp(0x30000, 4, 10);
     ramp(0x40000, 2, 50);
@@ -150,14 +138,11 @@ TEST_F(Paula, BlocksNearTheTopOfMemoryStopAtTheEndOfRam) {
     // A long block 16 bytes below the top is cut to those 16 bytes.
     set_audio_latches(k, 0, 0xFFFFF0, 0, 113, 64);
     start(0);
-    EXPECT_EQ(c.end, 16u);
-    EXPECT_EQ(c.loop_len, 16u);
+    EXPECT_EQ(std::tuple(c.end, c.loop_len), std::tuple(16u, 16u));
     // The very last byte: a one-byte block; the top 8 address bits are ignored.
     set_audio_latches(k, 1, 0xFFFFFFFF, 0x8000, 113, 64);
     start(1);
-    EXPECT_EQ(k->ch[1].data, k->ram + 0xFFFFFF);
-    EXPECT_EQ(k->ch[1].end, 1u);
-    EXPECT_EQ(k->ch[1].sample, 0x22);
+    EXPECT_EQ(std::tuple(k->ch[1].data - k->ram, k->ch[1].end, k->ch[1].sample), std::tuple(0xFFFFFF, 1u, 0x22));
     // Queued near the top while playing, and backward from the top.
     set_audio_latches(k, 0, 0xFFFF00, 0, 113, 64);
     EXPECT_EQ(c.next_len, 0x100u);
@@ -165,8 +150,7 @@ TEST_F(Paula, BlocksNearTheTopOfMemoryStopAtTheEndOfRam) {
     set_audio_latches(k, 2, 0xFFFFFE, 0, 113, 64);
     start(2);
     EXPECT_EQ(k->ch[2].pos, 1u);
-    // Mixing many blocks' worth stays inside the array (the sanitizer build
-    // checks the reads themselves).
+    // Mixing many blocks' worth stays inside the array (the sanitizer build checks the reads themselves).
     std::vector<float> out(2 * 4800);
     paula_mix_frames(k, out.data(), 4800);
     for (int x = 0; x < 3; x++) {
@@ -177,9 +161,8 @@ TEST_F(Paula, BlocksNearTheTopOfMemoryStopAtTheEndOfRam) {
     }
 }
 
-// The render loop cuts its chunks with paula_frames_to_block_end: the block
-// end must fall in exactly the predicted frame, for several periods,
-// lengths, directions, phases and tick carries.
+// The render loop cuts its chunks with paula_frames_to_block_end: the block end must fall in exactly the predicted
+// frame, for several periods, lengths, directions, phases and tick carries.
 TEST_F(Paula, PredictedBlockEndMatchesTheMixer) {
     std::vector<float> out(2 * 20000);
     for (uint8_t backward : {0, 1}) {
@@ -214,12 +197,10 @@ TEST_F(Paula, PredictedBlockEndMatchesTheMixer) {
     EXPECT_EQ(k->ch[1].pos, 0u);
 }
 
-// The output path per side, one statement per stage, at the Paula clock:
-// pulse-width volume, the Amiga's RC low-pass (A500: RC = 1 / (2 pi 4400),
-// A1200: 1 / (2 pi 34000)), the LED filter's 3300 Hz Butterworth pair, the
-// 1/128 scale, the anti-alias filter's four Butterworth sections at 0.45 of
-// the output rate; a frame is the clamped mean of its ticks. It keeps its
-// own filter state and channel copies, taken from the engine once.
+// The output path per side, one statement per stage, at the Paula clock: pulse-width volume, the Amiga's RC low-pass
+// (A500: RC = 1 / (2 pi 4400), A1200: 1 / (2 pi 34000)), the LED filter's 3300 Hz Butterworth pair, the 1/128 scale,
+// the anti-alias filter's four Butterworth sections at 0.45 of the output rate; a frame is the clamped mean of its
+// ticks. It keeps its own filter state and channel copies, taken from the engine once.
 struct reference_mixer {
     paula_mixer m;
     paula_channel ch[4];
@@ -241,8 +222,8 @@ struct reference_mixer {
         m.led_a2 = (1 - alpha) / a0;
         w0 = 2 * kPi * 0.45 * m.rate / kPaulaClock;
         for (int i = 0; i < 4; i++) {
-            // Sections in rising Q: the pole pairs of an 8th-order
-            // Butterworth have Q = 1 / (2 sin((2j - 1) pi / 16)), j = 4..1.
+            // Sections in rising Q: the pole pairs of an 8th-order Butterworth have Q = 1 / (2 sin((2j - 1) pi /
+            // 16)), j = 4..1.
             alpha = std::sin(w0) * std::sin((7 - 2 * i) * kPi / 16);
             a0 = 1 + alpha;
             m.aa[i].b0 = (1 - std::cos(w0)) / 2 / a0;
@@ -303,11 +284,9 @@ void expect_same_channels(const paula_channel *got, const uint8_t *got_ram, cons
     }
 }
 
-// Four channels at rates whose frames run 36 to 257 ticks: full-scale
-// squares on the left (the output clamps), a 2-byte loop at volume 1
-// (a block end every 226 ticks), a backward block, a block that stops
-// during the second call; the settings, a volume and the stopped channel
-// change between calls, and the filter state carries over.
+// Four channels at rates whose frames run 36 to 257 ticks: full-scale squares on the left (the output clamps), a
+// 2-byte loop at volume 1 (a block end every 226 ticks), a backward block, a block that stops during the second call;
+// the settings, a volume and the stopped channel change between calls, and the filter state carries over.
 TEST(Mixer, BothPathsMatchThePlainOutputPath) {
     // 13,850 Hz: frames of 256 ticks and more, beyond the frame tables.
     for (int32_t rate : {48000, 44100, 22050, 96000, 14000, 13850}) {
@@ -358,10 +337,9 @@ TEST(Mixer, BothPathsMatchThePlainOutputPath) {
     }
 }
 
-// A constant sample settles at half its level per channel, left from
-// channels 0 and 3, right from 1 and 2, scaled by the pulse-width volume,
-// and is added to what the buffer holds. A muted channel (which does not
-// advance) and unusable rates add nothing, nor do calls for no frames.
+// A constant sample settles at half its level per channel, left from channels 0 and 3, right from 1 and 2, scaled by
+// the pulse-width volume, and is added to what the buffer holds. A muted channel (which does not advance) and
+// unusable rates add nothing, nor do calls for no frames.
 TEST(Mixer, SettledLevelsFollowVolumeAndSideMutedAndUnusableAddNothing) {
     const struct {
         int channel;
@@ -405,9 +383,8 @@ TEST(Mixer, SeparationMovesBothSidesTowardsTheirMean) {
     }
 }
 
-// Excerpts of real modules with their own players through the render loop:
-// the frame path against the per-tick path, with the output settings set
-// after opening (opening resets them); about 1.4 s in blocks of two sizes.
+// Excerpts of real modules with their own players through the render loop: the frame path against the per-tick path,
+// with the output settings set after opening (opening resets them); about 1.4 s in blocks of two sizes.
 TEST(Mixer, RealModulesMatchOnBothPaths) {
     KELVA_REQUIRE_SHARED("testdata/modules");
     ptk_test::data_tree_env env;

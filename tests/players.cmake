@@ -1,22 +1,20 @@
-# Test players: small hunk executables built from tests/players/ with the
-# cross toolchain, into <build>/tests/players/<Name>, found by the tests
-# through KELVA_TEST_PLAYERS.
+# Test players: small hunk executables built from tests/players/ with the cross toolchain, into
+# <build>/tests/players/<Name>, found by the tests through KELVA_TEST_PLAYERS.
 include(${CMAKE_SOURCE_DIR}/cmake/KelvaPlayer.cmake)
 
 set(KELVA_TEST_PLAYERS_DIR ${CMAKE_BINARY_DIR}/tests/players)
 set(KELVA_TEST_PLAYER_NAMES SwMix)
 kelva_add_player(NAME SwMix SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/SwMix.c ${KELVA_PLAYER_LIB}/swmix.c
                  OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
-foreach(src Tone.S IrqOrder.S Subsong.S Files.S DosSegment.S Misbehave.S SongEnd.c Envelope.c EnvelopeSongEnd.c)
+foreach(src Tone.c IrqOrder.S Subsong.c Files.S DosSegment.S Misbehave.S Envelope.c EnvelopeSongEnd.c)
   get_filename_component(p ${src} NAME_WE)
   kelva_add_player(NAME ${p} SOURCES ${CMAKE_CURRENT_LIST_DIR}/players/${src} OUTPUT_DIR ${KELVA_TEST_PLAYERS_DIR})
   list(APPEND KELVA_TEST_PLAYER_NAMES ${p})
 endforeach()
-foreach(p ${KELVA_TEST_PLAYER_NAMES})
-  if(KELVA_M68K_CC)
-    add_dependencies(kelva_tests kelva_player_${p})
-  endif()
-endforeach()
+list(TRANSFORM KELVA_TEST_PLAYER_NAMES PREPEND kelva_player_ OUTPUT_VARIABLE test_player_targets)
+if(KELVA_M68K_CC)
+  add_dependencies(kelva_tests ${test_player_targets})
+endif()
 target_compile_definitions(kelva_tests PRIVATE KELVA_TEST_PLAYERS="${KELVA_TEST_PLAYERS_DIR}")
 
 # elf2hunk refuses what a hunk file cannot express.

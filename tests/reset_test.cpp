@@ -1,11 +1,11 @@
-// Machine reset: the fixed layout every player starts in, and what a reset
-// puts back after a player and a host changed it; the exported setters and
-// getters (the LED modes: custom_test.cpp).
+// Machine reset: the fixed layout every player starts in, what a reset puts back, and the exported setters and
+// getters (LED modes: custom_test.cpp).
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <tuple>
 
 #include "engine/call.h"
 #include "hardware/bus.h"
@@ -19,9 +19,8 @@ TEST(Reset, LibraryTablesAndGlobals) {
     auto k = make_engine();
     kelva *e = k.get();
     EXPECT_EQ(ram_get32(e, 4), 0x00F80000u);   // exec
-    // Every slot of exec, dos, the two other libraries and the option
-    // library: a host call (line-A word; rts) or the default moveq #0,d0;
-    // rts; nothing below the last slot.
+    // Every slot of exec, dos, the two other libraries and the option library: a host call (line-A word; rts) or the
+    // default moveq #0,d0; rts; nothing below the last slot.
     const struct {
         uint32_t base, entries;
     } tables[] = {{0xF80000, 200}, {0xF81000, 80}, {0xF82000, 120}, {0xF83000, 120}, {0xF84000, 40}};
@@ -44,8 +43,8 @@ TEST(Reset, LibraryTablesAndGlobals) {
         EXPECT_EQ(ram_get32(e, 0xF95000 + 4 * i), (0xA400 + i) << 16 | 0x4E75u);
     }
     EXPECT_EQ(ram_get16(e, 0xF80212), 0x3232u);   // 50 Hz vertical blank and power supply
-    // Globals: library bases, empty module fields (+24..+44), volume and
-    // balances 64, the 50 Hz CIA timer value, all four voices on at volume 64.
+    // Globals: library bases, empty module fields (+24..+44), volume and balances 64, the 50 Hz CIA timer value, all
+    // four voices on at volume 64.
     for (auto [off, value] : {std::pair{4u, 0xF81000u}, {8, 0xF82000}, {12, 0xF83000}})
         EXPECT_EQ(ram_get32(e, 0xF90000 + off), value) << off;
     for (uint32_t off = 24; off < 46; off += 2) EXPECT_EQ(ram_get16(e, 0xF90000 + off), 0u) << off;
@@ -78,18 +77,11 @@ TEST(Reset, ClearsThePreviousPlayer) {
     e->mix.rc_state[0] = 0.5;
 
     kelva_reset(e, 48000);
-    EXPECT_EQ(e->rate, 48000);
-    EXPECT_EQ(e->mix.frame_ticks, 960);
     EXPECT_EQ(e->loader, null_loader);   // the loader survives
-    EXPECT_EQ(e->separation, 1.0f);
-    EXPECT_EQ(e->model + e->mix.model + e->led_mode, 0u);
-    EXPECT_EQ(e->mix.led_on, 1u);
-    EXPECT_EQ(e->alloc_ptr, 0x400000u);
-    EXPECT_EQ(e->comp_next, 0x010000u);
-    EXPECT_EQ(e->subsong_count, 1u);
-    EXPECT_EQ(e->dmacon, 0x0200);
+    EXPECT_EQ(std::tuple(e->rate, e->mix.frame_ticks, e->separation, e->model + e->mix.model + e->led_mode,
+                         e->mix.led_on, e->alloc_ptr, e->comp_next, e->subsong_count, e->dmacon, e->mix.rc_state[0]),
+              std::tuple(48000, 960, 1.0f, 0u, 1u, 0x400000u, 0x010000u, 1u, 0x0200, 0.0));
     EXPECT_EQ(e->files[2].data, nullptr);
-    EXPECT_EQ(e->mix.rc_state[0], 0.0);
     for (uint64_t v : {uint64_t(e->ram[0x123456]), uint64_t(e->scratch[100]), uint64_t(e->routines[DELI_INITPLAYER]),
                        uint64_t(e->int_vectors[5]), uint64_t(e->pending_count), uint64_t(e->requested_subsong),
                        uint64_t(e->song_end_frame), e->played_frames, uint64_t(e->comp_count),

@@ -1,6 +1,5 @@
-// The scanner's queue under load from many threads at once: an enqueue storm
-// against a running worker, then one while the worker is stopped and started
-// again. Built with ThreadSanitizer in CI (ScanStorm.*).
+// The scanner's queue under load from many threads at once: an enqueue storm against a running worker, then one while
+// the worker is stopped and started again. Built with ThreadSanitizer in CI (ScanStorm.*).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -31,8 +30,8 @@ struct ScanStorm : testing::Test {
 
 TEST_F(ScanStorm, OverlappingStormsAndRestartsScanEachUriOnce) {
     scan_start();
-    // Each thread walks the same 500 names from a different start, so every
-    // name is queued by several threads at about the same time.
+    // Each thread walks the same 500 names from a different start, so every name is queued by several threads at
+    // about the same time.
     std::atomic<bool> go{false};
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; t++)
@@ -59,9 +58,8 @@ TEST_F(ScanStorm, OverlappingStormsAndRestartsScanEachUriOnce) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     for (std::thread &th : threads) th.join();
-    // Once one last name is read, the worker has drained the queue before it
-    // (first in, first out). Names dropped by a stop are not queued again
-    // (the seen-set keeps them), and no name is read twice.
+    // Once one last name is read, the worker has drained the queue before it (first in, first out). Names dropped by
+    // a stop are not queued again (the seen-set keeps them), and no name is read twice.
     scan_enqueue("mem://last.mod");
     ASSERT_TRUE(wait_until([] { return reads_so_far().count("mem://last.mod") == 1; }));
     expect_each_read_once();

@@ -6,13 +6,14 @@
 TEST_NAME=aud
 . "$(dirname "$0")/lib.sh"
 parse_args "plugin players data demo modules" "$@"
-aud_setup Tone SongEnd Subsong
+aud_setup Tone Envelope Subsong
 printf 'not a hunk file\n' > "$DATA/players/Broken"
-printf '%s prefixes=%s\n' Tone kvt SongEnd dw,fc Subsong kvsub Broken brk > "$DATA/eagleplayer.conf"
+printf '%s prefixes=%s\n' Tone kvt Envelope dw,fc Subsong kvsub Broken brk > "$DATA/eagleplayer.conf"
 # tone.kvt: an extension nobody lists, found by content probing; a steady tone. end.dw: ends after
-# 4 ticks. five.kvsub: five subtunes. none.fc: its line is taken out of the tree before it is
-# played. bad.brk: a "player" that is no program.
+# 4 ticks (an Envelope module). five.kvsub: five subtunes. none.fc: its line is taken out of the
+# tree before it is played. bad.brk: a "player" that is no program.
 for f in tone.kvt end.dw five.kvsub none.fc bad.brk; do printf 'music for %s\n' "$f" > "$MUS/$f"; done
+printf 'ENVL\0\0\0\0\0\0\0\0\0\0\0\4\0\0\0\0\0\0\0\0' | tee "$MUS/none.fc" > "$MUS/end.dw"
 aud_start KELVA_DATA="$DATA"
 
 # ---- 1. a file found by content probing; its length comes from the scanner
@@ -26,7 +27,7 @@ fi
 
 # ---- 2. a listed extension and a player that signals its end within the first block
 add_file "$MUS/end.dw"
-expect_eq "end.dw format" "$(field codec 1)" "SongEnd"
+expect_eq "end.dw format" "$(field codec 1)" "Envelope"
 play_entry 1
 check_wav end.dw 4096 4096
 
@@ -48,8 +49,8 @@ fi
 
 # ---- 4. failures while playing: a message each, and Audacious goes on
 add_file "$MUS/none.fc"
-expect_eq "none.fc format before the tree changes" "$(field codec 1)" "SongEnd"
-sed -i 's/^SongEnd prefixes=dw,fc$/SongEnd prefixes=dw/' "$DATA/eagleplayer.conf"
+expect_eq "none.fc format before the tree changes" "$(field codec 1)" "Envelope"
+sed -i 's/^Envelope prefixes=dw,fc$/Envelope prefixes=dw/' "$DATA/eagleplayer.conf"
 play_entry 1
 # Audacious 4.2 reads the tags again right before it plays an entry and does not call play() when
 # that fails, so the refusal shows as its own error; kelva's line appears if play() runs anyway.

@@ -1,5 +1,5 @@
-/* DosSegment: the code file the Files player loads with LoadSeg. Its answer
- * comes from its data hunk through relocated absolute addresses. */
+/* DosSegment: the code file the Files player loads with LoadSeg. Its answer comes from its data hunk through
+ * relocated absolute addresses. */
     .text
 start:
     move.l  magic,d0

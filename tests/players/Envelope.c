@@ -1,10 +1,8 @@
-/* Envelope: a tone on channel 0 whose loudness follows a pattern, for the
- * tests of rendering and length measurement. The module (big-endian longs,
- * struct envelope_module; 0 for never) tells it when the volume pattern
- * restarts, when the tone stops and when to report the song end. Built
- * twice: as Envelope, and as EnvelopeSongEnd, whose flags tag says that it
- * signals the song's end. Volumes come from a 16-bit xorshift sequence
- * (shifts and xors only: no multiply or divide helpers on the 68000). */
+/* Envelope: a tone on channel 0 whose loudness follows a pattern. The module (big-endian longs, struct
+ * envelope_module; 0 for never) tells it when the volume pattern restarts, when the tone stops and when to report
+ * the song end. Volumes: a 16-bit xorshift sequence (no multiply or divide helpers on the 68000). Variants, a file
+ * each defining one of these: EnvelopeSongEnd (its flags say it signals the end), Tone (any module; without the
+ * magic a steady tone), Subsong (any module; subsongs 1..5, silent, each only setting its own period). */
 #include "kelva_player.h"
 
 struct envelope_module {
@@ -14,7 +12,7 @@ struct envelope_module {
     uint32_t ticks;           /* the player writes its tick count here */
 };
 
-static volatile struct envelope_module *mod;
+static volatile struct envelope_module *mod;   /* 0: not an Envelope module */
 static uint32_t in_pattern;
 static uint16_t state;
 
@@ -22,6 +20,18 @@ static uint16_t state;
 static const int8_t wave[16] __attribute__((aligned(2))) = {
     100, 100, 100, 100, 100, 100, 100, 100, -100, -100, -100, -100, -100, -100, -100, -100,
 };
+
+#if defined(ENVELOPE_TONE) || defined(ENVELOPE_SUBSONGS)
+#define ANY_MODULE 1
+#else
+#define ANY_MODULE 0
+#endif
+
+#ifdef ENVELOPE_SUBSONGS
+__asm__("\t.text\n\t.globl subsong_range\nsubsong_range:\n\tmoveq #1,%d0\n\tmoveq #5,%d1\n\trts\n");
+void subsong_range(void);
+static const uint16_t periods[5] = {428, 381, 339, 320, 285};
+#endif
 
 static uint16_t next_volume(void) {
     uint16_t x = state;
@@ -35,16 +45,23 @@ static uint16_t next_volume(void) {
 KELVA_ROUTINE(init_player) {
     (void)d0;
     mod = (volatile struct envelope_module *)kp_g32(g, DTG_ChkData);
-    if (kp_g32(g, DTG_ChkSize) < sizeof(struct envelope_module) || mod->magic != 0x454E564CUL) return 1;
-    return 0;
+    if (kp_g32(g, DTG_ChkSize) < sizeof(struct envelope_module) || mod->magic != 0x454E564CUL) mod = 0;
+    return !mod && !ANY_MODULE;
 }
 
 KELVA_ROUTINE(init_sound) {
-    (void)g;
     (void)d0;
-    mod->ticks = 0;
-    in_pattern = 0;
-    state = (uint16_t)(mod->seed | 1);
+#ifdef ENVELOPE_SUBSONGS
+    uint16_t n = (uint16_t)(kp_g16(g, DTG_SndNum) - 1);
+    KP_CUSTOM16(AUD0PER) = periods[n < 5 ? n : 0];   /* out of range: the first subsong */
+    return 0;
+#endif
+    (void)g;
+    if (mod) {
+        mod->ticks = 0;
+        in_pattern = 0;
+        state = (uint16_t)(mod->seed | 1);
+    }
     KP_CUSTOM32(AUD0LC) = (uint32_t)wave;
     KP_CUSTOM16(AUD0LEN) = sizeof wave / 2;
     KP_CUSTOM16(AUD0PER) = 254;
@@ -55,6 +72,7 @@ KELVA_ROUTINE(init_sound) {
 
 KELVA_ROUTINE(tick) {
     (void)d0;
+    if (!mod) return 0;
     uint32_t t = mod->ticks + 1;
     mod->ticks = t;
     if (mod->pattern_ticks && in_pattern == mod->pattern_ticks) {
@@ -68,8 +86,12 @@ KELVA_ROUTINE(tick) {
     return t;
 }
 
-#ifdef ENVELOPE_SIGNALS_END
+#if defined(ENVELOPE_SIGNALS_END)
 static const char name[] = "EnvelopeSongEnd";
+#elif defined(ENVELOPE_TONE)
+static const char name[] = "Tone";
+#elif defined(ENVELOPE_SUBSONGS)
+static const char name[] = "Subsong";
 #else
 static const char name[] = "Envelope";
 #endif
@@ -77,6 +99,9 @@ static const char name[] = "Envelope";
 const uint32_t tags[] = {
 #ifdef ENVELOPE_SIGNALS_END
     EP_Flags, EPF_Songend,
+#endif
+#ifdef ENVELOPE_SUBSONGS
+    DTP_SubSongRange, (uint32_t)subsong_range,
 #endif
     DTP_PlayerName, (uint32_t)name,
     DTP_InitPlayer, (uint32_t)init_player_entry,

@@ -1,8 +1,6 @@
-/* Files: reaches the host's files the two ways a player can. ExtLoad loads
- * "smp.set" from the module's directory with the support functions;
- * InitPlayer finds it as list entry 1 (0 is the module), then, through
- * dos.library, reads "data.bin" and LoadSegs and calls "DosSegment".
- * Everything it found is left in `results` for a test to read. */
+/* Files: reaches the host's files the two ways a player can. ExtLoad loads "smp.set" from the module's directory
+ * with the support functions; InitPlayer finds it as list entry 1 (0 is the module), then, through dos.library,
+ * reads "data.bin" and LoadSegs and calls "DosSegment". Everything it found is left in `results` for a test to read. */
 #include "kelva_player.h"
 
     PLAYER_HEADER tags

@@ -1,9 +1,7 @@
-/* IrqOrder: the interrupts a player can install, for the render loop's
- * tests. CIA-B timer A (continuous, latch 9999) and channel 0 (100 words at
- * period 250) end together every 10,000 E-clock ticks; their handlers log
- * marks 1 and 2 without acknowledging. CIA-A timer B (one-shot, latch 3000)
- * logs mark 3 and silences channel 0. The log: a count (at most 60), the
- * marks; then the vertical-blank server's count of its calls. */
+/* IrqOrder: the interrupts a player can install, for the render loop's tests. CIA-B timer A (continuous, latch 9999)
+ * and channel 0 (100 words at period 250) end together every 10,000 E-clock ticks; their handlers log marks 1 and 2
+ * without acknowledging. CIA-A timer B (one-shot, latch 3000) logs mark 3 and silences channel 0. The log: a count
+ * (at most 60), the marks; then the vertical-blank server's count of its calls. */
 #include "kelva_player.h"
 
     PLAYER_HEADER tags

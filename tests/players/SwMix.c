@@ -1,9 +1,7 @@
-/* SwMix: the shared software mixer (players/lib/swmix.c) on Paula channel 0,
- * for the mixer's tests. The module (big-endian): 'SWMX', word mixing
- * period, word block size in bytes, word voice count (1..8), then per voice
- * longs sample offset in the module, length, loop start, loop length
- * (bytes) and words period, volume. StartInt starts the voices and the
- * mixing; EndSound stops it. */
+/* SwMix: the shared software mixer (players/lib/swmix.c) on Paula channel 0, for the mixer's tests. The module
+ * (big-endian): 'SWMX', word mixing period, word block size in bytes, word voice count (1..8), then per voice longs
+ * sample offset in the module, length, loop start, loop length (bytes) and words period, volume. StartInt starts the
+ * voices and the mixing; EndSound stops it. */
 #include "kelva_player.h"
 #include "swmix.h"
 

@@ -28,11 +28,6 @@ std::vector<uint8_t> read_file_bytes(const std::string &path) {
     return {std::istreambuf_iterator<char>(f), {}};
 }
 
-std::string read_file_text(const std::string &path) {
-    std::vector<uint8_t> b = read_file_bytes(path);
-    return {b.begin(), b.end()};
-}
-
 int memory_loader(void *user, const char *path, uint8_t **out, uint32_t *len) {
     auto *m = static_cast<memory_files *>(user);
     m->requests.push_back(path);

@@ -11,12 +11,10 @@
 // Path of the shared test data folder, or empty when it is absent.
 std::string shared_dir();
 // Skips the current test with a clear message when `sub` of it is missing.
-#define KELVA_REQUIRE_SHARED(sub)                                                          \
-    do {                                                                                   \
-        if (shared_dir().empty() || !shared_exists(sub))                                   \
-            GTEST_SKIP() << "shared test data not found (" << KELVA_SHARED_DIR << "/" << sub \
-                         << "); set KELVA_SHARED_DIR at configure time";                   \
-    } while (0)
+#define KELVA_REQUIRE_SHARED(sub)                                                            \
+    if (!shared_exists(sub))                                                                 \
+        GTEST_SKIP() << "shared test data not found (" << KELVA_SHARED_DIR << "/" << sub       \
+                     << "); set KELVA_SHARED_DIR at configure time"
 bool shared_exists(const std::string &sub);
 
 struct engine_deleter {
@@ -28,10 +26,12 @@ engine_ptr make_engine(int32_t rate = 48000);
 
 // The whole contents of a host file; empty when it cannot be read.
 std::vector<uint8_t> read_file_bytes(const std::string &path);
-std::string read_file_text(const std::string &path);
+inline std::string read_file_text(const std::string &path) {
+    std::vector<uint8_t> b = read_file_bytes(path);
+    return {b.begin(), b.end()};
+}
 
-// Files served to kelva_set_file_loader(k, memory_loader, &m) by exact
-// name; every request is recorded.
+// Files served to kelva_set_file_loader(k, memory_loader, &m) by exact name; every request is recorded.
 struct memory_files {
     std::map<std::string, std::vector<uint8_t>> files;
     std::vector<std::string> requests;
@@ -51,6 +51,5 @@ std::vector<uint8_t> envelope_module(uint32_t pattern_ticks, uint32_t stop_tick,
 // Writes channel x's AUDxLC, AUDxLEN, AUDxPER and AUDxVOL, as a player does.
 void set_audio_latches(kelva *k, int x, uint32_t lc, uint16_t len, uint16_t per, uint16_t vol);
 
-// Loads a hunk file's hunks one after another from kPlayerBase, as the
-// engine loads a player. Returns 1 on success.
+// Loads a hunk file's hunks one after another from kPlayerBase, as the engine loads a player. Returns 1 on success.
 int load_player_hunks(kelva *k, const std::vector<uint8_t> &file);
