@@ -71,7 +71,8 @@ instrument tone(uint8_t wave, uint8_t wl = 3, uint8_t width = 0x20) {
 // A square of `len` bytes: low, then `high` bytes high.
 std::vector<int8_t> square(size_t len, size_t high) {
     std::vector<int8_t> w(len, -128);
-    return std::fill(w.end() - long(high), w.end(), 127), w;
+    std::fill(w.end() - long(high), w.end(), 127);
+    return w;
 }
 
 // 'p' period, 'v' volume, 'w' bytes at 127 in the looped block, 'f' 1 when its bytes step by less than 64,

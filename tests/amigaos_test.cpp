@@ -419,7 +419,9 @@ TEST_F(Support, PathFunctionsBuildTheNameLoadFileOpensAndAppendStaysInTheSpace) 
     put_string(k, kPathFull, "");
     put_string(k, 0x300000, ".smp");
     k->a[0] = 0x300000;
-    fn(2), fn(3), fn(4);   // directory, file, any string
+    fn(2);   // directory
+    fn(3);   // file
+    fn(4);   // any string
     EXPECT_EQ(get_string(k, kPathFull), "mods/song.mod.smp");
     EXPECT_EQ(fn(1), 0u);
     EXPECT_EQ(k->comp_count, 1u);

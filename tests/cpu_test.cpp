@@ -19,7 +19,7 @@ using W = std::vector<uint16_t>;
 
 // A fresh engine, code at $1000, supervisor mode with the stack at $8000.
 struct Cpu : testing::Test {
-    engine_ptr engine = (kelva_global_init(), make_engine());
+    engine_ptr engine = make_engine();
     kelva *k = engine.get();
     void SetUp() override {
         memset(k->d, 0, sizeof k->d);

@@ -168,8 +168,12 @@ void pingpong(M &m, int flags) {
 }
 // Two songs, "first" playing C-2 and "second" D-2; song `sub` chosen.
 void two_songs(M &m, int version, int sub) {
-    m.version = version, m.sub = sub, m.songs.resize(2), m.names = {"first", "second"};
-    m.at(0) = N(13), m.at(0, 0, 0, 1) = N(15);
+    m.version = version;
+    m.sub = sub;
+    m.songs.resize(2);
+    m.names = {"first", "second"};
+    m.at(0) = N(13);
+    m.at(0, 0, 0, 1) = N(15);
 }
 
 // On Paula channel 0: 'p' period, 'v' volume, 'd' 0 stopped / 1 playing / 2 started within the tick (under a

@@ -103,8 +103,12 @@ TEST_F(SongDb, CreatesTheDirectoryAndFallsBackToHome) {
     const std::pair<const char *, std::string> homes[] = {
         {"/h/me", "/h/me/.local/share/kelva"}, {"", "/.local/share/kelva"}, {nullptr, ""}};
     for (auto [home, want] : homes) {
-        if (home) setenv("HOME", home, 1);
-        else unsetenv("HOME"), unsetenv("XDG_DATA_HOME");
+        if (home) {
+            setenv("HOME", home, 1);
+        } else {
+            unsetenv("HOME");
+            unsetenv("XDG_DATA_HOME");
+        }
         char out[4096];
         db_dir(out, sizeof out);
         EXPECT_EQ(std::string(out), want) << (home ? home : "(unset)");

@@ -107,7 +107,9 @@ bytes okt(const std::array<uint16_t, 4> &cmod, const std::vector<tsample> &sampl
     bytes m(magic, magic + 8);
     auto chunk = [&m](const char *id, size_t len) {
         size_t o = m.size();
-        m.resize(o + 8 + len, 0), memcpy(&m[o], id, 4), be32(m, o + 4, uint32_t(len));
+        m.resize(o + 8 + len, 0);
+        memcpy(&m[o], id, 4);
+        be32(m, o + 4, uint32_t(len));
         return o + 8;
     };
     at = chunk("CMOD", 8);
@@ -148,11 +150,13 @@ bytes digi(int channels, const std::vector<tsample> &samples, const bytes &order
             for (int ch = 0; ch < 8; ch++)
                 for (const cell &x : cells)
                     if (x.pat == p && x.row == r && x.ch == ch) {
-                        masks[size_t(r)] |= uint8_t(0x80 >> ch), body.resize(body.size() + 4);
+                        masks[size_t(r)] |= uint8_t(0x80 >> ch);
+                        body.resize(body.size() + 4);
                         put_cell(body, body.size() - 4, x);
                     }
         m.insert(m.end(), {uint8_t((64 + body.size()) >> 8), uint8_t(64 + body.size())});
-        m.insert(m.end(), masks.begin(), masks.end()), m.insert(m.end(), body.begin(), body.end());
+        m.insert(m.end(), masks.begin(), masks.end());
+        m.insert(m.end(), body.begin(), body.end());
     }
     for (const tsample &s : samples) m.insert(m.end(), s.data.begin(), s.data.end());
     return m;
@@ -176,7 +180,9 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
     };
     // 4 KB of 0, 4 KB of 100, 0 up to 64 KB + 4 KB, 4 KB of 100
     tsample steps{std::vector<int8_t>(4096, 0)};
-    steps.data.resize(8192, 100), steps.data.resize(65536 + 4096, 0), steps.data.resize(65536 + 8192, 100);
+    steps.data.resize(8192, 100);
+    steps.data.resize(65536 + 4096, 0);
+    steps.data.resize(65536 + 8192, 100);
     auto dl = [&steps](cell row0, cell row1) {
         return digi(2, {steps, {ramp(128)}, digi_level(100)}, {0}, 1, {row0, row1});
     };

@@ -21,7 +21,10 @@ bool shared_exists(const std::string &sub) {
     return stat((std::string(KELVA_SHARED_DIR) + "/" + sub).c_str(), &st) == 0;
 }
 
-engine_ptr make_engine(int32_t rate) { return engine_ptr(kelva_create(rate)); }
+engine_ptr make_engine(int32_t rate) {
+    kelva_global_init();   // once per process; later calls return at once
+    return engine_ptr(kelva_create(rate));
+}
 
 std::vector<uint8_t> read_file_bytes(const std::string &path) {
     std::ifstream f(path, std::ios::binary);

@@ -21,7 +21,7 @@ struct engine_deleter {
     void operator()(kelva *k) const { kelva_destroy(k); }
 };
 using engine_ptr = std::unique_ptr<kelva, engine_deleter>;
-// A fresh engine (tests that run 68k code call kelva_global_init() first).
+// A fresh engine, after kelva_global_init().
 engine_ptr make_engine(int32_t rate = 48000);
 
 // The whole contents of a host file; empty when it cannot be read.
