@@ -8,12 +8,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
 #include "engine/engine.h"
+#include "support/temptree.h"
 #include "support/test_support.h"
 
 namespace ptk_test {
@@ -44,13 +47,10 @@ inline void le32(std::vector<uint8_t> &v, size_t at, uint32_t x) { le16(v, at, u
 // named by their content (fuzz/README.md): an engine input under a name by which identification picks the player
 // `pp` (with the module's .nt file as companion), and ProTracker-layout ones as classify and identify inputs.
 inline void write_seed(const char *dir, const char *target, const std::vector<uint8_t> &in) {
-    uint64_t h = 14695981039346656037u;   // FNV-1a
-    for (uint8_t b : in) h = (h ^ b) * 1099511628211u;
     char name[32];
-    snprintf(name, sizeof name, "/seed-%016llx", (unsigned long long)h);
+    snprintf(name, sizeof name, "/seed-%016llx", (unsigned long long)XXH3_64bits(in.data(), in.size()));
     std::filesystem::create_directories(std::string(dir) + "/" + target);
-    std::ofstream(std::string(dir) + "/" + target + name, std::ios::binary)
-        .write(reinterpret_cast<const char *>(in.data()), std::streamsize(in.size()));
+    write_file(std::string(dir) + "/" + target + name, in);
 }
 inline void write_seeds(const std::string &pp, const std::vector<uint8_t> &mod, const char *path, int subsong) {
     const char *dir = getenv("KELVA_FUZZ_SEEDS");
