@@ -89,17 +89,14 @@ REFERENCE_PATCH = {
 # Files in the folders that are not modules of their own (companion files).
 COMPANION_SUFFIXES = (".nt", ".NT", ".md", ".tsv")
 
-# Understood differences: module -> (what is exempt, why). "corr" exempts the
-# envelope correlation, "length" the length, "error" a module kelva does not
-# open.
+# Understood differences: module -> (what is exempt: "corr" the envelope correlation, "length" the length; why).
 KNOWN = {
-    # Startrekker AM sounds against xmp 4.5. Both modules are made so that left and right sound alike when
-    # played as the tracker did; kelva's renders do (largest |L - R| 0.034).
-    # xmp's loader stretches the AM envelope's stages to 256 x distance / (rate x span) ticks: instrument 1's
-    # first attack (0x40 to 0xFF by 2) lasts 127 ticks there, 96 in the tracker (xmp's L/R correlate 0.918).
+    # Startrekker AM sounds against xmp 4.5 (both modules sound alike left and right as the tracker played them;
+    # kelva's largest |L - R| is 0.034). xmp stretches the AM envelope's stages to 256 x distance / (rate x span)
+    # ticks: instrument 1's first attack lasts 127 ticks there, 96 in the tracker.
     "startrekker-am/flt_am_envelope.mod": (("corr",), "xmp 4.5 stretches the AM envelope's stages"),
-    # xmp refuses the cut last .nt record (the tracker reads the missing fields as 0); completed by zeros in a
-    # copy it loads and correlates 0.938: it plays instrument 2's sample where the AM sound takes precedence.
+    # The tracker reads the cut last .nt record's missing fields as 0; completed in a copy, xmp loads it (0.938)
+    # and plays instrument 2's sample where the AM sound takes precedence.
     "startrekker-am/flt_am_override.mod": (("length", "corr"), "xmp 4.5 does not load it"),
     # Steady tones only: both envelopes are flat, so the correlation measures the last 0.1 % of ripple.
     "effects/AmigaLimitsFinetune.mod": (("corr",), "flat envelope, levels agree within 2 %"),
@@ -116,45 +113,28 @@ KNOWN = {
     # PolyTracker keeps one pattern loop for the whole song (global target and counter, as the file's own
     # instrument names describe); xmp 4.5 loops per channel (9.66 s).
     "other/pattern_loop_ptm.ptm": (("length",), "song-wide pattern loop; xmp loops per channel"),
-    # MED/OctaMED.
-    "med/LOSTMEDFILES_MMD1.MED": (("length",), "16-minute song: measured to the 10-minute limit; kelva's own end "
-                                  "(975.0 s) is the sum of its lines at their tempos; the closing ritardando sets "
-                                  "tempos 16-30 (F10-F1E), which openmpt123 reads as tempo slides and xmp ignores; "
-                                  "with those commands removed in a copy kelva ends at 969.3 s, openmpt123 at 968.9 s"),
-    "med/Synth-a-sysmic.med": (("length", "corr"), "xmp 4.5 truncates tempo 35 to 132 BPM (374.5 s; kelva 372.9 s at "
-                               "openmpt123's 1.515 ticks/s a unit), ignores MED4 command 0E (synth jump: its renders "
-                               "with and without 0E are byte-identical), runs one synth-sequence entry a step (kelva, "
-                               "as OpenMPT's current synth model, runs on to the next volume, waveform, WAI or END), "
-                               "resumes WAI n a step late and steps the waveform sequence at the volume sequence's "
-                               "speed (byte-identical renders for waveform speeds 1 and 3); in a copy at tempo 33 "
-                               "without 0E, with the sequences rewritten so that kelva's rules act as xmp's, "
-                               "the tracks alone correlate 0.92/0.999/0.994/0.91 (0.71/0.88/0.92/0.95 unrewritten; "
-                               "tracks 0 and 3 0.99/0.96 without instrument numbers on their portamento lines, "
-                               "which the two treat differently); tracks 0 and 3 echo the same sounds on one side, "
-                               "so their sum depends on the waves' phases (0.53 as a pair even then, "
-                               "other pairs 0.94-0.99)"),
-    "med/instruments.mmd3": (("length", "corr"), "BPM mode: F20 sets tempo 32 at 3 lines per beat = 24 BPM, which "
-                             "openmpt123 floors at 32 BPM (10.0 s; kelva 13.4 s), and openmpt123 plays the synthetic "
-                             "and hybrid sounds (instruments 3, 5-7) silent; in a copy at tempo 44 (33 BPM) the "
-                             "lengths agree (9.698/9.696 s) and without the synthetic notes the envelopes correlate "
-                             "0.993"),
-    "med/med3song.med": (("length", "corr"), "its instrument is a file the folder lacks (both render silence); xmp "
-                         "turns FC0 into 125 x 192 / 33 = 727 BPM kept in a byte, i.e. 215 BPM (6.6 s; kelva 5.4 s); "
-                         "with F40 instead in a copy both last 6.44 s"),
-    "med/med4song.med": (("length", "corr"), "no reference plays it: openmpt123 has no MED4 loader and xmp 4.5 "
-                         "rejects it (\"Unrecognized file format\"); its three instruments are files the folder "
-                         "lacks, so kelva plays the 7.7 s song (64 lines of 6 ticks at 50 Hz) silent"),
-    "med/mmd0_compat_tempo.med": (("corr",), "openmpt123 neither replays FF1 notes on the fourth tick nor delays "
-                                  "FF2 notes by half a line (seen in a copy with track 1 alone); kelva plays both as "
-                                  "the tracker did; with FF1/FF2 removed in a copy the envelopes correlate 0.991"),
-    "med/mmd2_compat_tempo.med": (("corr",), "as mmd0_compat_tempo: FF1/FF2 in openmpt123; without them in a copy "
-                                  "0.969"),
-    "med/stereo.med": (("corr",), "a track panned across the stereo field: openmpt123 renders at 200 % stereo "
-                       "separation, which deepens the pan's effect on the level envelope (at 100 % the envelopes "
-                       "correlate 0.9996)"),
-    "med/moods-yeah.med": (("corr",), "synthetic sounds: openmpt123 plays them silent, xmp leaves out the MMD3 notes "
-                           "below 25 (the bass of the first positions); with those 272 notes raised into the octave "
-                           "kelva plays them in (kelva's render unchanged) the envelopes correlate 0.981"),
+    # MED/OctaMED. Each difference was checked on an edited copy, as the figures say.
+    "med/LOSTMEDFILES_MMD1.MED": (("length",), "measured to the 10-minute limit; kelva's own end (975.0 s) plays the "
+                                  "closing tempos F10-F1E, which openmpt123 reads as slides and xmp ignores; without "
+                                  "them kelva 969.3 s, openmpt123 968.9 s"),
+    "med/Synth-a-sysmic.med": (("length", "corr"), "xmp 4.5 truncates tempo 35 to 132 BPM (374.5 s; kelva 372.9 s), "
+                               "ignores command 0E (synth jump) and steps the synth sequences one entry a step at "
+                               "the volume sequence's speed; at tempo 33 without 0E, sequences rewritten to act "
+                               "alike, the tracks correlate 0.92/0.999/0.994/0.91"),
+    "med/instruments.mmd3": (("length", "corr"), "F20 at 3 lines a beat is 24 BPM, which openmpt123 floors at 32 "
+                             "(10.0 s; kelva 13.4 s), and it plays the synthetic and hybrid sounds silent; at 33 BPM "
+                             "the lengths agree (9.698/9.696 s), without synthetic notes 0.993"),
+    "med/med3song.med": (("length", "corr"), "its instrument file is missing (both silent); xmp keeps FC0's 727 BPM "
+                         "in a byte (215 BPM: 6.6 s; kelva 5.4 s); with F40 both last 6.44 s"),
+    "med/med4song.med": (("length", "corr"), "no reference plays it (openmpt123 has no MED4 loader, xmp 4.5: "
+                         "\"Unrecognized file format\"); its instrument files are missing: 7.7 s of silence"),
+    "med/mmd0_compat_tempo.med": (("corr",), "openmpt123 neither replays FF1 notes on the fourth tick nor delays FF2 "
+                                  "notes by half a line; without FF1/FF2, 0.991"),
+    "med/mmd2_compat_tempo.med": (("corr",), "FF1/FF2 as mmd0_compat_tempo; without them, 0.969"),
+    "med/stereo.med": (("corr",), "a track panned across the field: openmpt123's 200 % separation deepens the pan's "
+                       "effect on the level (at 100 %, 0.9996)"),
+    "med/moods-yeah.med": (("corr",), "synthetic sounds silent in openmpt123; xmp leaves out the MMD3 notes below 25 "
+                           "(the bass); with those 272 notes raised an octave, 0.981"),
 }
 
 
@@ -267,10 +247,10 @@ def list_modules(root, args):
 
 def report(r):
     """Prints a module's line; returns the problems KNOWN does not explain."""
-    exempt, why = KNOWN.get(r["module"], ((), ""))
     if "error" in r:
-        print("%-40s %s (%s)" % (r["module"], "known: " + why if "error" in exempt else "ERROR", r["error"]))
-        return [] if "error" in exempt else ["error"]
+        print("%-40s ERROR (%s)" % (r["module"], r["error"]))
+        return ["error"]
+    exempt, why = KNOWN.get(r["module"], ((), ""))
     # The measured length is what listeners get: the player's song end for players that signal
     # it, else the first of silence, repetition or the limit.
     diff = r["kelva_s"] - r["ref_s"] if r.get("ref_s") is not None else float("nan")
