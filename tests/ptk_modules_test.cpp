@@ -47,8 +47,9 @@ const module_row kModules[] = {
     {"AHX", "AHX (THX v1)", "ahx/"},
     {"HivelyTracker", "HivelyTracker (HVL v0)", "hvl/"},
 };
-// Titles of MED, AHX and HVL files (the other MED files have none: "").
+// Titles of MED, AHX, HVL and IMS files (the other MED files have none: "").
 const std::map<std::string, std::string> kTitles = {
+    {"other/redoctober-sub-docking.ims", "sub-docking"},
     {"med/fair.med", "fairlight"}, {"med/stereo.med", "Stereo Samples"}, {"med/mmd2_compat_tempo.med", "<unnamed>"},
     {"med/instruments.mmd3", "MMD3 Instrument Testing"}, {"med/med_hold_3xx.med", "Hold + Toneporta (3xx only)"},
     {"med/med_synth_diff_speeds.med", "Synth VSpeed != WSpeed"}, {"ahx/AHX.Phaser", "phaser"},

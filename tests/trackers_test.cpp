@@ -167,7 +167,7 @@ PTK_FIXTURE(Trackers, "SoundFX", "GameMusicCreator", "ImagesMusicSystem", "PolyT
 
 }  // namespace
 
-TEST_F(Trackers, NotesEffectsTemposAndMixes) {
+TEST_F(Trackers, NotesEffectsTemposMixesAndDamage) {
     tsample rel{ramp(1000), 2, 64, 100, 100};   // words 100-199 loop
     const bytes own =
         okt({0, 0, 0, 0}, {rel, okt_level(30, 0)}, {0}, {{0, 0, 0, 13, 0}, {0, 0, 1, 13, 1}, {0, 1, 0, 0, 0, 27}});
@@ -191,6 +191,9 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
     auto o = [&s](uint8_t fx, uint8_t param) { return okt({0, 0, 0, 0}, {s}, {0}, {{0, 0, 0, 13, 0, fx, param}}); };
     const char *const SFX = "SoundFX", *const GMC = "GameMusicCreator", *const IMS = "ImagesMusicSystem";
     const char *const PTM = "PolyTracker", *const OKT = "Oktalyzer", *const DIGI = "DIGIBooster";
+    const bytes im = ims({}), pt = ptm({0, 15}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1}});
+    const bytes ok = okt({0, 1, 0, 0}, {okt_level(50, 2)}, {0}, {{0, 0, 0, 13, 0}});
+    const bytes dg = digi(4, {digi_level(50)}, {0, 1}, 2, {{0, 0, 0, 428, 1}});
     const tcase kCases[] = {
         // 5/6: volume up/down (to 0); STP stops; PIC does not even read the sample; BRK makes row 2 the
         // pattern's last, then the song ends.
@@ -301,6 +304,32 @@ TEST_F(Trackers, NotesEffectsTemposAndMixes) {
         {"C50 heard as 64", DIGI, dl({0, 0, 0, 856, 3}, {0, 1, 0, 0, 0, 0xC, 0x50}), 0, "@7-12 Q0=50"},
         {"E30: the ramp from its end", DIGI, dl({0, 0, 0, 0, 0}, {0, 1, 0, 856, 2, 0xE, 0x30}), 0, "@7 Q0=63"},
         {"the ramp forwards from its start", DIGI, dl({0, 0, 0, 0, 0}, {0, 1, 0, 856, 2}), 0, "@7 Q0=0"},
+        {"IMS as made", IMS, im, 0, ""},
+        {"IMS: not a whole number of patterns", IMS, set32(im, 1080, kImsSamples + 1), 0, "!"},
+        {"IMS: a pattern not stored", IMS, put(im, 953, {2}), 0, "!"},
+        {"IMS: patterns beyond the file", IMS, set32(im, 1080, uint32_t(im.size() + 4 * 768)), 0, "!"},
+        {"PTM as made", PTM, pt, 0, ""},
+        {"PTM: a row naming channel 0 twice", PTM,
+         ptm({0, 15}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1}, {0, 0, 0, 50, 1}}), 0, "!"},
+        {"PTM: 33 channels", PTM, put(pt, 38, {33}), 0, "!"},
+        {"PTM: the only order names a missing pattern", PTM, put(pt, 96, {7}), 0, "!"},
+        {"PTM: cut in the pattern, the missing rows are empty", PTM, cut(pt, 700), 0, ""},
+        {"OKT as made", OKT, ok, 0, ""},
+        {"OKT: OKTASONX", OKT, put(ok, 7, {'X'}), 0, "!"},
+        {"OKT: no CMOD chunk", OKT, put(ok, 8, {'X'}), 0, "!"},
+        {"OKT: a missing pattern", OKT, okt({0, 0, 0, 0}, {okt_level(50, 1)}, {1}, {}), 0, "!"},
+        {"OKT: no positions", OKT, okt({0, 0, 0, 0}, {okt_level(50, 1)}, {}, {}), 0, "!"},
+        {"OKT: a pattern of no rows", OKT, okt({0, 0, 0, 0}, {okt_level(50, 1)}, {0}, {}, 0), 0, "!"},
+        {"OKT: cut in the pattern", OKT, cut(ok, 8 + 16 + 8 + 36 * 32 + 3 * 10 + 8 + 128 + 8 + 100), 0, ""},
+        {"DIGI as made", DIGI, dg, 0, ""},
+        {"DIGI: magic", DIGI, put(dg, 19, {'X'}), 0, "!"},
+        {"DIGI: no channels", DIGI, put(dg, 25, {0}), 0, "!"},
+        {"DIGI: 9 channels", DIGI, put(dg, 25, {9}), 0, "!"},
+        {"DIGI: 129 positions", DIGI, put(dg, 47, {128}), 0, "!"},
+        {"DIGI: a position of a missing pattern", DIGI, put(dg, 49, {2}), 0, "!"},
+        {"DIGI: a packed size other than its masks give", DIGI, put(dg, 1573, {0xFF}), 0, "!"},
+        {"DIGI: cut in the second pattern", DIGI, cut(dg, 1572 + 70), 0, "!"},
+        {"DIGI: the sample cut to the file", DIGI, cut(dg, dg.size() - 100), 0, ""},
     };
     for (const tcase &c : kCases) run_case(c);
 }
@@ -365,47 +394,4 @@ TEST_F(Trackers, DigiBoosterBlocksLastATick) {
             EXPECT_LE(block, clocks * (1 + slack));
         }
     }
-}
-
-TEST_F(Trackers, DamagedFilesAreRefusedOrCut) {
-    const bytes im = ims({}), pt = ptm({0, 15}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1}});
-    const bytes ok = okt({0, 1, 0, 0}, {okt_level(50, 2)}, {0}, {{0, 0, 0, 13, 0}});
-    const bytes dg = digi(4, {digi_level(50)}, {0, 1}, 2, {{0, 0, 0, 428, 1}});
-    const struct {
-        const char *what, *player;
-        bytes image;
-        bool opens;
-    } kCases[] = {
-        {"IMS as made", "ImagesMusicSystem", im, true},
-        {"IMS: not a whole number of patterns", "ImagesMusicSystem", set32(im, 1080, kImsSamples + 1), false},
-        {"IMS: a pattern not stored", "ImagesMusicSystem", put(im, 953, {2}), false},
-        {"IMS: patterns beyond the file", "ImagesMusicSystem", set32(im, 1080, uint32_t(im.size() + 4 * 768)), false},
-        {"PTM as made", "PolyTracker", pt, true},
-        {"PTM: a row naming channel 0 twice", "PolyTracker",
-         ptm({0, 15}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1}, {0, 0, 0, 50, 1}}), false},
-        {"PTM: 33 channels", "PolyTracker", put(pt, 38, {33}), false},
-        {"PTM: the only order names a missing pattern", "PolyTracker", put(pt, 96, {7}), false},
-        {"PTM: cut in the pattern, the missing rows are empty", "PolyTracker", cut(pt, 700), true},
-        {"OKT as made", "Oktalyzer", ok, true},
-        {"OKT: OKTASONX", "Oktalyzer", put(ok, 7, {'X'}), false},
-        {"OKT: no CMOD chunk", "Oktalyzer", put(ok, 8, {'X'}), false},
-        {"OKT: a missing pattern", "Oktalyzer", okt({0, 0, 0, 0}, {okt_level(50, 1)}, {1}, {}), false},
-        {"OKT: no positions", "Oktalyzer", okt({0, 0, 0, 0}, {okt_level(50, 1)}, {}, {}), false},
-        {"OKT: a pattern of no rows", "Oktalyzer", okt({0, 0, 0, 0}, {okt_level(50, 1)}, {0}, {}, 0), false},
-        {"OKT: cut in the pattern", "Oktalyzer", cut(ok, 8 + 16 + 8 + 36 * 32 + 3 * 10 + 8 + 128 + 8 + 100), true},
-        {"DIGI as made", "DIGIBooster", dg, true},
-        {"DIGI: magic", "DIGIBooster", put(dg, 19, {'X'}), false},
-        {"DIGI: no channels", "DIGIBooster", put(dg, 25, {0}), false},
-        {"DIGI: 9 channels", "DIGIBooster", put(dg, 25, {9}), false},
-        {"DIGI: 129 positions", "DIGIBooster", put(dg, 47, {128}), false},
-        {"DIGI: a position of a missing pattern", "DIGIBooster", put(dg, 49, {2}), false},
-        {"DIGI: a packed size other than its masks give", "DIGIBooster", put(dg, 1573, {0xFF}), false},
-        {"DIGI: cut in the second pattern", "DIGIBooster", cut(dg, 1572 + 70), false},
-        {"DIGI: the sample cut to the file", "DIGIBooster", cut(dg, dg.size() - 100), true},
-    };
-    for (const auto &c : kCases) EXPECT_EQ(bool(open_player(c.player, c.image)), c.opens) << c.what;
-    engine_ptr k = open_player("ImagesMusicSystem", im);
-    char title[32];
-    kelva_get_module_name(k.get(), title, sizeof title);
-    EXPECT_STREQ(title, "ims test");
 }
