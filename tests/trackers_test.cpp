@@ -172,17 +172,13 @@ TEST_F(Trackers, NotesEffectsTemposMixesAndDamage) {
     const bytes own =
         okt({0, 0, 0, 0}, {rel, okt_level(30, 0)}, {0}, {{0, 0, 0, 13, 0}, {0, 0, 1, 13, 1}, {0, 1, 0, 0, 0, 27}});
     const uint32_t own_data = kModule + uint32_t(own.size() - 16384 - 8 - 1000);
-    const bytes twelve(12, 0);
     const std::vector<cell> jump = {{0, 0, 0, 13, 0, 28, 0x13}, {0, 1, 1, 0, 0, 25, 0x10}};
     auto d = [](bytes orders, std::vector<cell> cells) {   // speed 1 (F01 on row 0): a row is a tick of 20 ms
         cells.push_back({0, 0, 1, 0, 0, 0xF, 1});
         return digi(2, {digi_level(50)}, orders, 2, cells);
     };
-    // 4 KB of 0, 4 KB of 100, 0 up to 64 KB + 4 KB, 4 KB of 100
-    tsample steps{std::vector<int8_t>(4096, 0)};
-    steps.data.resize(8192, 100);
-    steps.data.resize(65536 + 4096, 0);
-    steps.data.resize(65536 + 8192, 100);
+    tsample steps{std::vector<int8_t>(65536 + 8192, 0)};   // 4 KB of 100 from 4 KB and from 64 KB + 4 KB
+    for (long at : {4096, 65536 + 4096}) std::fill_n(steps.data.begin() + at, 4096, int8_t(100));
     auto dl = [&steps](cell row0, cell row1) {
         return digi(2, {steps, {ramp(128)}, digi_level(100)}, {0}, 1, {row0, row1});
     };
@@ -272,8 +268,8 @@ TEST_F(Trackers, NotesEffectsTemposMixesAndDamage) {
         {"OKT 31: up 4 once", OKT, o(31, 0x74), 0, "@1 v0=44 @4 p0=428 v0=44"},
         // Speed $13 on row 0, a jump to position "10" (decimal) on row 1: positions 0 and 10 play two rows
         // each, then 10 comes again. OKTASONG keeps 4 bits of the speed (3), OKTASNG2 5 (19).
-        {"OKTASONG", OKT, okt({0, 0, 0, 0}, {okt_level(50, 1)}, twelve, jump, 4), 0, "@0 L0=240"},
-        {"OKTASNG2", OKT, okt({0, 0, 0, 0}, {okt_level(50, 1)}, twelve, jump, 4, "OKTASNG2"), 0, "@0 L0=1520"},
+        {"OKTASONG", OKT, okt({0, 0, 0, 0}, {okt_level(50, 1)}, bytes(12, 0), jump, 4), 0, "@0 L0=240"},
+        {"OKTASNG2", OKT, okt({0, 0, 0, 0}, {okt_level(50, 1)}, bytes(12, 0), jump, 4, "OKTASNG2"), 0, "@0 L0=1520"},
         // Channels 0 and 1 on Paula 0, 2 (and 3) on 1, 4 and 5 (C20) on 2, 6 and 7 on 3, each at half level:
         // (100 x 64 + 60 x 64) >> 7 = 80, ... F20 on row 1: 32 BPM, a tick of 2.5 / 32 s = 55420.2 cycles.
         {"DIGI Booster pairs", DIGI,
