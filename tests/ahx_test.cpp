@@ -159,11 +159,10 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
         {"square 32, half", kSquare, 3, 0x20, square(32, 16)},
         {"square 32, width above 32 mirrors", kSquare, 3, 0x30, square(32, 8)},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : cases)
         for (bool hvl : {false, true}) {   // HVL with four voices plays on Paula directly
             SCOPED_TRACE(std::string(c.what) + (hvl ? " HVL" : ""));
-            song s;
-            s.hvl = hvl, s.tracks[1] = {{37, 1}}, s.ins = {tone(c.wave, c.wl, c.width)};
+            const song s{.hvl = hvl, .tracks = {{}, {{37, 1}}}, .ins = {tone(c.wave, c.wl, c.width)}};
             engine_ptr k = open_player(hvl ? "HivelyTracker" : "AHX", build(s));
             ASSERT_TRUE(k);
             trk::expect_probes(k.get(), "@1 p0=428 v0=64 d0=1");
@@ -171,7 +170,6 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
             for (size_t i = 0; i < 128; i++) want[i] = c.period[i % c.period.size()];
             EXPECT_EQ(mixed(k.get(), 0), want);
         }
-    }
     // Noise: a new stretch of 0x280 bytes of the table (3 x 0x280) every tick, bit 8 of the generator giving 127.
     engine_ptr k = open_player("AHX", build({.tracks = {{}, {{37, 1}}}, .ins = {tone(kNoise)}}));
     for (uint32_t t = 0, first = 0, last = 0; t < 4; t++, last = k->aud[0].lc) {

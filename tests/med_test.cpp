@@ -407,15 +407,13 @@ TEST_F(Med, Med2SongsLoadTheirInstrumentsFromFiles) {
     f[4 + 1280 + 1] = 50;   // volume of instrument 1; one block, song length 1, tempo 192 / 32 = 6 ticks
     put(f, p, {{0, 2, 1}, {102, 2, 1}, {104, 2, 32}, {108, 2, 6}});   // a line, sliding on every tick
     put(f, cells, {{0, 2, uint64_t(kD2)}, {2, 1, 0x10}});             // instrument 1, no command
-    std::vector<uint8_t> iff = {'F', 'O', 'R', 'M', 0, 0, 0, 0, '8', 'S', 'V', 'X', 'V', 'H', 'D', 'R', 0, 0, 0, 20};
-    iff.resize(iff.size() + 20);
-    iff[20 + 14] = 1;   // VHDR: one octave
-    iff.insert(iff.end(), {'B', 'O', 'D', 'Y', 0, 0, 0x03, 0xE8});
-    iff.resize(iff.size() + 1000, 0x40);
+    // An 8SVX file: FORM, VHDR of 20 bytes (one octave), BODY of 1000 bytes.
+    const char head[] = "FORM\0\0\0\0" "8SVXVHDR\0\0\0\x14" "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\1\0\0\0\0\0" "BODY\0\0\3\xE8";
+    std::vector<uint8_t> iff(head, head + 48);
+    iff.resize(48 + 1000, 0x40);
     const std::pair<std::vector<uint8_t>, uint32_t> files[] = {{std::vector<uint8_t>(1000, 0x40), 0}, {iff, 48}};
     for (const auto &file : files) {   // the file follows the module; its sample starts at `second`
-        memory_files mf;
-        mf.files["/m/bass"] = file.first;
+        memory_files mf{{{"/m/bass", file.first}}, {}};
         engine_ptr k = open_player("MED", f, "/m/song", 0, &mf);
         ASSERT_TRUE(k);
         EXPECT_STREQ(kelva_get_format_name(k.get()), "MED (MED2)");
