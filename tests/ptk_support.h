@@ -125,11 +125,14 @@ inline trace every(int n, const std::vector<int> &v) {
 }
 inline trace series(const std::vector<int> &v) { return every(1, v); }
 
-template <class F> void expect_trace(kelva *k, const trace &t, F observe) {
+// Checks `t`, value i by observe(obs[i mod the length of obs]); obs "!": k is null (the player refused the module).
+template <class F> void expect_trace(kelva *k, const char *obs, const trace &t, F observe) {
+    ASSERT_EQ(!k, *obs == '!') << "opened or refused";
     int done = 0;
+    size_t i = 0;
     for (const auto &e : t) {
         if (e.first + 1 > done) run_ticks(k, e.first + 1 - done), done = e.first + 1;
-        EXPECT_EQ(observe(), e.second) << "tick " << e.first;
+        EXPECT_EQ(observe(obs[i++ % strlen(obs)]), e.second) << "tick " << e.first;
     }
 }
 

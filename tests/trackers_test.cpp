@@ -204,8 +204,7 @@ TEST_F(Trackers, NotesEffectsTemposMixesAndDamage) {
               {0, 0, 3, 428, 1, 7, 0x25}}),
          kSfxData, "@2 p0=360 p3=428 @3 p0=285 p3=433 @4 p0=428 @5 p0=285 @6 p0=360 p1=443 p2=418 p3=448"},
         // Delay 28374: 709379 / 28375 = 25 Hz, 1920 frames a tick: row 1 (tick 7) after 10560 frames at the earliest.
-        {"SoundFX CIA delay", SFX, sfx({{0, 0, 0, 428, 1}, {0, 1, 0, 381, 1}}, 28374), kSfxData,
-         "@11 p0=428 @13 p0=381"},
+        {"SoundFX delay", SFX, sfx({{0, 0, 0, 428, 1}, {0, 1, 0, 381, 1}}, 28374), kSfxData, "@11 p0=428 @13 p0=381"},
         // 2.0: sample bit 4 in the note word; 17's data after 1's and 2's.
         {"SoundFX 2.0", SFX, sfx({{0, 0, 0, 428, 17}, {0, 0, 1, 428, 2}}, 14187, true), kSfx20Data,
          "@1 a0=4200 v0=30 a1=4000", "SoundFX 2.0"},
@@ -241,8 +240,7 @@ TEST_F(Trackers, NotesEffectsTemposMixesAndDamage) {
         // An own channel plays to the loop's end (byte 400), queues the loop. On release (27, row 1, 120 ms) the
         // pass under way (200 bytes at 428: 24.1 ms each from 48.3 ms) ends at 120.7 ms, bytes 400-999 play
         // (72.4 ms), silence queued. Mode 0 samples are for split channels only.
-        {"Oktalyzer own channels", OKT, own, own_data,
-         "@1 e0=400 c0=200 l0=100 d1=0 @7 a0=400 e0=600 l0=1 @12 e0=2 q0=0"},
+        {"OKT own channels", OKT, own, own_data, "@1 e0=400 c0=200 l0=100 d1=0 @7 a0=400 e0=600 l0=1 @12 e0=2 q0=0"},
         // CMOD 0 1 0 0: channels 1 and 2 mixed on Paula 1 at full level (7-bit samples), 550 samples at period
         // 129 a tick (70950 Paula clocks, the tick 70938); the pair's volume is Paula's, set by either channel
         // and kept by notes; mode 1 samples do not play there; 100 + 100 holds at the limit.
@@ -285,8 +283,7 @@ TEST_F(Trackers, NotesEffectsTemposMixesAndDamage) {
         {"F00 starts the song again: 4", DIGI, d({0}, {{0, 3, 0, 0, 0, 0xF, 0}}), 0, "@0 L0=80"},
         {"jump back to position 0: 64 + 1", DIGI, d({0, 1}, {{1, 0, 0, 0, 0, 0xB, 0}}), 0, "@0 L0=1300"},
         // A jump held by a pattern delay: the delay's row is position 1's first, then its row 1: 2 + 1 + 63.
-        {"jump and delay in a row", DIGI, d({0, 1}, {{0, 1, 0, 0, 0, 0xB, 1}, {0, 1, 1, 0, 0, 0xE, 0xE1}}), 0,
-         "@0 L0=1320"},
+        {"jump and delay", DIGI, d({0, 1}, {{0, 1, 0, 0, 0, 0xB, 1}, {0, 1, 1, 0, 0, 0xE, 0xE1}}), 0, "@0 L0=1320"},
         // Channel 0 alone: sample x volume / 128 at ticks 0..5 of row 1. Offsets 9xx x 256, + 65536 after E81.
         {"9 offset 4096", DIGI, dl({0, 0, 0, 0, 0}, {0, 1, 0, 856, 1, 9, 0x10}), 0, "@7-12 Q0=50"},
         {"E81: + 65536", DIGI, dl({0, 0, 0, 0, 0, 0xE, 0x81}, {0, 1, 0, 856, 1, 9, 0x10}), 0, "@7-12 Q0=50"},
@@ -305,8 +302,7 @@ TEST_F(Trackers, NotesEffectsTemposMixesAndDamage) {
         {"IMS: a pattern not stored", IMS, put(im, 953, {2}), 0, "!"},
         {"IMS: patterns beyond the file", IMS, set32(im, 1080, uint32_t(im.size() + 4 * 768)), 0, "!"},
         {"PTM as made", PTM, pt, 0, ""},
-        {"PTM: a row naming channel 0 twice", PTM,
-         ptm({0, 15}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1}, {0, 0, 0, 50, 1}}), 0, "!"},
+        {"PTM: channel 0 twice", PTM, ptm({0, 15}, {level(50)}, {0}, 1, {{0, 0, 0, 49, 1}, {0, 0, 0, 50, 1}}), 0, "!"},
         {"PTM: 33 channels", PTM, put(pt, 38, {33}), 0, "!"},
         {"PTM: the only order names a missing pattern", PTM, put(pt, 96, {7}), 0, "!"},
         {"PTM: cut in the pattern, the missing rows are empty", PTM, cut(pt, 700), 0, ""},
