@@ -91,8 +91,7 @@ int observe(kelva *k, char what) {
     for (size_t i = 0; i < b.size(); i++)
         rms += b[i] * b[i] / double(b.size()), step = std::max(step, i ? std::abs(b[i] - b[i - 1]) : 0);
     switch (what) {
-    case 'p': return k->aud[0].per;
-    case 'v': return k->aud[0].vol;
+    case 'p': case 'v': return int(trk::observe(k, 0, what, 0));
     case 'w': return int(std::count(b.begin(), b.end(), 127));
     case 'f': return step < 64;
     case 'r': return std::sqrt(rms) < 0.8 * 127.5;

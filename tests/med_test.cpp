@@ -183,11 +183,9 @@ void two_songs(M &m, int version, int sub) {
 // 's' sides heard (1 left, 2 right), 'g' a loud stretch over 90 ms.
 int observe(kelva *k, const M &m, char what) {
     const uint32_t playing = uint32_t(k->ch[0].data - k->ram), data = m.at_[0];
-    int32_t reason = 0;
     char title[32];
     switch (what) {
-    case 'p': return k->aud[0].per;
-    case 'v': return k->aud[0].vol;
+    case 'p': case 'v': case 't': return int(trk::observe(k, 0, what, 0));
     case 'd': return !k->aud[0].dma_running ? 0 : k->ch[0].pos < 3546895 / 50 / k->aud[0].per * 11 / 10 ? 2 : 1;
     case 'w':
         if (playing != m.at_[0] && playing != m.at_[1]) return -2;
@@ -196,11 +194,7 @@ int observe(kelva *k, const M &m, char what) {
     case 'x': return int(playing + k->ch[0].end - data);
     case 'l': return int(k->aud[0].lc - data);
     case 'L': return k->aud[0].len;
-    case 't': return k->ram[0xF90000 + 54] << 8 | k->ram[0xF90000 + 55];
-    case 'e': {
-        uint64_t ms = kelva_measure_length(k, 60000, 0, &reason, nullptr, nullptr);
-        return reason == 1 ? int((ms + 10) / 20) : -1;
-    }
+    case 'e': return int((trk::observe(k, 0, 'L', 0) + 10) / 20);
     case 'c': return int(kelva_get_subsong_count(k));
     case 'T': return kelva_get_module_name(k, title, sizeof title), m.names[size_t(std::max(m.sub, 1) - 1)] == title;
     }
