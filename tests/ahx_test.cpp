@@ -67,10 +67,8 @@ std::vector<uint8_t> build(const song &s) {
 constexpr uint8_t kTriangle = 1, kSawtooth = 2, kSquare = 3, kNoise = 4;
 
 instrument with_plist(std::vector<plist_entry> p, uint8_t speed = 1) { return {.plist_speed = speed, .plist = p}; }
-// `wave` at once, full volume, the track's note; a square's width from `width`.
-instrument tone(uint8_t wave, uint8_t wl = 3, uint8_t width = 0x20) {
-    return {.wl = wl, .plist = {{wave, 1, 0, 3, width}}};
-}
+// `wave` at once, full volume, the track's note; a square's width from `w`.
+instrument tone(uint8_t wave, uint8_t wl = 3, uint8_t w = 0x20) { return {.wl = wl, .plist = {{wave, 1, 0, 3, w}}}; }
 
 // A square of `len` bytes: low, then `high` bytes high.
 std::vector<int8_t> square(size_t len, size_t high) {
@@ -185,6 +183,7 @@ TEST_F(Ahx, EnvelopePlaylistTrackCommandsAndRefusals) {
     // Square widths 2..6 at wave length 3; a vibrato of sine x 4 / 128: 0, +7, 0, -8.
     const instrument sweep{.sq_lower = 8, .sq_upper = 0x18, .sq_speed = 1, .plist = {{kSquare, 0, 0, 3, 0x10, 4, 1}}};
     const instrument vib{.vib_depth = 4, .vib_speed = 16, .plist = sq}, tsq = tone(kSquare);
+    const int kSquareMix = (-32 + 128) * 256 + 31 + 128;
     run({
         // +4096 (16 volume steps) a tick to 64, -2048 to 32, hold, -2048 to 0.
         {"attack, decay, sustain, release", adsr, {{37, 1}}, "v",
@@ -239,6 +238,12 @@ TEST_F(Ahx, EnvelopePlaylistTrackCommandsAndRefusals) {
         {"the main song", tsq, {}, "p", {{0, 428}}, SET(s.sub = 1, subsongs(s))},
         {"64 rows, the most", tsq, {{37, 1}}, "c", {{-1, 1}}, SET(s.rows = 64)},
         {"HVL: 16 channels, the most", tsq, {{37, 1}}, "c", {{-1, 1}}, SET(s.hvl = true, s.channels = 16)},
+        // Six voices: mixed at period 165 into 430-byte blocks, each voice at a quarter of a channel's level (4
+        // voices in the pair 0/1: shift 8): voice 0's square (127 / -128 -> 31 / -32) on channel 0, panned right on 1.
+        {"square on the left", tsq, {{37, 1}}, "mZp", {{1, kSquareMix}, {1, 430}, {1, 165}}, six_voices},
+        {"7xx pans it right", tsq, {{37, 1, 7, 0x7F}}, "Mz", {{1, kSquareMix}, {1, 430}}, six_voices},
+        {"9xx in the playlist pans it right", with_plist({{kSquare, 1, 0, 9, 0x60, 3, 0x20}}), {{37, 1}}, "Mz",
+         {{1, kSquareMix}, {1, 430}}, six_voices},
         {"refused: version 2", tsq, {{37, 1}}, "!", {}, SET(s.patch = {{3, 2}})},
         {"refused: no positions", tsq, {{37, 1}}, "!", {}, SET(s.patch = {{7, 0}})},
         {"refused: track length 0", tsq, {{37, 1}}, "!", {}, SET(s.patch = {{10, 0}})},
@@ -251,17 +256,8 @@ TEST_F(Ahx, EnvelopePlaylistTrackCommandsAndRefusals) {
     });
 }
 
-// Six voices: mixed at period 165 into 430-byte blocks, each voice at a quarter of a channel's level (4 voices
-// in the pair 0/1: shift 8): voice 0's square (127 / -128 -> 31 / -32) on channel 0, panned right on 1. Ring
-// modulation (four voices) by a triangle at fixed note 49: the square's byte x the triangle's / 128 (peaks 63).
-TEST_F(Ahx, HivelyMixesVoicesIntoThePaulaChannels) {
-    const int kSquareMix = (-32 + 128) * 256 + 31 + 128;
-    run({
-        {"square on the left", tone(kSquare), {{37, 1}}, "mZp", {{1, kSquareMix}, {1, 430}, {1, 165}}, six_voices},
-        {"7xx pans it right", tone(kSquare), {{37, 1, 7, 0x7F}}, "Mz", {{1, kSquareMix}, {1, 430}}, six_voices},
-        {"9xx in the playlist pans it right", with_plist({{kSquare, 1, 0, 9, 0x60, 3, 0x20}}), {{37, 1}}, "Mz",
-         {{1, kSquareMix}, {1, 430}}, six_voices},
-    });
+// Ring modulation by a triangle at fixed note 49, mixed: the square's byte x the triangle's / 128 (peaks 63).
+TEST_F(Ahx, HivelyRingModulation) {
     const instrument ring = with_plist({{kSquare, 0, 0, 7, 49}});
     engine_ptr k = open_player("HivelyTracker", build({.hvl = true, .tracks = {{}, {{37, 1}}}, .ins = {ring}}));
     ASSERT_TRUE(k);

@@ -56,12 +56,11 @@ TEST_F(Ptk, EffectsVariantsMixingAndRefusals) {
     for (int i = 0; i < 8; i++) hmn[2108 + (i < 4 ? 0x380 : 0x3BC) + i] = steps[i];
     // A sample of bytes 100 at volume V on channel c of N: Paula channel c mod 4 plays 100 x V / 64 / S at the
     // mixing period 180 (19,705 Hz), S = ceil(N / 4) rounded up to a power of two; the others 0.
-    auto mix = [P](const char *tag, int n, int c, int volume, int level) {
+    auto mix = [P](const char *tag, int n, int c, uint8_t volume, int level) {
         std::string p = "@3";
         for (char x = '0'; x < '4'; x++)
             p = p + " p" + x + "=180 v" + x + "=64 q" + x + "=" + std::to_string(x - '0' == c % 4 ? level : 0);
-        return tcase{tag, P, mod({{0, 0, c, 428, 1}}, 1, {{500, uint8_t(volume), 0, 500, 0, 100}}, tag, {}, 0, n), 0,
-                     p};
+        return tcase{tag, P, mod({{0, 0, c, 428, 1}}, 1, {{500, volume, 0, 500, 0, 100}}, tag, {}, 0, n), 0, p};
     };
     const tcase kCases[] = {
         mix("5CHN", 5, 2, 32, 25), mix("6CHN", 6, 4, 64, 50), mix("8CHN", 8, 7, 64, 50), mix("CD81", 8, 5, 48, 37),
