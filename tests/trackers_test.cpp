@@ -53,14 +53,18 @@ bytes ims(const std::vector<cell> &cells) {
     return m;
 }
 
-// PolyTracker: channels at their pans, instruments (looping whole, at a C-4 rate), orders, packed patterns.
-struct ptm_ins {
+// An Oktalyzer (loop in words), DIGI Booster (in bytes) or PolyTracker (looping whole, at `rate` for C-4) sample.
+struct tsample {
     std::vector<int8_t> data;
+    uint16_t mode = 2;   // 0: split channels only, 1: own channels only, 2: both
     uint8_t volume = 64;
+    uint32_t loop_start = 0, loop_len = 0;
     uint16_t rate = 8363;
 };
-ptm_ins level(int8_t v, uint8_t volume = 64) { return {std::vector<int8_t>(64, v), volume}; }
-bytes ptm(const bytes &pans, const std::vector<ptm_ins> &ins, const bytes &orders, int patterns,
+
+// PolyTracker: channels at their pans, instruments, orders, packed patterns.
+tsample level(int8_t v, uint8_t volume = 64) { return {std::vector<int8_t>(64, v), 2, volume}; }
+bytes ptm(const bytes &pans, const std::vector<tsample> &ins, const bytes &orders, int patterns,
           const std::vector<cell> &cells) {
     bytes m(608 + 80 * ins.size(), 0);
     memcpy(&m[0], "ptm test", 8), memcpy(&m[44], "PTMF", 4), m[28] = 0x1A;
@@ -91,13 +95,6 @@ bytes ptm(const bytes &pans, const std::vector<ptm_ins> &ins, const bytes &order
 }
 
 // Oktalyzer: CMOD flags (a split channel pair each), samples, orders, one pattern of `rows` rows; speed 6.
-// An Oktalyzer (loop in words) or DIGI Booster (in bytes) sample.
-struct tsample {
-    std::vector<int8_t> data;
-    uint16_t mode = 2;   // 0: split channels only, 1: own channels only, 2: both
-    uint8_t volume = 64;
-    uint32_t loop_start = 0, loop_len = 0;
-};
 tsample okt_level(int8_t v, uint16_t mode, uint8_t volume = 64, size_t n = 16384) {
     return {std::vector<int8_t>(n, v), mode, volume};
 }
@@ -179,9 +176,7 @@ TEST_F(Trackers, NotesEffectsTemposMixesAndDamage) {
     };
     tsample steps{std::vector<int8_t>(65536 + 8192, 0)};   // 4 KB of 100 from 4 KB and from 64 KB + 4 KB
     for (long at : {4096, 65536 + 4096}) std::fill_n(steps.data.begin() + at, 4096, int8_t(100));
-    auto dl = [&steps](cell row0, cell row1) {
-        return digi(2, {steps, {ramp(128)}, digi_level(100)}, {0}, 1, {row0, row1});
-    };
+    auto dl = [&steps](cell a, cell b) { return digi(2, {steps, {ramp(128)}, digi_level(100)}, {0}, 1, {a, b}); };
     tsample s = okt_level(50, 1, 40, 64);
     s.loop_len = 32;
     auto o = [&s](uint8_t fx, uint8_t param) { return okt({0, 0, 0, 0}, {s}, {0}, {{0, 0, 0, 13, 0, fx, param}}); };
@@ -349,11 +344,11 @@ TEST_F(Trackers, OktalyzerSplitVoicesPlayNotesNotPeriods) {
 }
 
 // PolyTracker's pitch: rate x 2^((note - 49) / 12) samples a second, mixed at 3546895 / 124 a second: how far a
-// looping 256-byte ramp advances over a block. Pans 0, 15, 0, 15 give Paula 0, 1, 3, 2.
+// looping 256-byte ramp advances over a block. Pans 0, 15, 0, 15 give Paula 0, 1, 3, 2; 1x10: up 16 units x 4.
 TEST_F(Trackers, PolyTrackerPitchFromNoteAndRateAndSlides) {
-    engine_ptr k = open_player("PolyTracker", ptm({0, 15, 0, 15}, {{ramp(256)}, {ramp(256), 64, 16726}}, {0}, 1,
-                                                  {{0, 0, 0, 49, 1}, {0, 0, 1, 61, 1}, {0, 0, 2, 49, 2, 1, 0x10},
-                                                   {0, 0, 3, 52, 1, 0, 0x47}}));   // slide up 16 units x 4; arpeggio
+    const bytes m = ptm({0, 15, 0, 15}, {{ramp(256)}, {ramp(256), 2, 64, 0, 0, 16726}}, {0}, 1,
+                        {{0, 0, 0, 49, 1}, {0, 0, 1, 61, 1}, {0, 0, 2, 49, 2, 1, 0x10}, {0, 0, 3, 52, 1, 0, 0x47}});
+    engine_ptr k = open_player("PolyTracker", m);
     ASSERT_TRUE(k);
     run_ticks(k.get(), 1);
     const double block = double(mixed(k.get(), 0).size() - 1), mix = 3546895.0 / 124;
