@@ -165,6 +165,7 @@ TEST_F(Ahx, WaveformsAreGeneratedByTheirRules) {
         }
     // Noise: a new stretch of 0x280 bytes of the table (3 x 0x280) every tick, bit 8 of the generator giving 127.
     engine_ptr k = open_player("AHX", build({.tracks = {{}, {{37, 1}}}, .ins = {tone(kNoise)}}));
+    ASSERT_TRUE(k);
     for (uint32_t t = 0, first = 0, last = 0; t < 4; t++, last = k->aud[0].lc) {
         run_ticks(k.get(), 1);
         first = t ? first : k->aud[0].lc;

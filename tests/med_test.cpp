@@ -243,7 +243,7 @@ TEST_F(Med, NotesAndCommands) {
     run({
         {"MMD0 C-2", N(13), "p", {{0, kC2}}, SET(m.version = 0)},
         // C-1; B-3, the highest; C-4 plays in the third octave; D#7 wraps down one octave, then repeats octave 3.
-        {"C-1, B-3, C-4, D#7", N(1), "p", every(6, {kC1, 113, kC3, 180}),
+        {"C-1, B-3, C-4, D#7", N(1), "p", series({kC1, 113, kC3, 180}, 6),
          SET(m.at(1) = N(36), m.at(2) = N(37), m.at(3) = N(76))},
         {"finetune +1", N(1), "p", {{0, 850}}, SET(m.inst[0].finetune = 1)},
         {"finetune -1", N(1), "p", {{0, 862}}, SET(m.inst[0].finetune = -1)},
@@ -299,14 +299,14 @@ TEST_F(Med, NotesAndCommands) {
 
 TEST_F(Med, SequencesAndSynthSounds) {
     run({
-        {"F00: the next block", N(13, 15, 0), "p", every(6, {kC2, kD2}), SET(m.at(0, 0, 1) = N(15), m.seq = {0, 1})},
-        {"1D goes to the next block's line", N(13, 0x1D, 2), "p", every(6, {kC2, kE2}),
+        {"F00: the next block", N(13, 15, 0), "p", series({kC2, kD2}, 6), SET(m.at(0, 0, 1) = N(15), m.seq = {0, 1})},
+        {"1D goes to the next block's line", N(13, 0x1D, 2), "p", series({kC2, kE2}, 6),
          SET(m.at(2, 0, 1) = N(17), m.seq = {0, 1})},
-        {"0B jumps to a position", N(13, 0x0B, 2), "p", every(6, {kC2, kF2}),
+        {"0B jumps to a position", N(13, 0x0B, 2), "p", series({kC2, kF2}, 6),
          SET(m.at(0, 0, 1) = N(15), m.at(0, 0, 2) = N(18), m.seq = {0, 1, 2})},
-        {"16 repeats lines", N(13), "p", every(6, {kC2, kD2, kE2, kD2, kE2, kD2, kE2, kF2}),
+        {"16 repeats lines", N(13), "p", series({kC2, kD2, kE2, kD2, kE2, kD2, kE2, kF2}, 6),
          SET(m.at(1) = N(15, 0x16, 0), m.at(2) = N(17, 0x16, 2), m.at(3) = N(18))},
-        {"09: ticks per line", N(13, 9, 3), "p", every(3, {kC2, kD2, kE2}), SET(m.at(1) = N(15), m.at(2) = N(17))},
+        {"09: ticks per line", N(13, 9, 3), "p", series({kC2, kD2, kE2}, 3), SET(m.at(1) = N(15), m.at(2) = N(17))},
         {"1E repeats the line", N(13, 0x1E, 2), "p", {{17, kC2}, {18, kD2}}, SET(m.at(1) = N(15))},
         {"FFF turns the track off", N(13), "d", {{5, 1}, {6, 0}}, SET(m.at(1) = C(15, 0xFF))},
         // 'd' is 2 when the note started within the tick.

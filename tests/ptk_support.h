@@ -26,10 +26,8 @@ inline std::string player_path(const std::string &n) {
     return n.find('/') < n.size() ? n : KELVA_BUILD_DATA "/players/" + n;
 }
 
-struct data_tree_env {
-    std::string old = getenv("KELVA_DATA") ? getenv("KELVA_DATA") : "";
+struct data_tree_env : env_guard {
     data_tree_env() { setenv("KELVA_DATA", KELVA_BUILD_DATA, 1); }
-    ~data_tree_env() { old.empty() ? unsetenv("KELVA_DATA") : setenv("KELVA_DATA", old.c_str(), 1); }
 };
 
 constexpr int32_t kTick = 960;          // frames of one 50 Hz tick at 48 kHz
@@ -98,15 +96,15 @@ inline engine_ptr open_player(const std::string &name, const std::vector<uint8_t
 }
 
 // Identifies the shared module `rel` under the name `as` (its path when empty) and opens it with the player
-// found, as the plugin does; null when either fails. `player` gets the player's path.
-inline engine_ptr open_identified(const std::string &rel, std::string *player, std::string as = "") {
+// found, as the plugin does; null when either fails. `player` (when given) gets the player's path.
+inline engine_ptr open_identified(const std::string &rel, std::string *player = nullptr, std::string as = "") {
     std::string path = shared_dir() + "/testdata/modules/" + rel;
     std::vector<uint8_t> data = read_file_bytes(path);
     char found[4096];
     if (as.empty()) as = path;
     if (data.empty() || !kelva_identify(as.c_str(), data.data(), uint32_t(data.size()), found, sizeof found))
         return nullptr;
-    *player = found;
+    if (player) *player = found;
     return open_player(found, data, as.c_str());
 }
 
@@ -116,14 +114,13 @@ inline std::vector<int8_t> ramp(size_t n, int step = 1, int shift = 0) {
     return r;
 }
 
-// Expected values: (tick, value); tick -1 is before the first tick. every(): after ticks 0, n, 2n, ...
+// Expected values: (tick, value); tick -1 is before the first tick. series(): after ticks 0, n, 2n, ...
 using trace = std::vector<std::pair<int, int>>;
-inline trace every(int n, const std::vector<int> &v) {
+inline trace series(const std::vector<int> &v, int n = 1) {
     trace t;
     for (size_t i = 0; i < v.size(); i++) t.push_back({int(i) * n, v[i]});
     return t;
 }
-inline trace series(const std::vector<int> &v) { return every(1, v); }
 
 // Checks `t`, value i by observe(obs[i mod the length of obs]); obs "!": k is null (the player refused the module).
 template <class F> void expect_trace(kelva *k, const char *obs, const trace &t, F observe) {

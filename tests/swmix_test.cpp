@@ -59,14 +59,13 @@ TEST_F(SwMix, LevelsStepsLoopsAndOneShotEnds) {
 // refills the buffers, so every new sample is the previous one plus 1 (a buffer played twice or skipped would
 // jump by a whole block), 3546895 / 124 of them a second.
 TEST_F(SwMix, BuffersFollowEachOtherWithoutABreak) {
-    engine_ptr e = swmx(200, {{ramp(256), 0, 256}});
-    ASSERT_TRUE(e);
-    kelva *k = e.get();
+    engine_ptr k = swmx(200, {{ramp(256), 0, 256}});
+    ASSERT_TRUE(k);
     float frame[2];
     uint32_t changes = 0;
     for (int f = 0; f < 48000; f++) {
         int8_t last = k->ch[0].sample;
-        kelva_render(k, frame, 1);
+        kelva_render(k.get(), frame, 1);
         if (k->ch[0].sample == last) continue;
         ASSERT_EQ(int8_t(last + 1), k->ch[0].sample) << "frame " << f;
         changes++;
