@@ -30,13 +30,12 @@ struct data_tree_env : env_guard {
     data_tree_env() { setenv("KELVA_DATA", KELVA_BUILD_DATA, 1); }
 };
 
-constexpr int32_t kTick = 960;          // frames of one 50 Hz tick at 48 kHz
 constexpr uint32_t kModule = 0x010000;  // where the engine loads the module
 
 // Renders `n` ticks: the player's tick routine runs n times more (a fresh engine's first call runs it at once).
 inline void run_ticks(kelva *k, int n) {
-    std::vector<float> buf(size_t(kTick) * 2);
-    for (int i = 0; i < n; i++) kelva_render(k, buf.data(), kTick);
+    std::vector<float> buf(2 * 960);   // a 50 Hz tick at 48 kHz
+    for (int i = 0; i < n; i++) kelva_render(k, buf.data(), 960);
 }
 
 inline void be16(std::vector<uint8_t> &v, size_t at, uint16_t x) { v[at] = uint8_t(x >> 8), v[at + 1] = uint8_t(x); }
