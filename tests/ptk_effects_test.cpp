@@ -42,12 +42,13 @@ PTK_FIXTURE(Ptk, "PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV");
 
 }  // namespace
 
-TEST_F(Ptk, EffectsVariantsAndMixing) {
+TEST_F(Ptk, EffectsVariantsMixingAndRefusals) {
     const char *const P = "PTK-Prowiz";
-    bytes big = mod({{0, 0, 0, 428, 1}}, 1, {{60000, 64}});
+    bytes big = mod({{0, 0, 0, 428, 1}}, 1, {{60000, 64}}), none = mod({});
     bytes hmn = mod({{0, 0, 0, 428, 1}, {0, 1, 1, 428, 2}, {0, 0, 2, 428, 3, 7, 1}}, 2,
                     {{0, 48}, {100, 64, 0, 1, 0xFE, 10}, {100, 64, 0, 1, 0, 10}}, "M&K!", {0});
     big.resize(2108 + 1000);
+    none[950] = 0;   // no positions
     memcpy(&hmn[20], "Mupp\1\1\3", 8);
     hmn[953] = 1;   // pattern 1, not in the song, holds the synth sound: waveform w is 32 bytes of w
     for (uint32_t w = 0; w < 28; w++) memset(&hmn[2108 + 32 * w], int(w), 32);
@@ -55,12 +56,11 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
     for (int i = 0; i < 8; i++) hmn[2108 + (i < 4 ? 0x380 : 0x3BC) + i] = steps[i];
     // A sample of bytes 100 at volume V on channel c of N: Paula channel c mod 4 plays 100 x V / 64 / S at the
     // mixing period 180 (19,705 Hz), S = ceil(N / 4) rounded up to a power of two; the others 0.
-    auto mix = [P](const char *tag, int n, int c, int volume, int level) {
+    auto mix = [P](const char *tag, int n, int c, uint8_t volume, int level) {
         std::string p = "@3";
         for (char x = '0'; x < '4'; x++)
             p = p + " p" + x + "=180 v" + x + "=64 q" + x + "=" + std::to_string(x - '0' == c % 4 ? level : 0);
-        return tcase{tag, P, mod({{0, 0, c, 428, 1}}, 1, {{500, uint8_t(volume), 0, 500, 0, 100}}, tag, {}, 0, n), 0,
-                     p};
+        return tcase{tag, P, mod({{0, 0, c, 428, 1}}, 1, {{500, volume, 0, 500, 0, 100}}, tag, {}, 0, n), 0, p};
     };
     const tcase kCases[] = {
         mix("5CHN", 5, 2, 32, 25), mix("6CHN", 6, 4, 64, 50), mix("8CHN", 8, 7, 64, 50), mix("CD81", 8, 5, 48, 37),
@@ -138,6 +138,9 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
              {0, 2, 1}),
          0, "@3 q1=50 q0=0 @387 q1=20 @771 q1=50"},
         {"a sample longer than the file plays what is there", P, big, 0, "@1 e0=1000"},
+        {"refused: no positions", P, none, 0, "!"},
+        {"refused: a pattern beyond the file", P, mod({}, 1, {}, "M.K.", {60}), 0, "!"},
+        {"refused: too short for a Soundtracker module", "UltimateSoundtracker", bytes(500, 0), 0, "!"},
         // His Master's Noise: a "Mupp" instrument first plays (first step << 8 | last step) words of its
         // pattern, then each tick the step's 32-byte waveform (queued) at the step's volume x the instrument's
         // / 64, looping from the first step to the last: steps 0, 1, 2, 3, 1, .. at 48 x 64 / 64 = 48, 24, 12
@@ -149,12 +152,4 @@ TEST_F(Ptk, EffectsVariantsAndMixing) {
          nullptr, nullptr, ""},
     };
     for (const tcase &c : kCases) run_case(c);
-}
-
-TEST_F(Ptk, DamagedModulesAreRefused) {
-    bytes none = mod({});
-    none[950] = 0;   // no positions
-    EXPECT_FALSE(open_player("PTK-Prowiz", none));
-    EXPECT_FALSE(open_player("PTK-Prowiz", mod({}, 1, {}, "M.K.", {60})));   // a pattern beyond the file
-    EXPECT_FALSE(open_player("UltimateSoundtracker", bytes(500, 0)));
 }
