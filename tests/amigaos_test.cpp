@@ -33,6 +33,16 @@ const U kValid = {
     0x3F2,               // [22]  HUNK_END
 };
 
+// A NUL-terminated string in emulated memory (addresses wrap at 16 MiB).
+void put_string(kelva *k, uint32_t addr, const char *s) {
+    for (size_t i = 0; i <= strlen(s); i++) k->ram[(addr + i) & kAddrMask] = uint8_t(s[i]);
+}
+std::string get_string(kelva *k, uint32_t addr) {
+    char buf[1024];
+    amiga_read_string(k, addr, buf, sizeof buf);
+    return buf;
+}
+
 std::vector<uint8_t> bytes(const U &longs) {
     std::vector<uint8_t> out;
     for (uint32_t v : longs) put_be32(out, v);
@@ -51,8 +61,16 @@ struct Os : testing::Test {
 struct Hunk : Os {
     // Loads like the engine loads a player: hunks one after another from $200000.
     int load(const std::vector<uint8_t> &file) {
+        uint32_t offset = 0, at = kPlayerBase;
         int ok = 0;
-        err = stderr_of([&] { ok = load_player_hunks(k, file); });
+        err = stderr_of([&] {
+            if (!hunk_parse_header(k, file.data(), uint32_t(file.size()), &offset)) return;
+            for (uint32_t h = 0; h < k->hunk_count; h++) {
+                k->hunk_addr[h] = at;
+                at += k->hunk_size[h];
+            }
+            ok = hunk_read_contents(k, file.data(), uint32_t(file.size()), offset);
+        });
         return ok;
     }
     int load(const U &longs) { return load(bytes(longs)); }
@@ -394,6 +412,8 @@ TEST_F(LineA, OptionLookup) {
     EXPECT_EQ(flag(0) + flag(1), 0);
     lookup(":", {""}, 1);   // the shortest match: an empty name and the tag ":"
     EXPECT_EQ((U{flag(0), uint32_t(result(0).size())}), (U{1, 1}));
+    lookup("\x01:", {"\x01"}, 1);   // any byte but NUL compares
+    EXPECT_EQ(flag(0), 1);
     EXPECT_EQ(lookup("type:pt30", {"type"}, 0), 0u);   // count 0 touches nothing
     EXPECT_EQ(flag(0), 0x77);
     EXPECT_EQ(lookup("type:pt30", {"type"}, 1, 0xA801), 0u);   // the group's other functions do nothing
@@ -433,8 +453,7 @@ TEST_F(Support, PathFunctionsBuildTheNameLoadFileOpensAndAppendStaysInTheSpace) 
     EXPECT_EQ(get_string(k, 0xFFFFFC), "abcdefg");   // "efg" and the NUL wrapped to $000000
     memset(k->ram, 'z', kRamSize);
     deli_str_append(k, 0x300000, 0x400000);   // neither string ends
-    EXPECT_EQ(k->fault, 0);
-    EXPECT_EQ(k->ram[0x123456], 'z');
+    EXPECT_EQ((U{uint32_t(k->fault), k->ram[0x123456]}), (U{0, 'z'}));
 }
 
 TEST_F(Support, LoadFileGetListDataAndCompanionFailures) {
@@ -533,32 +552,26 @@ TEST_F(Support, ReturnValuesOfTheOtherEntries) {
 }
 
 TEST_F(Support, AudioEntriesWriteTheChipRegisters) {
-    k->d[0] = 40, k->d[1] = 6;   // channel 6 & 3 = 2
-    neg(45);                    // PokeVol
-    EXPECT_EQ((U{k->aud[2].vol, k->aud[0].vol}), (U{40, 0}));
-    k->d[1] = 1, k->d[0] = 0x00012346;
-    neg(42);   // PokeAdr
-    k->d[0] = 0xFFFF0100;
-    neg(43);   // PokeLen: low word only
-    k->d[0] = 428;
-    EXPECT_EQ(neg(44), 428u);   // PokePer leaves D0 alone
-    EXPECT_EQ((U{k->aud[1].lc, k->aud[1].len, k->aud[1].per}), (U{0x00012346, 0x0100, 428}));
-
-    EXPECT_EQ(neg(17), 0u);   // FreeAudio: master off
-    EXPECT_EQ(k->dmacon & 0x0200, 0);
-    EXPECT_EQ(neg(16), 0u);   // AllocAudio: master on
-    EXPECT_EQ(k->dmacon & 0x0200, 0x0200);
-    k->d[0] = 0x8000, k->d[1] = 0xFFF5;   // DMAMask: set channels 0 and 2
-    neg(41);
-    EXPECT_EQ(k->dmacon & 0x000F, 0x0005);
-    k->d[0] = 0, k->d[1] = 0x0001;   // clear channel 0
-    neg(41);
-    EXPECT_EQ(k->dmacon & 0x000F, 0x0004);
+    // PokeVol on channel 6 & 3 = 2; PokeAdr, PokeLen (low word only), PokePer (D0 left alone) on channel 1; DMAMask
+    // sets channels 0 and 2, then clears channel 0.
+    const uint32_t calls[][3] = {{45, 40, 6},  {42, 0x00012346, 1}, {43, 0xFFFF0100, 1},
+                                 {44, 428, 1}, {41, 0x8000, 0xFFF5}, {41, 0, 0x0001}};
+    U dma;
+    for (const auto &c : calls) {
+        k->d[0] = c[1];
+        k->d[1] = c[2];
+        EXPECT_EQ(neg(c[0]), c[1]) << c[0];   // D0 left alone
+        dma.push_back(k->dmacon & 0x000F);
+    }
+    EXPECT_EQ(dma, (U{0, 0, 0, 0, 5, 4}));
+    EXPECT_EQ((U{k->aud[2].vol, k->aud[0].vol, k->aud[1].lc, k->aud[1].len, k->aud[1].per}),
+              (U{40, 0, 0x00012346, 0x0100, 428}));
+    // FreeAudio: master off; AllocAudio: master on.
+    EXPECT_EQ((U{neg(17), k->dmacon & 0x0200u, neg(16), k->dmacon & 0x0200u}), (U{0, 0, 0, 0x0200}));
 }
 
 // Hand-assembled routines at the player base call the library vectors as player code does.
 TEST_F(Support, ReachedFrom68kCode) {
-    kelva_global_init();
     put_code(k, kPlayerBase, {0x2C78, 0x0004, 0x7005,   // movea.l 4.w,a6; moveq #5,d0
                               0x4EAE, 0xFF3A,           // jsr -198(a6)      AllocMem
                               0x6602, 0x7401, 0x4E75}); // bne.s +2; moveq #1,d2 (skipped: condition codes from D0); rts
@@ -590,9 +603,7 @@ struct SupportPatch : Support {
     void block(uint32_t start, uint32_t len, uint32_t flags = 0) {
         for (uint32_t i = 0; i < 6; i++) ram_put32(k, kBlock + 4 * i, U{5, start, len, kTable, flags, 0xFFFEFFFD}[i]);
     }
-    void area(const W &w, uint32_t at = kArea) {
-        for (uint16_t v : w) ram_put16(k, (at += 2) - 2, v);
-    }
+    void area(const W &w, uint32_t at = kArea) { put_code(k, at, w); }
     W area_now(uint32_t n, uint32_t at = kArea) {
         W w;
         for (uint32_t i = 0; i < n; i++) w.push_back(uint16_t(ram_get16(k, at + 2 * i)));

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <initializer_list>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,7 +14,7 @@
 #include "engine/engine.h"
 
 // Words stored one after another from addr, as 68k code or data.
-inline void put_code(kelva *k, uint32_t addr, std::initializer_list<uint16_t> words) {
+inline void put_code(kelva *k, uint32_t addr, const std::vector<uint16_t> &words) {
     for (uint16_t w : words) ram_put16(k, (addr += 2) - 2, w);
 }
 
