@@ -206,21 +206,18 @@ TEST(HostIo, SubtuneSuffixIsTheNumberAfterTheLastQuestionMark) {
 TEST(HostIo, LocalNamesAndUris) {
     host_ops h = host_ops_local();
     char out[kNameCap];
+    // The result, or "-" when the call refuses.
+    auto to_uri = [&](const char *n, size_t cap = kNameCap) {
+        return std::string(h.name_to_uri(n, out, cap) ? out : "-");
+    };
+    auto to_name = [&](const char *uri) { return std::string(h.uri_to_name(uri, out, sizeof out) ? out : "-"); };
     const std::pair<const char *, const char *> names[] = {
         {"/m/AZaz09-._~/x", "file:///m/AZaz09-._~/x"}, {"/a b%", "file:///a%20b%25"},
         {"/@[`{:+", "file:///%40%5B%60%7B%3A%2B"}, {"/\xC3\xA9\x01", "file:///%C3%A9%01"}};
-    for (auto [name, uri] : names) {
-        ASSERT_EQ(h.name_to_uri(name, out, sizeof out), 1) << name;
-        EXPECT_STREQ(out, uri);
-        ASSERT_EQ(h.uri_to_name(uri, out, sizeof out), 1) << uri;
-        EXPECT_STREQ(out, name);
-    }
-    EXPECT_EQ(h.name_to_uri("relative", out, sizeof out), 0);
-    EXPECT_EQ(h.name_to_uri("/abc", out, 8), 0);   // does not fit
-    ASSERT_EQ(h.uri_to_name("file:///%zz%4", out, sizeof out), 1);   // not an escape: kept
-    EXPECT_STREQ(out, "/%zz%4");
-    for (const char *bad : {"file:///a%00b", "http://host/x", "file://host/x", "mem://x"})
-        EXPECT_EQ(h.uri_to_name(bad, out, sizeof out), 0) << bad;
+    for (auto [name, uri] : names) EXPECT_EQ(to_uri(name) + " " + to_name(uri), std::string(uri) + " " + name);
+    for (const char *bad : {"file:///a%00b", "http://host/x", "file://host/x", "mem://x"}) EXPECT_EQ(to_name(bad), "-");
+    EXPECT_EQ(to_uri("relative") + to_uri("/abc", 8), "--");   // not absolute; does not fit
+    EXPECT_EQ(to_name("file:///%zz%4"), "/%zz%4");   // not an escape: kept
     // A folder's entries are URIs of their own, with or without the folder's final slash.
     temp_dir dir;
     ASSERT_TRUE(write_file(dir / "a b", "x"));
@@ -240,33 +237,30 @@ TEST(HostIo, LocalNamesAndUris) {
     EXPECT_STREQ(name, "http://host/x.mod");
 }
 
-std::string take(uint8_t *data, uint32_t len) {
-    std::string s(reinterpret_cast<char *>(data), len);
-    free(data);
-    return s;
-}
-
 TEST(HostIo, SlurpReadsWholeFilesAndRefusesEmptyOrMissingOnes) {
     temp_dir dir;
     std::string big(300000, '\0');
     for (size_t i = 0; i < big.size(); i++) big[i] = char(i * 7);
     ASSERT_TRUE(write_file(dir / "big.bin", big) && write_file(dir / "empty", ""));
-    uint32_t len = 0;
-    uint8_t *data = slurp_path((dir / "big.bin").c_str(), &len);
-    ASSERT_NE(data, nullptr);
-    EXPECT_EQ(take(data, len), big);
-    len = 12345;
-    for (std::string p : {dir / "empty", dir / "missing", dir.path})
-        EXPECT_EQ(slurp_path(p.c_str(), &len), nullptr) << p;
-    EXPECT_EQ(len, 12345u);
+    auto slurp = [](const std::string &p) {
+        return loaded([&](uint8_t **d, uint32_t *l) {
+            uint8_t *got = slurp_path(p.c_str(), l);
+            return got && (*d = got);
+        });
+    };
+    for (std::string p : {dir / "empty", dir / "missing", dir.path}) EXPECT_EQ(slurp(p), "-") << p;
+    EXPECT_EQ(slurp(dir / "big.bin"), big);
     // Through the URI: -1 when nothing opens (no local file behind it, or missing), 0 when empty.
-    uint8_t *got = nullptr;
-    host_ops local = host_ops_local();
-    EXPECT_EQ(local.read_uri("http://example.org/big.bin", &got, &len), -1);
-    EXPECT_EQ(local.read_uri(("file://" + dir / "missing").c_str(), &got, &len), -1);
-    EXPECT_EQ(local.read_uri(("file://" + dir / "empty").c_str(), &got, &len), 0);
-    ASSERT_EQ(local.read_uri(("file://" + dir / "big.bin").c_str(), &got, &len), 1);
-    EXPECT_EQ(take(got, len), big);
+    std::vector<int> codes;
+    auto read = [&](const std::string &uri) {
+        return loaded([&](uint8_t **d, uint32_t *l) {
+            return codes.emplace_back(host_ops_local().read_uri(uri.c_str(), d, l)) > 0;
+        });
+    };
+    EXPECT_EQ((std::vector<std::string>{read("http://example.org/big.bin"), read("file://" + dir / "missing"),
+                                        read("file://" + dir / "empty"), read("file://" + dir / "big.bin")}),
+              (std::vector<std::string>{"-", "-", "-", big}));
+    EXPECT_EQ(codes, (std::vector<int>{-1, -1, 0, 1}));
 }
 
 // A host whose folder listing is scripted: the first entry that matches in the host's order is read.
@@ -290,13 +284,8 @@ struct VfsLoad : testing::Test {
     temp_dir dir;
     void SetUp() override { host = host_ops_local(); }
     void TearDown() override { host = host_ops_local(); }
-    // The bytes the loader gives, or "-" when it fails (leaving its outputs alone).
     std::string load(const std::string &path) {
-        uint8_t *data = nullptr;
-        uint32_t len = 0;
-        if (vfs_load(nullptr, path.c_str(), &data, &len)) return take(data, len);
-        EXPECT_TRUE(data == nullptr && len == 0) << path;
-        return "-";
+        return loaded([&](uint8_t **d, uint32_t *l) { return vfs_load(nullptr, path.c_str(), d, l); });
     }
 };
 

@@ -1,6 +1,9 @@
 // Helpers shared by the unit tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <string>
@@ -29,6 +32,20 @@ std::vector<uint8_t> read_file_bytes(const std::string &path);
 inline std::string read_file_text(const std::string &path) {
     std::vector<uint8_t> b = read_file_bytes(path);
     return {b.begin(), b.end()};
+}
+
+// What load(&data, &len) gave: the bytes (then freed), or "-" when it failed, which must leave both untouched.
+template <class F>
+std::string loaded(F load) {
+    uint8_t *const untouched = reinterpret_cast<uint8_t *>(0x1234), *data = untouched;
+    uint32_t len = 77;
+    if (!load(&data, &len)) {
+        EXPECT_TRUE(data == untouched && len == 77) << "a failed load changed its outputs";
+        return "-";
+    }
+    std::string s(reinterpret_cast<char *>(data), len);
+    free(data);
+    return s;
 }
 
 // Files served to kelva_set_file_loader(k, memory_loader, &m) by exact name; every request is recorded.
