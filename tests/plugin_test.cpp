@@ -386,6 +386,14 @@ struct ScanTree : Scanner {
         int32_t v = 0;
         return cache_lookup(key(contents, seed), &v) ? std::optional<int32_t>(v) : std::nullopt;
     }
+    // The module's records: "count N" or "no count", then each subtune 0 to 6 with a length (":-1" when it failed).
+    static std::string held(const std::string &c) {
+        auto count = stored(c, kSubsongCountSeed);
+        std::string s = count ? "count " + std::to_string(*count) : "no count";
+        for (int t = 0; t <= 6; t++)
+            if (auto v = stored(c, t)) s += " " + std::to_string(t) + (*v > 0 ? "" : ":" + std::to_string(*v));
+        return s;
+    }
     std::string uri(const std::string &rel) const { return "file://" + dir.path + "/" + rel; }
 };
 
@@ -394,33 +402,22 @@ struct ScanTree : Scanner {
 
 TEST_F(ScanTree, ModulesGetTheirCountAndEveryLength) {
     REQUIRE_PLAYER("Subsong");
-    std::string module = scan("song.subs", "five tunes in one file");
-    ASSERT_EQ(stored(module, kSubsongCountSeed), 5);
-    EXPECT_FALSE(stored(module, 0));   // a multi-song file is measured from 1
-    for (int s = 1; s <= 5; s++) EXPECT_GT(stored(module, s).value_or(0), 0) << "subtune " << s;
-    EXPECT_FALSE(stored(module, 6));
+    // A multi-song file is measured from 1; a subtune suffix measures only that subtune, and "?0" is subtune 0, not
+    // the whole file.
+    EXPECT_EQ(held(scan("song.subs", "five tunes in one file")), "count 5 1 2 3 4 5");
     EXPECT_EQ(rescans, std::vector<std::string>{uri("song.subs")});
-
-    module = scan("pick.subs", "pick one", "?3");   // a subtune suffix measures only that subtune
-    EXPECT_FALSE(stored(module, kSubsongCountSeed));
-    EXPECT_TRUE(stored(module, 3));
-    EXPECT_FALSE(stored(module, 1));
+    EXPECT_EQ(held(scan("pick.subs", "pick one", "?3")), "no count 3");
     EXPECT_EQ(rescans.back(), uri("pick.subs") + "?3");
-    module = scan("zero.subs", "the default one", "?0");   // "?0" is subtune 0, not the whole file
-    EXPECT_FALSE(stored(module, kSubsongCountSeed));
-    EXPECT_TRUE(stored(module, 0));
+    EXPECT_EQ(held(scan("zero.subs", "the default one", "?0")), "no count 0");
     // A single song is measured as subtune 0.
     REQUIRE_PLAYER("Tone");
-    module = scan("steady.tone", "one steady tone");
-    EXPECT_EQ(stored(module, kSubsongCountSeed), 1);
-    int32_t len = stored(module, 0).value_or(0);
-    EXPECT_GT(len, 0);
-    EXPECT_LE(len, kScanMaxMs);
+    std::string module = scan("steady.tone", "one steady tone");
+    EXPECT_EQ(held(module), "count 1 0");
+    EXPECT_LE(stored(module, 0), kScanMaxMs);
     // A count of two (here from the database) means subtunes 1 and 2.
     const std::string two = "a count of two";
     cache_store(key(two, kSubsongCountSeed), 2, "two.tone");
-    scan("two.tone", two);
-    EXPECT_TRUE(stored(two, 1) && stored(two, 2) && !stored(two, 0));
+    EXPECT_EQ(held(scan("two.tone", two)), "count 2 1 2");
 }
 
 TEST_F(ScanTree, UnstartableModulesAreRememberedAndFilesWithoutPlayerOrContentsLeftAlone) {
@@ -431,8 +428,7 @@ TEST_F(ScanTree, UnstartableModulesAreRememberedAndFilesWithoutPlayerOrContentsL
     EXPECT_TRUE(rescans.empty());
 
     std::string broken = scan("x.broken", "this player is not a program");
-    EXPECT_EQ(stored(broken, kSubsongCountSeed), 1);
-    EXPECT_EQ(stored(broken, 0), -1);
+    EXPECT_EQ(held(broken), "count 1 0:-1");
     size_t records = cache_val.size();   // known now: a second scan stores nothing new
     scan_one(uri("x.broken").c_str());
     EXPECT_EQ(cache_val.size(), records);
@@ -445,12 +441,9 @@ TEST_F(ScanTree, CancelledMeasurementStoresNothingAndAsksForNoRescan) {
     // The count is known, so the scan goes straight to measuring, which sees the quit flag at its first poll.
     cache_store(key(module, kSubsongCountSeed), 1, "q.tone");
     scan_quit.exchange(true);
-    scan("q.tone", module);
-    EXPECT_FALSE(stored(module, 0));
+    EXPECT_EQ(held(scan("q.tone", module)), "count 1");
     // With the count unknown, starting the module finds and stores it; then the scan ends.
-    const std::string unknown = scan("u.tone", "quit after counting");
-    EXPECT_EQ(stored(unknown, kSubsongCountSeed), 1);
-    EXPECT_FALSE(stored(unknown, 0));
+    EXPECT_EQ(held(scan("u.tone", "quit after counting")), "count 1");
     EXPECT_TRUE(rescans.empty());
 }
 
