@@ -39,11 +39,8 @@ run_result run_kelva(const args_t &args, const std::string &home, const std::str
     for (const std::string &a : args) cmd += " " + quoted(a);
     cmd += " </dev/null >" + quoted(home + "/.stdout") + " 2>" + quoted(home + "/.stderr");
     int status = std::system(cmd.c_str());
-    run_result r;
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.out = read_file_text(home + "/.stdout");
-    r.err = read_file_text(home + "/.stderr");
-    return r;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file_text(home + "/.stdout"),
+            read_file_text(home + "/.stderr")};
 }
 
 std::vector<std::string> lines_of(const std::string &text) {

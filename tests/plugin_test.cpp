@@ -99,24 +99,20 @@ TEST_F(SongDb, CreatesTheDirectoryAndFallsBackToHome) {
     reopen();
     EXPECT_TRUE(cache_store(cache_key{9, 9}, 1000, "x.mod"));
     EXPECT_EQ(read_file_text(db()), std::string(kDbHeader) + "\n00000000000000090000000000000009 1000 x.mod\n");
-    setenv("XDG_DATA_HOME", "", 1);   // empty counts as unset: HOME is used
-    const std::pair<const char *, std::string> homes[] = {
-        {"/h/me", "/h/me/.local/share/kelva"}, {"", "/.local/share/kelva"}, {nullptr, ""}};
-    for (auto [home, want] : homes) {
-        if (home) {
-            setenv("HOME", home, 1);
-        } else {
-            unsetenv("HOME");
-            unsetenv("XDG_DATA_HOME");
-        }
+    auto dir = [](uint32_t capacity) {
         char out[4096];
-        db_dir(out, sizeof out);
-        EXPECT_EQ(std::string(out), want) << (home ? home : "(unset)");
-    }
+        db_dir(out, capacity);
+        return std::string(out);
+    };
+    setenv("XDG_DATA_HOME", "", 1);   // empty counts as unset: HOME is used
     setenv("HOME", "/h/me", 1);
-    char small[24];   // one short of "/h/me/.local/share/kelva": no directory rather than a cut one
-    db_dir(small, sizeof small);
-    EXPECT_STREQ(small, "");
+    // 24 bytes are one short of the whole: no directory rather than a cut one.
+    EXPECT_EQ(dir(4096) + "|" + dir(24), "/h/me/.local/share/kelva|");
+    setenv("HOME", "", 1);
+    EXPECT_EQ(dir(4096), "/.local/share/kelva");
+    unsetenv("HOME");
+    unsetenv("XDG_DATA_HOME");
+    EXPECT_EQ(dir(4096), "");
 }
 
 TEST_F(SongDb, ConcurrentStoresAndLookupsKeepOneLinePerKey) {

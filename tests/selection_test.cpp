@@ -2,7 +2,6 @@
 // ProTracker-family classification, the ".mod", ".st" and TFMX content corrections, option lookup and refinement, the
 // name getters, and the bundled configuration.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -45,7 +44,7 @@ TEST(DataTree, KelvaDataThenTheUserTreeFromXdgThenHome) {
     setenv("KELVA_DATA", "/nonexistent/tree", 1);   // taken without any check
     EXPECT_EQ(data_path_str("players/X"), "/nonexistent/tree/players/X");
     EXPECT_EQ(data_path_str("eagleplayer.conf", 10), "");   // does not fit
-    if (access((exe_tree() + "/eagleplayer.conf").c_str(), F_OK) == 0)
+    if (std::filesystem::exists(exe_tree() + "/eagleplayer.conf"))
         GTEST_SKIP() << "a data tree beside the test program shadows the per-user tree";
     temp_dir xdg, home, empty;
     ASSERT_TRUE(write_file(xdg / "kelva_data/eagleplayer.conf", "# x\n"));
@@ -75,12 +74,12 @@ TEST(DataTree, ProgramSideTreeFirstAndAsFallback) {
     env_guard env;
     std::string beside = exe_tree();
     if (beside.empty()) GTEST_SKIP() << "/proc/self/exe cannot be read here";
-    if (access(beside.c_str(), F_OK) == 0) GTEST_SKIP() << beside << " already exists; not touching it";
+    if (std::filesystem::exists(beside)) GTEST_SKIP() << beside << " already exists; not touching it";
     unsetenv("KELVA_DATA");
     unsetenv("XDG_DATA_HOME");
     setenv("HOME", "", 1);   // only the program-side candidate and the system folders remain
-    if (access("/usr/local/share/kelva_data/eagleplayer.conf", F_OK) &&
-        access("/usr/share/kelva_data/eagleplayer.conf", F_OK)) {
+    if (!std::filesystem::exists("/usr/local/share/kelva_data/eagleplayer.conf") &&
+        !std::filesystem::exists("/usr/share/kelva_data/eagleplayer.conf")) {
         // No tree anywhere: the path beside the program is still produced, and a per-user tree installed now is found
         // on the next call.
         EXPECT_EQ(data_path_str("eagleplayer.conf"), beside + "/eagleplayer.conf");
@@ -120,11 +119,10 @@ TEST(DataTree, DefaultLoaderReadsWholeFilesFindingNamesCaseInsensitively) {
     EXPECT_EQ(default_load(nullptr, (dir / "sub/song.mod").c_str(), nullptr, nullptr), 0);
 
     // A name without a folder is sought in the current folder.
-    char old[4096];
-    ASSERT_NE(getcwd(old, sizeof old), nullptr);
-    ASSERT_EQ(chdir(dir.path.c_str()), 0);
+    auto old = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path);
     std::string here = dload("tune.mod");
-    ASSERT_EQ(chdir(old), 0);
+    std::filesystem::current_path(old);
     EXPECT_EQ(here, "xyz!");
 }
 

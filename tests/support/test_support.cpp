@@ -9,16 +9,12 @@
 
 #include "hardware/bus.h"
 
-std::string shared_dir() {
-    struct stat st;
-    if (stat(KELVA_SHARED_DIR, &st) != 0 || !S_ISDIR(st.st_mode)) return {};
-    return KELVA_SHARED_DIR;
-}
-
 bool shared_exists(const std::string &sub) {
     struct stat st;
     return stat((std::string(KELVA_SHARED_DIR) + "/" + sub).c_str(), &st) == 0;
 }
+
+std::string shared_dir() { return shared_exists("") ? KELVA_SHARED_DIR : ""; }   // "dir/" names only a folder
 
 engine_ptr make_engine(int32_t rate) {
     kelva_global_init();   // once per process; later calls return at once
