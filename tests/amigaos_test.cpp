@@ -1,5 +1,4 @@
-// The operating-system layer: the hunk loader and LoadSeg, dos.library's handles, the line-A host calls of exec and the
-// CIA resources, and the player support functions (group 4, the negative-offset entries, patching).
+// The OS layer: hunk loader and LoadSeg, dos.library handles, exec and CIA line-A calls, player support functions.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -439,9 +438,7 @@ TEST_F(Support, PathFunctionsBuildTheNameLoadFileOpensAndAppendStaysInTheSpace) 
     put_string(k, kPathFull, "");
     put_string(k, 0x300000, ".smp");
     k->a[0] = 0x300000;
-    fn(2);   // directory
-    fn(3);   // file
-    fn(4);   // any string
+    for (uint32_t n : {2u, 3u, 4u}) fn(n);   // directory, file, any string
     EXPECT_EQ(get_string(k, kPathFull), "mods/song.mod.smp");
     EXPECT_EQ(fn(1), 0u);
     EXPECT_EQ(k->comp_count, 1u);
@@ -523,8 +520,7 @@ TEST_F(Support, SetTimerTurnsTheCiaValueIntoFrames) {
     }
     k->rate = 48000;
     timer(7093);
-    EXPECT_EQ(neg(22), 0u);   // SetTimer
-    EXPECT_EQ(k->frames_per_tick, 480);
+    EXPECT_EQ((U{neg(22), uint32_t(k->frames_per_tick)}), (U{0, 480}));   // SetTimer
     timer(0xFFFF);
     neg(18);   // StartInterrupt starts the tick at the same value: 65536 x 48000 / 709379 = 4434.48
     EXPECT_EQ(k->frames_per_tick, 4434);

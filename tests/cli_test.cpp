@@ -1,5 +1,4 @@
-// The kelva command-line tool run as a subprocess with its own HOME (a private song-length database) and a data tree of
-// the test players.
+// The kelva tool run as a subprocess with its own HOME (a private database) and a data tree of the test players.
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <sys/wait.h>
@@ -74,14 +73,13 @@ struct audio_file {
 audio_file read_audio(const std::string &path) {
     audio_file a;
     SNDFILE *f = sf_open(path.c_str(), SFM_READ, &a.info);
-    std::vector<float> buf(4096 * 2);
-    for (sf_count_t n; f && (n = sf_readf_float(f, buf.data(), 4096)) > 0;)
-        for (sf_count_t i = 0; i < n * a.info.channels; i++) {
-            a.peak = std::max(a.peak, std::fabs(buf[size_t(i)]));
-            if (a.info.channels == 2 && i % 2)
-                a.side = std::max(a.side, std::fabs(buf[size_t(i)] - buf[size_t(i - 1)]));
-        }
+    std::vector<float> s(f && a.info.channels == 2 ? size_t(a.info.frames) * 2 : 0);
+    if (f) sf_readf_float(f, s.data(), sf_count_t(s.size() / 2));
     if (f) sf_close(f);
+    for (size_t i = 1; i < s.size(); i += 2) {
+        a.peak = std::max({a.peak, std::fabs(s[i - 1]), std::fabs(s[i])});
+        a.side = std::max(a.side, std::fabs(s[i] - s[i - 1]));
+    }
     return a;
 }
 

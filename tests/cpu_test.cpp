@@ -1,6 +1,5 @@
-// The processor where it goes beyond or deliberately differs from the 68000 the single-step vectors (ctest cpu_vectors)
-// check: 68010/68020 forms, SR bits, exception frames, divide and CHK flags, the opcode table, step costs, the
-// disassembler and the trace.
+// The processor beyond the 68000 the single-step vectors (ctest cpu_vectors) check: 68010/68020 forms, SR bits,
+// exception frames, divide and CHK flags, the opcode table, step costs, the disassembler and the trace.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -196,8 +195,7 @@ TEST_F(Cpu, OpcodeTableCensusAndSpotEntries) {
     op_table[0x4E71] = op_nop;
 }
 
-// A step costs 4 cycles plus the 68000's time to compute the address of a word operand in the opcode's low six bits
-// (mode, register).
+// A step costs 4 cycles plus the 68000's address time of a word operand in the opcode's low six bits.
 TEST_F(Cpu, StepCost) {
     const uint32_t ea_time[] = {0, 0, 4, 4, 6, 8, 10};        // Dn An (An) (An)+ -(An) (d16,An) (d8,An,Xn)
     const uint32_t ea_time7[] = {8, 12, 8, 10, 4};            // abs.W abs.L (d16,PC) (d8,PC,Xn) #imm

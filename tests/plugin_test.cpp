@@ -1,5 +1,4 @@
-// The plugin's host-free parts: the song-length store, module names and titles, the local-file host table and loader,
-// and the background scanner run on real test players.
+// The plugin's host-free parts: song-length store, titles, local host table and loader, scanner on test players.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,6 +1,5 @@
-// Choosing the player: the data tree's search order and loaders, eagleplayer.conf's scoring and line reader, the
-// ProTracker-family classification, the ".mod", ".st" and TFMX content corrections, option lookup and refinement, the
-// name getters, and the bundled configuration.
+// Choosing the player: data tree and loaders, eagleplayer.conf, the ProTracker-family classification, the ".mod",
+// ".st" and TFMX corrections, option lookup and refinement, the name getters and the bundled configuration.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -68,8 +67,7 @@ TEST(DataTree, KelvaDataThenTheUserTreeFromXdgThenHome) {
     EXPECT_NE(data_path_str("players/P"), home / ".local/share/kelva_data/players/P");
 }
 
-// Both program-side cases in one test: the second creates the tree beside the program for a moment, which the first
-// must not see.
+// One test, as the second case creates the tree beside the program for a moment, which the first must not see.
 TEST(DataTree, ProgramSideTreeFirstAndAsFallback) {
     env_guard env;
     std::string beside = exe_tree();
@@ -257,8 +255,7 @@ TEST(ModClassify, DecisionRules) {
     EXPECT_EQ(cls(d), MOD31_NT20);
 }
 
-// A data tree in a temporary folder with the given configuration and stub player files; KELVA_DATA points at it while
-// the record lives.
+// A temporary data tree of a configuration and stub players; KELVA_DATA points at it while the record lives.
 struct conf_tree {
     env_guard env;
     temp_dir dir;

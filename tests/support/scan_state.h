@@ -1,5 +1,4 @@
-// The scanner's process-wide state for tests: reset as a fresh process has it, and a host read that opens nothing but
-// counts what it was asked for.
+// The scanner's process-wide state reset as in a fresh process, and a host read that opens nothing but counts.
 #pragma once
 
 #include <map>

@@ -1,5 +1,4 @@
-// Helpers of the operating-system, selection, plugin and tool tests: code words in emulated memory, captured
-// diagnostics, polling, and module images built in one expression.
+// Helpers of the service tests: code in emulated memory, captured stderr, polling, module images in one expression.
 #pragma once
 
 #include <gtest/gtest.h>
