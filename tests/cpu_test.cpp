@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cpu/cpu.h"
+#include "support/services.h"
 #include "support/test_support.h"
 
 namespace {
@@ -26,10 +27,7 @@ struct Cpu : testing::Test {
         k->pc = 0x1000;
     }
     // Places words at PC (the next instruction).
-    void code(const W &words) {
-        uint32_t at = k->pc;
-        for (uint16_t w : words) write16(k, (at += 2) - 2, w);
-    }
+    void code(const W &words) { put_code(k, k->pc, words); }
     // One instruction at $1000.
     void run(const W &words) {
         k->pc = 0x1000;
@@ -56,12 +54,10 @@ TEST_F(Cpu, ScaledAndFullFormatIndexes) {
     k->d[0] = 5;
     run({0x43F0, 0x01F0, 0x0000, 0x4000});   // base and index suppressed
     EXPECT_EQ(k->a[1], 0x4000u);
-    // Memory indirection with a word outer displacement:
-    // pre-indexed read32(A2 + 4 + D1) + 2, post-indexed read32(A2 + 4) + D1 + 2.
+    // Memory indirection (word outer displacement): pre-indexed [A2 + 4 + D1] + 2, post-indexed [A2 + 4] + D1 + 2.
     k->a[2] = 0x2000;
     k->d[1] = 4;
-    write32(k, 0x2008, 0x5000);
-    write32(k, 0x2004, 0x6000);
+    put_code(k, 0x2004, {0, 0x6000, 0, 0x5000});
     run({0x47F2, 0x1122, 0x0004, 0x0002});   // LEA ([4,A2,D1.W],2),A3
     EXPECT_EQ(k->a[3], 0x5002u);
     run({0x49F2, 0x1126, 0x0004, 0x0002});   // LEA ([4,A2],D1.W,2),A4
@@ -126,9 +122,7 @@ TEST_F(Cpu, ExceptionEntryFrameAndFault) {
 
 TEST_F(Cpu, RteFormatErrorStopAndStaticBtstOfImmediate) {
     k->a[7] = 0x3000;
-    write16(k, 0x3000, 0x1000);
-    write16(k, 0x3002, 0x2000);
-    write32(k, 0x3004, 0x5555);
+    put_code(k, 0x3000, {0x1000, 0x2000, 0, 0x5555});
     vector(14, 0x4000);
     run({0x4E73});
     EXPECT_EQ((U{k->pc, k->a[7], read16(k, 0x3000), read32(k, 0x3004)}), (U{0x4000, 0x3000 - 8, 0x1000, 0x5555}));

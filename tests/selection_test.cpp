@@ -128,10 +128,8 @@ TEST(DataTree, EnvironmentVolumesMapIntoPlayersEnv) {
     env_guard env;
     setenv("KELVA_DATA", "/tree", 1);
     engine_ptr k = make_engine();
-    memory_files mem;
-    mem.files["/tree/players/ENV/Foo/Bar"] = {42};
-    mem.files["/tree/players/ENV/"] = {43};
-    mem.files["DH0:music/Song.mod"] = {44};
+    memory_files mem{{{"/tree/players/ENV/Foo/Bar", {42}}, {"/tree/players/ENV/", {43}}, {"DH0:music/Song.mod", {44}}},
+                     {}};
     kelva_set_file_loader(k.get(), memory_loader, &mem);
     auto hload = [&](const std::string &p) {
         return loaded([&](uint8_t **d, uint32_t *l) { return host_load_file(k.get(), p.c_str(), d, l); });
