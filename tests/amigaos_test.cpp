@@ -74,6 +74,7 @@ struct Hunk : Os {
         return ok;
     }
     int load(const U &longs) { return load(bytes(longs)); }
+    std::string refused(const std::vector<uint8_t> &file) { return load(file) ? "loaded" : err; }
     uint32_t at(uint32_t addr) { return ram_get32(k, addr); }
     U longs(uint32_t addr, uint32_t n) {
         U v;
@@ -114,16 +115,13 @@ TEST_F(Hunk, FailuresPrintOneExactLine) {
     for (const auto &c : cases) {
         U v = kValid;
         c.at < 0 ? v.resize(c.value) : void(v[size_t(c.at)] = c.value);
-        EXPECT_EQ(load(v), 0) << c.message;
-        EXPECT_EQ(err, "hunk: " + std::string(c.message) + "\n");
+        EXPECT_EQ(refused(bytes(v)), "hunk: " + std::string(c.message) + "\n");
     }
     U three = kValid;   // three hunks announced, two in the file
     three[2] = 3, three[4] = 2;
     three.insert(three.begin() + 7, 1);
-    EXPECT_EQ(load(three), 0);
-    EXPECT_EQ(err, "hunk: truncated at hunk 2\n");
-    EXPECT_EQ(load(std::vector<uint8_t>{0, 0, 3, 0xF3, 0, 0, 0}), 0);   // shorter than 8 bytes
-    EXPECT_EQ(err, "hunk: missing HUNK_HEADER\n");
+    EXPECT_EQ(refused(bytes(three)), "hunk: truncated at hunk 2\n");
+    EXPECT_EQ(refused({0, 0, 3, 0xF3, 0, 0, 0}), "hunk: missing HUNK_HEADER\n");   // shorter than 8 bytes
 }
 
 TEST_F(Hunk, SkippedBlocksAndMaskedFlags) {
@@ -478,12 +476,11 @@ TEST_F(Support, SongEndMarksOnceAndCutSuffix) {
     fn(9);
     EXPECT_EQ(k->song_end_frame, 1u);   // nothing played yet
     k->song_end_frame = 0;
-    k->played_frames = 4800;
-    fn(9);
-    k->played_frames = 9600;
-    fn(9);
-    EXPECT_EQ(neg(20), 0u);
-    EXPECT_EQ(k->song_end_frame, 4800u);
+    for (uint32_t played : {4800u, 9600u}) {
+        k->played_frames = played;
+        fn(9);
+    }
+    EXPECT_EQ((U{neg(20), uint32_t(k->song_end_frame)}), (U{0, 4800}));
 
     const std::pair<const char *, const char *> cases[] = {
         {"song.xpk", "song"}, {"song.pp", "song"}, {"x.pp2", "x.pp2"}, {"pp", "pp"}, {".pp", ""}, {".xpk", ""},
