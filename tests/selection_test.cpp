@@ -78,8 +78,7 @@ TEST(DataTree, ProgramSideTreeFirstAndAsFallback) {
     setenv("HOME", "", 1);   // only the program-side candidate and the system folders remain
     if (!std::filesystem::exists("/usr/local/share/kelva_data/eagleplayer.conf") &&
         !std::filesystem::exists("/usr/share/kelva_data/eagleplayer.conf")) {
-        // No tree anywhere: the path beside the program is still produced, and a per-user tree installed now is found
-        // on the next call.
+        // No tree anywhere: the path beside the program is given; a per-user tree installed now is found next call.
         EXPECT_EQ(data_path_str("eagleplayer.conf"), beside + "/eagleplayer.conf");
         temp_dir late;
         setenv("XDG_DATA_HOME", late.path.c_str(), 1);
@@ -345,8 +344,6 @@ std::string st15(const std::vector<uint8_t> &d) {
     return p ? p : "(classify)";
 }
 
-const std::vector<std::string> kFamily = {"PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV", "AudioSculpture",
-                                          "Custom"};
 const char *const kUst = "UltimateSoundtracker", *const kSt4 = "Soundtracker-IV", *const kPtk = "PTK-Prowiz";
 
 TEST(Fifteen, DecisionRulesInOrder) {
@@ -389,7 +386,7 @@ TEST(Fifteen, DecisionRulesInOrder) {
 }
 
 TEST(ModCorrection, SizeTagAndHeaderRouting) {
-    conf_tree t("Custom prefixes=mod,st\n", kFamily);
+    conf_tree t("Custom prefixes=mod,st\n", {kPtk, kUst, kSt4, "AudioSculpture", "Custom"});
     for (const char *name : {"a.mod", "a.st"})   // too short for any check
         EXPECT_EQ(identify(name, std::vector<uint8_t>(1000, 0)), "Custom") << name;
     auto clean = st15_module().bytes();
