@@ -214,8 +214,8 @@ TEST_F(CliTest, SubsongsAreListedAndCountedAndTextInfoNamesThePlayer) {
     std::vector<uint8_t> two = envelope_module(0, 0, 50, 7);
     char hex[33];
     cache_key_hex(cache_make_key(two.data(), uint32_t(two.size()), kSubsongCountSeed), hex);
-    std::string db_text = kDbHeader + std::string("\n") + hex + " 2 two.envl\n";
-    ASSERT_TRUE(write_file(work + "/two.envl", two) && write_file(home + "/.local/share/kelva/songlengths.db", db_text));
+    std::string text = kDbHeader + std::string("\n") + hex + " 2 two.envl\n";
+    ASSERT_TRUE(write_file(work + "/two.envl", two) && write_file(home + "/.local/share/kelva/songlengths.db", text));
     r = kelva({"render", "two.envl", "--subsong", "2", "--seconds", "0.5", "-o", "two.wav"});
     EXPECT_EQ(r.code, 0) << r.err;
     EXPECT_TRUE(contains(r.out, "subsong 2 of 2")) << r.out;
