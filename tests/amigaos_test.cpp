@@ -1,5 +1,4 @@
-// The operating-system layer: the hunk loader and LoadSeg, dos.library's handles, the line-A host calls of exec and the
-// CIA resources, and the player support functions (group 4, the negative-offset entries, patching).
+// The OS layer: hunk loader and LoadSeg, dos.library handles, exec and CIA line-A calls, player support functions.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -33,6 +32,16 @@ const U kValid = {
     0x3F2,               // [22]  HUNK_END
 };
 
+// A NUL-terminated string in emulated memory (addresses wrap at 16 MiB).
+void put_string(kelva *k, uint32_t addr, const char *s) {
+    for (size_t i = 0; i <= strlen(s); i++) k->ram[(addr + i) & kAddrMask] = uint8_t(s[i]);
+}
+std::string get_string(kelva *k, uint32_t addr) {
+    char buf[1024];
+    amiga_read_string(k, addr, buf, sizeof buf);
+    return buf;
+}
+
 std::vector<uint8_t> bytes(const U &longs) {
     std::vector<uint8_t> out;
     for (uint32_t v : longs) put_be32(out, v);
@@ -46,16 +55,26 @@ struct Os : testing::Test {
     memory_files mem;
     std::string err;
     Os() { kelva_set_file_loader(k, memory_loader, &mem); }
+    uint32_t zn() const { return k->sr & (kSrZ | kSrN); }   // the flags a host call sets from D0
 };
 
 struct Hunk : Os {
     // Loads like the engine loads a player: hunks one after another from $200000.
     int load(const std::vector<uint8_t> &file) {
+        uint32_t offset = 0, at = kPlayerBase;
         int ok = 0;
-        err = stderr_of([&] { ok = load_player_hunks(k, file); });
+        err = stderr_of([&] {
+            if (!hunk_parse_header(k, file.data(), uint32_t(file.size()), &offset)) return;
+            for (uint32_t h = 0; h < k->hunk_count; h++) {
+                k->hunk_addr[h] = at;
+                at += k->hunk_size[h];
+            }
+            ok = hunk_read_contents(k, file.data(), uint32_t(file.size()), offset);
+        });
         return ok;
     }
     int load(const U &longs) { return load(bytes(longs)); }
+    std::string refused(const std::vector<uint8_t> &file) { return load(file) ? "loaded" + err : err; }
     uint32_t at(uint32_t addr) { return ram_get32(k, addr); }
     U longs(uint32_t addr, uint32_t n) {
         U v;
@@ -65,8 +84,7 @@ struct Hunk : Os {
 };
 
 TEST_F(Hunk, ValidImageLoadsAndRelocates) {
-    ASSERT_EQ(load(kValid), 1) << err;
-    EXPECT_EQ(err, "");
+    ASSERT_EQ(refused(bytes(kValid)), "loaded");   // and nothing printed
     EXPECT_EQ((U{k->hunk_count, k->hunk_size[0], k->hunk_size[1]}), (U{2, 12, 8}));
     // Hunk 1 sits at $20000C.
     EXPECT_EQ(longs(0x200000, 5), (U{0x4E714E71, 0x20000C + 4, 0x4E754E75, 0x11111111, 0x22222222}));
@@ -96,16 +114,13 @@ TEST_F(Hunk, FailuresPrintOneExactLine) {
     for (const auto &c : cases) {
         U v = kValid;
         c.at < 0 ? v.resize(c.value) : void(v[size_t(c.at)] = c.value);
-        EXPECT_EQ(load(v), 0) << c.message;
-        EXPECT_EQ(err, "hunk: " + std::string(c.message) + "\n");
+        EXPECT_EQ(refused(bytes(v)), "hunk: " + std::string(c.message) + "\n");
     }
     U three = kValid;   // three hunks announced, two in the file
     three[2] = 3, three[4] = 2;
     three.insert(three.begin() + 7, 1);
-    EXPECT_EQ(load(three), 0);
-    EXPECT_EQ(err, "hunk: truncated at hunk 2\n");
-    EXPECT_EQ(load(std::vector<uint8_t>{0, 0, 3, 0xF3, 0, 0, 0}), 0);   // shorter than 8 bytes
-    EXPECT_EQ(err, "hunk: missing HUNK_HEADER\n");
+    EXPECT_EQ(refused(bytes(three)), "hunk: truncated at hunk 2\n");
+    EXPECT_EQ(refused({0, 0, 3, 0xF3, 0, 0, 0}), "hunk: missing HUNK_HEADER\n");   // shorter than 8 bytes
 }
 
 TEST_F(Hunk, SkippedBlocksAndMaskedFlags) {
@@ -211,16 +226,14 @@ struct Dos : Os {
 
 TEST_F(Dos, ReadsContinueSeeksClampAtTheEnds) {
     uint32_t h = named(kOpen, "data/forty.bin");
-    EXPECT_EQ(h, 1u);
-    EXPECT_FALSE(k->sr & kSrZ);
+    EXPECT_EQ((U{h, zn()}), (U{1, 0}));
     EXPECT_EQ((U{call(kRead, h, kBuf, 3), call(kRead, h, kBuf, 0), call(kRead, h, kBuf, 2), pos()}), (U{3, 0, 2, 5}));
     EXPECT_EQ((U{k->ram[kBuf], k->ram[kBuf + 1]}), (U{103, 104}));
     k->ram[kBuf + 35] = 0xEE;
     EXPECT_EQ(call(kRead, h, kBuf, 100), 35u);
     for (uint32_t i = 0; i < 35; i++) EXPECT_EQ(k->ram[kBuf + i], 105 + i) << i;
     EXPECT_EQ(k->ram[kBuf + 35], 0xEE);
-    EXPECT_EQ(call(kRead, h, kBuf, 100), 0u);
-    EXPECT_TRUE(k->sr & kSrZ);
+    EXPECT_EQ((U{call(kRead, h, kBuf, 100), zn()}), (U{0, kSrZ}));
     // Seek(handle, offset, mode): mode < 0 from the start, 0 from the position, > 0 from the end; returns the old
     // position; clamps to [0, size].
     call(kSeek, h, 0, uint32_t(-1));
@@ -229,24 +242,18 @@ TEST_F(Dos, ReadsContinueSeeksClampAtTheEnds) {
         {0x7FFFFFFF, 1, 40, 40}, {0x80000000u, uint32_t(-1), 40, 0}, {5, 0, 0, 5}, {3, 0, 5, 8}};
     for (auto c : cases)
         EXPECT_EQ((U{call(kSeek, h, c.offset, c.mode), pos()}), (U{c.old, c.now})) << int32_t(c.offset) << c.mode;
-    call(kSeek, h, uint32_t(-10), 1);
-    EXPECT_EQ(call(kRead, h, kBuf, 100), 10u);
-    EXPECT_EQ(k->ram[kBuf], 130);
+    EXPECT_EQ((U{call(kSeek, h, uint32_t(-10), 1), call(kRead, h, kBuf, 100), k->ram[kBuf]}), (U{8, 10, 130}));
 }
 
 TEST_F(Dos, EightHandlesAndBadOnes) {
     for (uint32_t i = 1; i <= 8; i++) EXPECT_EQ(named(kOpen, "data/forty.bin"), i);
     size_t loads = mem.requests.size();
-    EXPECT_EQ(named(kOpen, "data/forty.bin"), 0u);   // the ninth fails without loading
-    EXPECT_TRUE(k->sr & kSrZ);
-    EXPECT_EQ(mem.requests.size(), loads);
-    EXPECT_EQ(call(kClose, 3), kBad);   // Close reports -1 whatever happened
-    EXPECT_TRUE(k->files[2].data == nullptr);
-    for (uint32_t bad : {0u, 3u, 9u, kBad}) {
-        EXPECT_EQ(call(kRead, bad, kBuf, 4), kBad) << bad;
-        EXPECT_TRUE(k->sr & kSrN);
-        EXPECT_EQ((U{call(kSeek, bad, 0, 0), call(kClose, bad)}), (U{kBad, kBad})) << bad;
-    }
+    // The ninth fails without loading.
+    EXPECT_EQ((U{named(kOpen, "data/forty.bin"), zn(), uint32_t(mem.requests.size() - loads)}), (U{0, kSrZ, 0}));
+    EXPECT_EQ((U{call(kClose, 3), k->files[2].data == nullptr}), (U{kBad, 1}));   // -1 whatever happened
+    for (uint32_t bad : {0u, 3u, 9u, kBad})
+        EXPECT_EQ((U{call(kRead, bad, kBuf, 4), zn(), call(kSeek, bad, 0, 0), call(kClose, bad)}),
+                  (U{kBad, kSrN, kBad, kBad})) << bad;
     EXPECT_EQ(k->files[7].size, 40u);   // close of 9 changed nothing
     EXPECT_EQ(named(kOpen, "data/forty.bin"), 3u);   // the first free slot is reused
     for (uint16_t word : {0xA105, 0xA107 /* UnLoadSeg */, 0xA1FF}) {   // the other functions do nothing
@@ -290,10 +297,8 @@ TEST_F(LineA, AllocMemRoundsToLongsZeroesAndEndsAtTheSlabLimit) {
         EXPECT_EQ(trap(0xA000, size), 0u) << std::hex << size;
     EXPECT_EQ(k->alloc_ptr, kSlabStart + 12);
     k->alloc_ptr = kSlabEnd - 0x20;
-    EXPECT_EQ(trap(0xA000, 0x21), 0u);
-    EXPECT_TRUE(k->sr & kSrZ);
-    EXPECT_EQ((U{trap(0xA000, 0x20), k->alloc_ptr}), (U{kSlabEnd - 0x20, kSlabEnd}));
-    EXPECT_FALSE(k->sr & kSrZ);
+    EXPECT_EQ((U{trap(0xA000, 0x21), zn(), trap(0xA000, 0x20), k->alloc_ptr, zn()}),
+              (U{0, kSrZ, kSlabEnd - 0x20, kSlabEnd, 0}));
 }
 
 TEST_F(LineA, LibrariesResourcesAndMemoryTypes) {
@@ -310,8 +315,7 @@ TEST_F(LineA, LibrariesResourcesAndMemoryTypes) {
     };
     for (auto c : cases) {
         put_string(k, 0x300000, c.name);
-        EXPECT_EQ(trap(c.trap, 0x55, 0x300000), c.base) << c.name;
-        EXPECT_EQ(bool(k->sr & kSrZ), c.base == 0) << c.name;
+        EXPECT_EQ((U{trap(c.trap, 0x55, 0x300000), zn()}), (U{c.base, uint32_t(c.base ? 0 : kSrZ)})) << c.name;
     }
     memset(k->ram + 0x300000, 'd', 0x1000);   // a name without a NUL is cut
     EXPECT_EQ(trap(0xA002, 0, 0x300000), 0u);
@@ -328,13 +332,11 @@ TEST_F(LineA, LibrariesResourcesAndMemoryTypes) {
 
 TEST_F(LineA, InterruptsUnknownFunctionsAndConditionCodes) {
     EXPECT_EQ(trap(0xA006, 0x15, 0x201000), 0u);   // AddIntServer: the low four bits
-    EXPECT_EQ(trap(0xA007, 6, 0x202000), 0u);      // SetIntVector returns the previous handler
-    EXPECT_TRUE(k->sr & kSrZ);
+    EXPECT_EQ((U{trap(0xA007, 6, 0x202000), zn()}), (U{0, kSrZ}));   // SetIntVector returns the previous handler
     EXPECT_EQ(trap(0xA007, 6, 0x203000), 0x202000u);
     EXPECT_EQ((U{k->int_vectors[5], k->int_vectors[6], k->int_vectors[7]}), (U{0x201000, 0x203000, 0}));
     k->pc = kExecBase - 180 + 2;   // Cause without interrupt code (is_Code at 18) does nothing
-    EXPECT_EQ(trap(0xA008, 9, 0x300000), 0u);
-    EXPECT_EQ((U{k->pc, k->a[1]}), (U{kExecBase - 180 + 2, 0x300000}));
+    EXPECT_EQ((U{trap(0xA008, 9, 0x300000), k->pc, k->a[1]}), (U{0, kExecBase - 180 + 2, 0x300000}));
     k->a[0] = 0x10;
     EXPECT_EQ(stderr_of([&] { EXPECT_EQ(trap(0xA009, 0xCAFE, 0x20), 0u); }),
               "libs_exec_dispatch: unimplemented exec fn 9 (D0=0000cafe A0=00000010 A1=00000020)\n");
@@ -372,7 +374,6 @@ TEST_F(LineA, CiaResourceVectorsAndMasks) {
 // is then copied whole.
 TEST_F(LineA, OptionLookup) {
     const uint32_t table = 0x300000;
-    auto flag = [&](uint32_t i) { return k->ram[table + 0x800 + i]; };
     auto result = [&](uint32_t i) { return get_string(k, table + 0x1000 + 0x100 * i); };
     auto lookup = [&](const char *tag, std::vector<const char *> names, uint32_t count, uint16_t word = 0xA800) {
         strcpy(k->epopt, tag);
@@ -385,19 +386,19 @@ TEST_F(LineA, OptionLookup) {
             k->ram[table + 0x800 + i] = 0x77;
         }
         k->a[0] = table;
-        return trap(word, 99);
+        EXPECT_EQ(trap(word, 99), 0u) << tag;
+        U flags;   // as the call left them
+        for (uint32_t i = 0; i < names.size(); i++) flags.push_back(k->ram[table + 0x800 + i]);
+        return flags;
     };
-    EXPECT_EQ(lookup("type:pt30", {"type", "typ", "other", "type:"}, 4), 0u);
-    EXPECT_EQ((U{flag(0), flag(1), flag(2), flag(3)}), (U{1, 0, 0, 0}));
+    EXPECT_EQ(lookup("type:pt30", {"type", "typ", "other", "type:"}, 4), (U{1, 0, 0, 0}));
     EXPECT_EQ(result(0) + result(1) + result(2) + result(3), "type:pt30");
-    lookup("", {"type", ""}, 2);   // an empty tag clears every flag
-    EXPECT_EQ(flag(0) + flag(1), 0);
-    lookup(":", {""}, 1);   // the shortest match: an empty name and the tag ":"
-    EXPECT_EQ((U{flag(0), uint32_t(result(0).size())}), (U{1, 1}));
-    EXPECT_EQ(lookup("type:pt30", {"type"}, 0), 0u);   // count 0 touches nothing
-    EXPECT_EQ(flag(0), 0x77);
-    EXPECT_EQ(lookup("type:pt30", {"type"}, 1, 0xA801), 0u);   // the group's other functions do nothing
-    EXPECT_EQ(flag(0), 0x77);
+    EXPECT_EQ(lookup("", {"type", ""}, 2), (U{0, 0}));   // an empty tag clears every flag
+    EXPECT_EQ(lookup(":", {""}, 1), U{1});   // the shortest match: an empty name and the tag ":"
+    EXPECT_EQ(result(0), ":");
+    EXPECT_EQ(lookup("\x01:", {"\x01"}, 1), U{1});   // any byte but NUL compares
+    EXPECT_EQ(lookup("type:pt30", {"type"}, 0), U{0x77});   // count 0 touches nothing
+    EXPECT_EQ(lookup("type:pt30", {"type"}, 1, 0xA801), U{0x77});   // the group's other functions do nothing
 }
 
 struct Support : Os {
@@ -410,7 +411,7 @@ struct Support : Os {
     // Calls negative-offset entry `entry` as the stub at $F90000 - 6 x entry does.
     uint32_t neg(uint32_t entry) { return k->pc = kGlobals - 6 * entry + 2, op_line_a(k, 0xA500), k->d[0]; }
     uint32_t load(const char *name) { return put_string(k, kPathFull, name), fn(1); }
-    std::string fails(const char *name) { return stderr_of([&] { EXPECT_EQ(load(name), 1u) << name; }); }
+    std::string fails(const char *name) { return stderr_of([&] { EXPECT_EQ((U{load(name), zn()}), (U{1, 0})); }); }
     void timer(uint16_t value) { ram_put16(k, kGlobals + 54, value); }
 };
 
@@ -419,9 +420,7 @@ TEST_F(Support, PathFunctionsBuildTheNameLoadFileOpensAndAppendStaysInTheSpace) 
     put_string(k, kPathFull, "");
     put_string(k, 0x300000, ".smp");
     k->a[0] = 0x300000;
-    fn(2);   // directory
-    fn(3);   // file
-    fn(4);   // any string
+    for (uint32_t n : {2u, 3u, 4u}) fn(n);   // directory, file, any string
     EXPECT_EQ(get_string(k, kPathFull), "mods/song.mod.smp");
     EXPECT_EQ(fn(1), 0u);
     EXPECT_EQ(k->comp_count, 1u);
@@ -433,16 +432,14 @@ TEST_F(Support, PathFunctionsBuildTheNameLoadFileOpensAndAppendStaysInTheSpace) 
     EXPECT_EQ(get_string(k, 0xFFFFFC), "abcdefg");   // "efg" and the NUL wrapped to $000000
     memset(k->ram, 'z', kRamSize);
     deli_str_append(k, 0x300000, 0x400000);   // neither string ends
-    EXPECT_EQ(k->fault, 0);
-    EXPECT_EQ(k->ram[0x123456], 'z');
+    EXPECT_EQ((U{uint32_t(k->fault), k->ram[0x123456]}), (U{0, 'z'}));
 }
 
 TEST_F(Support, LoadFileGetListDataAndCompanionFailures) {
     mem.files["mods/smp.a"] = std::vector<uint8_t>(5, 0xAA);
     mem.files["mods/smp.b"] = std::vector<uint8_t>(8, 0xBB);
     k->comp_next = 0x010003;   // behind an odd-sized module
-    EXPECT_EQ(load("mods/smp.a") + load("mods/smp.b"), 0u);
-    EXPECT_TRUE(k->sr & kSrZ);
+    EXPECT_EQ((U{load("mods/smp.a"), load("mods/smp.b"), zn()}), (U{0, 0, kSrZ}));
     EXPECT_EQ((U{k->comp_count, k->comp_next, k->ram[0x01000A], k->ram[0x010011]}), (U{2, 0x010012, 0xBB, 0xBB}));
     // Index 0 and 1 at even addresses; index == count: nothing.
     for (auto [index, size, addr] :
@@ -455,7 +452,6 @@ TEST_F(Support, LoadFileGetListDataAndCompanionFailures) {
     EXPECT_EQ((U{neg(11), k->a[0]}), (U{8, 0x01000A}));
     // Failures print their message and change nothing.
     EXPECT_EQ(fails("mods/nothing"), "deli_load_companion: cannot open 'mods/nothing'\n");
-    EXPECT_FALSE(k->sr & kSrZ);
     mem.files["fits"] = std::vector<uint8_t>(0x100, 0x11);   // a companion must end inside chip RAM
     mem.files["over"] = std::vector<uint8_t>(0x101, 0x22);
     mem.files["empty"] = {};
@@ -473,12 +469,11 @@ TEST_F(Support, SongEndMarksOnceAndCutSuffix) {
     fn(9);
     EXPECT_EQ(k->song_end_frame, 1u);   // nothing played yet
     k->song_end_frame = 0;
-    k->played_frames = 4800;
-    fn(9);
-    k->played_frames = 9600;
-    fn(9);
-    EXPECT_EQ(neg(20), 0u);
-    EXPECT_EQ(k->song_end_frame, 4800u);
+    for (uint32_t played : {4800u, 9600u}) {
+        k->played_frames = played;
+        fn(9);
+    }
+    EXPECT_EQ((U{neg(20), uint32_t(k->song_end_frame)}), (U{0, 4800}));
 
     const std::pair<const char *, const char *> cases[] = {
         {"song.xpk", "song"}, {"song.pp", "song"}, {"x.pp2", "x.pp2"}, {"pp", "pp"}, {".pp", ""}, {".xpk", ""},
@@ -504,8 +499,7 @@ TEST_F(Support, SetTimerTurnsTheCiaValueIntoFrames) {
     }
     k->rate = 48000;
     timer(7093);
-    EXPECT_EQ(neg(22), 0u);   // SetTimer
-    EXPECT_EQ(k->frames_per_tick, 480);
+    EXPECT_EQ((U{neg(22), uint32_t(k->frames_per_tick)}), (U{0, 480}));   // SetTimer
     timer(0xFFFF);
     neg(18);   // StartInterrupt starts the tick at the same value: 65536 x 48000 / 709379 = 4434.48
     EXPECT_EQ(k->frames_per_tick, 4434);
@@ -521,8 +515,7 @@ TEST_F(Support, ReturnValuesOfTheOtherEntries) {
     EXPECT_TRUE(k->sr & kSrN);
     for (uint32_t entry : {1u, 7u, 12u, 21u, 65u, 66u, 400u}) {
         k->d[0] = 0x55;
-        EXPECT_EQ(neg(entry), 0u) << entry;
-        EXPECT_TRUE(k->sr & kSrZ);
+        EXPECT_EQ((U{neg(entry), zn()}), (U{0, kSrZ})) << entry;
     }
     for (uint32_t pc : {0xF90004u, 0xF8F402u, 0x200000u}) {   // PCs outside the table
         k->pc = pc;
@@ -533,32 +526,26 @@ TEST_F(Support, ReturnValuesOfTheOtherEntries) {
 }
 
 TEST_F(Support, AudioEntriesWriteTheChipRegisters) {
-    k->d[0] = 40, k->d[1] = 6;   // channel 6 & 3 = 2
-    neg(45);                    // PokeVol
-    EXPECT_EQ((U{k->aud[2].vol, k->aud[0].vol}), (U{40, 0}));
-    k->d[1] = 1, k->d[0] = 0x00012346;
-    neg(42);   // PokeAdr
-    k->d[0] = 0xFFFF0100;
-    neg(43);   // PokeLen: low word only
-    k->d[0] = 428;
-    EXPECT_EQ(neg(44), 428u);   // PokePer leaves D0 alone
-    EXPECT_EQ((U{k->aud[1].lc, k->aud[1].len, k->aud[1].per}), (U{0x00012346, 0x0100, 428}));
-
-    EXPECT_EQ(neg(17), 0u);   // FreeAudio: master off
-    EXPECT_EQ(k->dmacon & 0x0200, 0);
-    EXPECT_EQ(neg(16), 0u);   // AllocAudio: master on
-    EXPECT_EQ(k->dmacon & 0x0200, 0x0200);
-    k->d[0] = 0x8000, k->d[1] = 0xFFF5;   // DMAMask: set channels 0 and 2
-    neg(41);
-    EXPECT_EQ(k->dmacon & 0x000F, 0x0005);
-    k->d[0] = 0, k->d[1] = 0x0001;   // clear channel 0
-    neg(41);
-    EXPECT_EQ(k->dmacon & 0x000F, 0x0004);
+    // PokeVol on channel 6 & 3 = 2; PokeAdr, PokeLen (low word only), PokePer (D0 left alone) on channel 1; DMAMask
+    // sets channels 0 and 2, then clears channel 0.
+    const uint32_t calls[][3] = {{45, 40, 6},  {42, 0x00012346, 1}, {43, 0xFFFF0100, 1},
+                                 {44, 428, 1}, {41, 0x8000, 0xFFF5}, {41, 0, 0x0001}};
+    U dma;
+    for (const auto &c : calls) {
+        k->d[0] = c[1];
+        k->d[1] = c[2];
+        EXPECT_EQ(neg(c[0]), c[1]) << c[0];   // D0 left alone
+        dma.push_back(k->dmacon & 0x000F);
+    }
+    EXPECT_EQ(dma, (U{0, 0, 0, 0, 5, 4}));
+    EXPECT_EQ((U{k->aud[2].vol, k->aud[0].vol, k->aud[1].lc, k->aud[1].len, k->aud[1].per}),
+              (U{40, 0, 0x00012346, 0x0100, 428}));
+    // FreeAudio: master off; AllocAudio: master on.
+    EXPECT_EQ((U{neg(17), k->dmacon & 0x0200u, neg(16), k->dmacon & 0x0200u}), (U{0, 0, 0, 0x0200}));
 }
 
 // Hand-assembled routines at the player base call the library vectors as player code does.
 TEST_F(Support, ReachedFrom68kCode) {
-    kelva_global_init();
     put_code(k, kPlayerBase, {0x2C78, 0x0004, 0x7005,   // movea.l 4.w,a6; moveq #5,d0
                               0x4EAE, 0xFF3A,           // jsr -198(a6)      AllocMem
                               0x6602, 0x7401, 0x4E75}); // bne.s +2; moveq #1,d2 (skipped: condition codes from D0); rts
@@ -590,9 +577,7 @@ struct SupportPatch : Support {
     void block(uint32_t start, uint32_t len, uint32_t flags = 0) {
         for (uint32_t i = 0; i < 6; i++) ram_put32(k, kBlock + 4 * i, U{5, start, len, kTable, flags, 0xFFFEFFFD}[i]);
     }
-    void area(const W &w, uint32_t at = kArea) {
-        for (uint16_t v : w) ram_put16(k, (at += 2) - 2, v);
-    }
+    void area(const W &w, uint32_t at = kArea) { put_code(k, at, w); }
     W area_now(uint32_t n, uint32_t at = kArea) {
         W w;
         for (uint32_t i = 0; i < n; i++) w.push_back(uint16_t(ram_get16(k, at + 2 * i)));

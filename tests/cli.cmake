@@ -1,19 +1,10 @@
 # The tool's tests run the built kelva, read its audio with libsndfile and its JSON with
 # nlohmann/json; the demo tune comes from tools/demotune.cmake.
 find_package(nlohmann_json 3 REQUIRED)
-target_link_libraries(kelva_tests PRIVATE nlohmann_json::nlohmann_json)
-if(TARGET kelva)
-  find_package(PkgConfig REQUIRED)
-  pkg_check_modules(KELVA_TEST_SNDFILE REQUIRED IMPORTED_TARGET sndfile)
-  target_link_libraries(kelva_tests PRIVATE PkgConfig::KELVA_TEST_SNDFILE)
-  target_compile_definitions(kelva_tests PRIVATE
-    KELVA_CLI="$<TARGET_FILE:kelva>"
-    KELVA_DEMO_MOD="${CMAKE_BINARY_DIR}/demo/demo.mod")
-  add_dependencies(kelva_tests kelva)
-  if(TARGET kelva_demo_tune)
-    add_dependencies(kelva_tests kelva_demo_tune)
-  endif()
-else()
-  # Without the tool the test file must still compile.
-  target_compile_definitions(kelva_tests PRIVATE KELVA_CLI="kelva" KELVA_DEMO_MOD="demo.mod")
-endif()
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(KELVA_TEST_SNDFILE REQUIRED IMPORTED_TARGET sndfile)
+target_link_libraries(kelva_tests PRIVATE nlohmann_json::nlohmann_json PkgConfig::KELVA_TEST_SNDFILE)
+target_compile_definitions(kelva_tests PRIVATE
+  KELVA_CLI="$<TARGET_FILE:kelva>"
+  KELVA_DEMO_MOD="${CMAKE_BINARY_DIR}/demo/demo.mod")
+add_dependencies(kelva_tests kelva kelva_demo_tune)

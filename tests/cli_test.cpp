@@ -1,5 +1,4 @@
-// The kelva command-line tool run as a subprocess with its own HOME (a private song-length database) and a data tree of
-// the test players.
+// The kelva tool run as a subprocess with its own HOME (a private database) and a data tree of the test players.
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <sys/wait.h>
@@ -27,23 +26,21 @@ struct run_result {
     std::string out, err;
 };
 
-// Runs the built kelva with `args` in `cwd`: HOME `home`, no XDG_DATA_HOME, KELVA_DATA `data` unless empty.
+// Runs the built kelva with `args` in `cwd`: HOME `home` (unset when empty), no XDG_DATA_HOME, KELVA_DATA `data` unless
+// empty. Its output is kept in cwd.
 run_result run_kelva(const args_t &args, const std::string &home, const std::string &data, const std::string &cwd) {
     auto quoted = [](const std::string &s) {
         std::string q = "'";
         for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
         return q + "'";
     };
-    std::string cmd = "cd " + quoted(cwd) + " && env -u XDG_DATA_HOME -u KELVA_DATA HOME=" + quoted(home) +
+    std::string cmd = "cd " + quoted(cwd) + " && env -u XDG_DATA_HOME -u KELVA_DATA " +
+                      (home.empty() ? "-u HOME" : "HOME=" + quoted(home)) +
                       (data.empty() ? "" : " KELVA_DATA=" + quoted(data)) + " " + quoted(KELVA_CLI);
     for (const std::string &a : args) cmd += " " + quoted(a);
-    cmd += " </dev/null >" + quoted(home + "/.stdout") + " 2>" + quoted(home + "/.stderr");
-    int status = std::system(cmd.c_str());
-    run_result r;
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.out = read_file_text(home + "/.stdout");
-    r.err = read_file_text(home + "/.stderr");
-    return r;
+    int status = std::system((cmd + " </dev/null >.stdout 2>.stderr").c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file_text(cwd + "/.stdout"),
+            read_file_text(cwd + "/.stderr")};
 }
 
 std::vector<std::string> lines_of(const std::string &text) {
@@ -77,14 +74,13 @@ struct audio_file {
 audio_file read_audio(const std::string &path) {
     audio_file a;
     SNDFILE *f = sf_open(path.c_str(), SFM_READ, &a.info);
-    std::vector<float> buf(4096 * 2);
-    for (sf_count_t n; f && (n = sf_readf_float(f, buf.data(), 4096)) > 0;)
-        for (sf_count_t i = 0; i < n * a.info.channels; i++) {
-            a.peak = std::max(a.peak, std::fabs(buf[size_t(i)]));
-            if (a.info.channels == 2 && i % 2)
-                a.side = std::max(a.side, std::fabs(buf[size_t(i)] - buf[size_t(i - 1)]));
-        }
+    std::vector<float> s(f && a.info.channels == 2 ? size_t(a.info.frames) * 2 : 0);
+    if (f) sf_readf_float(f, s.data(), sf_count_t(s.size() / 2));
     if (f) sf_close(f);
+    for (size_t i = 1; i < s.size(); i += 2) {
+        a.peak = std::max({a.peak, std::fabs(s[i - 1]), std::fabs(s[i])});
+        a.side = std::max(a.side, std::fabs(s[i] - s[i - 1]));
+    }
     return a;
 }
 
@@ -218,9 +214,8 @@ TEST_F(CliTest, SubsongsAreListedAndCountedAndTextInfoNamesThePlayer) {
     std::vector<uint8_t> two = envelope_module(0, 0, 50, 7);
     char hex[33];
     cache_key_hex(cache_make_key(two.data(), uint32_t(two.size()), kSubsongCountSeed), hex);
-    std::string db_text = kDbHeader + std::string("\n") + hex + " 2 two.envl\n";
-    ASSERT_TRUE(write_file(work + "/two.envl", two));
-    ASSERT_TRUE(write_file(home + "/.local/share/kelva/songlengths.db", db_text));
+    std::string text = kDbHeader + std::string("\n") + hex + " 2 two.envl\n";
+    ASSERT_TRUE(write_file(work + "/two.envl", two) && write_file(home + "/.local/share/kelva/songlengths.db", text));
     r = kelva({"render", "two.envl", "--subsong", "2", "--seconds", "0.5", "-o", "two.wav"});
     EXPECT_EQ(r.code, 0) << r.err;
     EXPECT_TRUE(contains(r.out, "subsong 2 of 2")) << r.out;
@@ -252,9 +247,12 @@ TEST_F(CliTest, ScanMeasuresATreeAndASecondScanFindsEverythingKnown) {
         EXPECT_TRUE(contains(second.out, part)) << part << " in\n" << second.out;
     EXPECT_EQ(db().size(), 16u);
     // What the scan stored is what info then reads.
-    json files = parse_json(kelva({"info", "--json", tree + "/loop.envl"}).out);
-    EXPECT_EQ(files.at(0).at("subsongs").at(0).at("reason"), "database");
-    EXPECT_EQ(files.at(0).at("subsongs").at(0).at("length_ms"), 12000);
+    json s = parse_json(kelva({"info", "--json", tree + "/loop.envl"}).out).at(0).at("subsongs").at(0);
+    EXPECT_TRUE(s.at("reason") == "database" && s.at("length_ms") == 12000) << s;
+    // Without HOME and XDG_DATA_HOME nothing can be kept, and the summary says so.
+    std::filesystem::create_directories(tmp / "none");
+    EXPECT_TRUE(contains(run_kelva({"scan", tmp / "none"}, "", data, work).out,
+                         "database: none (neither XDG_DATA_HOME nor HOME is set); nothing was kept\n"));
 }
 
 TEST_F(CliTest, BadInputsGiveOneLineNamingTheFile) {
@@ -285,9 +283,7 @@ TEST_F(CliTest, BadInputsGiveOneLineNamingTheFile) {
     for (const auto &[args, reason] : failures) expect_one_line_failure(kelva(args), reason);
     // Without KELVA_DATA the search finds no tree with an "envl" line.
     expect_one_line_failure(run_kelva({"info", "end.envl"}, home, "", work), "no player matches end.envl");
-    run_result r = kelva({"scan", tmp / "nowhere"});
-    EXPECT_EQ(r.code, 1);
-    EXPECT_TRUE(contains(r.err, "kelva: cannot read folder " + (tmp / "nowhere"))) << r.err;
+    expect_one_line_failure(kelva({"scan", tmp / "nowhere"}), "cannot read folder " + (tmp / "nowhere"));
     // --data names the tree, before or after the command.
     EXPECT_EQ(run_kelva({"--data", data, "info", "end.envl"}, home, "", work).code, 0);
     EXPECT_EQ(run_kelva({"info", "end.envl", "--data", data}, home, "", work).code, 0);

@@ -1,14 +1,13 @@
-// The processor where it goes beyond or deliberately differs from the 68000 the single-step vectors (ctest cpu_vectors)
-// check: 68010/68020 forms, SR bits, exception frames, divide and CHK flags, the opcode table, step costs, the
-// disassembler and the trace.
+// The processor beyond the 68000 the single-step vectors (ctest cpu_vectors) check: 68010/68020 forms, SR bits,
+// exception frames, divide and CHK flags, the opcode table, step costs, the disassembler and the trace.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "cpu/cpu.h"
+#include "support/services.h"
 #include "support/test_support.h"
 
 namespace {
@@ -17,26 +16,21 @@ constexpr uint16_t X = kSrX, N = kSrN, Z = kSrZ, V = kSrV, C = kSrC;
 using U = std::vector<uint32_t>;
 using W = std::vector<uint16_t>;
 
-// A fresh engine, code at $1000, supervisor mode with the stack at $8000.
+// A fresh engine (registers zero), code at $1000, supervisor mode with the stack at $8000.
 struct Cpu : testing::Test {
     engine_ptr engine = make_engine();
     kelva *k = engine.get();
     void SetUp() override {
-        memset(k->d, 0, sizeof k->d);
-        memset(k->a, 0, sizeof k->a);
         k->a[7] = 0x8000;
         k->usp = 0x6000;
-        k->ssp = k->vbr = k->cycles = 0;
         k->sr = 0x2700;
         k->pc = 0x1000;
-        k->fault = 0;
     }
     // Places words at PC (the next instruction).
-    void code(const W &words) {
-        uint32_t at = k->pc;
-        for (uint16_t w : words) write16(k, (at += 2) - 2, w);
-    }
+    void code(const W &words) { put_code(k, k->pc, words); }
+    // One instruction at $1000.
     void run(const W &words) {
+        k->pc = 0x1000;
         code(words);
         cpu_step(k);
     }
@@ -56,16 +50,14 @@ TEST_F(Cpu, ScaledAndFullFormatIndexes) {
     run({0x43F0, 0x2A04});   // LEA (4,A0,D2.L*2),A1
     EXPECT_EQ(k->a[1], 0x100Au);
     run({0x41F0, 0x01B0, 0x0012, 0x3456});   // base suppressed, long displacement
-    EXPECT_EQ((U{k->a[0], k->pc}), (U{0x00123456, 0x100C}));
+    EXPECT_EQ((U{k->a[0], k->pc}), (U{0x00123456, 0x1008}));
     k->d[0] = 5;
     run({0x43F0, 0x01F0, 0x0000, 0x4000});   // base and index suppressed
     EXPECT_EQ(k->a[1], 0x4000u);
-    // Memory indirection with a word outer displacement:
-    // pre-indexed read32(A2 + 4 + D1) + 2, post-indexed read32(A2 + 4) + D1 + 2.
+    // Memory indirection (word outer displacement): pre-indexed [A2 + 4 + D1] + 2, post-indexed [A2 + 4] + D1 + 2.
     k->a[2] = 0x2000;
     k->d[1] = 4;
-    write32(k, 0x2008, 0x5000);
-    write32(k, 0x2004, 0x6000);
+    put_code(k, 0x2004, {0, 0x6000, 0, 0x5000});
     run({0x47F2, 0x1122, 0x0004, 0x0002});   // LEA ([4,A2,D1.W],2),A3
     EXPECT_EQ(k->a[3], 0x5002u);
     run({0x49F2, 0x1126, 0x0004, 0x0002});   // LEA ([4,A2],D1.W,2),A4
@@ -94,11 +86,9 @@ TEST_F(Cpu, CcrAndSrFormsKeepTheirBits) {
 TEST_F(Cpu, LongBranchesRtdAndLinkLong) {
     run({0x60FF, 0x0001, 0x0000});   // BRA.L +$10000
     EXPECT_EQ(k->pc, 0x11002u);
-    k->pc = 0x1000;
     set_ccr(Z);
     run({0x67FF, 0x0000, 0x0100});   // BEQ.L taken
     EXPECT_EQ(k->pc, 0x1102u);
-    k->pc = 0x1000;
     run({0x66FF, 0x0000, 0x0100});   // BNE.L not taken: skips the long
     EXPECT_EQ(k->pc, 0x1006u);
     k->a[7] = 0x7FFC;
@@ -123,7 +113,6 @@ TEST_F(Cpu, ExceptionEntryFrameAndFault) {
     vector(11, 0x6000);
     for (auto [op, vec, handler] : {std::tuple{0x4AFC, 4, 0x5000}, std::tuple{0x4800, 4, 0x5000},
                                     std::tuple{0xF123, 11, 0x6000}}) {
-        k->pc = 0x1000;
         k->a[7] = 0x8000;
         run({uint16_t(op)});
         EXPECT_EQ(k->pc, uint32_t(handler)) << std::hex << op;
@@ -133,19 +122,15 @@ TEST_F(Cpu, ExceptionEntryFrameAndFault) {
 
 TEST_F(Cpu, RteFormatErrorStopAndStaticBtstOfImmediate) {
     k->a[7] = 0x3000;
-    write16(k, 0x3000, 0x1000);
-    write16(k, 0x3002, 0x2000);
-    write32(k, 0x3004, 0x5555);
+    put_code(k, 0x3000, {0x1000, 0x2000, 0, 0x5555});
     vector(14, 0x4000);
     run({0x4E73});
     EXPECT_EQ((U{k->pc, k->a[7], read16(k, 0x3000), read32(k, 0x3004)}), (U{0x4000, 0x3000 - 8, 0x1000, 0x5555}));
     expect_frame(14, 0, 0, 0x1002);
-    k->pc = 0x1000;
     k->a[7] = 0x8000;
     vector(4, 0x4000);
     run({0x083C, 0x0001, 0x00FF});   // BTST #1,#imm: Z from bit 1 of the byte at 0, the PC after the words fetched
     EXPECT_EQ((U{k->pc, k->a[7], read32(k, 0x8000 - 4), uint32_t(k->sr & Z)}), (U{0x4000, 0x8000 - 8, 0x1004, Z}));
-    k->pc = 0x1000;
     run({0x4E72, 0x2704, 0x7005});   // STOP #$2704 sets the flag; MOVEQ #5,D0 still runs
     EXPECT_EQ((U{uint32_t(k->stopped), k->sr, k->pc}), (U{1, 0x2704, 0x1004}));
     cpu_step(k);
@@ -164,7 +149,6 @@ TEST_F(Cpu, RegisterFormsDivideBoundariesAndCheckBounds) {
         {{0x83FC, 0xFFFF}, 0x80000000, 0, 0x80000000, V},    // $80000000 / -1 must not trap the host
     };
     for (const auto &r : rows) {
-        k->pc = 0x1000;
         k->d[1] = r.d1;
         set_ccr(r.ccr_in);
         run(r.words);
@@ -172,7 +156,6 @@ TEST_F(Cpu, RegisterFormsDivideBoundariesAndCheckBounds) {
     }
     vector(5, 0x4000);
     for (uint16_t op : {0x80F9, 0x81F9}) {   // DIVU/DIVS.W $3000.L,D0 with a zero word there: traps after the words
-        k->pc = 0x1000;
         k->a[7] = 0x8000;
         k->d[0] = 1234;
         set_ccr(N | C);
@@ -180,9 +163,7 @@ TEST_F(Cpu, RegisterFormsDivideBoundariesAndCheckBounds) {
         EXPECT_EQ((U{k->pc, k->d[0]}), (U{0x4000, 1234})) << std::hex << op;
         expect_frame(5, 0xFFFF, 0x2709, 0x1006);
     }
-
-    k->pc = 0x1000;   // CHK.W #5,D0 in bounds changes no flag
-    k->d[0] = 5;
+    k->d[0] = 5;   // CHK.W #5,D0 in bounds changes no flag
     set_ccr(Z | V | C);
     run({0x41BC, 5});
     EXPECT_EQ((U{k->pc, ccr()}), (U{0x1004, Z | V | C}));
@@ -208,8 +189,7 @@ TEST_F(Cpu, OpcodeTableCensusAndSpotEntries) {
     op_table[0x4E71] = op_nop;
 }
 
-// A step costs 4 cycles plus the 68000's time to compute the address of a word operand in the opcode's low six bits
-// (mode, register).
+// A step costs 4 cycles plus the 68000's address time of a word operand in the opcode's low six bits.
 TEST_F(Cpu, StepCost) {
     const uint32_t ea_time[] = {0, 0, 4, 4, 6, 8, 10};        // Dn An (An) (An)+ -(An) (d16,An) (d8,An,Xn)
     const uint32_t ea_time7[] = {8, 12, 8, 10, 4};            // abs.W abs.L (d16,PC) (d8,PC,Xn) #imm
@@ -218,16 +198,16 @@ TEST_F(Cpu, StepCost) {
     run({0x4E71});   // NOP: mode 6
     EXPECT_EQ((U{uint32_t(k->cycles), k->pc}), (U{14, 0x1002}));
     run({0x6000, 0x0010});   // BRA.W
-    EXPECT_EQ((U{uint32_t(k->cycles), k->pc}), (U{18, 0x1014}));
+    EXPECT_EQ((U{uint32_t(k->cycles), k->pc}), (U{18, 0x1012}));
 }
 
 struct CpuDisasm : Cpu {
-    // Text of the instruction made of `words`, placed at $1000.
-    std::string text(const std::vector<uint16_t> &words, uint32_t *length = nullptr) {
-        for (size_t i = 0; i < words.size(); i++) write16(k, 0x1000 + 2 * uint32_t(i), words[i]);
+    uint32_t len = 0;
+    // Text of the instruction made of `words`, placed at $1000; its length in len.
+    std::string text(const W &words) {
+        code(words);
         char out[128];
-        uint32_t len = da_disassemble(k, 0x1000, out);
-        if (length) *length = len;
+        len = da_disassemble(k, 0x1000, out);
         return out;
     }
 };
@@ -275,10 +255,9 @@ TEST_F(CpuDisasm, Texts) {
     const char *const conditions = "hilscccsneeqvcvsplmigeltgtle";   // Bcc for condition 2 to 15
     for (uint16_t cc = 2; cc < 16; cc++)
         EXPECT_EQ(text({uint16_t(0x6002 | cc << 8)}), "b" + std::string(conditions + 2 * cc - 4, 2) + "     $1004");
-    uint32_t len = 0;
-    text({0x41F0, 0x0122, 0x0004, 0x0002}, &len);   // the outer displacement is consumed
+    text({0x41F0, 0x0122, 0x0004, 0x0002});   // the outer displacement is consumed
     EXPECT_EQ(len, 8u);
-    text({0xF123}, &len);
+    text({0xF123});
     EXPECT_EQ(len, 2u);
 }
 

@@ -1,5 +1,4 @@
-// The plugin's host-free parts: the song-length store, module names and titles, the local-file host table and loader,
-// and the background scanner run on real test players.
+// The plugin's host-free parts: song-length store, titles, local host table and loader, scanner on test players.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -99,24 +98,20 @@ TEST_F(SongDb, CreatesTheDirectoryAndFallsBackToHome) {
     reopen();
     EXPECT_TRUE(cache_store(cache_key{9, 9}, 1000, "x.mod"));
     EXPECT_EQ(read_file_text(db()), std::string(kDbHeader) + "\n00000000000000090000000000000009 1000 x.mod\n");
-    setenv("XDG_DATA_HOME", "", 1);   // empty counts as unset: HOME is used
-    const std::pair<const char *, std::string> homes[] = {
-        {"/h/me", "/h/me/.local/share/kelva"}, {"", "/.local/share/kelva"}, {nullptr, ""}};
-    for (auto [home, want] : homes) {
-        if (home) {
-            setenv("HOME", home, 1);
-        } else {
-            unsetenv("HOME");
-            unsetenv("XDG_DATA_HOME");
-        }
+    auto dir = [](uint32_t capacity) {
         char out[4096];
-        db_dir(out, sizeof out);
-        EXPECT_EQ(std::string(out), want) << (home ? home : "(unset)");
-    }
+        db_dir(out, capacity);
+        return std::string(out);
+    };
+    setenv("XDG_DATA_HOME", "", 1);   // empty counts as unset: HOME is used
     setenv("HOME", "/h/me", 1);
-    char small[24];   // one short of "/h/me/.local/share/kelva": no directory rather than a cut one
-    db_dir(small, sizeof small);
-    EXPECT_STREQ(small, "");
+    // 24 bytes are one short of the whole: no directory rather than a cut one.
+    EXPECT_EQ(dir(4096) + "|" + dir(24), "/h/me/.local/share/kelva|");
+    setenv("HOME", "", 1);
+    EXPECT_EQ(dir(4096), "/.local/share/kelva");
+    unsetenv("HOME");
+    unsetenv("XDG_DATA_HOME");
+    EXPECT_EQ(dir(4096), "");
 }
 
 TEST_F(SongDb, ConcurrentStoresAndLookupsKeepOneLinePerKey) {
@@ -178,8 +173,8 @@ TEST(ModuleInfo, ARealModuleGivesItsTitleAndStoresItsCount) {
     EXPECT_TRUE(info.started && info.signals_end);
     EXPECT_EQ(info.title + "|" + info.author + "|" + std::to_string(info.count), "astral_trip||1");
     int32_t count = 0;
-    EXPECT_TRUE(cache_lookup(cache_make_key(mod.data(), uint32_t(mod.size()), kSubsongCountSeed), &count));
-    EXPECT_EQ(count, 1);
+    EXPECT_TRUE(cache_lookup(cache_make_key(mod.data(), uint32_t(mod.size()), kSubsongCountSeed), &count) &&
+                count == 1);
     cache_val.clear();
     module_info_forget();
 }
@@ -206,21 +201,18 @@ TEST(HostIo, SubtuneSuffixIsTheNumberAfterTheLastQuestionMark) {
 TEST(HostIo, LocalNamesAndUris) {
     host_ops h = host_ops_local();
     char out[kNameCap];
+    // The result, or "-" when the call refuses.
+    auto to_uri = [&](const char *n, size_t cap = kNameCap) {
+        return std::string(h.name_to_uri(n, out, cap) ? out : "-");
+    };
+    auto to_name = [&](const char *uri) { return std::string(h.uri_to_name(uri, out, sizeof out) ? out : "-"); };
     const std::pair<const char *, const char *> names[] = {
         {"/m/AZaz09-._~/x", "file:///m/AZaz09-._~/x"}, {"/a b%", "file:///a%20b%25"},
         {"/@[`{:+", "file:///%40%5B%60%7B%3A%2B"}, {"/\xC3\xA9\x01", "file:///%C3%A9%01"}};
-    for (auto [name, uri] : names) {
-        ASSERT_EQ(h.name_to_uri(name, out, sizeof out), 1) << name;
-        EXPECT_STREQ(out, uri);
-        ASSERT_EQ(h.uri_to_name(uri, out, sizeof out), 1) << uri;
-        EXPECT_STREQ(out, name);
-    }
-    EXPECT_EQ(h.name_to_uri("relative", out, sizeof out), 0);
-    EXPECT_EQ(h.name_to_uri("/abc", out, 8), 0);   // does not fit
-    ASSERT_EQ(h.uri_to_name("file:///%zz%4", out, sizeof out), 1);   // not an escape: kept
-    EXPECT_STREQ(out, "/%zz%4");
-    for (const char *bad : {"file:///a%00b", "http://host/x", "file://host/x", "mem://x"})
-        EXPECT_EQ(h.uri_to_name(bad, out, sizeof out), 0) << bad;
+    for (auto [name, uri] : names) EXPECT_EQ(to_uri(name) + " " + to_name(uri), std::string(uri) + " " + name);
+    for (const char *bad : {"file:///a%00b", "http://host/x", "file://host/x", "mem://x"}) EXPECT_EQ(to_name(bad), "-");
+    EXPECT_EQ(to_uri("relative") + to_uri("/abc", 8), "--");   // not absolute; does not fit
+    EXPECT_EQ(to_name("file:///%zz%4"), "/%zz%4");   // not an escape: kept
     // A folder's entries are URIs of their own, with or without the folder's final slash.
     temp_dir dir;
     ASSERT_TRUE(write_file(dir / "a b", "x"));
@@ -240,33 +232,30 @@ TEST(HostIo, LocalNamesAndUris) {
     EXPECT_STREQ(name, "http://host/x.mod");
 }
 
-std::string take(uint8_t *data, uint32_t len) {
-    std::string s(reinterpret_cast<char *>(data), len);
-    free(data);
-    return s;
-}
-
 TEST(HostIo, SlurpReadsWholeFilesAndRefusesEmptyOrMissingOnes) {
     temp_dir dir;
     std::string big(300000, '\0');
     for (size_t i = 0; i < big.size(); i++) big[i] = char(i * 7);
     ASSERT_TRUE(write_file(dir / "big.bin", big) && write_file(dir / "empty", ""));
-    uint32_t len = 0;
-    uint8_t *data = slurp_path((dir / "big.bin").c_str(), &len);
-    ASSERT_NE(data, nullptr);
-    EXPECT_EQ(take(data, len), big);
-    len = 12345;
-    for (std::string p : {dir / "empty", dir / "missing", dir.path})
-        EXPECT_EQ(slurp_path(p.c_str(), &len), nullptr) << p;
-    EXPECT_EQ(len, 12345u);
+    auto slurp = [](const std::string &p) {
+        return loaded([&](uint8_t **d, uint32_t *l) {
+            uint8_t *got = slurp_path(p.c_str(), l);
+            return got && (*d = got);
+        });
+    };
+    for (std::string p : {dir / "empty", dir / "missing", dir.path}) EXPECT_EQ(slurp(p), "-") << p;
+    EXPECT_EQ(slurp(dir / "big.bin"), big);
     // Through the URI: -1 when nothing opens (no local file behind it, or missing), 0 when empty.
-    uint8_t *got = nullptr;
-    host_ops local = host_ops_local();
-    EXPECT_EQ(local.read_uri("http://example.org/big.bin", &got, &len), -1);
-    EXPECT_EQ(local.read_uri(("file://" + dir / "missing").c_str(), &got, &len), -1);
-    EXPECT_EQ(local.read_uri(("file://" + dir / "empty").c_str(), &got, &len), 0);
-    ASSERT_EQ(local.read_uri(("file://" + dir / "big.bin").c_str(), &got, &len), 1);
-    EXPECT_EQ(take(got, len), big);
+    std::vector<int> codes;
+    auto read = [&](const std::string &uri) {
+        return loaded([&](uint8_t **d, uint32_t *l) {
+            return codes.emplace_back(host_ops_local().read_uri(uri.c_str(), d, l)) > 0;
+        });
+    };
+    EXPECT_EQ((std::vector<std::string>{read("http://example.org/big.bin"), read("file://" + dir / "missing"),
+                                        read("file://" + dir / "empty"), read("file://" + dir / "big.bin")}),
+              (std::vector<std::string>{"-", "-", "-", big}));
+    EXPECT_EQ(codes, (std::vector<int>{-1, -1, 0, 1}));
 }
 
 // A host whose folder listing is scripted: the first entry that matches in the host's order is read.
@@ -290,13 +279,8 @@ struct VfsLoad : testing::Test {
     temp_dir dir;
     void SetUp() override { host = host_ops_local(); }
     void TearDown() override { host = host_ops_local(); }
-    // The bytes the loader gives, or "-" when it fails (leaving its outputs alone).
     std::string load(const std::string &path) {
-        uint8_t *data = nullptr;
-        uint32_t len = 0;
-        if (vfs_load(nullptr, path.c_str(), &data, &len)) return take(data, len);
-        EXPECT_TRUE(data == nullptr && len == 0) << path;
-        return "-";
+        return loaded([&](uint8_t **d, uint32_t *l) { return vfs_load(nullptr, path.c_str(), d, l); });
     }
 };
 
@@ -397,6 +381,14 @@ struct ScanTree : Scanner {
         int32_t v = 0;
         return cache_lookup(key(contents, seed), &v) ? std::optional<int32_t>(v) : std::nullopt;
     }
+    // The module's records: "count N" or "no count", then each subtune 0 to 6 with a length (":-1" when it failed).
+    static std::string held(const std::string &c) {
+        auto count = stored(c, kSubsongCountSeed);
+        std::string s = count ? "count " + std::to_string(*count) : "no count";
+        for (int t = 0; t <= 6; t++)
+            if (auto v = stored(c, t)) s += " " + std::to_string(t) + (*v > 0 ? "" : ":" + std::to_string(*v));
+        return s;
+    }
     std::string uri(const std::string &rel) const { return "file://" + dir.path + "/" + rel; }
 };
 
@@ -405,33 +397,22 @@ struct ScanTree : Scanner {
 
 TEST_F(ScanTree, ModulesGetTheirCountAndEveryLength) {
     REQUIRE_PLAYER("Subsong");
-    std::string module = scan("song.subs", "five tunes in one file");
-    ASSERT_EQ(stored(module, kSubsongCountSeed), 5);
-    EXPECT_FALSE(stored(module, 0));   // a multi-song file is measured from 1
-    for (int s = 1; s <= 5; s++) EXPECT_GT(stored(module, s).value_or(0), 0) << "subtune " << s;
-    EXPECT_FALSE(stored(module, 6));
+    // A multi-song file is measured from 1; a subtune suffix measures only that subtune, and "?0" is subtune 0, not
+    // the whole file.
+    EXPECT_EQ(held(scan("song.subs", "five tunes in one file")), "count 5 1 2 3 4 5");
     EXPECT_EQ(rescans, std::vector<std::string>{uri("song.subs")});
-
-    module = scan("pick.subs", "pick one", "?3");   // a subtune suffix measures only that subtune
-    EXPECT_FALSE(stored(module, kSubsongCountSeed));
-    EXPECT_TRUE(stored(module, 3));
-    EXPECT_FALSE(stored(module, 1));
+    EXPECT_EQ(held(scan("pick.subs", "pick one", "?3")), "no count 3");
     EXPECT_EQ(rescans.back(), uri("pick.subs") + "?3");
-    module = scan("zero.subs", "the default one", "?0");   // "?0" is subtune 0, not the whole file
-    EXPECT_FALSE(stored(module, kSubsongCountSeed));
-    EXPECT_TRUE(stored(module, 0));
+    EXPECT_EQ(held(scan("zero.subs", "the default one", "?0")), "no count 0");
     // A single song is measured as subtune 0.
     REQUIRE_PLAYER("Tone");
-    module = scan("steady.tone", "one steady tone");
-    EXPECT_EQ(stored(module, kSubsongCountSeed), 1);
-    int32_t len = stored(module, 0).value_or(0);
-    EXPECT_GT(len, 0);
-    EXPECT_LE(len, kScanMaxMs);
+    std::string module = scan("steady.tone", "one steady tone");
+    EXPECT_EQ(held(module), "count 1 0");
+    EXPECT_LE(stored(module, 0), kScanMaxMs);
     // A count of two (here from the database) means subtunes 1 and 2.
     const std::string two = "a count of two";
     cache_store(key(two, kSubsongCountSeed), 2, "two.tone");
-    scan("two.tone", two);
-    EXPECT_TRUE(stored(two, 1) && stored(two, 2) && !stored(two, 0));
+    EXPECT_EQ(held(scan("two.tone", two)), "count 2 1 2");
 }
 
 TEST_F(ScanTree, UnstartableModulesAreRememberedAndFilesWithoutPlayerOrContentsLeftAlone) {
@@ -442,8 +423,7 @@ TEST_F(ScanTree, UnstartableModulesAreRememberedAndFilesWithoutPlayerOrContentsL
     EXPECT_TRUE(rescans.empty());
 
     std::string broken = scan("x.broken", "this player is not a program");
-    EXPECT_EQ(stored(broken, kSubsongCountSeed), 1);
-    EXPECT_EQ(stored(broken, 0), -1);
+    EXPECT_EQ(held(broken), "count 1 0:-1");
     size_t records = cache_val.size();   // known now: a second scan stores nothing new
     scan_one(uri("x.broken").c_str());
     EXPECT_EQ(cache_val.size(), records);
@@ -456,12 +436,9 @@ TEST_F(ScanTree, CancelledMeasurementStoresNothingAndAsksForNoRescan) {
     // The count is known, so the scan goes straight to measuring, which sees the quit flag at its first poll.
     cache_store(key(module, kSubsongCountSeed), 1, "q.tone");
     scan_quit.exchange(true);
-    scan("q.tone", module);
-    EXPECT_FALSE(stored(module, 0));
+    EXPECT_EQ(held(scan("q.tone", module)), "count 1");
     // With the count unknown, starting the module finds and stores it; then the scan ends.
-    const std::string unknown = scan("u.tone", "quit after counting");
-    EXPECT_EQ(stored(unknown, kSubsongCountSeed), 1);
-    EXPECT_FALSE(stored(unknown, 0));
+    EXPECT_EQ(held(scan("u.tone", "quit after counting")), "count 1");
     EXPECT_TRUE(rescans.empty());
 }
 

@@ -1,8 +1,6 @@
-// Choosing the player: the data tree's search order and loaders, eagleplayer.conf's scoring and line reader, the
-// ProTracker-family classification, the ".mod", ".st" and TFMX content corrections, option lookup and refinement, the
-// name getters, and the bundled configuration.
+// Choosing the player: data tree and loaders, eagleplayer.conf, the ProTracker-family classification, the ".mod",
+// ".st" and TFMX corrections, option lookup and refinement, the name getters and the bundled configuration.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -36,16 +34,6 @@ std::string exe_tree() {
     return ec ? "" : exe.parent_path().string() + "/kelva_data";
 }
 
-// What a loader call gave: the bytes, or "-" when it failed.
-template <class F>
-std::string loaded(F load) {
-    uint8_t *data = nullptr;
-    uint32_t len = 0;
-    if (!load(&data, &len)) return "-";
-    std::string s(reinterpret_cast<char *>(data), len);
-    free(data);
-    return s;
-}
 std::string dload(const std::string &path) {
     return loaded([&](uint8_t **d, uint32_t *l) { return default_load(nullptr, path.c_str(), d, l); });
 }
@@ -55,7 +43,7 @@ TEST(DataTree, KelvaDataThenTheUserTreeFromXdgThenHome) {
     setenv("KELVA_DATA", "/nonexistent/tree", 1);   // taken without any check
     EXPECT_EQ(data_path_str("players/X"), "/nonexistent/tree/players/X");
     EXPECT_EQ(data_path_str("eagleplayer.conf", 10), "");   // does not fit
-    if (access((exe_tree() + "/eagleplayer.conf").c_str(), F_OK) == 0)
+    if (std::filesystem::exists(exe_tree() + "/eagleplayer.conf"))
         GTEST_SKIP() << "a data tree beside the test program shadows the per-user tree";
     temp_dir xdg, home, empty;
     ASSERT_TRUE(write_file(xdg / "kelva_data/eagleplayer.conf", "# x\n"));
@@ -79,20 +67,18 @@ TEST(DataTree, KelvaDataThenTheUserTreeFromXdgThenHome) {
     EXPECT_NE(data_path_str("players/P"), home / ".local/share/kelva_data/players/P");
 }
 
-// Both program-side cases in one test: the second creates the tree beside the program for a moment, which the first
-// must not see.
+// One test, as the second case creates the tree beside the program for a moment, which the first must not see.
 TEST(DataTree, ProgramSideTreeFirstAndAsFallback) {
     env_guard env;
     std::string beside = exe_tree();
     if (beside.empty()) GTEST_SKIP() << "/proc/self/exe cannot be read here";
-    if (access(beside.c_str(), F_OK) == 0) GTEST_SKIP() << beside << " already exists; not touching it";
+    if (std::filesystem::exists(beside)) GTEST_SKIP() << beside << " already exists; not touching it";
     unsetenv("KELVA_DATA");
     unsetenv("XDG_DATA_HOME");
     setenv("HOME", "", 1);   // only the program-side candidate and the system folders remain
-    if (access("/usr/local/share/kelva_data/eagleplayer.conf", F_OK) &&
-        access("/usr/share/kelva_data/eagleplayer.conf", F_OK)) {
-        // No tree anywhere: the path beside the program is still produced, and a per-user tree installed now is found
-        // on the next call.
+    if (!std::filesystem::exists("/usr/local/share/kelva_data/eagleplayer.conf") &&
+        !std::filesystem::exists("/usr/share/kelva_data/eagleplayer.conf")) {
+        // No tree anywhere: the path beside the program is given; a per-user tree installed now is found next call.
         EXPECT_EQ(data_path_str("eagleplayer.conf"), beside + "/eagleplayer.conf");
         temp_dir late;
         setenv("XDG_DATA_HOME", late.path.c_str(), 1);
@@ -127,19 +113,13 @@ TEST(DataTree, DefaultLoaderReadsWholeFilesFindingNamesCaseInsensitively) {
     for (std::string refused : {dir / "empty.bin", dir / "missing", dir.path, std::string("/kelva-no-such-file"),
                                 "/tmp/" + std::string(3000, 'd') + "/File", std::string(5000, 'n')})
         EXPECT_EQ(dload(refused), "-") << refused.substr(0, 80);
-    uint8_t *data = reinterpret_cast<uint8_t *>(0x1234);
-    uint32_t len = 77;
-    EXPECT_EQ(default_load(nullptr, (dir / "missing").c_str(), &data, &len), 0);
-    EXPECT_EQ(data, reinterpret_cast<uint8_t *>(0x1234));   // untouched on failure
-    EXPECT_EQ(len, 77u);
     EXPECT_EQ(default_load(nullptr, (dir / "sub/song.mod").c_str(), nullptr, nullptr), 0);
 
     // A name without a folder is sought in the current folder.
-    char old[4096];
-    ASSERT_NE(getcwd(old, sizeof old), nullptr);
-    ASSERT_EQ(chdir(dir.path.c_str()), 0);
+    auto old = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path);
     std::string here = dload("tune.mod");
-    ASSERT_EQ(chdir(old), 0);
+    std::filesystem::current_path(old);
     EXPECT_EQ(here, "xyz!");
 }
 
@@ -147,10 +127,8 @@ TEST(DataTree, EnvironmentVolumesMapIntoPlayersEnv) {
     env_guard env;
     setenv("KELVA_DATA", "/tree", 1);
     engine_ptr k = make_engine();
-    memory_files mem;
-    mem.files["/tree/players/ENV/Foo/Bar"] = {42};
-    mem.files["/tree/players/ENV/"] = {43};
-    mem.files["DH0:music/Song.mod"] = {44};
+    memory_files mem{{{"/tree/players/ENV/Foo/Bar", {42}}, {"/tree/players/ENV/", {43}}, {"DH0:music/Song.mod", {44}}},
+                     {}};
     kelva_set_file_loader(k.get(), memory_loader, &mem);
     auto hload = [&](const std::string &p) {
         return loaded([&](uint8_t **d, uint32_t *l) { return host_load_file(k.get(), p.c_str(), d, l); });
@@ -189,17 +167,13 @@ mb mk_z0(uint8_t restart, uint8_t song_length = 1) { return mk(restart, song_len
 mb mk_ft() { return mk(0).sample(3, smp(8, 0, 0, 0, 1)); }
 
 TEST(ModTag, AcceptsExactlyTheThirtyOneInstrumentTags) {
+    auto is31 = [](const char *tag, uint32_t size = 1084) { return mod_tag_is_31(tagged(tag).bytes().data(), size); };
     for (const char *tag : {"M.K.", "M!K!", "M&K!", "N.T.", "FLT4", "FLT8", "FA04", "FA08", "EXO4", "EXO8", "CD81",
-                            "OCTA", "OKTA", "6CHN", "8CHN", "16CH", "32CH", "xCHN", "xxCH", "TDZ1", "TDZ9"}) {
-        auto d = tagged(tag).bytes();
-        EXPECT_TRUE(mod_tag_is_31(d.data(), uint32_t(d.size()))) << tag;
-        EXPECT_FALSE(mod_tag_is_31(d.data(), 1083)) << tag;
-    }
+                            "OCTA", "OKTA", "6CHN", "8CHN", "16CH", "32CH", "xCHN", "xxCH", "TDZ1", "TDZ9"})
+        EXPECT_TRUE(is31(tag) && !is31(tag, 1083)) << tag;
     for (const char *tag : {"M.K ", "m.k.", "FLT5", "FLT2", "EXO5", "CD82", "CHN ", "OKT ", "xCH.", ".M.K", "TDZ0",
-                            "TDZ:", "\0\0\0\0"}) {
-        auto d = tagged(tag).bytes();
-        EXPECT_FALSE(mod_tag_is_31(d.data(), uint32_t(d.size()))) << tag;
-    }
+                            "TDZ:", "\0\0\0\0"})
+        EXPECT_FALSE(is31(tag)) << tag;
     EXPECT_FALSE(mod_tag_is_31(nullptr, 0));
     EXPECT_EQ(mod31_classify(tagged("M&K!").bytes().data(), 1083), MOD31_PROTRACKER);
 }
@@ -278,8 +252,7 @@ TEST(ModClassify, DecisionRules) {
     EXPECT_EQ(cls(d), MOD31_NT20);
 }
 
-// A data tree in a temporary folder with the given configuration and stub player files; KELVA_DATA points at it while
-// the record lives.
+// A temporary data tree of a configuration and stub players; KELVA_DATA points at it while the record lives.
 struct conf_tree {
     env_guard env;
     temp_dir dir;
@@ -371,14 +344,10 @@ std::string st15(const std::vector<uint8_t> &d) {
     return p ? p : "(classify)";
 }
 
-const std::vector<std::string> kFamily = {"PTK-Prowiz", "UltimateSoundtracker", "Soundtracker-IV", "AudioSculpture",
-                                          "Custom"};
 const char *const kUst = "UltimateSoundtracker", *const kSt4 = "Soundtracker-IV", *const kPtk = "PTK-Prowiz";
 
 TEST(Fifteen, DecisionRulesInOrder) {
     ASSERT_EQ(st15_module().bytes().size(), 1624u + 1024u + 200u);
-    mb too_many = mb(nullptr, 65).song(1, 120).order(0, 64);
-    mb sixty_four = mb(nullptr, 64).song(1, 120).order(0, 63);
     struct { const char *what; mb m; const char *player; } cases[] = {
         {"clean loops", st15_module(), kUst},
         {"a note in the first cell, after the 128 orders", st15_module().w16(600, 0x0358), kUst},
@@ -403,7 +372,8 @@ TEST(Fifteen, DecisionRulesInOrder) {
         {"disk name, restart 0", st15_module().sample(2, smp(1, 0, 0, 0, 0, "st-01:drums")).song(2, 0), kUst},
         {"not a disk name", st15_module().sample(2, smp(1, 0, 0, 0, 0, "ST_01:drums")), kUst},
         // Implausible modules go to the 31-instrument check.
-        {"order 64", too_many, "(classify)"}, {"order 63", sixty_four, kUst},
+        {"order 64", mb(nullptr, 65).song(1, 120).order(0, 64), "(classify)"},
+        {"order 63", mb(nullptr, 64).song(1, 120).order(0, 63), kUst},
         // The highest order counts as at least 1: an all-zero order list wants two patterns.
         {"one pattern", mb(nullptr, 1).song(1, 120).sample(0, smp(600, 64)), "(classify)"},
         {"finetune and volume 65", st15_module().sample(4, smp(1, 65, 0, 0, 1)), "(classify)"},
@@ -416,7 +386,7 @@ TEST(Fifteen, DecisionRulesInOrder) {
 }
 
 TEST(ModCorrection, SizeTagAndHeaderRouting) {
-    conf_tree t("Custom prefixes=mod,st\n", kFamily);
+    conf_tree t("Custom prefixes=mod,st\n", {kPtk, kUst, kSt4, "AudioSculpture", "Custom"});
     for (const char *name : {"a.mod", "a.st"})   // too short for any check
         EXPECT_EQ(identify(name, std::vector<uint8_t>(1000, 0)), "Custom") << name;
     auto clean = st15_module().bytes();
@@ -607,20 +577,17 @@ TEST(EpconfNames, FormatAndPlayerNames) {
         EXPECT_STREQ(kelva_get_format_name(k.get()), name) << opt;
     }
 
-    char out[32];
-    memset(out, 'x', sizeof out);
-    k->player_name_addr = 0;   // no name
-    kelva_get_player_name(k.get(), out, sizeof out);
-    EXPECT_STREQ(out, "");
+    auto name = [&](uint32_t capacity) {   // capacity 0 leaves the buffer alone
+        char out[32];
+        memset(out, 'q', sizeof out);
+        kelva_get_player_name(k.get(), out, capacity);
+        return std::string(out, strnlen(out, sizeof out));
+    };
+    EXPECT_EQ(name(32), "");   // no name
     memcpy(k->ram + 0x300000, "Test Player 1.0", 16);
     k->player_name_addr = 0x300000;
-    for (auto [cap, want] : {std::pair{32u, "Test Player 1.0"}, std::pair{5u, "Test"}, std::pair{1u, ""}}) {
-        kelva_get_player_name(k.get(), out, cap);
-        EXPECT_STREQ(out, want) << cap;
-    }
-    out[0] = 'q';
-    kelva_get_player_name(k.get(), out, 0);
-    EXPECT_EQ(out[0], 'q');
+    EXPECT_EQ((std::vector<std::string>{name(32), name(5), name(1), name(0)}),
+              (std::vector<std::string>{"Test Player 1.0", "Test", "", std::string(32, 'q')}));
 }
 
 // The bundled configuration (each real module's player and format are checked by PtkRealModules).

@@ -1,5 +1,4 @@
-// The scanner's process-wide state for tests: reset as a fresh process has it, and a host read that opens nothing but
-// counts what it was asked for.
+// The scanner's process-wide state reset as in a fresh process, and a host read that opens nothing but counts.
 #pragma once
 
 #include <map>
@@ -11,11 +10,8 @@
 
 // An empty queue, nothing seen, the quit flag down and the local-file host table. The worker must be stopped first.
 inline void scan_reset_state() {
-    {
-        std::lock_guard<std::mutex> lock(scan_mtx);
-        scan_queue.clear();
-        scan_seen.clear();
-    }
+    scan_queue.clear();
+    scan_seen.clear();
     scan_quit.store(false);
     host = host_ops_local();
 }

@@ -1,5 +1,4 @@
-// Helpers of the operating-system, selection, plugin and tool tests: code words in emulated memory, captured
-// diagnostics, polling, and module images built in one expression.
+// Helpers of the service tests: code in emulated memory, captured stderr, polling, module images in one expression.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,7 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <initializer_list>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,7 +13,7 @@
 #include "engine/engine.h"
 
 // Words stored one after another from addr, as 68k code or data.
-inline void put_code(kelva *k, uint32_t addr, std::initializer_list<uint16_t> words) {
+inline void put_code(kelva *k, uint32_t addr, const std::vector<uint16_t> &words) {
     for (uint16_t w : words) ram_put16(k, (addr += 2) - 2, w);
 }
 

@@ -1,5 +1,4 @@
-// Temporary folders, files and environment variables for tests that work on the data tree. Everything is undone when
-// the record goes out of scope.
+// Temporary folders, files and environment variables for data-tree tests, undone when the record goes out of scope.
 #pragma once
 
 #include <sys/stat.h>

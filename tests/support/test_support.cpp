@@ -7,19 +7,14 @@
 #include <fstream>
 #include <iterator>
 
-#include "amigaos/amigaos.h"
 #include "hardware/bus.h"
-
-std::string shared_dir() {
-    struct stat st;
-    if (stat(KELVA_SHARED_DIR, &st) != 0 || !S_ISDIR(st.st_mode)) return {};
-    return KELVA_SHARED_DIR;
-}
 
 bool shared_exists(const std::string &sub) {
     struct stat st;
     return stat((std::string(KELVA_SHARED_DIR) + "/" + sub).c_str(), &st) == 0;
 }
+
+std::string shared_dir() { return shared_exists("") ? KELVA_SHARED_DIR : ""; }   // "dir/" names only a folder
 
 engine_ptr make_engine(int32_t rate) {
     kelva_global_init();   // once per process; later calls return at once
@@ -46,16 +41,6 @@ void put_be32(std::vector<uint8_t> &v, uint32_t x) {
     for (int s = 24; s >= 0; s -= 8) v.push_back(uint8_t(x >> s));
 }
 
-void put_string(kelva *k, uint32_t addr, const char *s) {
-    for (size_t i = 0; i <= strlen(s); i++) k->ram[(addr + i) & kAddrMask] = uint8_t(s[i]);
-}
-
-std::string get_string(kelva *k, uint32_t addr) {
-    char buf[1024];
-    amiga_read_string(k, addr, buf, sizeof buf);
-    return buf;
-}
-
 std::vector<uint8_t> envelope_module(uint32_t pattern_ticks, uint32_t stop_tick, uint32_t end_tick, uint32_t seed) {
     std::vector<uint8_t> m;
     for (uint32_t v : {0x454E564Cu, pattern_ticks, stop_tick, end_tick, seed, 0u}) put_be32(m, v);
@@ -68,15 +53,4 @@ void set_audio_latches(kelva *k, int x, uint32_t lc, uint16_t len, uint16_t per,
     custom_write_word(k, base + 4, len);   // AUDxLEN
     custom_write_word(k, base + 6, per);   // AUDxPER
     custom_write_word(k, base + 8, vol);   // AUDxVOL
-}
-
-int load_player_hunks(kelva *k, const std::vector<uint8_t> &file) {
-    uint32_t offset = 0;
-    if (!hunk_parse_header(k, file.data(), uint32_t(file.size()), &offset)) return 0;
-    uint32_t at = kPlayerBase;
-    for (uint32_t h = 0; h < k->hunk_count; h++) {
-        k->hunk_addr[h] = at;
-        at += k->hunk_size[h];
-    }
-    return hunk_read_contents(k, file.data(), uint32_t(file.size()), offset);
 }

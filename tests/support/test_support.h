@@ -1,6 +1,9 @@
 // Helpers shared by the unit tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <string>
@@ -31,6 +34,20 @@ inline std::string read_file_text(const std::string &path) {
     return {b.begin(), b.end()};
 }
 
+// What load(&data, &len) gave: the bytes (then freed), or "-" when it failed, which must leave both untouched.
+template <class F>
+std::string loaded(F load) {
+    uint8_t *const untouched = reinterpret_cast<uint8_t *>(0x1234), *data = untouched;
+    uint32_t len = 77;
+    if (!load(&data, &len)) {
+        EXPECT_TRUE(data == untouched && len == 77) << "a failed load changed its outputs";
+        return "-";
+    }
+    std::string s(reinterpret_cast<char *>(data), len);
+    free(data);
+    return s;
+}
+
 // Files served to kelva_set_file_loader(k, memory_loader, &m) by exact name; every request is recorded.
 struct memory_files {
     std::map<std::string, std::vector<uint8_t>> files;
@@ -40,16 +57,9 @@ int memory_loader(void *user, const char *path, uint8_t **out, uint32_t *len);
 
 void put_be32(std::vector<uint8_t> &v, uint32_t x);
 
-// A NUL-terminated string in emulated memory (addresses wrap at 16 MiB).
-void put_string(kelva *k, uint32_t addr, const char *s);
-std::string get_string(kelva *k, uint32_t addr);
-
 // The module of the Envelope test player (tests/players/Envelope.c).
 std::vector<uint8_t> envelope_module(uint32_t pattern_ticks, uint32_t stop_tick, uint32_t end_tick,
                                      uint32_t seed = 0x1234);
 
 // Writes channel x's AUDxLC, AUDxLEN, AUDxPER and AUDxVOL, as a player does.
 void set_audio_latches(kelva *k, int x, uint32_t lc, uint16_t len, uint16_t per, uint16_t vol);
-
-// Loads a hunk file's hunks one after another from kPlayerBase, as the engine loads a player. Returns 1 on success.
-int load_player_hunks(kelva *k, const std::vector<uint8_t> &file);
