@@ -2,9 +2,7 @@
 // structures and the debug hooks.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <string>
 #include <tuple>
 
 #include "engine/call.h"
@@ -14,7 +12,6 @@
 namespace {
 
 struct Call : testing::Test {
-    void SetUp() override { kelva_global_init(); }
     engine_ptr eng = make_engine();
     kelva *k = eng.get();
 };

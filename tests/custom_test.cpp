@@ -14,10 +14,16 @@ constexpr uint32_t DMACON = 0xDFF096, INTENA = 0xDFF09A, INTREQ = 0xDFF09C, ADKC
 constexpr uint32_t AUD0LCH = 0xDFF0A0, AUD0LCL = 0xDFF0A2, AUD0LEN = 0xDFF0A4, AUD0PER = 0xDFF0A6,
                    AUD0VOL = 0xDFF0A8;
 
-// An engine with DMACON cleared and channel x's latches at $20000 + $1000x: 8 words of byte 10 + x, period 200,
-// volume 40.
+// CIA-A and CIA-B register addresses (register n at base + n * $100).
+constexpr uint32_t CIAA = 0xBFE001, CIAB = 0xBFD000;
+constexpr uint32_t PRA = 0x000, PRB = 0x100, DDRA = 0x200, TALO = 0x400, TAHI = 0x500, TBLO = 0x600,
+                   TBHI = 0x700, TODLO = 0x800, TODMID = 0x900, TODHI = 0xA00, SDR = 0xC00, ICR = 0xD00,
+                   CRA = 0xE00, CRB = 0xF00;
+
+// An engine at 48 kHz with DMACON cleared and channel x's latches at $20000 + $1000x: 8 words of byte 10 + x,
+// period 200, volume 40.
 struct Custom : testing::Test {
-    engine_ptr e = make_engine();
+    engine_ptr e = make_engine(48000);
     kelva *k = e.get();
     void SetUp() override {
         custom_write_word(k, DMACON, 0x7FFF);
@@ -27,7 +33,12 @@ struct Custom : testing::Test {
         }
     }
     uint32_t rd(uint32_t r) { return custom_read_word(k, r); }
+    void wr(uint32_t cia, uint32_t reg, uint32_t v) { write8(k, cia + reg, v); }
+    uint32_t rd(uint32_t cia, uint32_t reg) { return read8(k, cia + reg); }
+    static double frames(uint32_t latch) { return (latch + 1.0) * 48000 / 709379; }
 };
+using Bus = Custom;
+using Cia = Custom;
 
 // SET/CLR registers never store bit 15; INTREQR shows the audio bits set while DMA is on.
 TEST_F(Custom, SetClearRegistersAndIntreqr) {
@@ -116,8 +127,6 @@ TEST_F(Custom, LatchWritesWhilePlaying) {
 }
 
 TEST_F(Custom, TraceLinesOnlyWhenSwitchedOnAndChanged) {
-    e = make_engine();
-    k = e.get();
     k->pc = 0x200010;
     EXPECT_EQ(stderr_of([&] { custom_write_word(k, AUD0PER, 300); }), "");
     k->reg_trace = 1;
@@ -130,16 +139,11 @@ TEST_F(Custom, TraceLinesOnlyWhenSwitchedOnAndChanged) {
                   custom_write_word(k, AUD0PER, 300);     // unchanged
                   custom_write_word(k, AUD0VOL, 200);     // 200 & 127 = 72
               }),
-              "[trace] pc=00200010 DMACON 0200 -> 0201\n"
+              "[trace] pc=00200010 DMACON 0000 -> 0001\n"
               "[trace] pc=00200010 AUD0LC = 00012345\n"
               "[trace] pc=00200010 AUD0LEN = 7\n"
               "[trace] pc=00200010 AUD0VOL = 72\n");
 }
-
-struct Bus : testing::Test {
-    engine_ptr e = make_engine();
-    kelva *k = e.get();
-};
 
 TEST_F(Bus, RamIsBigEndianAtAnyAlignmentBelow16MiB) {
     write16(k, 0x00100001, 0x1234);
@@ -159,8 +163,7 @@ TEST_F(Bus, CustomBlockAccesses) {
     k->intena = 0;
     write8(k, 0xDFF09A, 0x80);
     EXPECT_EQ(std::tuple(k->intena, k->ram[0xDFF09A]), std::tuple(0x0080, 0));
-    // Reads split into bytes and longs; an odd word address selects nothing.
-    k->dmacon = 0;   // no DMAEN: INTREQR is INTREQ alone
+    // Reads split into bytes and longs (INTREQR is INTREQ alone without DMAEN); an odd word address selects nothing.
     k->intreq = 0x1234;
     k->intena = 0x4321;
     EXPECT_EQ(std::tuple(read8(k, 0xDFF01E), read8(k, 0xDFF01F), read32(k, 0xDFF01C), read16(k, 0xDFF01D)),
@@ -215,20 +218,6 @@ TEST_F(Bus, AccessesPastTheLastByteFaultAndWriteNothing) {
         EXPECT_EQ(ram_get32(k, 0xFFFFFC), 0x01020304u);
     }
 }
-
-// CIA-A and CIA-B register addresses (register n at base + n * $100).
-constexpr uint32_t CIAA = 0xBFE001, CIAB = 0xBFD000;
-constexpr uint32_t PRA = 0x000, PRB = 0x100, DDRA = 0x200, TALO = 0x400, TAHI = 0x500, TBLO = 0x600,
-                   TBHI = 0x700, TODLO = 0x800, TODMID = 0x900, TODHI = 0xA00, SDR = 0xC00, ICR = 0xD00,
-                   CRA = 0xE00, CRB = 0xF00;
-
-struct Cia : testing::Test {
-    engine_ptr e = make_engine(48000);
-    kelva *k = e.get();
-    void wr(uint32_t cia, uint32_t reg, uint32_t v) { write8(k, cia + reg, v); }
-    uint32_t rd(uint32_t cia, uint32_t reg) { return read8(k, cia + reg); }
-    static double frames(uint32_t latch) { return (latch + 1.0) * 48000 / 709379; }
-};
 
 TEST_F(Cia, LatchControlRegisterAndOneShot) {
     for (const cia_state &c : k->cia) EXPECT_TRUE(c.ta_period == 1.0 && c.tb_left == 1.0 && !c.ta_running);
