@@ -88,7 +88,7 @@ protected:
     int open(const char *name, const std::vector<uint8_t> &module = std::vector<uint8_t>(8, 0),
              int32_t rate = 48000, int32_t subsong = 0, const char *path = "/music/tune.env") {
         std::vector<uint8_t> player = read_file_bytes(std::string(KELVA_TEST_PLAYERS) + "/" + name);
-        if (player.empty()) return ADD_FAILURE() << "test player " << name << " not built", -1;
+        EXPECT_FALSE(player.empty()) << "test player " << name << " not built";
         return open(player, module, rate, subsong, path);
     }
     void render(int32_t frames) {
@@ -148,27 +148,24 @@ TEST_F(Engine, OpenCallsTheRoutinesAndFillsTheGlobals) {
     hp many = hp().add(DTP_InitPlayer, hp::kRet0);
     for (int i = 0; i < 254; i++) many.add(0x12345678, 0, false);
     ASSERT_EQ(open(many.add(DTP_InitSound, hp::kMark).add(DTP_Interrupt, hp::kMark).build(), module), 0);
-    EXPECT_EQ(k->routines[DELI_INITSOUND], kPlayerBase + hp::kMark);
-    EXPECT_EQ(k->routines[DELI_INTERRUPT], 0u);
+    EXPECT_EQ(std::tuple(k->routines[DELI_INITSOUND], k->routines[DELI_INTERRUPT]),
+              std::tuple(kPlayerBase + hp::kMark, 0u));
 }
 
 TEST_F(Engine, OpenRefusesWhatItCannotDrive) {
     std::vector<uint8_t> module(64, 1), p = hp().add(DTP_InitPlayer, hp::kRet0).add(DTP_Config, hp::kMark).build();
-    const struct {
-        std::vector<uint8_t> player, module;
-        int result;
-        const char *message;
-    } cases[] = {
+    // Player, module, result, message. The chip-RAM window holds exactly 983,040 bytes.
+    const std::tuple<std::vector<uint8_t>, std::vector<uint8_t>, int, const char *> cases[] = {
         {hp().add(DTP_InitSound, hp::kRet0).build(), module, 1,
          "deli_scan_tags: no Interrupt or InitPlayer tag, can't drive\n"},
         {std::vector<uint8_t>(16, 0), module, 1, "hunk: missing HUNK_HEADER\n"},
         {p, {}, 1, ""},   // an empty module
         {p, {7}, 0, ""},
-        // The chip-RAM window holds exactly 983,040 bytes.
         {p, std::vector<uint8_t>(983040, 7), 0, ""},
         {p, std::vector<uint8_t>(983041, 7), 1, "mod_install: 983041 bytes exceeds chip-RAM window (983040)\n"},
     };
-    for (const auto &c : cases) EXPECT_EQ(stderr_of([&] { EXPECT_EQ(open(c.player, c.module), c.result); }), c.message);
+    for (const auto &[player, mod, result, message] : cases)
+        EXPECT_EQ(stderr_of([&] { EXPECT_EQ(open(player, mod), result); }), message);
     EXPECT_EQ(ram_get16(k, 0x100), 1u);   // Config ran before the module was refused
 
     // A failing InitPlayer stops the start only when Check2 failed too.
@@ -201,41 +198,35 @@ TEST_F(Engine, SubsongRangeSelectsTheCurrentSubsong) {
     hp back = hp().add(DTP_InitPlayer, hp::kRet0);
     back.add_routine(DTP_SubSongRange, {0x70, 0x03, 0x72, 0x01, 0x4E, 0x75});   // moveq #3,d0; moveq #1,d1; rts
     const std::vector<uint8_t> range = hp().add(DTP_InitPlayer, hp::kRet0).add(DTP_SubSongRange, hp::kRange).build();
-    const struct {
-        std::vector<uint8_t> player;
-        int32_t requested;
-        uint32_t count, current;
-    } cases[] = {{range, 3, 5, 2}, {range, 9, 5, 0}, {range, 0, 5, 0}, {range, 1, 5, 0}, {range, 5, 5, 4},
-                 {back.build(), 0, 1, 3}, {back.build(), 1, 1, 3}, {back.build(), 2, 1, 3}};
-    for (const auto &c : cases) {
-        ASSERT_EQ(open(c.player, std::vector<uint8_t>(8, 0), 48000, c.requested), 0);
-        EXPECT_EQ(kelva_get_subsong_count(k), c.count);
-        EXPECT_EQ(ram_get16(k, kGlobals + 44), c.current) << c.requested;
+    // Player, requested, count, current.
+    const std::tuple<std::vector<uint8_t>, int32_t, uint32_t, uint32_t> cases[] = {
+        {range, 3, 5, 2},       {range, 9, 5, 0},       {range, 0, 5, 0},      {range, 1, 5, 0},
+        {range, 5, 5, 4},       {back.build(), 0, 1, 3}, {back.build(), 1, 1, 3}, {back.build(), 2, 1, 3}};
+    for (const auto &[player, requested, count, current] : cases) {
+        ASSERT_EQ(open(player, std::vector<uint8_t>(8, 0), 48000, requested), 0);
+        EXPECT_EQ(std::tuple(kelva_get_subsong_count(k), ram_get16(k, kGlobals + 44)), std::tuple(count, current));
     }
     ASSERT_EQ(open("Subsong", std::vector<uint8_t>(8, 0), 48000, 3), 0);
-    EXPECT_EQ(kelva_get_subsong_count(k), 5u);
-    EXPECT_EQ(ram_get16(k, kGlobals + 44), 3u);
-    EXPECT_EQ(k->aud[0].per, 339u);
+    EXPECT_EQ(std::tuple(kelva_get_subsong_count(k), ram_get16(k, kGlobals + 44), k->aud[0].per),
+              std::tuple(5u, 3u, uint16_t(339)));
 }
 
 // SetTimer through the globals table: 7093 E-clock ticks make 480 frames; the tick due next keeps the old period.
 // 9999 make 677 frames (10,000 ticks), off the vertical blank: a tick due one frame into a call runs in it.
 TEST_F(Engine, SetTimerChangesTheTickPeriod) {
     ASSERT_EQ(open("Envelope", envelope_module(0, 0, 0)), 0);
-    const struct {
-        uint16_t timer;   // 0: unchanged
-        int32_t frames_per_tick, render;
-        uint32_t ticks;
-    } steps[] = {{0, 960, 1, 1}, {0, 960, 959, 1}, {7093, 480, 1, 2},      {0, 480, 480 * 4 - 1, 5},
-                 {9999, 677, 1, 6}, {0, 677, 675, 6}, {0, 677, 2, 7}};
-    for (const auto &s : steps) {
-        if (s.timer) {
-            ram_put16(k, kGlobals + DTG_Timer, s.timer);
+    // Timer (0: unchanged), frames per tick, frames rendered, ticks by then.
+    const std::tuple<uint16_t, int32_t, int32_t, uint32_t> steps[] = {
+        {0, 960, 1, 1},    {0, 960, 959, 1}, {7093, 480, 1, 2}, {0, 480, 480 * 4 - 1, 5},
+        {9999, 677, 1, 6}, {0, 677, 675, 6}, {0, 677, 2, 7}};
+    for (auto [timer, frames_per_tick, frames, ticks_then] : steps) {
+        if (timer) {
+            ram_put16(k, kGlobals + DTG_Timer, timer);
             op_line_a(k, 0xA40B);
         }
-        EXPECT_EQ(k->frames_per_tick, s.frames_per_tick);
-        render(s.render);
-        EXPECT_EQ(ticks(), s.ticks) << s.timer << " " << s.render;
+        EXPECT_EQ(k->frames_per_tick, frames_per_tick);
+        render(frames);
+        EXPECT_EQ(ticks(), ticks_then) << timer << " " << frames;
     }
 }
 
@@ -328,8 +319,7 @@ TEST_F(Engine, MeasureEndsAtSongEndSilenceLimitRepetitionOrCancel) {
         EXPECT_EQ(kelva_measure_length(k, c.limit_ms, c.silence_ms, &reason, c.polls < 0 ? nullptr : +cancel_after,
                                        polls),
                   c.ms);
-        EXPECT_EQ(reason, c.reason);
-        EXPECT_EQ(kelva_song_ended(k), c.reason == 1);
+        EXPECT_EQ(std::tuple(reason, kelva_song_ended(k)), std::tuple(c.reason, int(c.reason == 1)));
         EXPECT_TRUE(!c.frames || k->played_frames - c.frames < (c.reason == 5 ? 1u : 2048u)) << k->played_frames;
     }
     int32_t reason = 0;
@@ -358,13 +348,14 @@ TEST_F(Engine, RendersWithDenormalsFlushedAndRestoresTheCallersMode) {
         // Measurement: the cancel callback runs inside the engine.
         ASSERT_EQ(open("Envelope", envelope_module(0, 10, 0)), 0);
         uint32_t inside = 0;
-        auto cancel = [](void *user) { return *static_cast<uint32_t *>(user) = _mm_getcsr(), 0; };
+        auto cancel = [](void *user) {
+            *static_cast<uint32_t *>(user) = _mm_getcsr();
+            return 0;
+        };
         _mm_setcsr(kDefaultMode);
         int32_t reason = 0;
         kelva_measure_length(k, 5000, 0, &reason, cancel, &inside);
-        EXPECT_EQ(_mm_getcsr(), kDefaultMode);
-        EXPECT_EQ(inside & 0x8040u, 0x8040u);
-        EXPECT_EQ(reason, 3);
+        EXPECT_EQ(std::tuple(_mm_getcsr(), inside & 0x8040u, reason), std::tuple(kDefaultMode, 0x8040u, 3));
     });
     host.join();
 #else
