@@ -395,7 +395,8 @@ TEST_F(Engine, FaultingPlayersDoNotStopPlayback) {
     // InitPlayer runs away, but without a failed format check the start goes on; InitSound (line-F) and StartInt
     // (divide by zero) enter exception vectors that hold 0 and leave the code areas.
     // The tick loops forever: the call ends by its budget and the frame is still produced.
-    std::string err = stderr_of([&] { ASSERT_EQ(open("Misbehave"), 0); }) + stderr_of([&] { render(1); });
+    std::string err = stderr_of([&] { ASSERT_EQ(open("Misbehave"), 0); });
+    err += stderr_of([&] { render(1); });
     EXPECT_NE(err.find("deli_call: PC=00300000 out of range"), std::string::npos) << err;
     EXPECT_NE(err.find("deli_call: PC=00000000 out of range"), std::string::npos) << err;
     EXPECT_NE(err.find("deli_call: cycle budget exhausted"), std::string::npos) << err;

@@ -21,12 +21,6 @@ static const int8_t wave[16] __attribute__((aligned(2))) = {
     100, 100, 100, 100, 100, 100, 100, 100, -100, -100, -100, -100, -100, -100, -100, -100,
 };
 
-#if defined(ENVELOPE_TONE) || defined(ENVELOPE_SUBSONGS)
-#define ANY_MODULE 1
-#else
-#define ANY_MODULE 0
-#endif
-
 #ifdef ENVELOPE_SUBSONGS
 __asm__("\t.text\n\t.globl subsong_range\nsubsong_range:\n\tmoveq #1,%d0\n\tmoveq #5,%d1\n\trts\n");
 void subsong_range(void);
@@ -46,7 +40,10 @@ KELVA_ROUTINE(init_player) {
     (void)d0;
     mod = (volatile struct envelope_module *)kp_g32(g, DTG_ChkData);
     if (kp_g32(g, DTG_ChkSize) < sizeof(struct envelope_module) || mod->magic != 0x454E564CUL) mod = 0;
-    return !mod && !ANY_MODULE;
+#if !defined(ENVELOPE_TONE) && !defined(ENVELOPE_SUBSONGS)
+    if (!mod) return 1;   /* the variants take any module */
+#endif
+    return 0;
 }
 
 KELVA_ROUTINE(init_sound) {
