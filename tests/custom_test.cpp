@@ -40,8 +40,10 @@ struct Custom : testing::Test {
 using Bus = Custom;
 using Cia = Custom;
 
-// SET/CLR registers never store bit 15; INTREQR shows the audio bits set while DMA is on.
-TEST_F(Custom, SetClearRegistersAndIntreqr) {
+// SET/CLR registers never store bit 15; INTREQR shows the audio bits set while DMA is on. The beam position: 454
+// cycles a line, 313 lines a frame; VPOSR bit 0 is line bit 8. Unknown and odd registers read 0; writes to them are
+// ignored.
+TEST_F(Custom, SetClearBeamAndUnknownRegisters) {
     custom_write_word(k, INTENA, 0xC0A0);
     EXPECT_EQ(rd(0xDFF01C), 0x40A0u);   // INTENAR
     custom_write_word(k, INTENA, 0x0020);
@@ -53,6 +55,19 @@ TEST_F(Custom, SetClearRegistersAndIntreqr) {
     EXPECT_EQ(std::tuple(k->intreq, rd(0xDFF01E)), std::tuple(0x0004, 0x0004u));   // INTREQR
     custom_write_word(k, DMACON, 0x8200);
     EXPECT_EQ(std::tuple(k->intreq, rd(0xDFF01E)), std::tuple(0x0004, 0x0784u));
+    // 2291 lines: 7 frames and 100 lines.
+    const std::tuple<uint64_t, uint32_t, uint32_t> beam[] = {{454 * 312 + 10, 0x3805, 1},
+                                                             {454 * 2291 + 453, 0x64E2, 0}};
+    for (auto [cycles, vhpos, vpos] : beam) {
+        k->cycles = cycles;
+        EXPECT_EQ(std::tuple(rd(0xDFF006), rd(0xDFF004)), std::tuple(vhpos, vpos));
+    }
+    k->intreq = 0x7FFF;
+    for (uint32_t r : {0xDFF000u, 0xDFF00Au, 0xDFF020u, 0xDFF096u, 0xDFF0A0u, 0xDFF1FEu, 0xDFF003u})
+        EXPECT_EQ(rd(r), 0u) << std::hex << r;
+    custom_write_word(k, 0xDFF180, 0x0FFF);   // COLOR00: not modelled
+    custom_write_word(k, 0xDFF0AA, 0x1234);   // AUD0DAT: ignored
+    EXPECT_EQ(std::tuple(k->ram[0xDFF180], k->aud[0].lc), std::tuple(0, 0x20000u));
 }
 
 TEST_F(Custom, DmaconStartsAndStopsChannels) {
@@ -74,24 +89,6 @@ TEST_F(Custom, DmaconStartsAndStopsChannels) {
     for (int x = 0; x < 4; x++) EXPECT_FALSE(k->ch[x].active) << x;
     custom_write_word(k, DMACON, 0x8200);
     for (int x = 0; x < 4; x++) EXPECT_EQ(k->ch[x].active, x != 0) << x;
-}
-
-// The beam position: 454 cycles a line, 313 lines a frame; VPOSR bit 0 is line bit 8. Unknown and odd registers read
-// 0; writes to them are ignored.
-TEST_F(Custom, BeamPositionAndUnknownRegisters) {
-    // 2291 lines: 7 frames and 100 lines.
-    const std::tuple<uint64_t, uint32_t, uint32_t> beam[] = {{454 * 312 + 10, 0x3805, 1},
-                                                             {454 * 2291 + 453, 0x64E2, 0}};
-    for (auto [cycles, vhpos, vpos] : beam) {
-        k->cycles = cycles;
-        EXPECT_EQ(std::tuple(rd(0xDFF006), rd(0xDFF004)), std::tuple(vhpos, vpos));
-    }
-    k->intreq = 0x7FFF;
-    for (uint32_t r : {0xDFF000u, 0xDFF00Au, 0xDFF020u, 0xDFF096u, 0xDFF0A0u, 0xDFF1FEu, 0xDFF003u})
-        EXPECT_EQ(rd(r), 0u) << std::hex << r;
-    custom_write_word(k, 0xDFF180, 0x0FFF);   // COLOR00: not modelled
-    custom_write_word(k, 0xDFF0AA, 0x1234);   // AUD0DAT: ignored
-    EXPECT_EQ(std::tuple(k->ram[0xDFF180], k->aud[0].lc), std::tuple(0, 0x20000u));
 }
 
 TEST_F(Custom, LatchWritesWhilePlaying) {
@@ -136,7 +133,7 @@ TEST_F(Custom, TraceLinesOnlyWhenSwitchedOnAndChanged) {
               "[trace] pc=00200010 AUD0VOL = 72\n");
 }
 
-TEST_F(Bus, RamIsBigEndianAtAnyAlignmentBelow16MiB) {
+TEST_F(Bus, RamIsBigEndianAtAnyAlignmentAndFaultsPastTheLastByte) {
     write16(k, 0x00100001, 0x1234);
     EXPECT_EQ(std::tuple(read8(k, 0x100001), read16(k, 0x100001)), std::tuple(0x12u, 0x1234u));
     write32(k, 0x200003, 0xCAFEBABE);
@@ -144,6 +141,22 @@ TEST_F(Bus, RamIsBigEndianAtAnyAlignmentBelow16MiB) {
     EXPECT_EQ(read32(k, 0xFF200003), 0xCAFEBABEu);   // the bits above 24 are ignored
     write8(k, 0xAB000020, 0x77);
     EXPECT_EQ(std::tuple(k->ram[0x20], k->fault), std::tuple(0x77, 0));
+    write32(k, 0xFFFFFC, 0x01020304);   // the last whole long is fine
+    EXPECT_EQ(std::tuple(read8(k, 0xFFFFFF), read32(k, 0xFFFFFC), k->fault), std::tuple(0x04u, 0x01020304u, 0));
+    // Size, address, write.
+    const std::tuple<int, uint32_t, bool> cases[] = {
+        {2, 0xFFFFFF, false}, {4, 0xFFFFFD, false}, {4, 0xFFFFFE, true}, {2, 0xFFFFFF, true}};
+    for (auto [size, addr, write] : cases) {
+        k->fault = 0;
+        uint32_t got = 0;
+        if (write)
+            size == 2 ? write16(k, addr, 0xDEAD) : write32(k, addr, 0xDEADBEEF);
+        else
+            got = size == 2 ? read16(k, addr) : read32(k, addr);
+        EXPECT_EQ(k->fault, 2) << size << " " << std::hex << addr;
+        EXPECT_EQ(got, write ? 0u : size == 2 ? 0xFFFFu : 0xFFFFFFFFu);
+        EXPECT_EQ(ram_get32(k, 0xFFFFFC), 0x01020304u);
+    }
 }
 
 TEST_F(Bus, CustomBlockAccesses) {
@@ -179,25 +192,6 @@ TEST_F(Bus, CiaWindowIgnoresAddressBitZeroAndEndsAtItsEdges) {
     EXPECT_EQ(read32(k, 0xBFCFFE), 0x99112222u);   // two RAM bytes, then PRA twice
     write32(k, 0xBFCFFD, 0x01020304);
     EXPECT_EQ(std::tuple(k->ram[0xBFCFFD], k->ram[0xBFCFFF], k->cia[1].pra), std::tuple(0x01, 0x03, 0x04));
-}
-
-TEST_F(Bus, AccessesPastTheLastByteFaultAndWriteNothing) {
-    write32(k, 0xFFFFFC, 0x01020304);   // the last whole long is fine
-    EXPECT_EQ(std::tuple(read8(k, 0xFFFFFF), read32(k, 0xFFFFFC), k->fault), std::tuple(0x04u, 0x01020304u, 0));
-    // Size, address, write.
-    const std::tuple<int, uint32_t, bool> cases[] = {
-        {2, 0xFFFFFF, false}, {4, 0xFFFFFD, false}, {4, 0xFFFFFE, true}, {2, 0xFFFFFF, true}};
-    for (auto [size, addr, write] : cases) {
-        k->fault = 0;
-        uint32_t got = 0;
-        if (write)
-            size == 2 ? write16(k, addr, 0xDEAD) : write32(k, addr, 0xDEADBEEF);
-        else
-            got = size == 2 ? read16(k, addr) : read32(k, addr);
-        EXPECT_EQ(k->fault, 2) << size << " " << std::hex << addr;
-        EXPECT_EQ(got, write ? 0u : size == 2 ? 0xFFFFu : 0xFFFFFFFFu);
-        EXPECT_EQ(ram_get32(k, 0xFFFFFC), 0x01020304u);
-    }
 }
 
 TEST_F(Cia, LatchControlRegisterAndOneShot) {

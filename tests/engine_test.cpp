@@ -66,9 +66,9 @@ struct hp {
         std::vector<uint8_t> f;
         for (uint32_t v : {0x3F3u, 0u, 1u, 0u, 0u, longs, 0x3E9u, longs}) put_be32(f, v);
         f.insert(f.end(), code.begin(), code.end());
-        for (uint32_t v : {0x3ECu, uint32_t(relocs.size()), 0u}) put_be32(f, v);
-        for (uint32_t r : relocs) put_be32(f, r);
-        for (uint32_t v : {0u, 0x3F2u}) put_be32(f, v);
+        relocs.insert(relocs.begin(), {0x3EC, uint32_t(relocs.size()), 0});   // HUNK_RELOC32: count, hunk 0
+        relocs.insert(relocs.end(), {0, 0x3F2});                               // end of the list, HUNK_END
+        for (uint32_t v : relocs) put_be32(f, v);
         return f;
     }
 };
@@ -95,7 +95,6 @@ protected:
         buf.assign(size_t(frames) * 2, 0.0f);
         kelva_render(k, buf.data(), frames);
     }
-    uint32_t ticks() const { return ram_get32(k, kModuleAddr + 20); }
     std::string str(uint32_t a) const { return reinterpret_cast<const char *>(k->ram + a); }
     uint32_t data(uint32_t offset = 0) const { return ram_get32(k, k->hunk_addr[1] + offset); }
 
@@ -186,8 +185,7 @@ TEST_F(Engine, RoutinesRunInTheInterfaceOrder) {
     for (int i = 12; i >= 0; i--) p.add_routine(order[i].first, hp::logging(uint8_t(order[i].second)));
     auto log = [&] { return std::string(reinterpret_cast<const char *>(k->ram + 0x200), ram_get16(k, 0x104)); };
     ASSERT_EQ(open(p.build(), std::vector<uint8_t>(8, 0)), 0);
-    EXPECT_EQ(log(), "CKXIRHSTVW");
-    EXPECT_EQ(ram_get16(k, 0x106), 0x000Fu);
+    EXPECT_EQ(std::tuple(log(), ram_get16(k, 0x106)), std::tuple("CKXIRHSTVW", 0x000Fu));
     kelva_close(k);
     EXPECT_EQ(log(), "CKXIRHSTVWsep");
 }
@@ -226,7 +224,7 @@ TEST_F(Engine, SetTimerChangesTheTickPeriod) {
         }
         EXPECT_EQ(k->frames_per_tick, frames_per_tick);
         render(frames);
-        EXPECT_EQ(ticks(), ticks_then) << timer << " " << frames;
+        EXPECT_EQ(ram_get32(k, kModuleAddr + 20), ticks_then) << timer << " " << frames;   // the module's count
     }
 }
 

@@ -188,8 +188,7 @@ TEST_F(Paula, PredictedBlockEndMatchesTheMixer) {
     std::fill(out.begin(), out.end(), 0.0f);
     paula_mix_frames(k, out.data(), 2000);
     for (float v : out) ASSERT_EQ(v, 0.0f);
-    EXPECT_FALSE(k->ch[1].block_done);
-    EXPECT_EQ(k->ch[1].pos, 0u);
+    EXPECT_TRUE(!k->ch[1].block_done && k->ch[1].pos == 0);
 }
 
 // The output path per side, one statement per stage, at the Paula clock: pulse-width volume, the Amiga's RC low-pass

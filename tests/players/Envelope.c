@@ -1,8 +1,9 @@
 /* Envelope: a tone on channel 0 whose loudness follows a pattern. The module (big-endian longs, struct
  * envelope_module; 0 for never) tells it when the volume pattern restarts, when the tone stops and when to report
  * the song end. Volumes: a 16-bit xorshift sequence (no multiply or divide helpers on the 68000). Variants, a file
- * each defining one of these: EnvelopeSongEnd (its flags say it signals the end), Tone (any module; without the
- * magic a steady tone), Subsong (any module; subsongs 1..5, silent, each only setting its own period). */
+ * each defining its ENVELOPE_NAME and one of these: EnvelopeSongEnd (its flags say it signals the end), Tone (any
+ * module; without the magic a steady tone), Subsong (any module; subsongs 1..5, silent, each only setting its own
+ * period). */
 #include "kelva_player.h"
 
 struct envelope_module {
@@ -83,15 +84,10 @@ KELVA_ROUTINE(tick) {
     return t;
 }
 
-#if defined(ENVELOPE_SIGNALS_END)
-static const char name[] = "EnvelopeSongEnd";
-#elif defined(ENVELOPE_TONE)
-static const char name[] = "Tone";
-#elif defined(ENVELOPE_SUBSONGS)
-static const char name[] = "Subsong";
-#else
-static const char name[] = "Envelope";
+#ifndef ENVELOPE_NAME
+#define ENVELOPE_NAME "Envelope"
 #endif
+static const char name[] = ENVELOPE_NAME;
 
 const uint32_t tags[] = {
 #ifdef ENVELOPE_SIGNALS_END
