@@ -148,12 +148,8 @@ TEST_F(Paula, BlocksNearTheTopOfMemoryStopAtTheEndOfRam) {
     // Mixing many blocks' worth stays inside the array (the sanitizer build checks the reads themselves).
     std::vector<float> out(2 * 4800);
     paula_mix_frames(k, out.data(), 4800);
-    for (int x = 0; x < 3; x++) {
-        const paula_channel &ch = k->ch[x];
-        ASSERT_TRUE(ch.active);
-        EXPECT_LE(size_t(ch.data - k->ram) + ch.end, size_t(kRamSize)) << x;
-        EXPECT_LT(ch.pos, ch.end) << x;
-    }
+    for (const paula_channel &ch : {k->ch[0], k->ch[1], k->ch[2]})
+        EXPECT_TRUE(ch.active && size_t(ch.data - k->ram) + ch.end <= kRamSize && ch.pos < ch.end) << ch.pos;
 }
 
 // The render loop cuts its chunks with paula_frames_to_block_end: the block end must fall in exactly the predicted
