@@ -2,9 +2,7 @@
 // structures and the debug hooks.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <string>
 #include <tuple>
 
 #include "engine/call.h"
@@ -14,7 +12,6 @@
 namespace {
 
 struct Call : testing::Test {
-    void SetUp() override { kelva_global_init(); }
     engine_ptr eng = make_engine();
     kelva *k = eng.get();
 };
@@ -97,22 +94,19 @@ TEST_F(Call, BusFaultAndEndlessLoopStopTheRoutine) {
 }
 
 TEST_F(Call, AllowedCodeAreasAndTheirEdges) {
-    const struct {
-        uint32_t addr;
-        bool allowed;
-    } edges[] = {
+    const std::pair<uint32_t, bool> edges[] = {
         {0x00FFFE, false}, {0x010000, true},  {0x0FFFFE, true},  {0x100000, false}, {0x1FFFFE, false},
         {0x2FFFFE, true},  {0x300000, false}, {0x3FFFFE, false}, {0x400000, true},  {0x7FFFFE, true},
         {0x800000, false}, {0xF7EFFE, false}, {0xF7F000, true},  {0xF9FFFE, true},  {0xFA0000, false},
         {0x1200000, false},
     };
-    for (const auto &e : edges) {
-        put_code(k, e.addr, {RTS});   // the sentinel is still on the stack: rts returns
-        put_code(k, 0x200000, {0x4EF9, uint16_t(e.addr >> 16), uint16_t(e.addr)});
+    for (auto [addr, allowed] : edges) {
+        put_code(k, addr, {RTS});   // the sentinel is still on the stack: rts returns
+        put_code(k, 0x200000, {0x4EF9, uint16_t(addr >> 16), uint16_t(addr)});
         k->d[0] = 3;
         uint32_t r = 0;
-        EXPECT_EQ(stderr_of([&] { r = deli_call(k, 0x200000); }).empty(), e.allowed) << std::hex << e.addr;
-        EXPECT_EQ(r, e.allowed ? 3u : kCallOutOfRange) << std::hex << e.addr;
+        EXPECT_EQ(stderr_of([&] { r = deli_call(k, 0x200000); }).empty(), allowed) << std::hex << addr;
+        EXPECT_EQ(r, allowed ? 3u : kCallOutOfRange) << std::hex << addr;
     }
 }
 
@@ -125,8 +119,7 @@ TEST_F(Call, BreakAddressAndTrace) {
     EXPECT_EQ(stderr_of([&] { EXPECT_EQ(deli_call(k, 0x200000), 2u); }),
               "trace-pc: break at 00200004 (routine=00200000 i=2)\n");
     std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("200004"), std::string::npos) << out;
-    EXPECT_EQ(k->break_hit, 1u);
+    EXPECT_TRUE(out.find("200004") != std::string::npos && k->break_hit == 1) << out;
 
     k->break_addr = 0;
     put_code(k, 0x200000, {NOP, NOP, NOP, NOP, RTS});

@@ -3,11 +3,8 @@
 // modules.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <tuple>
-#include <vector>
 
 #include "hardware/bus.h"
 #include "hardware/paula_fetch.h"
@@ -38,11 +35,14 @@ struct Paula : testing::Test {
         }
         return done;
     }
-    // The current sample of channel 0, then those of `n` more fetches.
-    std::vector<int> fetches(int n) {
-        std::vector<int> seen{c.sample};
-        for (int i = 0; i < n; i++) seen.push_back((paula_advance(c), c.sample));
-        return seen;
+    // The current sample of channel 0, then those of `n` more fetches; then whether a block ended.
+    std::string fetches(int n) {
+        std::string seen = std::to_string(c.sample);
+        for (int i = 0; i < n; i++) {
+            paula_advance(c);
+            seen += " " + std::to_string(c.sample);
+        }
+        return seen + (c.block_done ? " end" : "");
     }
 };
 
@@ -62,20 +62,18 @@ TEST_F(Paula, FetchTimingAndPeriodChanges) {
     ramp(0x30000, 8, 1);
     set_audio_latches(k, 0, 0x30000, 1, 50, 64);
     start(0);
-    for (auto [ticks, ends, sample] : {std::tuple{112, 0, 1}, {1, 0, 2}, {112, 0, 2}, {1, 1, 1}, {226 * 100, 100, 1}}) {
-        EXPECT_EQ(run_ticks(uint64_t(ticks)), ends);
-        EXPECT_EQ(c.sample, sample) << ticks;
-    }
+    for (auto [ticks, ends, sample] : {std::tuple{112, 0, 1}, {1, 0, 2}, {112, 0, 2}, {1, 1, 1}, {226 * 100, 100, 1}})
+        EXPECT_EQ(std::tuple(run_ticks(uint64_t(ticks)), c.sample), std::tuple(ends, sample)) << ticks;
     custom_write_word(k, DMACON, 0x0001);
     set_audio_latches(k, 0, 0x30000, 4, 400, 64);
     start(0);
     run_ticks(100);
     custom_write_word(k, 0xDFF0A6, 113);   // AUD0PER
     EXPECT_EQ(c.phase, uint64_t(100) << 16);
-    run_ticks(12);
-    EXPECT_EQ(c.sample, 1);
-    run_ticks(1);
-    EXPECT_EQ(c.sample, 2);
+    for (auto [ticks, sample] : {std::pair{12, 1}, {1, 2}}) {
+        run_ticks(uint64_t(ticks));
+        EXPECT_EQ(c.sample, sample);
+    }
 }
 
 TEST_F(Paula, QueuedBlockStartsExactlyWhenTheOldOneIsExhausted) {
@@ -112,7 +110,7 @@ TEST_F(Paula, StopKeepsThePositionAndStartsBeginAtTheBlockStart) {
     EXPECT_EQ(std::tuple(bool(c.active), k->aud[0].dma_running), std::tuple(false, 1));
     set_audio_latches(k, 0, 0x50000, 8, 150, 64);
     EXPECT_EQ(std::tuple(bool(c.active), c.loop_len), std::tuple(true, 16u));
-    EXPECT_EQ(fetches(4), (std::vector<int>{77, 78, 79, 80, 81}));
+    EXPECT_EQ(fetches(4), "77 78 79 80 81");
 }
 
 // Backward: from the last byte, wrapping at the start (a block end); a queued block is entered at its last byte when
@@ -123,14 +121,11 @@ TEST_F(Paula, BackwardFetchRunsFromTheEnd) {
     set_audio_latches(k, 0, 0x30000, 2, 113, 64);
     c.backward = 1;
     start(0);
-    EXPECT_EQ(fetches(5), (std::vector<int>{13, 12, 11, 10, 13, 12}));
-    EXPECT_TRUE(c.block_done);
+    EXPECT_EQ(fetches(5), "13 12 11 10 13 12 end");
     c.block_done = 0;
     set_audio_latches(k, 0, 0x40000, 1, 113, 64);
-    EXPECT_EQ(fetches(2), (std::vector<int>{12, 11, 10}));
-    EXPECT_FALSE(c.block_done);
-    EXPECT_EQ(fetches(2), (std::vector<int>{10, 51, 50}));
-    EXPECT_TRUE(c.block_done);
+    EXPECT_EQ(fetches(2), "12 11 10");
+    EXPECT_EQ(fetches(2), "10 51 50 end");
 }
 
 TEST_F(Paula, BlocksNearTheTopOfMemoryStopAtTheEndOfRam) {
@@ -153,12 +148,8 @@ TEST_F(Paula, BlocksNearTheTopOfMemoryStopAtTheEndOfRam) {
     // Mixing many blocks' worth stays inside the array (the sanitizer build checks the reads themselves).
     std::vector<float> out(2 * 4800);
     paula_mix_frames(k, out.data(), 4800);
-    for (int x = 0; x < 3; x++) {
-        const paula_channel &ch = k->ch[x];
-        ASSERT_TRUE(ch.active);
-        EXPECT_LE(size_t(ch.data - k->ram) + ch.end, size_t(kRamSize)) << x;
-        EXPECT_LT(ch.pos, ch.end) << x;
-    }
+    for (const paula_channel &ch : {k->ch[0], k->ch[1], k->ch[2]})
+        EXPECT_TRUE(ch.active && size_t(ch.data - k->ram) + ch.end <= kRamSize && ch.pos < ch.end) << ch.pos;
 }
 
 // The render loop cuts its chunks with paula_frames_to_block_end: the block end must fall in exactly the predicted
@@ -193,8 +184,7 @@ TEST_F(Paula, PredictedBlockEndMatchesTheMixer) {
     std::fill(out.begin(), out.end(), 0.0f);
     paula_mix_frames(k, out.data(), 2000);
     for (float v : out) ASSERT_EQ(v, 0.0f);
-    EXPECT_FALSE(k->ch[1].block_done);
-    EXPECT_EQ(k->ch[1].pos, 0u);
+    EXPECT_TRUE(!k->ch[1].block_done && k->ch[1].pos == 0);
 }
 
 // The output path per side, one statement per stage, at the Paula clock: pulse-width volume, the Amiga's RC low-pass
@@ -286,7 +276,8 @@ void expect_same_channels(const paula_channel *got, const uint8_t *got_ram, cons
 
 // Four channels at rates whose frames run 36 to 257 ticks: full-scale squares on the left (the output clamps), a
 // 2-byte loop at volume 1 (a block end every 226 ticks), a backward block, a block that stops during the second call;
-// the settings, a volume and the stopped channel change between calls, and the filter state carries over.
+// the settings, a volume, a period (below the ticks already counted: a fetch at once) and the stopped channel change
+// between calls, and the filter state carries over.
 TEST(Mixer, BothPathsMatchThePlainOutputPath) {
     // 13,850 Hz: frames of 256 ticks and more, beyond the frame tables.
     for (int32_t rate : {48000, 44100, 22050, 96000, 14000, 13850}) {
@@ -326,6 +317,8 @@ TEST(Mixer, BothPathsMatchThePlainOutputPath) {
                 ref.settings(model, led == 2);
                 custom_write_word(k, 0xDFF0B8, uint16_t(16 * i + 1));   // AUD1VOL
                 ref.ch[1].volume = uint16_t(16 * i + 1);
+                custom_write_word(k, 0xDFF0D6, uint16_t(i % 2 ? 200 : 113));   // AUD3PER
+                ref.ch[3].step = k->ch[3].step;
                 if (i == 3) {   // DMA is still on: channel 2 starts again at once
                     set_audio_latches(k, 2, 0x20100, 40, 113, 33);
                     ref.ch[2] = k->ch[2];
@@ -372,14 +365,13 @@ TEST(Mixer, SettledLevelsFollowVolumeAndSideMutedAndUnusableAddNothing) {
 
 TEST(Mixer, SeparationMovesBothSidesTowardsTheirMean) {
     const std::vector<float> f = {0.8f, -0.2f, 0.1f, 0.3f};
-    const struct {
-        float separation;
-        std::vector<float> want;   // mid +- separation x half the difference
-    } cases[] = {{1.0f, f}, {0.5f, {0.55f, 0.05f, 0.15f, 0.25f}}, {0.0f, {0.3f, 0.3f, 0.2f, 0.2f}}};
-    for (const auto &c : cases) {
+    // Mid +- separation x half the difference.
+    const std::pair<float, std::vector<float>> cases[] = {
+        {1.0f, f}, {0.5f, {0.55f, 0.05f, 0.15f, 0.25f}}, {0.0f, {0.3f, 0.3f, 0.2f, 0.2f}}};
+    for (const auto &[separation, want] : cases) {
         std::vector<float> g = f;
-        paula_apply_separation(g.data(), 2, c.separation);
-        for (int i = 0; i < 4; i++) EXPECT_FLOAT_EQ(g[i], c.want[i]) << c.separation << " " << i;
+        paula_apply_separation(g.data(), 2, separation);
+        for (int i = 0; i < 4; i++) EXPECT_FLOAT_EQ(g[i], want[i]) << separation << " " << i;
     }
 }
 
@@ -388,22 +380,20 @@ TEST(Mixer, SeparationMovesBothSidesTowardsTheirMean) {
 TEST(Mixer, RealModulesMatchOnBothPaths) {
     KELVA_REQUIRE_SHARED("testdata/modules");
     ptk_test::data_tree_env env;
-    const struct {
-        const char *file;
-        uint32_t model, led_mode;
-        float separation;
-    } excerpts[] = {{"debian/dreamfish-sanxion.mod", 0, 0, 1.0f}, {"debian/starpaws.mod", 1, 2, 0.25f},
-                    {"st15/cant.mod", 0, 2, 0.5f},                 {"med/Synth-a-sysmic.med", 1, 1, 0.0f},
-                    {"ahx/AHX.Phaser", 0, 1, 0.7f},                {"other/SFX.Crockett's_theme", 1, 0, 1.0f}};
-    for (const auto &x : excerpts) {
+    // File, model, LED mode, separation.
+    const std::tuple<const char *, uint32_t, uint32_t, float> excerpts[] = {
+        {"debian/dreamfish-sanxion.mod", 0, 0, 1.0f}, {"debian/starpaws.mod", 1, 2, 0.25f},
+        {"st15/cant.mod", 0, 2, 0.5f},                 {"med/Synth-a-sysmic.med", 1, 1, 0.0f},
+        {"ahx/AHX.Phaser", 0, 1, 0.7f},                {"other/SFX.Crockett's_theme", 1, 0, 1.0f}};
+    for (const auto &[file, model, led_mode, separation] : excerpts) {
         std::string player;
-        engine_ptr fast = ptk_test::open_identified(x.file, &player), ref = ptk_test::open_identified(x.file, &player);
-        if (!fast || !ref) GTEST_SKIP() << "cannot open " << x.file << " (no m68k cross compiler?)";
+        engine_ptr fast = ptk_test::open_identified(file, &player), ref = ptk_test::open_identified(file, &player);
+        if (!fast || !ref) GTEST_SKIP() << "cannot open " << file << " (no m68k cross compiler?)";
         ref->mix_per_tick = 1;
         for (kelva *k : {fast.get(), ref.get()}) {
-            kelva_set_model(k, x.model);
-            kelva_set_led_filter(k, x.led_mode);
-            kelva_set_separation(k, x.separation);
+            kelva_set_model(k, model);
+            kelva_set_led_filter(k, led_mode);
+            kelva_set_separation(k, separation);
         }
         double diff = 0, peak = 0;
         for (int i = 0; i < 24; i++) {
@@ -411,12 +401,14 @@ TEST(Mixer, RealModulesMatchOnBothPaths) {
             std::vector<float> a(2 * size_t(n)), b(2 * size_t(n));
             kelva_render(fast.get(), a.data(), n);
             kelva_render(ref.get(), b.data(), n);
-            for (size_t j = 0; j < a.size(); j++)
-                diff = std::max(diff, double(std::fabs(a[j] - b[j]))), peak = std::max(peak, double(std::fabs(b[j])));
+            for (size_t j = 0; j < a.size(); j++) {
+                diff = std::max(diff, double(std::fabs(a[j] - b[j])));
+                peak = std::max(peak, double(std::fabs(b[j])));
+            }
         }
-        EXPECT_LE(diff, 1e-6) << x.file;
-        EXPECT_GT(peak, 0.05) << x.file << ": the excerpt should not be silent";
-        expect_same_channels(fast->ch, fast->ram, ref->ch, ref->ram, x.file);
+        EXPECT_LE(diff, 1e-6) << file;
+        EXPECT_GT(peak, 0.05) << file << ": the excerpt should not be silent";
+        expect_same_channels(fast->ch, fast->ram, ref->ch, ref->ram, file);
     }
 }
 

@@ -1,8 +1,9 @@
 /* Envelope: a tone on channel 0 whose loudness follows a pattern. The module (big-endian longs, struct
  * envelope_module; 0 for never) tells it when the volume pattern restarts, when the tone stops and when to report
  * the song end. Volumes: a 16-bit xorshift sequence (no multiply or divide helpers on the 68000). Variants, a file
- * each defining one of these: EnvelopeSongEnd (its flags say it signals the end), Tone (any module; without the
- * magic a steady tone), Subsong (any module; subsongs 1..5, silent, each only setting its own period). */
+ * each defining its ENVELOPE_NAME and one of these: EnvelopeSongEnd (its flags say it signals the end), Tone (any
+ * module; without the magic a steady tone), Subsong (any module; subsongs 1..5, silent, each only setting its own
+ * period). */
 #include "kelva_player.h"
 
 struct envelope_module {
@@ -20,12 +21,6 @@ static uint16_t state;
 static const int8_t wave[16] __attribute__((aligned(2))) = {
     100, 100, 100, 100, 100, 100, 100, 100, -100, -100, -100, -100, -100, -100, -100, -100,
 };
-
-#if defined(ENVELOPE_TONE) || defined(ENVELOPE_SUBSONGS)
-#define ANY_MODULE 1
-#else
-#define ANY_MODULE 0
-#endif
 
 #ifdef ENVELOPE_SUBSONGS
 __asm__("\t.text\n\t.globl subsong_range\nsubsong_range:\n\tmoveq #1,%d0\n\tmoveq #5,%d1\n\trts\n");
@@ -46,7 +41,10 @@ KELVA_ROUTINE(init_player) {
     (void)d0;
     mod = (volatile struct envelope_module *)kp_g32(g, DTG_ChkData);
     if (kp_g32(g, DTG_ChkSize) < sizeof(struct envelope_module) || mod->magic != 0x454E564CUL) mod = 0;
-    return !mod && !ANY_MODULE;
+#if !defined(ENVELOPE_TONE) && !defined(ENVELOPE_SUBSONGS)
+    if (!mod) return 1;   /* the variants take any module */
+#endif
+    return 0;
 }
 
 KELVA_ROUTINE(init_sound) {
@@ -86,15 +84,10 @@ KELVA_ROUTINE(tick) {
     return t;
 }
 
-#if defined(ENVELOPE_SIGNALS_END)
-static const char name[] = "EnvelopeSongEnd";
-#elif defined(ENVELOPE_TONE)
-static const char name[] = "Tone";
-#elif defined(ENVELOPE_SUBSONGS)
-static const char name[] = "Subsong";
-#else
-static const char name[] = "Envelope";
+#ifndef ENVELOPE_NAME
+#define ENVELOPE_NAME "Envelope"
 #endif
+static const char name[] = ENVELOPE_NAME;
 
 const uint32_t tags[] = {
 #ifdef ENVELOPE_SIGNALS_END

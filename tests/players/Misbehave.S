@@ -1,10 +1,6 @@
-/* Misbehave: routines that go wrong in the ways the routine caller must
- * survive. Each is reached through its own tag:
- *   InitPlayer  jumps out of the areas code may run in
- *   Interrupt   loops forever
- *   InitSound   executes a line-F word
- *   StartInt    divides by zero
- *   EndSound    returns normally (D0 = 7), to show the others left no harm */
+/* Misbehave: routines that go wrong in the ways the routine caller must survive, each through its own tag: InitPlayer
+ * jumps out of the areas code may run in, Interrupt loops forever, InitSound executes a line-F word, StartInt divides
+ * by zero; EndSound returns normally (D0 = 7), to show the others left no harm. */
 #include "kelva_player.h"
 
     PLAYER_HEADER tags
