@@ -225,9 +225,14 @@ def refresh_copy(work):
     src = os.path.join(work, "src")
     os.makedirs(src, exist_ok=True)
     files = subprocess.run(["git", "ls-files", "-z"], cwd=ROOT, capture_output=True, check=True).stdout
-    for rel in files.decode().split("\0"):
-        if not rel:
-            continue
+    tracked = {rel for rel in files.decode().split("\0") if rel}
+    # Files an earlier checkout had and this one has not: the build globs tests/*_test.cpp, for one.
+    for dirpath, _, names in os.walk(src):
+        for name in names:
+            path = os.path.join(dirpath, name)
+            if os.path.relpath(path, src) not in tracked:
+                os.remove(path)
+    for rel in sorted(tracked):
         a, b = os.path.join(ROOT, rel), os.path.join(src, rel)
         if not os.path.isfile(a):
             continue
