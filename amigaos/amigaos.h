@@ -10,6 +10,8 @@ struct kelva;
 // Hunk executables (hunk.cpp).
 int hunk_parse_header(kelva *k, const uint8_t *data, uint32_t size, uint32_t *offset);
 int hunk_read_contents(kelva *k, const uint8_t *data, uint32_t size, uint32_t offset);
+// A player: the hunks one after another from kPlayerBase. Returns 1 on success.
+int hunk_load_player(kelva *k, const uint8_t *data, uint32_t size);
 void dos_load_seg(kelva *k);   // name at D1 -> segment list BCPL pointer in D0
 
 // Line-A entry (line_a.cpp): every $Axxx opcode word comes here.

@@ -258,6 +258,18 @@ void load_seg(kelva *k) {
 
 }  // namespace
 
+int hunk_load_player(kelva *k, const uint8_t *data, uint32_t size) {
+    uint32_t offset = 0;
+    if (!hunk_parse_header(k, data, size, &offset)) return 0;
+    uint32_t addr = kPlayerBase;
+    for (uint32_t h = 0; h < k->hunk_count; h++) {
+        k->hunk_addr[h] = addr;
+        addr += k->hunk_size[h];
+    }
+    k->hunk_end = addr;
+    return hunk_read_contents(k, data, size, offset);
+}
+
 void dos_load_seg(kelva *k) {
     // The hunk table describes the running player; a LoadSeg borrows it and
     // gives it back unchanged.

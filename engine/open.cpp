@@ -141,15 +141,7 @@ extern "C" int kelva_open(kelva *k, const uint8_t *player, uint32_t player_len, 
     kelva_reset(k, k->rate);
     k->requested_subsong = subsong;
 
-    uint32_t offset = 0;
-    if (!player || !hunk_parse_header(k, player, player_len, &offset)) return 1;
-    uint32_t addr = kPlayerBase;
-    for (uint32_t h = 0; h < k->hunk_count; h++) {
-        k->hunk_addr[h] = addr;
-        addr += k->hunk_size[h];
-    }
-    k->hunk_end = addr;
-    if (!hunk_read_contents(k, player, player_len, offset)) return 1;
+    if (!player || !hunk_load_player(k, player, player_len)) return 1;
     if (k->hunk_count == 0 || k->hunk_addr[0] == 0) return 1;
 
     if (!scan_tags(k)) return 1;

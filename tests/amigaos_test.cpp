@@ -61,16 +61,8 @@ struct Os : testing::Test {
 struct Hunk : Os {
     // Loads like the engine loads a player: hunks one after another from $200000.
     int load(const std::vector<uint8_t> &file) {
-        uint32_t offset = 0, at = kPlayerBase;
         int ok = 0;
-        err = stderr_of([&] {
-            if (!hunk_parse_header(k, file.data(), uint32_t(file.size()), &offset)) return;
-            for (uint32_t h = 0; h < k->hunk_count; h++) {
-                k->hunk_addr[h] = at;
-                at += k->hunk_size[h];
-            }
-            ok = hunk_read_contents(k, file.data(), uint32_t(file.size()), offset);
-        });
+        err = stderr_of([&] { ok = hunk_load_player(k, file.data(), uint32_t(file.size())); });
         return ok;
     }
     int load(const U &longs) { return load(bytes(longs)); }
