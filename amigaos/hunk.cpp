@@ -266,7 +266,6 @@ int hunk_load_player(kelva *k, const uint8_t *data, uint32_t size) {
         k->hunk_addr[h] = addr;
         addr += k->hunk_size[h];
     }
-    k->hunk_end = addr;
     return hunk_read_contents(k, data, size, offset);
 }
 

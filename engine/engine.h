@@ -134,7 +134,6 @@ struct kelva {
     uint32_t hunk_count;
     uint32_t hunk_addr[64];
     uint32_t hunk_size[64];
-    uint32_t hunk_end;
 
     // 12. Module.
     uint32_t module_addr;

@@ -125,7 +125,6 @@ void kelva_reset(kelva *k, int32_t rate) {
     memset(k->scratch, 0, sizeof k->scratch);
 
     k->hunk_count = 0;
-    k->hunk_end = 0;
     k->module_addr = k->module_size = 0;
     k->tick_routine = 0;
     k->frames_per_vblank = k->frames_per_tick = k->frames_to_vblank = k->frames_to_tick = 0;
